@@ -1,0 +1,1 @@
+#include "Common/Foundation/Error.h"

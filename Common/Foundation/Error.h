@@ -1,0 +1,49 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "Common/Foundation/Export.h"
+
+namespace utilia {
+
+// The error domains that this library uses. A code is only meaningful within its domain.
+inline constexpr std::string_view kPosixErrorDomain = "NSPOSIXErrorDomain";   // code: errno
+inline constexpr std::string_view kCocoaErrorDomain = "NSCocoaErrorDomain";   // code: see CocoaErrorCode
+inline constexpr std::string_view kUtiliaErrorDomain = "UtiliaErrorDomain";   // code: see UtiliaErrorCode
+
+// Contract: never renumber. Values of the original platform's file and property-list errors.
+enum class CocoaErrorCode : int {
+    PropertyListReadCorrupt = 3840,
+    PropertyListWriteInvalid = 3852,
+};
+
+// Contract: never renumber.
+enum class UtiliaErrorCode : int {
+    Busy = 1,          // another holder kept a lock past the deadline
+    NotFound = 2,      // the thing asked for does not exist
+    Refused = 3,       // the input is not acceptable: wrong form, too large, another user's
+    Unavailable = 4,   // a module or service that is needed cannot be used
+};
+
+// Why something could not be done. Values, not exceptions, travel through this library.
+struct UTILIA_EXPORT Error {
+    std::string domain;
+    int code = 0;
+    std::string description;  // names the object: "rename /x/state: No space left on device"
+
+    // An errno with the call and its object: posix(ENOSPC, "rename", "/x/state").
+    static Error posix(int errorNumber, std::string_view call, std::string_view object);
+    static Error cocoa(CocoaErrorCode code, std::string description);
+    static Error utilia(UtiliaErrorCode code, std::string description);
+
+    bool is(UtiliaErrorCode wanted) const { return domain == kUtiliaErrorDomain && code == static_cast<int>(wanted); }
+    bool isPosix(int errorNumber) const { return domain == kPosixErrorDomain && code == errorNumber; }
+
+    // The same error with what was being done put before the description: "save icon: rename …".
+    Error withContext(std::string_view doing) const;
+
+    friend bool operator==(const Error&, const Error&) = default;
+};
+
+}  // namespace utilia

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "Common/Foundation/Export.h"
+
+namespace utilia {
+
+// Well-formed UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
+UTILIA_EXPORT bool isValidUtf8(std::string_view text);
+
+// Each ill-formed sequence (maximal subpart) becomes one U+FFFD.
+UTILIA_EXPORT std::u16string utf16FromUtf8(std::string_view text);
+// Lone surrogates become U+FFFD.
+UTILIA_EXPORT std::string utf8FromUtf16(std::u16string_view text);
+
+}  // namespace utilia

@@ -1,0 +1,1 @@
+#include "Common/Logging/Log.h"

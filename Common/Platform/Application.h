@@ -1,0 +1,74 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Common/Foundation/Export.h"
+
+namespace utilia::platform {
+
+// What the host application answers when the framework asks. Every method has a default.
+class UTILIA_EXPORT ApplicationDelegate {
+public:
+    virtual ~ApplicationDelegate() = default;
+    // The user asked for the application although it runs already. `arguments` are those of a second start; empty
+    // otherwise. Answers whether the framework should go on as usual.
+    virtual bool applicationShouldHandleReopen(bool hasVisibleWindows, const std::vector<std::string>& arguments);
+    // A tool asked the agent to fetch its resources anew. The default logs that this application cannot.
+    virtual void silentUpdateResources();
+};
+
+// The life cycle of the running application, without any toolkit.
+//
+//     auto& application = Application::sharedApplication();
+//     application.setDelegate(&delegate);
+//     return application.run();
+//
+// Threads: the main thread, except terminate(), which any thread may call.
+class UTILIA_EXPORT Application final {
+public:
+    static Application& sharedApplication();
+
+    // Not held; null for none.
+    void setDelegate(ApplicationDelegate* delegate);
+    ApplicationDelegate* delegate() const;
+
+    // Ends the start-up: records the application as running, hands over to an instance that runs already (the
+    // process then ends with status 0), makes SIGTERM, SIGINT and SIGHUP terminate in an orderly way, and posts
+    // NSApplicationDidFinishLaunchingNotification. Only the first call does anything.
+    void finishLaunching();
+    bool isFinishedLaunching() const;
+
+    // finishLaunching(), then serves the main loop until terminate(). Answers the exit status, 0.
+    int run();
+
+    // Posts NSApplicationWillTerminateNotification exactly once however often it is called, asks the loop to quit,
+    // and returns.
+    void terminate();
+    bool isTerminating() const;
+
+    // How a host toolkit quits its own loop, tells whether a window shows, and comes to the front. Without them
+    // run()'s loop is stopped, no window shows, and activating does nothing.
+    void setQuitHandler(std::function<void()> quit);
+    void setWindowsVisibleHandler(std::function<bool()> windowsVisible);
+    void setActivateHandler(std::function<void()> activate);
+
+    bool hasVisibleWindows() const;
+    void activateIgnoringOtherApps(bool ignoring);
+
+    // Acts as a reopen by the user: the delegate with `arguments`, then activation.
+    void reopen(const std::vector<std::string>& arguments);
+
+    Application(const Application&) = delete;
+    Application& operator=(const Application&) = delete;
+
+private:
+    Application();
+    ~Application();
+    struct Implementation;
+    std::unique_ptr<Implementation> implementation_;
+};
+
+}  // namespace utilia::platform

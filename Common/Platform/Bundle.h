@@ -1,0 +1,49 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Common/Foundation/Export.h"
+#include "Common/Foundation/Value.h"
+
+namespace utilia::platform {
+
+// An application or resource bundle: a folder of fixed shape with an Info.plist.
+//
+// An application is X.app/Contents/Linux/PROGRAM with X.app/Contents/Info.plist, exactly that shape. Paths are
+// resolved (no symbolic links in them) and have no "/" at the end, so that both ends of a conversation form the
+// same text from the same bundle.
+//
+// Threads: any; immutable once made.
+class UTILIA_EXPORT Bundle final {
+public:
+    // The bundle of the running program; null when the program lies in none. Its path is read once.
+    static const Bundle* mainBundle();
+    // The framework's own bundle, found beside the library; null when it is missing.
+    static const Bundle* frameworkBundle();
+    // Empty when there is no such folder.
+    static std::unique_ptr<Bundle> bundleWithPath(std::string_view path);
+
+    ~Bundle();
+
+    const std::string& bundlePath() const;
+    // "CFBundleIdentifier" of the Info.plist; empty when absent.
+    std::optional<std::string> bundleIdentifier() const;
+    // Read on the first ask; an empty dictionary, with one log line, when the file is damaged.
+    const Dictionary& infoDictionary() const;
+    // The main program ("CFBundleExecutable"); empty when it is not named or missing.
+    std::optional<std::string> executablePath() const;
+    // Contents/Linux/NAME when it is there and executable. Names with "/" answer empty.
+    std::optional<std::string> pathForAuxiliaryExecutable(std::string_view name) const;
+    // Resources/NAME.TYPE (of an application: Contents/Resources/…) when it exists; an empty type adds nothing.
+    std::optional<std::string> pathForResource(std::string_view name, std::string_view type) const;
+
+private:
+    struct Implementation;
+    explicit Bundle(std::unique_ptr<Implementation> implementation);
+    std::unique_ptr<Implementation> implementation_;
+};
+
+}  // namespace utilia::platform

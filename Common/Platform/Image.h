@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstdint>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "Common/Foundation/Export.h"
+#include "Common/Foundation/Result.h"
+#include "Common/Foundation/Value.h"
+
+namespace utilia::platform {
+
+// Limits of what is decoded; anything beyond them is no image.
+inline constexpr std::uint32_t kImageMaximumSide = 65'500;                  // pixels
+inline constexpr std::uint64_t kImageMaximumPixels = 200'000'000;           // of one representation
+inline constexpr std::size_t kImageMaximumRepresentations = 32;
+
+// Pixels of one representation: 8-bit RGBA rows from the top, not premultiplied, no padding.
+struct UTILIA_EXPORT BitmapImageRep {
+    std::uint32_t pixelsWide = 0;
+    std::uint32_t pixelsHigh = 0;
+    Data rgba;  // pixelsWide * pixelsHigh * 4 bytes
+};
+
+// A picture, such as an icon: one or more representations of it in different sizes, and whether it is a template
+// (a mask that is shown in the surroundings' colour).
+//
+// TIFF is read and written by a module that is loaded on the first use of an image's content; where it is
+// missing, images are invalid and have no representations, with one log line.
+//
+// Threads: an image belongs to one thread at a time.
+class UTILIA_EXPORT Image final {
+public:
+    // One representation for each TIFF directory; empty when the bytes are no image. The template flag starts false.
+    static std::shared_ptr<Image> initWithData(std::span<const std::uint8_t> bytes);
+    // Always an image: the file is opened when its content is first asked for. A name that ends in "Template" before its extension
+    // sets the template flag.
+    static std::shared_ptr<Image> initByReferencingFile(std::string_view path);
+    // Takes the pixels as they are; empty when their size does not fit the sides, or a side is 0.
+    static std::shared_ptr<Image> initWithBitmap(BitmapImageRep bitmap);
+
+    Image(const Image&) = delete;
+    Image& operator=(const Image&) = delete;
+    ~Image();
+
+    bool isValid();
+    bool isTemplate() const;
+    void setTemplate(bool isTemplate);
+
+    std::size_t representationCount();
+    // Pixels of a representation; fails when they are damaged, or past the count.
+    Result<BitmapImageRep> representation(std::size_t index);
+    // Adds one more; answers false (and changes nothing) for pixels that do not fit their sides.
+    bool addRepresentation(BitmapImageRep bitmap);
+    // Of the largest representation; 0 without one.
+    std::uint32_t pixelsWide();
+    std::uint32_t pixelsHigh();
+
+    // All representations, one TIFF directory each, uncompressed unless they were read compressed. Empty when there
+    // is none. The same bytes until a representation is added.
+    std::optional<Data> TIFFRepresentation();
+
+private:
+    struct Implementation;
+    explicit Image(std::unique_ptr<Implementation> implementation);
+    std::unique_ptr<Implementation> implementation_;
+};
+
+}  // namespace utilia::platform

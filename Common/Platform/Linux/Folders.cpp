@@ -1,0 +1,114 @@
+#include "Common/Platform/Linux/Folders.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Common/Foundation/PathFunctions.h"
+
+namespace utilia::platform {
+namespace {
+
+constexpr std::string_view kProductFolder = "korvane-utilia";
+constexpr std::string_view kRuntimeName = "com.korvane.utilia";
+
+// A folder that other users could enter or exchange is no place for sockets and locks.
+Result<void> checkPrivate(const std::string& path) {
+    struct stat found {};
+    if (lstat(path.c_str(), &found) != 0) return Error::posix(errno, "lstat", path);
+    if (!S_ISDIR(found.st_mode)) return Error::posix(ENOTDIR, "check", path);
+    if (found.st_uid != geteuid()) {
+        return Error::utilia(UtiliaErrorCode::Refused, path + ": belongs to another user");
+    }
+    if ((found.st_mode & 077) != 0) {
+        return Error::utilia(UtiliaErrorCode::Refused, path + ": other users may enter it (its mode must be 0700)");
+    }
+    return {};
+}
+
+Result<std::string> privateFolder(std::string path) {
+    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return Error::posix(errno, "mkdir", path);
+    if (auto checked = checkPrivate(path); !checked) return std::move(checked).error();
+    return path;
+}
+
+// The login's runtime folder, or the best substitute that is ours alone.
+Result<std::string> sessionRuntimeFolder() {
+    if (const char* given = std::getenv("XDG_RUNTIME_DIR"); given && given[0] == '/') return std::string(given);
+    const std::string usual = "/run/user/" + std::to_string(geteuid());
+    if (checkPrivate(usual)) return usual;
+    const char* temporary = std::getenv("TMPDIR");
+    const std::string base = temporary && temporary[0] == '/' ? temporary : "/tmp";
+    return privateFolder(stringByAppendingPathComponent(base, "korvane-utilia-" + std::to_string(geteuid())));
+}
+
+}  // namespace
+
+std::string homeFolder() {
+    if (const char* home = std::getenv("HOME"); home && home[0] == '/') return home;
+    const passwd* account = getpwuid(geteuid());
+    return account && account->pw_dir ? account->pw_dir : "/";
+}
+
+std::string xdgFolder(const char* name, std::string_view otherwise) {
+    if (const char* given = std::getenv(name); given && given[0] == '/') return given;
+    return stringByAppendingPathComponent(homeFolder(), otherwise);
+}
+
+Result<void> makeFolders(const std::string& path, unsigned mode) {
+    if (mkdir(path.c_str(), mode) == 0) {
+        if (chmod(path.c_str(), mode) != 0) return Error::posix(errno, "chmod", path);
+        return {};
+    }
+    if (errno == EEXIST) {
+        struct stat found {};
+        if (stat(path.c_str(), &found) != 0) return Error::posix(errno, "stat", path);
+        if (!S_ISDIR(found.st_mode)) return Error::posix(ENOTDIR, "mkdir", path);
+        return {};
+    }
+    if (errno != ENOENT) return Error::posix(errno, "mkdir", path);
+    const std::string parent = stringByDeletingLastPathComponent(path);
+    if (parent.empty() || parent == path) return Error::posix(ENOENT, "mkdir", path);
+    if (auto made = makeFolders(parent, mode); !made) return made;
+    // Another process may have been quicker.
+    if (mkdir(path.c_str(), mode) != 0 && errno != EEXIST) return Error::posix(errno, "mkdir", path);
+    return {};
+}
+
+Result<std::string> ensurePreferencesFolder() {
+    std::string path = stringByAppendingPathComponent(xdgFolder("XDG_CONFIG_HOME", ".config"), kProductFolder);
+    if (auto made = makeFolders(path, 0700); !made) return std::move(made).error();
+    return path;
+}
+
+Result<std::string> ensureGroupContainer(std::string_view groupIdentifier) {
+    std::string path = stringByAppendingPathComponent(xdgFolder("XDG_DATA_HOME", ".local/share"), kProductFolder);
+    path = stringByAppendingPathComponent(path, "Group Containers");
+    path = stringByAppendingPathComponent(path, groupIdentifier);
+    if (auto made = makeFolders(path, 0700); !made) return std::move(made).error();
+    return path;
+}
+
+Result<std::string> ensureRuntimeFolder() {
+    auto session = sessionRuntimeFolder();
+    if (!session) return session;
+    return privateFolder(stringByAppendingPathComponent(*session, kRuntimeName));
+}
+
+Result<std::string> ensureRuntimeSubfolder(std::string_view name) {
+    auto folder = ensureRuntimeFolder();
+    if (!folder) return folder;
+    return privateFolder(stringByAppendingPathComponent(*folder, name));
+}
+
+Result<UniqueFd> openFolder(const std::string& path) {
+    UniqueFd folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder) return Error::posix(errno, "open", path);
+    return folder;
+}
+
+}  // namespace utilia::platform

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "Common/Foundation/Result.h"
+#include "Common/Platform/UniqueFd.h"
+
+namespace utilia::platform {
+
+// Where things of ours lie, from the XDG variables as they are at the call; made (0700) when they are missing.
+// Relative values of the variables are ignored, as their standard asks. Each fails with the error of the call that
+// made it impossible.
+
+Result<std::string> ensurePreferencesFolder();                              // $XDG_CONFIG_HOME/korvane-utilia
+Result<std::string> ensureGroupContainer(std::string_view groupIdentifier);  // $XDG_DATA_HOME/korvane-utilia/Group Containers/…
+Result<std::string> ensureRuntimeFolder();                                  // $XDG_RUNTIME_DIR/com.korvane.utilia
+Result<std::string> ensureRuntimeSubfolder(std::string_view name);          // a 0700 folder in it
+
+// Opens a folder (O_PATH is not used: the descriptor can be locked and synced).
+Result<UniqueFd> openFolder(const std::string& path);
+
+// The user's home folder: $HOME when it is absolute, else the account's.
+std::string homeFolder();
+// $NAME when it is set to an absolute path, else HOME/`otherwise`.
+std::string xdgFolder(const char* name, std::string_view otherwise);
+
+// mkdir -p with mode 0700 for every folder that is newly made.
+Result<void> makeFolders(const std::string& path, unsigned mode);
+
+}  // namespace utilia::platform

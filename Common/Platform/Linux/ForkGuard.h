@@ -1,0 +1,17 @@
+#pragma once
+
+namespace utilia::platform {
+
+// Descriptors that a forked child must not keep, because the kernel would believe that this process still holds
+// its locks and names when only the child lives. They are closed in the child, before fork() returns there.
+//
+// Threads: any.
+class ForkGuard final {
+public:
+    static void closeInChild(int descriptor);
+    // To be called before the descriptor is closed.
+    static void forget(int descriptor);
+    ForkGuard() = delete;
+};
+
+}  // namespace utilia::platform

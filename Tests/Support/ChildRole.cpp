@@ -1,0 +1,67 @@
+#include "Tests/Support/ChildRole.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <map>
+
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include "Tests/Support/ChildProcess.h"
+
+namespace utilia::test {
+namespace {
+
+std::map<std::string, ChildRoleFunction>& roles() {
+    static std::map<std::string, ChildRoleFunction> all;
+    return all;
+}
+
+}  // namespace
+
+ChildRoleRegistration::ChildRoleRegistration(const char* name, ChildRoleFunction function) {
+    roles()[name] = function;
+}
+
+void ChildRole::say(const std::string& line) const {
+    const std::string text = line + "\n";
+    std::size_t sent = 0;
+    while (sent < text.size()) {
+        const ssize_t n = send(kChildChannel, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        sent += static_cast<std::size_t>(n);
+    }
+}
+
+std::string ChildRole::waitForLine() const {
+    std::string line;
+    for (char c = 0;;) {
+        const ssize_t n = read(kChildChannel, &c, 1);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return {};
+        if (c == '\n') return line;
+        line += c;
+    }
+}
+
+bool runChildRole(int argc, char** argv, int* status) {
+    if (argc < 3 || std::strcmp(argv[1], kChildRoleSwitch) != 0) return false;
+    // A child must never outlive the test that started it.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const auto found = roles().find(argv[2]);
+    if (found == roles().end()) {
+        std::fprintf(stderr, "no child role %s\n", argv[2]);
+        *status = 127;
+        return true;
+    }
+    ChildRole self;
+    self.arguments.assign(argv + 3, argv + argc);
+    *status = found->second(self);
+    return true;
+}
+
+}  // namespace utilia::test

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace utilia::test {
+
+// A folder of its own for one test, removed with everything in it.
+class TemporaryFolder final {
+public:
+    TemporaryFolder();
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+// A private user: home, XDG folders and runtime folder in a folder of its own, put into this process's environment
+// (and so into every child's) for as long as the object lives. No real home, session bus or journal is touched.
+class TemporaryHome final {
+public:
+    TemporaryHome();
+    ~TemporaryHome();
+
+    std::filesystem::path path() const { return folder_.path(); }
+    std::filesystem::path runtime() const { return folder_.path() / "run"; }      // XDG_RUNTIME_DIR
+    std::filesystem::path config() const { return folder_.path() / "config"; }    // XDG_CONFIG_HOME
+    std::filesystem::path data() const { return folder_.path() / "data"; }        // XDG_DATA_HOME
+    std::filesystem::path state() const { return folder_.path() / "state"; }      // XDG_STATE_HOME
+    std::filesystem::path groupContainer() const;                                 // where the suite's container belongs
+
+private:
+    TemporaryFolder folder_;
+    std::map<std::string, std::optional<std::string>> before_;
+};
+
+}  // namespace utilia::test

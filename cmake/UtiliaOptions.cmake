@@ -1,0 +1,43 @@
+# Build options, and the compiler settings that every target of the project shares (utilia_options).
+
+option(UTILIA_BUILD_TESTS "Build the test programs" ON)
+option(UTILIA_BUILD_BENCHMARKS "Build the benchmarks" OFF)
+option(UTILIA_BUILD_FUZZERS "Build the libFuzzer targets (clang)" OFF)
+set(UTILIA_SANITIZE "" CACHE STRING "Sanitizers for everything, as -fsanitize takes them")
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+if(NOT CMAKE_BUILD_TYPE)
+    set(CMAKE_BUILD_TYPE RelWithDebInfo)
+endif()
+
+# The build tree has the shape of the install tree: programs in bin/, the library and its framework bundle in lib/.
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/archive")
+set(UTILIA_FRAMEWORK_DIR "${CMAKE_BINARY_DIR}/lib/UtiliaCommon.framework")
+
+find_program(UTILIA_CCACHE ccache)
+if(UTILIA_CCACHE)
+    set(CMAKE_CXX_COMPILER_LAUNCHER "${CMAKE_COMMAND}" -E env CCACHE_SLOPPINESS=pch_defines,time_macros "${UTILIA_CCACHE}")
+endif()
+
+add_library(utilia_options INTERFACE)
+target_include_directories(utilia_options INTERFACE "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>")
+target_compile_options(utilia_options INTERFACE
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -fstack-protector-strong)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND UTILIA_CCACHE)
+    target_compile_options(utilia_options INTERFACE -fpch-preprocess)
+endif()
+target_compile_definitions(utilia_options INTERFACE
+    $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2> _GLIBCXX_ASSERTIONS)
+target_link_options(utilia_options INTERFACE -Wl,-z,relro,-z,now -Wl,--as-needed)
+if(UTILIA_SANITIZE)
+    target_compile_options(utilia_options INTERFACE -fsanitize=${UTILIA_SANITIZE} -fno-omit-frame-pointer)
+    target_link_options(utilia_options INTERFACE -fsanitize=${UTILIA_SANITIZE})
+endif()
