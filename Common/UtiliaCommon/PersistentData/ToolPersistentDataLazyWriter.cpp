@@ -1,0 +1,99 @@
+#include "Common/UtiliaCommon/PersistentData/ToolPersistentDataLazyWriter.h"
+
+#include "Common/Foundation/PathFunctions.h"
+#include "Common/Platform/Bundle.h"
+#include "Common/Platform/FileManager.h"
+#include "Common/Platform/NotificationCenter.h"
+#include "Common/Platform/UserDefaults.h"
+#include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
+
+// The record is changed under the shared store's lock as one read-modify-write of the whole
+// "ToolPersistentData" dictionary, so tools that end at the same moment keep each other's records.
+// Icons are files of their own, each replaced at once, so the agent never reads half of one.
+
+namespace utilia {
+namespace {
+
+using platform::Bundle;
+using platform::FileManager;
+
+std::string mainBundleFileName() {
+    const Bundle* const main = Bundle::mainBundle();
+    return main ? lastPathComponent(main->bundlePath()) : std::string();
+}
+
+std::string mainBundleIdentifier() {
+    const Bundle* const main = Bundle::mainBundle();
+    return main ? main->bundleIdentifier().value_or(std::string()) : std::string();
+}
+
+void writeIcon(const std::shared_ptr<platform::Image>& icon, const std::optional<std::string>& path,
+               std::span<const FileManager::ExtendedAttribute> attributes) {
+    if (!icon || !path) return;
+    const auto bytes = icon->TIFFRepresentation();
+    // A failed write leaves the older icon; an ending application has nobody to tell.
+    if (bytes) (void)FileManager::writeAtomically(*path, *bytes, attributes);
+}
+
+}  // namespace
+
+ToolPersistentDataLazyWriter::ToolPersistentDataLazyWriter()
+    : ToolPersistentDataReader(mainBundleFileName(), mainBundleIdentifier()) {
+    isPermanent_ = ToolPersistentDataReader::isPermanent();
+    menuText_ = ToolPersistentDataReader::menuText();
+    willTerminate_ = platform::NotificationCenter::defaultCenter().addObserver(
+        platform::NSApplicationWillTerminateNotification, nullptr,
+        [this](const void*) { appWillExit(); });
+}
+
+ToolPersistentDataLazyWriter::~ToolPersistentDataLazyWriter() = default;
+
+void ToolPersistentDataLazyWriter::appWillExit() {
+    // Without a bundle there is no name under which anybody would look for the data.
+    if (toolId().empty() || toolName().empty()) return;
+    if (recordDiffersFromStore()) writeRecord();
+    if (isPermanent_) {
+        writeIcons();
+    } else {
+        removeIcons();
+    }
+}
+
+bool ToolPersistentDataLazyWriter::recordDiffersFromStore() const {
+    if (ToolPersistentDataReader::isPermanent() != isPermanent_) return true;
+    // Texts are compared as objects: one that was read just now is never the one held here, so only
+    // two absent texts are the same and any other text is written again at every end.
+    return menuText_.has_value() || ToolPersistentDataReader::menuText().has_value();
+}
+
+void ToolPersistentDataLazyWriter::writeRecord() const {
+    accessAppGroupPlist([this](platform::UserDefaults& suite) {
+        Dictionary all = suite.dictionaryForKey(kToolPersistentDataKey).value_or(Dictionary());
+        if (isPermanent_) {
+            Dictionary record{{std::string(kToolPermanentKey), true}};
+            if (menuText_) record.set(kToolMenuTextKey, *menuText_);
+            all.set(entryKey(), std::move(record));
+        } else {
+            all.remove(entryKey());
+        }
+        suite.setObject(std::move(all), kToolPersistentDataKey);
+        suite.synchronize();
+    });
+}
+
+void ToolPersistentDataLazyWriter::writeIcons() const {
+    writeIcon(toolIcon_, getToolIconPath(), {});
+    if (!menuIcon_) return;
+    const FileManager::ExtendedAttribute isTemplate{
+        std::string(kTemplateAttribute),
+        Data{static_cast<std::uint8_t>(menuIcon_->isTemplate() ? 1 : 0)}};
+    writeIcon(menuIcon_, getMenuIconPath(), std::span(&isTemplate, 1));
+}
+
+void ToolPersistentDataLazyWriter::removeIcons() const {
+    for (const auto& path : {getToolIconPath(), getMenuIconPath()}) {
+        if (path) (void)FileManager::removeItemAtPath(*path);
+    }
+}
+
+}  // namespace utilia

@@ -1,0 +1,277 @@
+#include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
+
+#include <chrono>
+#include <cstdlib>
+
+#include "Common/Foundation/StringHash.h"
+#include "Common/Logging/Log.h"
+#include "Common/Platform/Application.h"
+#include "Common/Platform/FileManager.h"
+#include "Common/Platform/NotificationCenter.h"
+#include "Common/Platform/RunLoop.h"
+#include "Common/Platform/Workspace.h"
+
+// The connection to the agent is lazy: only a send or launchAgentIfNeeded looks for the agent's
+// port, and a port that became invalid is simply let go. So neither side has to be there first, and
+// a restarted agent is found by the next thing that the tool has to say, or when the agent itself
+// calls on the tool.
+
+namespace utilia {
+namespace {
+
+using platform::Application;
+using platform::Bundle;
+using platform::FileManager;
+using platform::NotificationCenter;
+using platform::Port;
+using platform::PortMessage;
+using platform::PortNameServer;
+
+constexpr std::string_view kToolCapabilitiesKey = "ToolCapabilities";
+constexpr std::string_view kCanonicalNameKey = "CanonicalName";
+
+std::string mainBundlePath() {
+    const Bundle* const main = Bundle::mainBundle();
+    return main ? main->bundlePath() : std::string();
+}
+
+std::optional<std::string> declaredCanonicalName(const Bundle* bundle) {
+    const auto capabilities =
+        bundle ? bundle->infoDictionary().dictionary(kToolCapabilitiesKey) : std::nullopt;
+    return capabilities ? capabilities->string(kCanonicalNameKey) : std::nullopt;
+}
+
+}  // namespace
+
+ToolDataClientProvider::ToolDataClientProvider() {
+    const std::string path = mainBundlePath();
+    toolId_.assign(path.begin(), path.end());
+    portName_ = std::string(kToolPortNamePrefix) +
+                hexadecimal(portNameHashFromBundle(Bundle::mainBundle()));
+    servicePort_ = Port::port();
+    servicePort_->setDelegate(this);
+    PortNameServer::systemDefaultPortNameServer().registerPort(servicePort_, portName_);
+    servicePort_->scheduleInRunLoop();
+    persist_ = std::make_unique<ToolPersistentDataLazyWriter>();
+    if (persist_->isPermanent()) {
+        toolStatus_ = kToolStatusPermanent;
+        menuText_ = persist_->menuText();
+    }
+    if (Application::sharedApplication().isFinishedLaunching()) {
+        appDidFinishLaunching();
+    } else {
+        didFinishLaunching_ = NotificationCenter::defaultCenter().addObserver(
+            platform::NSApplicationDidFinishLaunchingNotification, nullptr,
+            [this](const void*) { appDidFinishLaunching(); });
+    }
+}
+
+ToolDataClientProvider::~ToolDataClientProvider() {
+    unsubscribeFromAgentPort();
+    servicePort_->invalidate();
+    servicePort_->removeFromRunLoop();
+    servicePort_->setDelegate(nullptr);
+}
+
+std::uint64_t ToolDataClientProvider::portNameHashFromBundle(const Bundle* bundle) {
+    return stringHash(canonicalToolPath(mainBundlePath(), declaredCanonicalName(bundle)));
+}
+
+void ToolDataClientProvider::appDidFinishLaunching() {
+    willTerminate_ = NotificationCenter::defaultCenter().addObserver(
+        platform::NSApplicationWillTerminateNotification, nullptr,
+        [this](const void*) { appWillTerminate(); });
+}
+
+void ToolDataClientProvider::appWillTerminate() {
+    sendToolIcon();
+    sendMenuIcon();
+    sendMenuText();
+}
+
+void ToolDataClientProvider::setToolIcon(std::shared_ptr<platform::Image> toolIcon) {
+    persist_->setToolIcon(toolIcon);
+    toolIcon_ = std::move(toolIcon);
+    if (toolIconNeeded_) sendToolIcon();
+}
+
+void ToolDataClientProvider::setMenuIcon(std::shared_ptr<platform::Image> menuIcon) {
+    persist_->setMenuIcon(menuIcon);
+    menuIcon_ = std::move(menuIcon);
+    if (menuIconNeeded_) sendMenuIcon();
+}
+
+void ToolDataClientProvider::setMenuText(std::optional<std::string> menuText) {
+    persist_->setMenuText(menuText);
+    menuText_ = std::move(menuText);
+    if (menuIconNeeded_) sendMenuText();
+}
+
+void ToolDataClientProvider::setToolStatus(std::uint64_t toolStatus) {
+    persist_->setIsPermanent(toolStatus == kToolStatusPermanent);
+    toolStatus_ = toolStatus;
+    sendStatus();
+}
+
+void ToolDataClientProvider::sendToolIcon() {
+    if (!checkAgentPort()) return;
+    const auto tiff = toolIcon_ ? toolIcon_->TIFFRepresentation() : std::nullopt;
+    std::vector<PortMessage::Component> components{toolId_};
+    if (tiff) components.emplace_back(*tiff);
+    send(ToolMessage::ToolIcon, std::move(components),
+         "Failed to send Icon to Agent port. Exception: %@ Reason: %@");
+}
+
+void ToolDataClientProvider::sendMenuIcon() {
+    if (!menuIcon_ || !checkAgentPort()) return;
+    const auto tiff = menuIcon_->TIFFRepresentation();
+    if (!tiff) {
+        KULogVariadic("The menu icon has no picture to send.");
+        return;
+    }
+    const auto isTemplate = encodeFlag(menuIcon_->isTemplate());
+    send(ToolMessage::MenuIcon, {toolId_, *tiff, isTemplate},
+         "Failed to send Menu Icon to Agent port. Exception: %@ Reason: %@");
+}
+
+void ToolDataClientProvider::sendMenuText() {
+    if (!menuText_ || !checkAgentPort()) return;
+    send(ToolMessage::MenuText, {toolId_, encodeText(*menuText_)},
+         "Failed to send Menu text to Agent port. Exception: %@ Reason: %@");
+}
+
+void ToolDataClientProvider::sendStatus() {
+    if (!checkAgentPort()) return;
+    const auto status = encodeStatus(toolStatus_);
+    send(ToolMessage::Status, {toolId_, status},
+         "Failed to send Status to Agent port. Exception: %@ Reason: %@");
+}
+
+void ToolDataClientProvider::updateResources() {
+    if (!checkAgentPort()) return;
+    if (KUIsExtendedLoggingOn()) KULogVariadic("Push Agent to update resources");
+    send(ToolMessage::UpdateResources, {toolId_},
+         "Failed to send command to update resources to Agent port. Exception: %@ Reason: %@");
+}
+
+void ToolDataClientProvider::send(ToolMessage id, std::vector<PortMessage::Component> components,
+                                  std::string_view failureFormat) {
+    // The port is held for the call: a handler that runs meanwhile may let it go.
+    PortMessage message(agentPort_, std::move(components));
+    message.setMsgid(static_cast<std::uint32_t>(id));
+    try {
+        message.sendBeforeDate(std::chrono::steady_clock::now() + sendTimeout(id));
+    } catch (const platform::PortException& exception) {
+        KULogVariadic(failureFormat, exception.name(), exception.reason());
+    }
+}
+
+bool ToolDataClientProvider::checkAgentPort() {
+    if (agentPort_) return true;
+    agentPort_ = PortNameServer::systemDefaultPortNameServer().portForName(kAgentPortName);
+    if (!agentPort_) return false;
+    agentPortInvalid_ = NotificationCenter::defaultCenter().addObserver(
+        platform::NSPortDidBecomeInvalidNotification, agentPort_.get(),
+        [this](const void*) { portDidBecomeInvalid(); });
+    isAgentConnected_ = true;
+    return true;
+}
+
+void ToolDataClientProvider::portDidBecomeInvalid() { unsubscribeFromAgentPort(); }
+
+void ToolDataClientProvider::unsubscribeFromAgentPort() {
+    if (!agentPort_) return;
+    agentPortInvalid_.reset();
+    // Let go first: invalidating may call out, and must not come back to a port that is on its way
+    // out.
+    const auto port = std::exchange(agentPort_, nullptr);
+    isAgentConnected_ = false;
+    port->invalidate();
+}
+
+bool ToolDataClientProvider::launchAgentIfNeeded() {
+    constexpr int kTurns = 50;
+    constexpr std::chrono::milliseconds kTurn(100);
+    if (checkAgentPort()) return true;
+    if (auto launched = platform::Workspace::launchAppWithBundleIdentifier(
+            kAgentBundleIdentifier, platform::WorkspaceLaunchOptions::Async);
+        !launched) {
+        KULogVariadic("The agent cannot be launched: %@", launched.error());
+        return false;
+    }
+    auto& loop = platform::RunLoop::currentRunLoop();
+    for (int turn = 0; turn < kTurns && !checkAgentPort(); ++turn) loop.runFor(kTurn);
+    return isAgentConnected_;
+}
+
+void ToolDataClientProvider::handlePortMessage(const PortMessage& message) {
+    const auto decoded = decodeAgentMessage(message.msgid(), message.components());
+    if (!decoded) {
+        KULogVariadic("A message from the agent is dropped: %@", decoded.error());
+        return;
+    }
+    applyAgentMessage(*decoded);
+}
+
+void ToolDataClientProvider::applyAgentMessage(const DecodedAgentMessage& decoded) {
+    if (!decoded.message) return;
+    switch (*decoded.message) {
+    case AgentMessage::StatusRequest:
+        sendStatus();
+        break;
+    case AgentMessage::ToolIconNeeded:
+        toolIconNeeded_ = decoded.flag.value_or(toolIconNeeded_);
+        if (toolIconNeeded_) sendToolIcon();
+        break;
+    case AgentMessage::MenuIconNeeded:
+        menuIconNeeded_ = decoded.flag.value_or(menuIconNeeded_);
+        if (menuIconNeeded_) {
+            sendMenuIcon();
+            sendMenuText();
+        }
+        break;
+    case AgentMessage::DateScheduleFired:
+        dateScheduleBlock_.call();
+        break;
+    case AgentMessage::TurnToolOff:
+        turnToolOff();
+        break;
+    case AgentMessage::MenuIconClicked:
+        clickMenuIcon();
+        break;
+    }
+}
+
+void ToolDataClientProvider::turnToolOff() {
+    // The application ends in every case, also when its block fails.
+    struct TerminateAtEnd {
+        ~TerminateAtEnd() { Application::sharedApplication().terminate(); }
+    } const terminateAtEnd;
+    turnToolOffBlock_.call();
+}
+
+void ToolDataClientProvider::clickMenuIcon() {
+    if (clickMenuIconBlock_.call()) return;
+    Application::sharedApplication().reopen({});
+}
+
+std::optional<std::string> ToolDataClientProvider::requestAccessToDirectory(std::string_view path,
+                                                                            std::string_view,
+                                                                            std::uint64_t) const {
+    if (!FileManager::isWritableFileAtPath(path)) return std::nullopt;
+    return std::string(path);
+}
+
+std::string ToolDataClientProvider::getToolSpecialDirectory(ToolSpecialDirectory directory) const {
+    if (directory != ToolSpecialDirectory::ToolDesktopDirectory) {
+        // A wrong argument is the caller's bug, in every kind of build.
+        KULogVariadic("Assertion failed: (%s), function %s, module %s.",
+                      "directory == ToolDesktopDirectory",
+                      "-[ToolDataClientProvider getToolSpecialDirectory:]",
+                      "ToolDataProvider/ToolDataClientProvider");
+        std::abort();
+    }
+    return FileManager::desktopDirectory();
+}
+
+}  // namespace utilia

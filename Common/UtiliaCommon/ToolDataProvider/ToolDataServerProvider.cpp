@@ -1,0 +1,99 @@
+#include "Common/UtiliaCommon/ToolDataProvider/ToolDataServerProvider.h"
+
+#include <algorithm>
+
+#include "Common/Logging/Log.h"
+#include "Common/Platform/Application.h"
+#include "Common/Platform/Image.h"
+#include "Common/UtiliaCommon/ToolDataProvider/ToolDataAgentProvider.h"
+
+namespace utilia {
+namespace {
+
+using platform::Image;
+using platform::Port;
+using platform::PortMessage;
+using platform::PortNameServer;
+
+std::shared_ptr<Image> decodeImage(MessageBytes bytes, std::string_view toolPath,
+                                   std::string_view kind) {
+    auto image = Image::initWithData(bytes);
+    if (!image)
+        KULogVariadic("%@ of %@ is not a picture; the tool is shown without.", kind, toolPath);
+    return image;
+}
+
+void silentUpdateResources() {
+    if (auto* const delegate = platform::Application::sharedApplication().delegate()) {
+        delegate->silentUpdateResources();
+    } else {
+        KULogVariadic(
+            "A tool asks to update resources, but this application has no delegate to do it.");
+    }
+}
+
+}  // namespace
+
+ToolDataServerProvider& ToolDataServerProvider::sharedInstance() {
+    static ToolDataServerProvider* const instance = new ToolDataServerProvider;
+    return *instance;
+}
+
+ToolDataServerProvider::ToolDataServerProvider()
+    : servicePort_(Port::port()), tools_(std::make_shared<const Tools>()) {
+    servicePort_->setDelegate(this);
+    PortNameServer::systemDefaultPortNameServer().registerPort(servicePort_, kAgentPortName);
+    servicePort_->scheduleInRunLoop();
+}
+
+ToolDataServerProvider::~ToolDataServerProvider() {
+    servicePort_->invalidate();
+    servicePort_->removeFromRunLoop();
+    servicePort_->setDelegate(nullptr);
+}
+
+void ToolDataServerProvider::addTool(std::shared_ptr<ToolDataAgentProvider> tool) {
+    Tools tools = *tools_;
+    tools.push_back(std::move(tool));
+    tools_ = std::make_shared<const Tools>(std::move(tools));
+}
+
+void ToolDataServerProvider::removeTool(const std::shared_ptr<ToolDataAgentProvider>& tool) {
+    Tools tools = *tools_;
+    std::erase(tools, tool);
+    tools_ = std::make_shared<const Tools>(std::move(tools));
+}
+
+void ToolDataServerProvider::handlePortMessage(const PortMessage& message) {
+    const auto decoded = decodeToolMessage(message.msgid(), message.components());
+    if (!decoded) {
+        KULogVariadic("A message from a tool is dropped: %@", decoded.error());
+        return;
+    }
+    // The list as it is now: what a proxy tells its observers may add and remove proxies.
+    const auto tools = tools_;
+    for (const auto& tool : *tools) {
+        if (tool->matches(decoded->toolPath)) apply(*decoded, *tool);
+    }
+}
+
+void ToolDataServerProvider::apply(const DecodedToolMessage& message, ToolDataAgentProvider& tool) {
+    if (const auto* const status = std::get_if<StatusReport>(&message.body)) {
+        tool.setStatus(status->status);
+        tool.setWasLaunched(true);
+    } else if (const auto* const icon = std::get_if<ToolIconReport>(&message.body)) {
+        tool.setToolIcon(icon->image ? decodeImage(*icon->image, message.toolPath, "The tool icon")
+                                     : nullptr);
+    } else if (const auto* const menuIcon = std::get_if<MenuIconReport>(&message.body)) {
+        auto image = decodeImage(menuIcon->image, message.toolPath, "The menu icon");
+        // Before it is shown to observers, so that nobody sees the icon without its flag.
+        if (image && menuIcon->isTemplate) image->setTemplate(*menuIcon->isTemplate);
+        tool.setMenuIcon(std::move(image));
+    } else if (const auto* const text = std::get_if<MenuTextReport>(&message.body)) {
+        if (text->text) tool.setMenuText(std::string(*text->text));
+    } else if (std::holds_alternative<UpdateResourcesRequest>(message.body)) {
+        silentUpdateResources();
+    }
+}
+
+}  // namespace utilia
