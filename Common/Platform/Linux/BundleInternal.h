@@ -1,0 +1,21 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace utilia::platform {
+
+// The application bundle that a program lies in: X.app for X.app/Contents/Linux/PROGRAM with
+// X.app/Contents/Info.plist, exactly that shape; empty for any other place. `program` is absolute
+// and resolved.
+std::optional<std::string> bundlePathOfProgram(std::string_view program);
+
+// The program of a process, as the kernel names it; empty when it cannot be told or its file is
+// gone.
+std::optional<std::string> programOfProcess(std::string_view process);  // "self" or a process id
+
+// The path without symbolic links; empty when it does not lead anywhere.
+std::optional<std::string> resolvedPath(const std::string& path);
+
+}  // namespace utilia::platform

@@ -1,0 +1,101 @@
+#include "Common/Platform/Linux/ChildLauncher.h"
+
+#include <csignal>
+#include <utility>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/pidfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Common/Platform/Linux/Folders.h"
+
+namespace utilia::platform {
+namespace {
+
+class SpawnActions final {
+public:
+    SpawnActions() { error_ = posix_spawn_file_actions_init(&actions_); }
+    ~SpawnActions() { posix_spawn_file_actions_destroy(&actions_); }
+    SpawnActions(const SpawnActions&) = delete;
+    SpawnActions& operator=(const SpawnActions&) = delete;
+
+    template <class Add, class... Arguments>
+    void add(Add function, Arguments... arguments) {
+        if (error_ == 0) error_ = function(&actions_, arguments...);
+    }
+    int error() const { return error_; }
+    const posix_spawn_file_actions_t* get() const { return &actions_; }
+
+private:
+    posix_spawn_file_actions_t actions_;
+    int error_ = 0;
+};
+
+class SpawnAttributes final {
+public:
+    SpawnAttributes() {
+        posix_spawnattr_init(&attributes_);
+        sigset_t every;
+        sigset_t none;
+        sigfillset(&every);
+        sigemptyset(&none);
+        posix_spawnattr_setsigdefault(&attributes_, &every);
+        posix_spawnattr_setsigmask(&attributes_, &none);
+        constexpr int kFlags = POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
+        posix_spawnattr_setflags(&attributes_, static_cast<short>(kFlags));
+    }
+    ~SpawnAttributes() { posix_spawnattr_destroy(&attributes_); }
+    SpawnAttributes(const SpawnAttributes&) = delete;
+    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+
+    const posix_spawnattr_t* get() const { return &attributes_; }
+
+private:
+    posix_spawnattr_t attributes_;
+};
+
+// A folder that cannot be entered would make the start fail.
+std::string workingFolder() {
+    std::string home = homeFolder();
+    struct stat found {};
+    const bool usable = stat(home.c_str(), &found) == 0 && S_ISDIR(found.st_mode) &&
+                        access(home.c_str(), X_OK) == 0;
+    return usable ? home : "/";
+}
+
+}  // namespace
+
+Result<Child> launchChild(const std::string& program, const std::vector<std::string>& arguments) {
+    std::vector<char*> argv{const_cast<char*>(program.c_str())};
+    for (const std::string& argument : arguments) {
+        if (argument.find('\0') != std::string::npos) {
+            return Error::utilia(UtiliaErrorCode::Refused,
+                                 program + ": an argument holds a NUL byte");
+        }
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+
+    const std::string folder = workingFolder();
+    SpawnActions actions;
+    actions.add(posix_spawn_file_actions_addchdir_np, folder.c_str());
+    actions.add(posix_spawn_file_actions_addopen, STDIN_FILENO, "/dev/null", O_RDONLY, mode_t{0});
+    actions.add(posix_spawn_file_actions_addopen, STDOUT_FILENO, "/dev/null", O_WRONLY, mode_t{0});
+    actions.add(posix_spawn_file_actions_addopen, STDERR_FILENO, "/dev/null", O_WRONLY, mode_t{0});
+    actions.add(posix_spawn_file_actions_addclosefrom_np, STDERR_FILENO + 1);
+    if (actions.error() != 0) return Error::posix(actions.error(), "prepare the start of", program);
+
+    const SpawnAttributes attributes;
+    Child child;
+    const int failed = posix_spawn(&child.process, program.c_str(), actions.get(), attributes.get(),
+                                   argv.data(), environ);
+    if (failed != 0) return Error::posix(failed, "start", program);
+    // Nobody else reaps the child, so its id still means it. Without a pidfd the watcher asks for
+    // it by its id.
+    child.handle = UniqueFd(pidfd_open(child.process, 0));
+    return child;
+}
+
+}  // namespace utilia::platform
