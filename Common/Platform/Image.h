@@ -1,7 +1,7 @@
 #pragma once
 
-#include <cstdint>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <span>
@@ -15,8 +15,8 @@
 namespace utilia::platform {
 
 // Limits of what is decoded; anything beyond them is no image.
-inline constexpr std::uint32_t kImageMaximumSide = 65'500;                  // pixels
-inline constexpr std::uint64_t kImageMaximumPixels = 200'000'000;           // of one representation
+inline constexpr std::uint32_t kImageMaximumSide = 65'500;         // pixels
+inline constexpr std::uint64_t kImageMaximumPixels = 200'000'000;  // of one representation
 inline constexpr std::size_t kImageMaximumRepresentations = 32;
 
 // Pixels of one representation: 8-bit RGBA rows from the top, not premultiplied, no padding.
@@ -26,21 +26,27 @@ struct UTILIA_EXPORT BitmapImageRep {
     Data rgba;  // pixelsWide * pixelsHigh * 4 bytes
 };
 
-// A picture, such as an icon: one or more representations of it in different sizes, and whether it is a template
-// (a mask that is shown in the surroundings' colour).
+// A picture, such as an icon: one or more representations of it in different sizes, and whether it
+// is a template (a mask that is shown in the surroundings' colour).
 //
-// TIFF is read and written by a module that is loaded on the first use of an image's content; where it is
-// missing, images are invalid and have no representations, with one log line.
+// TIFF is read (grey, palette and RGB of up to 16 bits, uncompressed or packed by PackBits, LZW or
+// Deflate) and written by a module that is loaded when content is first read or written. Where the
+// module is missing, what must be read is invalid and has no representations, and nothing can be
+// written, with one log line.
 //
 // Threads: an image belongs to one thread at a time.
 class UTILIA_EXPORT Image final {
 public:
-    // One representation for each TIFF directory; empty when the bytes are no image. The template flag starts false.
+    // One representation for each TIFF directory within the limits. Empty when the bytes are no
+    // image: no TIFF, more directories than the limit, or a first directory that is beyond the
+    // limits or cannot be decoded (what lies past 64 MiB of its pixels is only looked at when they
+    // are asked for). The template flag starts false.
     static std::shared_ptr<Image> initWithData(std::span<const std::uint8_t> bytes);
-    // Always an image: the file is opened when its content is first asked for. A name that ends in "Template" before its extension
-    // sets the template flag.
+    // Always an image: the file is opened when its content is first asked for. A name that ends in
+    // "Template" before its extension sets the template flag.
     static std::shared_ptr<Image> initByReferencingFile(std::string_view path);
-    // Takes the pixels as they are; empty when their size does not fit the sides, or a side is 0.
+    // Takes the pixels as they are; empty when their size does not fit the sides, or the sides are
+    // 0 or beyond the limits.
     static std::shared_ptr<Image> initWithBitmap(BitmapImageRep bitmap);
 
     Image(const Image&) = delete;
@@ -54,14 +60,16 @@ public:
     std::size_t representationCount();
     // Pixels of a representation; fails when they are damaged, or past the count.
     Result<BitmapImageRep> representation(std::size_t index);
-    // Adds one more; answers false (and changes nothing) for pixels that do not fit their sides.
+    // Adds one more; answers false (and changes nothing) for pixels that initWithBitmap would
+    // refuse, and for more representations than the limit.
     bool addRepresentation(BitmapImageRep bitmap);
     // Of the largest representation; 0 without one.
     std::uint32_t pixelsWide();
     std::uint32_t pixelsHigh();
 
-    // All representations, one TIFF directory each, uncompressed unless they were read compressed. Empty when there
-    // is none. The same bytes until a representation is added.
+    // All representations, one TIFF directory each, uncompressed unless they were read compressed.
+    // Empty when there is none. The same bytes until a representation is added; of an image that
+    // was read, the bytes it was read from.
     std::optional<Data> TIFFRepresentation();
 
 private:
