@@ -201,7 +201,7 @@ bool ToolDataClientProvider::launchAgentIfNeeded() {
     }
     auto& loop = platform::RunLoop::currentRunLoop();
     for (int turn = 0; turn < kTurns && !checkAgentPort(); ++turn) loop.runFor(kTurn);
-    return isAgentConnected_;
+    return checkAgentPort();
 }
 
 void ToolDataClientProvider::handlePortMessage(const PortMessage& message) {
