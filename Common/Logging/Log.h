@@ -26,7 +26,9 @@ public:
     virtual bool write(std::string_view line) noexcept = 0;
 };
 
-// Replaces the sink; null puts the plain one back, which writes lines to stderr.
+// Replaces the sink; null puts the plain one back, which writes lines to stderr. That one knows no system and so may
+// wait for whoever reads stderr: programs install platform::makeSystemLogSink() before they log.
+// A line that a sink itself logs while it writes is not delivered but counted.
 UTILIA_EXPORT void setLogSink(std::shared_ptr<LogSink> sink);
 
 // Installs the answer of KUIsExtendedLoggingOn(); without one it is false. The function may be called on any thread.
