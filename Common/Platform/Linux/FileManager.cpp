@@ -1,0 +1,178 @@
+#include "Common/Platform/FileManager.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include "Common/Foundation/PathFunctions.h"
+#include "Common/Logging/Log.h"
+#include "Common/Platform/Linux/FileInput.h"
+#include "Common/Platform/Linux/FileOutput.h"
+#include "Common/Platform/Linux/Folders.h"
+#include "Common/Platform/UniqueFd.h"
+
+namespace utilia::platform {
+namespace {
+
+// A folder that cannot be had is worth one line, however often it is asked for.
+std::optional<std::string> folderOrLog(Result<std::string> folder, std::atomic<bool>& isLogged) {
+    if (folder) return *std::move(folder);
+    if (!isLogged.exchange(true)) KULogVariadic("%@", folder.error().description);
+    return std::nullopt;
+}
+
+std::string attributeName(std::string_view name) { return "user." + std::string(name); }
+
+// Removes what lies in an open folder, and never leaves it: every step names its object within a
+// descriptor that was opened without following links.
+Result<void> removeContent(UniqueFd folder, const std::string& path) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(fdopendir(folder.get()), &closedir);
+    if (!entries) return Error::posix(errno, "open", path);
+    const int parent = folder.release();
+    for (;;) {
+        errno = 0;
+        const dirent* entry = readdir(entries.get());
+        if (!entry) break;
+        const std::string name = entry->d_name;
+        if (name == "." || name == "..") continue;
+        const std::string child = path + "/" + name;
+        if (unlinkat(parent, name.c_str(), 0) == 0 || errno == ENOENT) continue;
+        if (errno != EISDIR && errno != EPERM) return Error::posix(errno, "unlink", child);
+        UniqueFd inner(
+            openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!inner) return Error::posix(errno, "open", child);
+        if (auto removed = removeContent(std::move(inner), child); !removed) return removed;
+        if (unlinkat(parent, name.c_str(), AT_REMOVEDIR) != 0)
+            return Error::posix(errno, "rmdir", child);
+    }
+    if (errno != 0) return Error::posix(errno, "readdir", path);
+    return {};
+}
+
+// The value of XDG_DESKTOP_DIR in the user's user-dirs.dirs: a quoted path, absolute or below
+// $HOME.
+std::optional<std::string> configuredDesktop() {
+    std::ifstream file(xdgFolder("XDG_CONFIG_HOME", ".config") + "/user-dirs.dirs");
+    constexpr std::string_view kKey = "XDG_DESKTOP_DIR=\"";
+    constexpr std::string_view kHome = "$HOME";
+    for (std::string line; std::getline(file, line);) {
+        if (!line.starts_with(kKey)) continue;
+        std::string value = line.substr(kKey.size(), line.find('"', kKey.size()) - kKey.size());
+        if (value == kHome || value.starts_with("$HOME/"))
+            value.replace(0, kHome.size(), homeFolder());
+        while (value.size() > 1 && value.ends_with('/')) value.pop_back();
+        if (value.starts_with('/')) return value;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::string>
+FileManager::containerURLForSecurityApplicationGroupIdentifier(std::string_view groupIdentifier) {
+    static std::atomic<bool> isLogged{false};
+    return folderOrLog(ensureGroupContainer(groupIdentifier), isLogged);
+}
+
+std::optional<std::string> FileManager::preferencesFolder() {
+    static std::atomic<bool> isLogged{false};
+    return folderOrLog(ensurePreferencesFolder(), isLogged);
+}
+
+std::optional<std::string> FileManager::runtimeFolder() {
+    static std::atomic<bool> isLogged{false};
+    return folderOrLog(ensureRuntimeFolder(), isLogged);
+}
+
+std::string FileManager::desktopDirectory() {
+    return configuredDesktop().value_or(stringByAppendingPathComponent(homeFolder(), "Desktop"));
+}
+
+bool FileManager::fileExistsAtPath(std::string_view path) {
+    struct stat found {};
+    return stat(std::string(path).c_str(), &found) == 0;
+}
+
+bool FileManager::isWritableFileAtPath(std::string_view path) {
+    return access(std::string(path).c_str(), W_OK) == 0;
+}
+
+bool FileManager::isExecutableFileAtPath(std::string_view path) {
+    return access(std::string(path).c_str(), X_OK) == 0;
+}
+
+Result<void> FileManager::createDirectoryAtPath(std::string_view path) {
+    return makeFolders(std::string(path), std::nullopt);
+}
+
+Result<void> FileManager::createDirectoryAtPath(std::string_view path, std::uint32_t mode) {
+    return makeFolders(std::string(path), mode);
+}
+
+Result<void> FileManager::removeItemAtPath(std::string_view path) {
+    const std::string item(path);
+    if (unlink(item.c_str()) == 0) return {};
+    if (errno != EISDIR && errno != EPERM) return Error::posix(errno, "unlink", item);
+    const int unlinkError = errno;
+    UniqueFd folder(open(item.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder) return Error::posix(errno == ENOTDIR ? unlinkError : errno, "unlink", item);
+    if (auto removed = removeContent(std::move(folder), item); !removed) return removed;
+    if (rmdir(item.c_str()) != 0) return Error::posix(errno, "rmdir", item);
+    return {};
+}
+
+Result<Data> FileManager::contentsAtPath(std::string_view path, std::size_t maximumSize) {
+    return FileInput::contents(std::string(path), maximumSize);
+}
+
+Result<void> FileManager::writeAtomically(std::string_view path,
+                                          std::span<const std::uint8_t> bytes,
+                                          std::span<const ExtendedAttribute> attributes) {
+    const std::string target(path);
+    auto output = FileOutput::createFor(target);
+    if (!output) return std::move(output).error();
+    if (auto written = output->write(bytes); !written) return written;
+    for (const ExtendedAttribute& attribute : attributes) {
+        (void)fsetxattr(output->descriptor(), attributeName(attribute.name).c_str(),
+                        attribute.value.data(), attribute.value.size(), 0);
+    }
+    if (auto published = output->publish(); !published) return published;
+    for (const ExtendedAttribute& attribute : attributes) {
+        (void)fsetxattr(output->descriptor(), attributeName(attribute.name).c_str(),
+                        attribute.value.data(), attribute.value.size(), 0);
+    }
+    return {};
+}
+
+Result<void> FileManager::setExtendedAttribute(std::string_view path, std::string_view name,
+                                               std::span<const std::uint8_t> value) {
+    const std::string file(path);
+    if (setxattr(file.c_str(), attributeName(name).c_str(), value.data(), value.size(), 0) != 0) {
+        return Error::posix(errno, "setxattr", file);
+    }
+    return {};
+}
+
+Result<Data> FileManager::extendedAttribute(std::string_view path, std::string_view name,
+                                            std::size_t maximumSize) {
+    const std::string file(path);
+    // One byte more than asked for: with a buffer of no bytes the kernel would answer the size
+    // instead.
+    Data value(maximumSize + 1);
+    const ssize_t size =
+        getxattr(file.c_str(), attributeName(name).c_str(), value.data(), value.size());
+    if (size < 0) return Error::posix(errno, "getxattr", file);
+    if (static_cast<std::size_t>(size) > maximumSize) return Error::posix(ERANGE, "getxattr", file);
+    value.resize(static_cast<std::size_t>(size));
+    return value;
+}
+
+}  // namespace utilia::platform

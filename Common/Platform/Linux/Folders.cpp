@@ -1,5 +1,6 @@
 #include "Common/Platform/Linux/Folders.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -25,25 +26,29 @@ Result<void> checkPrivate(const std::string& path) {
         return Error::utilia(UtiliaErrorCode::Refused, path + ": belongs to another user");
     }
     if ((found.st_mode & 077) != 0) {
-        return Error::utilia(UtiliaErrorCode::Refused, path + ": other users may enter it (its mode must be 0700)");
+        return Error::utilia(UtiliaErrorCode::Refused,
+                             path + ": other users may enter it (its mode must be 0700)");
     }
     return {};
 }
 
 Result<std::string> privateFolder(std::string path) {
-    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) return Error::posix(errno, "mkdir", path);
+    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
+        return Error::posix(errno, "mkdir", path);
     if (auto checked = checkPrivate(path); !checked) return std::move(checked).error();
     return path;
 }
 
 // The login's runtime folder, or the best substitute that is ours alone.
 Result<std::string> sessionRuntimeFolder() {
-    if (const char* given = std::getenv("XDG_RUNTIME_DIR"); given && given[0] == '/') return std::string(given);
+    if (const char* given = std::getenv("XDG_RUNTIME_DIR"); given && given[0] == '/')
+        return std::string(given);
     const std::string usual = "/run/user/" + std::to_string(geteuid());
     if (checkPrivate(usual)) return usual;
     const char* temporary = std::getenv("TMPDIR");
     const std::string base = temporary && temporary[0] == '/' ? temporary : "/tmp";
-    return privateFolder(stringByAppendingPathComponent(base, "korvane-utilia-" + std::to_string(geteuid())));
+    return privateFolder(
+        stringByAppendingPathComponent(base, "korvane-utilia-" + std::to_string(geteuid())));
 }
 
 }  // namespace
@@ -59,36 +64,51 @@ std::string xdgFolder(const char* name, std::string_view otherwise) {
     return stringByAppendingPathComponent(homeFolder(), otherwise);
 }
 
-Result<void> makeFolders(const std::string& path, unsigned mode) {
-    if (mkdir(path.c_str(), mode) == 0) {
-        if (chmod(path.c_str(), mode) != 0) return Error::posix(errno, "chmod", path);
-        return {};
+Result<void> makeFolders(const std::string& path, std::optional<unsigned> mode) {
+    // Down to the deepest folder that exists, then up again; usually the first step is the only
+    // one.
+    std::size_t length = path.size();
+    for (;;) {
+        const std::string part = path.substr(0, length);
+        if (mkdir(part.c_str(), mode.value_or(0777)) == 0) {
+            // What the umask took away. A mode that cannot be given is no failure.
+            if (mode) (void)chmod(part.c_str(), *mode);
+        } else if (errno == EEXIST || errno == EISDIR) {
+            struct stat found {};
+            if (stat(part.c_str(), &found) != 0) return Error::posix(errno, "stat", part);
+            if (!S_ISDIR(found.st_mode))
+                return Error::posix(length == path.size() ? EEXIST : ENOTDIR, "mkdir", part);
+        } else if (errno == ENOENT && part.find_last_of('/') != std::string::npos &&
+                   part.find_last_of('/') > 0) {
+            length = part.find_last_of('/');
+            continue;
+        } else {
+            return Error::posix(errno, "mkdir", part);
+        }
+        if (length == path.size()) return {};
+        length = std::min(path.find('/', length + 1), path.size());
     }
-    if (errno == EEXIST) {
-        struct stat found {};
-        if (stat(path.c_str(), &found) != 0) return Error::posix(errno, "stat", path);
-        if (!S_ISDIR(found.st_mode)) return Error::posix(ENOTDIR, "mkdir", path);
-        return {};
-    }
-    if (errno != ENOENT) return Error::posix(errno, "mkdir", path);
-    const std::string parent = stringByDeletingLastPathComponent(path);
-    if (parent.empty() || parent == path) return Error::posix(ENOENT, "mkdir", path);
-    if (auto made = makeFolders(parent, mode); !made) return made;
-    // Another process may have been quicker.
-    if (mkdir(path.c_str(), mode) != 0 && errno != EEXIST) return Error::posix(errno, "mkdir", path);
-    return {};
+}
+
+std::string preferencesFolderPath() {
+    return stringByAppendingPathComponent(xdgFolder("XDG_CONFIG_HOME", ".config"), kProductFolder);
+}
+
+std::string groupContainerPath(std::string_view groupIdentifier) {
+    std::string path =
+        stringByAppendingPathComponent(xdgFolder("XDG_DATA_HOME", ".local/share"), kProductFolder);
+    path = stringByAppendingPathComponent(path, "Group Containers");
+    return stringByAppendingPathComponent(path, groupIdentifier);
 }
 
 Result<std::string> ensurePreferencesFolder() {
-    std::string path = stringByAppendingPathComponent(xdgFolder("XDG_CONFIG_HOME", ".config"), kProductFolder);
+    std::string path = preferencesFolderPath();
     if (auto made = makeFolders(path, 0700); !made) return std::move(made).error();
     return path;
 }
 
 Result<std::string> ensureGroupContainer(std::string_view groupIdentifier) {
-    std::string path = stringByAppendingPathComponent(xdgFolder("XDG_DATA_HOME", ".local/share"), kProductFolder);
-    path = stringByAppendingPathComponent(path, "Group Containers");
-    path = stringByAppendingPathComponent(path, groupIdentifier);
+    std::string path = groupContainerPath(groupIdentifier);
     if (auto made = makeFolders(path, 0700); !made) return std::move(made).error();
     return path;
 }

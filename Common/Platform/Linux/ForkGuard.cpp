@@ -40,11 +40,13 @@ void ForkGuard::closeInChild(int descriptor) {
     all.descriptors.push_back(descriptor);
 }
 
-void ForkGuard::forget(int descriptor) {
+bool ForkGuard::forget(int descriptor) {
     Registry& all = registry();
     const std::lock_guard guard(all.mutex);
     const auto found = std::find(all.descriptors.begin(), all.descriptors.end(), descriptor);
-    if (found != all.descriptors.end()) all.descriptors.erase(found);
+    if (found == all.descriptors.end()) return false;
+    all.descriptors.erase(found);
+    return true;
 }
 
 }  // namespace utilia::platform

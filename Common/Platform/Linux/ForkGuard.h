@@ -2,15 +2,17 @@
 
 namespace utilia::platform {
 
-// Descriptors that a forked child must not keep, because the kernel would believe that this process still holds
-// its locks and names when only the child lives. They are closed in the child, before fork() returns there.
+// Descriptors that a forked child must not keep, because the kernel would believe that this process
+// still holds its locks and names when only the child lives. They are closed in the child, before
+// fork() returns there.
 //
 // Threads: any.
 class ForkGuard final {
 public:
     static void closeInChild(int descriptor);
-    // To be called before the descriptor is closed.
-    static void forget(int descriptor);
+    // To be called before the descriptor is closed. False in a forked child, where the descriptor
+    // is closed already and its number may be another file's by now.
+    static bool forget(int descriptor);
     ForkGuard() = delete;
 };
 

@@ -1,0 +1,126 @@
+#include "Common/Platform/Linux/FileOutput.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace utilia::platform {
+namespace {
+
+constexpr int kNameAttempts = 100;
+
+// Beside the target, unlike every other name of this process and of the others that live now.
+std::string temporaryName(const std::string& target) {
+    static std::atomic<unsigned> counter{0};
+    const std::size_t slash = target.find_last_of('/');
+    const std::size_t begin = slash == std::string::npos ? 0 : slash + 1;
+    return target.substr(0, begin) + ".utilia-" + std::to_string(getpid()) + "-" +
+           std::to_string(counter.fetch_add(1, std::memory_order_relaxed));
+}
+
+std::string folderOf(const std::string& path) {
+    const std::size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+int openUninterrupted(const char* path, int flags, mode_t mode) {
+    int descriptor;
+    do {
+        descriptor = open(path, flags, mode);
+    } while (descriptor < 0 && errno == EINTR);
+    return descriptor;
+}
+
+}  // namespace
+
+FileOutput::FileOutput(std::string target, std::string staging, UniqueFd file, bool isNamed)
+    : target_(std::move(target)), staging_(std::move(staging)), file_(std::move(file)),
+      isNamed_(isNamed) {}
+
+FileOutput::FileOutput(FileOutput&& other) noexcept
+    : target_(std::move(other.target_)), staging_(std::move(other.staging_)),
+      file_(std::move(other.file_)), isNamed_(std::exchange(other.isNamed_, false)) {}
+
+FileOutput::~FileOutput() {
+    if (isNamed_) unlink(staging_.c_str());
+}
+
+Result<FileOutput> FileOutput::createFor(const std::string& target) {
+    const std::string folder = folderOf(target);
+    UniqueFd file(openUninterrupted(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666));
+    std::string staging;
+    const bool isNamed = !file && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL);
+    for (int attempt = 0; isNamed && !file && attempt < kNameAttempts; ++attempt) {
+        staging = temporaryName(target);
+        file.reset(openUninterrupted(staging.c_str(),
+                                     O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+        if (!file && errno != EEXIST) break;
+    }
+    if (!file) return Error::posix(errno, "create", target);
+    FileOutput output(target, std::move(staging), std::move(file), isNamed);
+    struct stat existing {};
+    if (stat(target.c_str(), &existing) == 0 && S_ISREG(existing.st_mode) &&
+        fchmod(output.descriptor(), existing.st_mode & 07777) != 0) {
+        return Error::posix(errno, "chmod", target);
+    }
+    return output;
+}
+
+Result<FileOutput> FileOutput::createStaged(const std::string& target, const std::string& staging) {
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    UniqueFd file(openUninterrupted(staging.c_str(), kFlags, 0600));
+    if (!file && errno == EEXIST) {
+        if (unlink(staging.c_str()) != 0 && errno != ENOENT)
+            return Error::posix(errno, "unlink", staging);
+        file.reset(openUninterrupted(staging.c_str(), kFlags, 0600));
+    }
+    if (!file) return Error::posix(errno, "create", staging);
+    return FileOutput(target, staging, std::move(file), true);
+}
+
+Result<void> FileOutput::write(std::span<const std::uint8_t> bytes) {
+    while (!bytes.empty()) {
+        const ssize_t n = ::write(file_.get(), bytes.data(), bytes.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return Error::posix(n < 0 ? errno : EIO, "write", target_);
+        // The rest fails with the reason, or succeeds after an interruption.
+        bytes = bytes.subspan(static_cast<std::size_t>(n));
+    }
+    return {};
+}
+
+Result<void> FileOutput::publish() {
+    int result;
+    do {
+        result = fdatasync(file_.get());
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) return Error::posix(errno, "fdatasync", target_);
+    if (!isNamed_) {
+        if (auto named = giveName(); !named) return named;
+    }
+    if (rename(staging_.c_str(), target_.c_str()) != 0)
+        return Error::posix(errno, "rename", target_);
+    isNamed_ = false;
+    return {};
+}
+
+Result<void> FileOutput::giveName() {
+    const std::string self = "/proc/self/fd/" + std::to_string(file_.get());
+    for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
+        staging_ = temporaryName(target_);
+        if (linkat(AT_FDCWD, self.c_str(), AT_FDCWD, staging_.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+            isNamed_ = true;
+            return {};
+        }
+        if (errno != EEXIST) break;
+    }
+    return Error::posix(errno, "link", target_);
+}
+
+}  // namespace utilia::platform

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "Common/Foundation/Value.h"
+#include "Common/Platform/Linux/PreferencesFile.h"
+
+namespace utilia::platform {
+
+// Logs a problem when it begins, not each time it is met again.
+class ProblemLog final {
+public:
+    void met(const std::string& problem);
+    void isOver();
+
+private:
+    std::mutex mutex_;
+    std::string last_;
+};
+
+// One preferences domain as this process knows it: its file, and the version of it that was read
+// last.
+//
+// Threads: any.
+class PreferencesDomain final {
+public:
+    struct Change {
+        std::string key;
+        std::optional<Value> value;  // empty: the key is removed
+    };
+
+    // The domain stored at the path; the same object for all who ask in this process, so that they
+    // share what was parsed.
+    static std::shared_ptr<PreferencesDomain> at(const std::string& path);
+
+    explicit PreferencesDomain(std::string path) : file_(std::move(path)) {}
+
+    const std::string& path() const { return file_.path(); }
+
+    // What the file holds now; empty when there is none or it cannot be read, which is logged.
+    Dictionary content();
+    std::optional<Value> value(std::string_view key);
+
+    // Changes these keys in the file and nothing else. False, with a log line, when that is not
+    // possible; the file is then as it was.
+    bool apply(std::span<const Change> changes);
+
+private:
+    using Version = std::shared_ptr<const PreferencesVersion>;
+    enum class Lock { Free, Held };
+
+    Version readable();
+    Result<Version> current(Lock lock);
+    Result<Version> repair(Lock lock);
+    Result<void> applyLocked(std::span<const Change> changes);
+    Version remembered() const;
+    Version remember(Version version);
+
+    const PreferencesFile file_;
+    mutable std::mutex mutex_;  // guards the pointer only: no file is touched under it
+    Version version_;
+    std::int64_t nextBackup_ = 0;  // guarded by the domain's lock
+    ProblemLog readProblem_;
+    ProblemLog writeProblem_;
+};
+
+}  // namespace utilia::platform

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <sys/stat.h>
+
+#include "Common/Foundation/Result.h"
+#include "Common/Foundation/Value.h"
+#include "Common/Platform/UniqueFd.h"
+
+namespace utilia::platform {
+
+// One version of a preferences file, as it was read or written. Immutable, and shared between
+// threads.
+//
+// It keeps its file open: as long as the path leads to the same device and inode, it leads to this
+// very version, because files are only ever replaced and an inode that is held open cannot be given
+// to another file.
+struct PreferencesVersion {
+    UniqueFd file;
+    struct stat status {};
+    Dictionary content;
+    bool isDamaged = false;  // the file does not parse and could not be set aside; content is the
+                             // backup's, or empty
+
+    // Size and time stamp are compared too, for the person who edits the file in place.
+    bool isAt(const struct stat& found) const;
+};
+
+// The files of one domain and what may be done with them. The functions that change something
+// expect the caller to hold the domain's lock.
+class PreferencesFile final {
+public:
+    explicit PreferencesFile(std::string path);
+
+    const std::string& path() const { return path_; }
+    std::string lockPath() const { return path_ + ".lock"; }
+    std::string backupPath() const { return path_ + ".bak"; }
+    std::string stagingPath() const { return path_ + ".new"; }
+
+    // Null when there is no file. CocoaErrorCode::PropertyListReadCorrupt when it is there and
+    // damaged.
+    Result<std::shared_ptr<const PreferencesVersion>> read() const;
+
+    // Replaces the file; on failure it is as it was.
+    Result<std::shared_ptr<const PreferencesVersion>> replace(Dictionary content) const;
+
+    // Keeps the present file as backup when the last one is older than a day. A failure costs the
+    // backup only. Answers when to look again, in seconds of Unix time.
+    std::int64_t keepBackup(std::int64_t now) const;
+
+    // Puts a damaged file under a dated name, its backup in its place when that can be read, and
+    // removes the oldest of more than three dated files. Answers the sentence for the log.
+    Result<std::string> setAside() const;
+
+    // The content of the backup, empty when it is missing or damaged as well.
+    Dictionary backupContent() const;
+
+private:
+    std::string path_;
+};
+
+}  // namespace utilia::platform

@@ -1,0 +1,75 @@
+#include <fstream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "Common/Platform/PropertyListSerialization.h"
+
+namespace utilia::platform {
+namespace {
+
+Data bytesOf(const std::string& text) { return Data(text.begin(), text.end()); }
+
+std::string hexOf(const Data& bytes) {
+    std::string text;
+    for (const std::uint8_t byte : bytes) {
+        constexpr char kDigits[] = "0123456789abcdef";
+        text += {kDigits[byte >> 4], kDigits[byte & 15]};
+    }
+    return text;
+}
+
+Data bytesFromHex(const std::string& hex) {
+    Data bytes;
+    for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+        bytes.push_back(static_cast<std::uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    }
+    return bytes;
+}
+
+nlohmann::json vectors() {
+    std::ifstream file(UTILIA_TEST_DATA "/plist.json");
+    return nlohmann::json::parse(file).at("vectors");
+}
+
+TEST(PropertyListVectors, TheXmlFormOfEachIsWrittenByteForByte) {
+    const auto all = vectors();
+    ASSERT_GT(all.size(), 20u);
+    for (const auto& vector : all) {
+        SCOPED_TRACE(vector.at("id").get<std::string>());
+        const auto value = propertyListFromData(bytesOf(vector.at("input").at("xml")));
+        ASSERT_TRUE(value) << value.error().description;
+        const auto xml = dataFromPropertyList(*value, PropertyListFormat::Xml);
+        ASSERT_TRUE(xml) << xml.error().description;
+        EXPECT_EQ(std::string(xml->begin(), xml->end()),
+                  vector.at("expected").at("xml").get<std::string>());
+    }
+}
+
+TEST(PropertyListVectors, TheBinaryFormOfEachIsWrittenByteForByte) {
+    for (const auto& vector : vectors()) {
+        SCOPED_TRACE(vector.at("id").get<std::string>());
+        const auto value = propertyListFromData(bytesOf(vector.at("input").at("xml")));
+        ASSERT_TRUE(value) << value.error().description;
+        const auto binary = dataFromPropertyList(*value, PropertyListFormat::Binary);
+        ASSERT_TRUE(binary) << binary.error().description;
+        EXPECT_EQ(hexOf(*binary), vector.at("expected").at("binary_hex").get<std::string>());
+    }
+}
+
+TEST(PropertyListVectors, BothFormsOfEachReadAsTheSameValue) {
+    for (const auto& vector : vectors()) {
+        SCOPED_TRACE(vector.at("id").get<std::string>());
+        const auto input = propertyListFromData(bytesOf(vector.at("input").at("xml")));
+        const auto xml = propertyListFromData(bytesOf(vector.at("expected").at("xml")));
+        const auto binary =
+            propertyListFromData(bytesFromHex(vector.at("expected").at("binary_hex")));
+        ASSERT_TRUE(input && xml && binary);
+        EXPECT_TRUE(*xml == *input);
+        EXPECT_TRUE(*binary == *input);
+    }
+}
+
+}  // namespace
+}  // namespace utilia::platform
