@@ -223,7 +223,9 @@ TEST_F(Log, TakesNewSinksAndProbesWhileOthersLog) {
     setLogSink(gate);
     KULogVariadic("after");
 
-    EXPECT_EQ(gate->lines, Lines{"after"});
+    ASSERT_EQ(gate->lines.back(), "after");
+    gate->lines.pop_back();
+    sinks.push_back(gate);
     for (const auto& sink : sinks) {
         for (const std::string& line : sink->lines) ASSERT_EQ(line, "line");
     }
