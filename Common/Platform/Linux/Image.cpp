@@ -34,7 +34,7 @@ const UtiliaIconsModule* loadCodec() {
     }
     const auto* module = static_cast<const UtiliaIconsModule*>(*symbol);
     if (module->version != kUtiliaIconsVersion) {
-        KULogVariadic("Images cannot be used: module Icons: version %d instead of %d",
+        KULogVariadic("Images cannot be used: module Icons: version %u instead of %u",
                       module->version, kUtiliaIconsVersion);
         return nullptr;
     }

@@ -1,0 +1,143 @@
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "Common/Platform/Image.h"
+#include "Common/Platform/Linux/ModuleLoader.h"
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/ChildRole.h"
+#include "Tests/Support/TemporaryHome.h"
+#include "Tests/Support/TestLog.h"
+
+// This program must not link libtiff itself: it looks at when the framework does.
+
+using namespace utilia;
+using namespace utilia::platform;
+using namespace utilia::test;
+
+namespace fs = std::filesystem;
+
+namespace {
+
+bool isLoaded(const std::string& library) {
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find(library) != std::string::npos) return true;
+    }
+    return false;
+}
+
+UTILIA_CHILD_ROLE(useImages) {
+    const auto sayLoaded = [&self](const char* when) {
+        self.say(std::string(when) + (isLoaded("libtiff") ? ": loaded" : ": not loaded"));
+    };
+    sayLoaded("start");
+    const auto referenced = Image::initByReferencingFile("/nowhere/MenuTemplate.tiff");
+    const auto drawn = Image::initWithBitmap({2, 2, Data(16)});
+    drawn->setTemplate(referenced->isTemplate());
+    static_cast<void>(drawn->isValid() && drawn->pixelsWide() && drawn->representation(0));
+    static_cast<void>(referenced->isValid());
+    sayLoaded("without content");
+    static_cast<void>(drawn->TIFFRepresentation());
+    sayLoaded("written");
+    return 0;
+}
+
+TEST(ImageModule, IsLoadedWithTheFirstContentAndNotBefore) {
+    auto child = ChildProcess::role("useImages");
+    EXPECT_EQ(child.waitForLine(), "start: not loaded");
+    EXPECT_EQ(child.waitForLine(), "without content: not loaded");
+    EXPECT_EQ(child.waitForLine(), "written: loaded");
+    EXPECT_EQ(child.waitForExit(), 0);
+}
+
+UTILIA_CHILD_ROLE(useImagesWithoutModule) {
+    const TestLog log;
+    const Data bytes{'I', 'I', 42, 0};
+    const auto drawn = Image::initWithBitmap({1, 1, {1, 2, 3, 4}});
+    const auto referenced = Image::initByReferencingFile(self.arguments.at(0));
+    self.say(Image::initWithData(bytes) ? "image" : "no image");
+    self.say(referenced->isValid() || referenced->representationCount() ? "valid" : "invalid");
+    self.say(drawn->isValid() && drawn->representation(0)->rgba == Data{1, 2, 3, 4}
+                 ? "pixels stay"
+                 : "pixels are lost");
+    self.say(drawn->TIFFRepresentation() ? "written" : "not written");
+    const auto again = moduleSymbol("Icons", "utiliaIconsModule");
+    self.say(again                                            ? "symbol"
+             : again.error().is(UtiliaErrorCode::Unavailable) ? "unavailable"
+                                                              : "another error");
+    self.say(std::to_string(log.lines().size()));
+    self.say(log.lines().empty() ? "" : log.lines()[0]);
+    return 0;
+}
+
+// A copy of this program beside a framework bundle of one's own.
+class ModuleInAnotherPlace : public testing::Test {
+protected:
+    ModuleInAnotherPlace() {
+        fs::create_directories(program().parent_path());
+        fs::copy_file(ownProgramPath(), program());
+        std::ofstream(icon(), std::ios::binary) << "no matter what";
+    }
+    fs::path program() const { return folder_.path() / "bin" / "program"; }
+    fs::path icon() const { return folder_.path() / "icon.tiff"; }
+    fs::path modules() const {
+        return folder_.path() / "lib" / "UtiliaCommon.framework" / "Modules";
+    }
+
+    // Answers the one log line.
+    std::string expectImagesToBeUnusable(const std::string& symbol = "unavailable") {
+        ChildProcess::Options options;
+        options.program = program().string();
+        auto child = ChildProcess::role("useImagesWithoutModule", {icon().string()}, options);
+        EXPECT_EQ(child.waitForLine(), "no image");
+        EXPECT_EQ(child.waitForLine(), "invalid");
+        EXPECT_EQ(child.waitForLine(), "pixels stay");
+        EXPECT_EQ(child.waitForLine(), "not written");
+        EXPECT_EQ(child.waitForLine(), symbol);
+        EXPECT_EQ(child.waitForLine(), "1");
+        const std::string line = child.waitForLine().value_or("");
+        EXPECT_EQ(child.waitForExit(), 0);
+        return line;
+    }
+
+private:
+    TemporaryFolder folder_;
+};
+
+TEST_F(ModuleInAnotherPlace, WithoutABundleThereAreNoImages) {
+    EXPECT_EQ(expectImagesToBeUnusable(),
+              "Images cannot be used: module Icons: the framework's bundle is missing");
+}
+
+TEST_F(ModuleInAnotherPlace, WithoutTheModuleThereAreNoImages) {
+    fs::create_directories(modules());
+    const std::string line = expectImagesToBeUnusable();
+    EXPECT_TRUE(line.starts_with("Images cannot be used: module Icons: ")) << line;
+    EXPECT_NE(line.find("Icons.so"), std::string::npos) << line;
+}
+
+TEST_F(ModuleInAnotherPlace, WithABrokenModuleThereAreNoImages) {
+    fs::create_directories(modules());
+    std::ofstream(modules() / "Icons.so") << "this is no library";
+    const std::string line = expectImagesToBeUnusable();
+    EXPECT_TRUE(line.starts_with("Images cannot be used: module Icons: ")) << line;
+}
+
+TEST_F(ModuleInAnotherPlace, WithAModuleThatLacksTheTableThereAreNoImages) {
+    fs::create_directories(modules());
+    fs::copy_file(UTILIA_EMPTY_MODULE, modules() / "Icons.so");
+    const std::string line = expectImagesToBeUnusable();
+    EXPECT_NE(line.find("utiliaIconsModule"), std::string::npos) << line;
+}
+
+TEST_F(ModuleInAnotherPlace, WithAModuleOfAnotherVersionThereAreNoImages) {
+    fs::create_directories(modules());
+    fs::copy_file(UTILIA_FOREIGN_MODULE, modules() / "Icons.so");
+    EXPECT_EQ(expectImagesToBeUnusable("symbol"),
+              "Images cannot be used: module Icons: version 999 instead of 1");
+}
+
+}  // namespace
