@@ -15,9 +15,10 @@
 
 // Named one-way message ports between the processes of one user's login.
 //
-// A receiving port is registered under a name and served by the run loop of the thread that scheduled it. A sending
-// port is what looking a name up answers: it holds one connection, which all users of that name in this process
-// share, and becomes invalid, once and for good, when the receiver ends.
+// A receiving port is registered under a name and served by the run loop of the thread that
+// scheduled it. A sending port is what looking a name up answers: it holds one connection, which
+// all users of that name on this thread share, and becomes invalid, once and for good, when the
+// receiver ends.
 //
 // Threads: a port belongs to the thread that made or looked it up.
 
@@ -42,12 +43,13 @@ public:
     Port& operator=(const Port&) = delete;
 
     bool isValid() const;
-    // Ends the port: a receiving port gives its name up and closes its connections, a sending one hangs up. Posts
-    // NSPortDidBecomeInvalidNotification with this port as its object; later calls do nothing.
+    // Ends the port: a receiving port gives its name up and closes its connections, a sending one
+    // hangs up. Posts NSPortDidBecomeInvalidNotification with this port as its object; later calls
+    // do nothing.
     void invalidate();
 
-    // Receiving ports only. The delegate is not held; null ends deliveries. A port without a delegate, or that is
-    // not scheduled, lets messages wait.
+    // Receiving ports only. The delegate is not held; null ends deliveries. A port without a
+    // delegate, or that is not scheduled, lets messages wait.
     void setDelegate(PortDelegate* delegate);
     // Serves the port on the calling thread's run loop.
     void scheduleInRunLoop();
@@ -80,12 +82,13 @@ private:
 inline constexpr std::string_view NSPortTimeoutException = "NSPortTimeoutException";
 inline constexpr std::string_view NSInvalidSendPortException = "NSInvalidSendPortException";
 inline constexpr std::string_view kPortTimeoutReason = "[NSPort sendBeforeDate:] timed out";
-inline constexpr std::string_view kInvalidSendPortReason = "[NSPort sendBeforeDate:] destination port invalid";
+inline constexpr std::string_view kInvalidSendPortReason =
+    "[NSPort sendBeforeDate:] destination port invalid";
 
-// Limits of one message: a sender that exceeds them is told so by NSInvalidArgumentException, a receiver that is
-// sent more drops the connection.
+// Limits of one message: a sender that exceeds them is told so by NSInvalidArgumentException, a
+// receiver that is sent more drops the connection.
 inline constexpr std::size_t kPortMessageMaximumComponents = 64;
-inline constexpr std::size_t kPortMessageMaximumSize = 64u << 20;  // bytes of all components together
+inline constexpr std::size_t kPortMessageMaximumSize = 64u << 20;  // bytes, all components
 inline constexpr std::string_view NSInvalidArgumentException = "NSInvalidArgumentException";
 
 // An identifier and an ordered list of byte components.
@@ -93,7 +96,8 @@ class UTILIA_EXPORT PortMessage final {
 public:
     using Component = std::span<const std::uint8_t>;
 
-    // A message to send. The components are not copied: their bytes must stay until the send returns.
+    // A message to send. The components are not copied: their bytes must stay until the send
+    // returns.
     PortMessage(std::shared_ptr<Port> sendPort, std::vector<Component> components);
     // A message that arrived.
     PortMessage(std::uint32_t msgid, std::vector<Component> components);
@@ -105,12 +109,13 @@ public:
     std::optional<Component> component(std::size_t index) const;
     const std::vector<Component>& components() const { return components_; }
 
-    // Queues the message at the receiver, whole; waits for the connection and for room until the deadline and no
-    // longer. Success says queued, not handled. Throws PortException; a receiver that is gone makes the port
-    // invalid, and the notification follows from the run loop.
+    // Queues the message at the receiver, whole; waits for the connection and for room until the
+    // deadline and no longer. Success says queued, not handled. Throws PortException; a receiver
+    // that is gone makes the port invalid, and the notification follows from the run loop.
     void sendBeforeDate(std::chrono::steady_clock::time_point deadline) const;
 
 private:
+    friend struct PortMessageAccess;  // a receiver fills one message again and again
     std::shared_ptr<Port> sendPort_;
     std::uint32_t msgid_ = 0;
     std::vector<Component> components_;
@@ -121,18 +126,21 @@ class UTILIA_EXPORT PortNameServer final {
 public:
     static PortNameServer& systemDefaultPortNameServer();
 
-    // False when a living process holds the name, or the name is not usable (empty, longer than 200 bytes, with "/"
-    // or NUL, or "." and ".."), or the runtime folder cannot be used; what was left by a process that died is replaced. Never waits.
+    // False when a living process holds the name, or the name is not usable (empty, longer than
+    // 200 bytes, with "/" or NUL, ending in ".lock", or "." and ".."), or the runtime folder cannot
+    // be used; what was left by a process that died is replaced. Never waits.
     bool registerPort(const std::shared_ptr<Port>& port, std::string_view name);
     // Empty when nobody holds the name. Never waits.
     std::shared_ptr<Port> portForName(std::string_view name);
-    // Gives the name up when a port of this process holds it. The port stays valid for the connections it has.
+    // Gives the name up when a port of this process holds it. The port stays valid for the
+    // connections it has.
     void removePortForName(std::string_view name);
 
     struct Registration {
         std::string name;
         bool isLive = false;
-        std::optional<std::int64_t> processIdentifier;  // of a live owner, where the system tells it
+        std::optional<std::int64_t>
+            processIdentifier;  // of a live owner, where the system tells it
     };
     // Every name that was ever registered in this login and is still on record, sorted by name.
     std::vector<Registration> registrations() const;

@@ -1,0 +1,268 @@
+#include <atomic>
+#include <fstream>
+#include <optional>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include <glib.h>
+#include <nlohmann/json.hpp>
+
+#include "Common/Platform/Linux/TimerPhase.h"
+#include "Common/Platform/RunLoop.h"
+#include "Tests/Support/TestLog.h"
+
+namespace utilia::platform {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kLong = 20s;
+
+TEST(RunLoop, RunsWorkInItsNextTurnAndInOrder) {
+    RunLoop& loop = RunLoop::currentRunLoop();
+    std::vector<int> order;
+    loop.perform([&] { order.push_back(1); });
+    loop.perform([&] { order.push_back(2); });
+    EXPECT_TRUE(order.empty());
+    loop.runFor(0ns);
+    EXPECT_EQ(order, (std::vector{1, 2}));
+}
+
+TEST(RunLoop, LeavesWorkThatWorkAddsToTheTurnAfter) {
+    RunLoop& loop = RunLoop::currentRunLoop();
+    std::vector<int> order;
+    loop.perform([&] {
+        loop.perform([&] { order.push_back(2); });
+        order.push_back(1);
+    });
+    loop.runFor(0ns);
+    EXPECT_EQ(order, (std::vector{1}));
+    loop.runFor(0ns);
+    EXPECT_EQ(order, (std::vector{1, 2}));
+}
+
+TEST(RunLoop, ServesItsWorkInANestedRun) {
+    RunLoop& loop = RunLoop::currentRunLoop();
+    bool inner = false;
+    bool seenInside = false;
+    loop.perform([&] { seenInside = loop.runUntil([&] { return inner; }, kLong); });
+    loop.perform([&] { inner = true; });
+    loop.runFor(0ns);
+    EXPECT_TRUE(seenInside);
+}
+
+TEST(RunLoop, EndsTheInnermostRunOnly) {
+    RunLoop& loop = RunLoop::currentRunLoop();
+    std::vector<std::string> order;
+    loop.perform([&] {
+        loop.perform([&] { loop.stop(); });
+        loop.run();
+        order.push_back("inner ended");
+        loop.perform([&] {
+            order.push_back("outer goes on");
+            loop.stop();
+        });
+    });
+    loop.run();
+    EXPECT_EQ(order, (std::vector<std::string>{"inner ended", "outer goes on"}));
+}
+
+TEST(RunLoop, EndsARunThatBeginsAfterTheStopAfterOneTurn) {
+    RunLoop& loop = RunLoop::currentRunLoop();
+    loop.stop();
+    loop.stop();
+    int turns = 0;
+    loop.perform([&] { ++turns; });
+    loop.run();
+    EXPECT_EQ(turns, 1);
+    // Both stops are spent: the next run goes on until its time is over.
+    bool late = false;
+    const Handle timer = Timer::scheduledTimer(1ms, false, [&] { late = true; });
+    EXPECT_TRUE(loop.runUntil([&] { return late; }, kLong));
+}
+
+TEST(RunLoop, StopsARunEvenWhenAnotherLoopHasTakenItsWakeUp) {
+    RunLoop& loop = RunLoop::currentRunLoop();
+    loop.stop();
+    while (g_main_context_iteration(nullptr, FALSE)) {
+    }
+    loop.run();
+    SUCCEED() << "the run ended";
+}
+
+TEST(RunLoop, IsStoppedFromAnotherThread) {
+    RunLoop& loop = RunLoop::currentRunLoop();
+    std::thread other([&] { loop.stop(); });
+    loop.run();
+    other.join();
+}
+
+TEST(RunLoop, KeepsTheOrderOfEachThreadsWork) {
+    RunLoop& loop = RunLoop::currentRunLoop();
+    constexpr int kCount = 2000;
+    std::array<std::vector<int>, 4> seen;
+    std::vector<std::thread> threads;
+    for (auto& list : seen) {
+        threads.emplace_back([&loop, &list] {
+            for (int i = 0; i < kCount; ++i) loop.perform([&list, i] { list.push_back(i); });
+        });
+    }
+    const bool all = loop.runUntil(
+        [&] {
+            for (const auto& list : seen) {
+                if (list.size() < kCount) return false;
+            }
+            return true;
+        },
+        kLong);
+    for (auto& thread : threads) thread.join();
+    ASSERT_TRUE(all);
+    for (const auto& list : seen) EXPECT_TRUE(std::is_sorted(list.begin(), list.end()));
+}
+
+TEST(RunLoop, GivesEachThreadItsOwn) {
+    RunLoop& mine = RunLoop::currentRunLoop();
+    EXPECT_EQ(&mine, &RunLoop::mainRunLoop());
+    std::atomic<RunLoop*> theirs = nullptr;
+    std::thread::id ranOn;
+    std::thread other([&] {
+        RunLoop& loop = RunLoop::currentRunLoop();
+        theirs = &loop;
+        loop.run();
+    });
+    while (!theirs) std::this_thread::yield();
+    RunLoop& loop = *theirs;
+    loop.perform([&] { ranOn = std::this_thread::get_id(); });
+    loop.perform([&] { loop.stop(); });
+    const std::thread::id otherId = other.get_id();
+    other.join();
+    EXPECT_NE(&mine, &loop);
+    EXPECT_EQ(ranOn, otherId);
+}
+
+TEST(RunLoop, SurvivesCallbacksThatThrow) {
+    const test::TestLog log;
+    RunLoop& loop = RunLoop::currentRunLoop();
+    bool later = false;
+    loop.perform([] { throw std::runtime_error("broken"); });
+    loop.perform([] { throw 7; });
+    const Handle timer =
+        Timer::scheduledTimer(1ms, false, [] { throw std::runtime_error("late"); });
+    loop.perform([&] { later = true; });
+    loop.runFor(0ns);
+    EXPECT_TRUE(later);
+    EXPECT_TRUE(loop.runUntil([&] { return log.lines().size() == 3; }, kLong));
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{"Work for a run loop threw: broken",
+                                        "Work for a run loop threw something that is no exception",
+                                        "A timer threw: late"}));
+}
+
+TEST(RunLoop, EndsWithItsTime) {
+    RunLoop& loop = RunLoop::currentRunLoop();
+    const auto before = Clock::now();
+    loop.runFor(30ms);
+    EXPECT_GE(Clock::now() - before, 30ms);
+    EXPECT_FALSE(loop.runUntil([] { return false; }, 5ms));
+}
+
+TEST(MainQueue, RunsOnTheMainThread) {
+    std::thread::id ranOn;
+    std::thread other([&] { MainQueue::async([&] { ranOn = std::this_thread::get_id(); }); });
+    EXPECT_TRUE(RunLoop::mainRunLoop().runUntil([&] { return ranOn != std::thread::id(); }, kLong));
+    other.join();
+    EXPECT_EQ(ranOn, std::this_thread::get_id());
+}
+
+TEST(Timer, FollowsThePhaseVectors) {
+    std::ifstream file(std::string(UTILIA_TEST_DATA) + "/timer-phase.json");
+    const auto data = nlohmann::json::parse(file);
+    const auto time = [](const nlohmann::json& seconds) {
+        return std::chrono::nanoseconds(std::llround(seconds.get<double>() * 1e9));
+    };
+    ASSERT_FALSE(data["vectors"].empty());
+    for (const auto& vector : data["vectors"]) {
+        const auto& input = vector["input"];
+        EXPECT_EQ(nextFireTime(time(input["last_fire_date"]), time(input["interval"]),
+                               time(input["callback_returned_at"])),
+                  time(vector["expected"]))
+            << vector["id"];
+    }
+}
+
+TEST(Timer, NeverFiresBeforeItsTime) {
+    const auto before = Clock::now();
+    std::optional<Clock::time_point> fired;
+    const Handle timer = Timer::scheduledTimer(20ms, false, [&] { fired = Clock::now(); });
+    ASSERT_TRUE(RunLoop::currentRunLoop().runUntil([&] { return fired.has_value(); }, kLong));
+    EXPECT_GE(*fired - before, 20ms);
+}
+
+TEST(Timer, KeepsItsPhaseAndCollapsesMissedFirings) {
+    std::vector<Clock::duration> fired;
+    const auto start = Clock::now();
+    const Handle timer = Timer::scheduledTimer(20ms, true, [&] {
+        fired.push_back(Clock::now() - start);
+        // Blocks past the second and the third time.
+        if (fired.size() == 1) std::this_thread::sleep_for(50ms);
+    });
+    ASSERT_TRUE(RunLoop::currentRunLoop().runUntil([&] { return fired.size() == 2; }, kLong));
+    EXPECT_GE(fired[0], 20ms);
+    EXPECT_GE(fired[1], 80ms);
+}
+
+TEST(Timer, TakesAnIntervalOfNothingAsATenthOfAMillisecond) {
+    int fired = 0;
+    const Handle timer = Timer::scheduledTimer(-1s, true, [&] { ++fired; });
+    EXPECT_TRUE(RunLoop::currentRunLoop().runUntil([&] { return fired >= 3; }, kLong));
+}
+
+TEST(Timer, MayBeEndedInItsOwnCallback) {
+    int fired = 0;
+    auto token = std::make_shared<int>(0);
+    const std::weak_ptr<int> watched = token;
+    Handle timer;
+    timer = Timer::scheduledTimer(1ms, true, [&, kept = std::move(token)] {
+        ++fired;
+        timer.reset();
+        EXPECT_EQ(*kept, 0) << "what the callback holds stays until it returns";
+    });
+    RunLoop::currentRunLoop().runFor(20ms);
+    EXPECT_EQ(fired, 1);
+    EXPECT_TRUE(watched.expired());
+}
+
+TEST(Timer, IsNotEnteredAgainByARunInItsCallback) {
+    int depth = 0;
+    int deepest = 0;
+    int fired = 0;
+    const Handle timer = Timer::scheduledTimer(1ms, true, [&] {
+        deepest = std::max(deepest, ++depth);
+        ++fired;
+        RunLoop::currentRunLoop().runFor(5ms);
+        --depth;
+    });
+    ASSERT_TRUE(RunLoop::currentRunLoop().runUntil([&] { return fired >= 2; }, kLong));
+    EXPECT_EQ(deepest, 1);
+}
+
+TEST(Timer, DoesNotFireAfterItsHandleEnded) {
+    bool fired = false;
+    Handle timer = Timer::scheduledTimer(1ms, true, [&] { fired = true; });
+    timer.reset();
+    timer.reset();
+    RunLoop::currentRunLoop().runFor(10ms);
+    EXPECT_FALSE(fired);
+}
+
+TEST(Timer, MayOutliveItsThread) {
+    Handle timer;
+    std::thread other([&] { timer = Timer::scheduledTimer(1h, true, [] {}); });
+    other.join();
+    timer.reset();
+}
+
+}  // namespace
+}  // namespace utilia::platform
