@@ -38,6 +38,8 @@ target_compile_definitions(utilia_options INTERFACE
     $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2> _GLIBCXX_ASSERTIONS)
 target_link_options(utilia_options INTERFACE -Wl,-z,relro,-z,now -Wl,--as-needed)
 if(UTILIA_SANITIZE)
-    target_compile_options(utilia_options INTERFACE -fsanitize=${UTILIA_SANITIZE} -fno-omit-frame-pointer)
+    # A finding ends the program: a test that goes on behind one would pass.
+    target_compile_options(utilia_options INTERFACE
+        -fsanitize=${UTILIA_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(utilia_options INTERFACE -fsanitize=${UTILIA_SANITIZE})
 endif()

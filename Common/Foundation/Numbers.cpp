@@ -70,14 +70,13 @@ Integer decimalValue(std::string_view text) {
     return value == lowest ? std::numeric_limits<Integer>::max() : static_cast<Integer>(-value);
 }
 
-// The decimal exponent written after "e", saturated far outside what a double can hold; 0 without
-// one.
+// The decimal exponent written after "e", saturated beyond the length of any text; 0 without one.
 std::int64_t writtenExponent(std::string_view text) {
     if (!text.starts_with('e') && !text.starts_with('E')) return 0;
     text.remove_prefix(1);
     const bool negative = text.starts_with('-');
     if (negative || text.starts_with('+')) text.remove_prefix(1);
-    constexpr std::int64_t kEnough = std::numeric_limits<std::int64_t>::max() / 4;
+    constexpr std::int64_t kEnough = 100'000'000'000'000'000;
     std::int64_t exponent = 0;
     for (const char character : text) {
         if (!isDigit(character)) break;
