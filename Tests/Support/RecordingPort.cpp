@@ -1,6 +1,7 @@
 #include "Tests/Support/RecordingPort.h"
 
 #include <algorithm>
+#include <map>
 #include <ostream>
 
 #include "Common/Platform/RunLoop.h"
@@ -10,6 +11,15 @@ namespace utilia::test {
 using platform::Port;
 using platform::PortMessage;
 using platform::PortNameServer;
+
+bool eventually(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        platform::RunLoop::currentRunLoop().runFor(std::chrono::milliseconds(2));
+    }
+    return true;
+}
 
 void PrintTo(const RecordedMessage& message, std::ostream* stream) {
     *stream << message.id << " [";
@@ -58,6 +68,9 @@ bool RecordingPort::send(std::string_view portName, std::uint32_t id,
                          const std::vector<std::string>& components) {
     const auto port = PortNameServer::systemDefaultPortNameServer().portForName(portName);
     if (!port) return false;
+    // Kept for the process's life: messages keep their order only within one connection.
+    static auto* const kept = new std::map<std::string, std::shared_ptr<Port>, std::less<>>;
+    kept->insert_or_assign(std::string(portName), port);
     std::vector<PortMessage::Component> spans;
     for (const std::string& component : components) {
         spans.emplace_back(reinterpret_cast<const std::uint8_t*>(component.data()),

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -10,6 +11,10 @@
 #include "Common/Platform/Port.h"
 
 namespace utilia::test {
+
+// Serves this thread's run loop until the condition, which is asked again and again, holds; false
+// after 20 s. For what no message or line tells of.
+bool eventually(const std::function<bool()>& condition);
 
 // A message as it arrived, byte for byte.
 struct RecordedMessage {
@@ -40,7 +45,8 @@ public:
     // Takes what arrived out of the record: exactly the next `count` messages, fewer after 20 s.
     std::vector<RecordedMessage> take(std::size_t count);
 
-    // Sends any message to the port of a name; false when nobody holds the name.
+    // Sends any message to the port of a name; false when nobody holds the name. What one thread
+    // sends to a name arrives in order.
     static bool send(std::string_view portName, std::uint32_t id,
                      const std::vector<std::string>& components);
 

@@ -14,10 +14,11 @@ namespace utilia::test {
 struct TestBundleOptions {
     std::string name = "Sample Tool";                                // file name, without ".app"
     std::string bundleIdentifier = "com.korvane.utilia.SampleTool";  // not declared when empty
-    std::optional<std::string> canonicalName;                        // of "ToolCapabilities"
+    std::optional<std::string> canonicalName = {};                   // of "ToolCapabilities"
     std::string program = "tool";
-    std::filesystem::path folder;  // where the bundle lies; "Applications" in the home when empty
-    Dictionary info;               // further keys of the Info.plist; they replace those above
+    std::filesystem::path folder =
+        {};                // where the bundle lies; "Applications" in the home when empty
+    Dictionary info = {};  // further keys of the Info.plist; they replace those above
 };
 
 // A real application bundle around this test binary: NAME.app/Contents/Linux/PROGRAM is a link to
