@@ -12,6 +12,7 @@
 #include "Common/Logging/Log.h"
 #include "Common/Platform/Bundle.h"
 #include "Common/Platform/Linux/FileName.h"
+#include "Common/Platform/Linux/Folders.h"
 #include "Common/Platform/Linux/InstancePort.h"
 #include "Common/Platform/Linux/TerminationSignals.h"
 #include "Common/Platform/NotificationCenter.h"
@@ -34,6 +35,7 @@ namespace utilia::platform {
 namespace {
 
 constexpr std::chrono::milliseconds kHandOverTimeout{2000};
+constexpr std::chrono::milliseconds kClaimTimeout{500};
 constexpr std::chrono::milliseconds kRetryInterval{5};
 
 bool isMainThread() { return gettid() == getpid(); }
@@ -92,10 +94,12 @@ enum class Instance { First, HandedOver };
 // Makes this process the one instance of its bundle, or hands its arguments to the process that is.
 Instance becomeInstance(const Bundle& bundle, const std::string& identifier,
                         InstancePort::Reopen reopen, std::unique_ptr<InstancePort>& port) {
+    // Without a place for ports there is nobody to hand over to; being listed reports the reason.
+    if (!ensureRuntimeFolder()) return Instance::First;
     const std::string name = InstancePort::nameForBundle(identifier, bundle.bundlePath());
     std::vector<std::string> arguments = ProcessInfo::arguments();
     if (!arguments.empty()) arguments.erase(arguments.begin());
-    const auto deadline = std::chrono::steady_clock::now() + kHandOverTimeout;
+    const auto deadline = std::chrono::steady_clock::now() + kClaimTimeout;
     for (;;) {
         port = InstancePort::claim(name, reopen);
         if (port) return Instance::First;

@@ -5,8 +5,8 @@
 
 #include <fcntl.h>
 #include <spawn.h>
-#include <sys/pidfd.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "Common/Platform/Linux/Folders.h"
@@ -94,7 +94,7 @@ Result<Child> launchChild(const std::string& program, const std::vector<std::str
     if (failed != 0) return Error::posix(failed, "start", program);
     // Nobody else reaps the child, so its id still means it. Without a pidfd the watcher asks for
     // it by its id.
-    child.handle = UniqueFd(pidfd_open(child.process, 0));
+    child.handle = UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, child.process, 0)));
     return child;
 }
 

@@ -1,0 +1,59 @@
+#include "Tests/Unit/Applications/ReportingApplication.h"
+
+#include <unistd.h>
+
+#include "Common/Platform/Application.h"
+#include "Common/Platform/NotificationCenter.h"
+#include "Tests/Support/ChildRole.h"
+#include "Tests/Support/ReportPipe.h"
+
+namespace utilia::platform {
+namespace {
+
+using test::ReportPipe;
+
+std::string joined(const std::string& first, const std::vector<std::string>& rest) {
+    std::string line = first;
+    for (const std::string& argument : rest) line += "|" + argument;
+    return line;
+}
+
+class ReportingDelegate final : public ApplicationDelegate {
+public:
+    explicit ReportingDelegate(std::string pipe) : pipe_(std::move(pipe)) {}
+
+    bool applicationShouldHandleReopen(bool, const std::vector<std::string>& arguments) override {
+        ReportPipe::report(pipe_, joined("reopen", arguments));
+        return true;
+    }
+
+private:
+    std::string pipe_;
+};
+
+UTILIA_CHILD_ROLE(reportingApplication) {
+    return runReportingApplication(self.arguments.at(0),
+                                   {self.arguments.begin() + 1, self.arguments.end()});
+}
+
+}  // namespace
+
+int runReportingApplication(const std::string& pipe, const std::vector<std::string>& arguments) {
+    auto& application = Application::sharedApplication();
+    auto& center = NotificationCenter::defaultCenter();
+    ReportingDelegate delegate(pipe);
+    application.setDelegate(&delegate);
+    const Handle up =
+        center.addObserver(NSApplicationDidFinishLaunchingNotification, nullptr, [&](const void*) {
+            ReportPipe::report(pipe, joined("up " + std::to_string(getpid()), arguments));
+        });
+    const Handle end = center.addObserver(NSApplicationWillTerminateNotification, nullptr,
+                                          [&](const void*) { ReportPipe::report(pipe, "end"); });
+    return application.run();
+}
+
+pid_t processOf(const std::optional<std::string>& upLine) {
+    return upLine && upLine->starts_with("up ") ? std::stoi(upLine->substr(3)) : -1;
+}
+
+}  // namespace utilia::platform
