@@ -1,1 +1,32 @@
 # What `cmake --install` lays down: the shared library, its framework bundle, headers, CMake package, pkg-config file.
+
+include(CMakePackageConfigHelpers)
+
+set(utilia_include_dir "${CMAKE_INSTALL_INCLUDEDIR}/UtiliaCommon")
+set(utilia_package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/UtiliaCommon")
+
+target_include_directories(UtiliaCommon INTERFACE "$<INSTALL_INTERFACE:${utilia_include_dir}>")
+install(TARGETS UtiliaCommon EXPORT UtiliaCommonTargets
+    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+foreach(module IN ITEMS utilia_foundation utilia_logging utilia_platform utilia_framework)
+    install(TARGETS ${module} FILE_SET HEADERS DESTINATION "${utilia_include_dir}")
+endforeach()
+install(DIRECTORY "${UTILIA_FRAMEWORK_DIR}/" DESTINATION "${CMAKE_INSTALL_LIBDIR}/UtiliaCommon.framework"
+    USE_SOURCE_PERMISSIONS)
+
+install(EXPORT UtiliaCommonTargets NAMESPACE UtiliaCommon:: DESTINATION "${utilia_package_dir}")
+configure_package_config_file("${PROJECT_SOURCE_DIR}/cmake/UtiliaCommonConfig.cmake.in"
+    "${PROJECT_BINARY_DIR}/cmake/UtiliaCommonConfig.cmake" INSTALL_DESTINATION "${utilia_package_dir}")
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/cmake/UtiliaCommonConfigVersion.cmake"
+    COMPATIBILITY SameMinorVersion)
+install(FILES "${PROJECT_BINARY_DIR}/cmake/UtiliaCommonConfig.cmake"
+    "${PROJECT_BINARY_DIR}/cmake/UtiliaCommonConfigVersion.cmake" DESTINATION "${utilia_package_dir}")
+
+# Configured when it is installed, so that it names the prefix that `cmake --install --prefix` gives.
+install(CODE "
+    set(PROJECT_DESCRIPTION \"${PROJECT_DESCRIPTION}\")
+    set(PROJECT_VERSION \"${PROJECT_VERSION}\")
+    set(CMAKE_INSTALL_INCLUDEDIR \"${CMAKE_INSTALL_INCLUDEDIR}\")
+    set(CMAKE_INSTALL_LIBDIR \"${CMAKE_INSTALL_LIBDIR}\")
+    configure_file(\"${PROJECT_SOURCE_DIR}/cmake/utiliacommon.pc.in\"
+        \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig/utiliacommon.pc\" @ONLY)")
