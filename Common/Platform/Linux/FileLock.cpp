@@ -10,6 +10,7 @@
 
 #include "Common/Platform/Linux/ForkGuard.h"
 #include "Common/Platform/Linux/LockTurns.h"
+#include "Common/Platform/Linux/OutOfMemory.h"
 #include "Common/Platform/Linux/SlowLockWatch.h"
 
 // flock belongs to the open file and ends with its last descriptor. So the descriptors are
@@ -74,38 +75,42 @@ int openUninterrupted(const char* path, int flags, mode_t mode) {
 
 Result<FileLock> FileLock::acquire(const std::filesystem::path& path, Mode mode,
                                    std::chrono::milliseconds timeout) {
-    UniqueFd file(openUninterrupted(
-        path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600));
-    if (!file) return Error::posix(errno, "open", path.native());
-    GuardedFile guarded(std::move(file));
-    const auto deadline = Clock::now() + timeout;
-    std::chrono::nanoseconds step = kFirstStep;
-    while (lockUninterrupted(guarded.get(), operationFor(mode) | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK) return Error::posix(errno, "flock", path.native());
-        const std::chrono::nanoseconds left = deadline - Clock::now();
-        if (left <= left.zero()) {
-            return Error::utilia(UtiliaErrorCode::Busy,
-                                 "flock " + path.native() + ": still held by " +
-                                     lockHolder(guarded.get()) + " after " +
-                                     std::to_string(timeout.count()) + " ms");
+    return orOutOfMemory("flock", path.native(), [&]() -> Result<FileLock> {
+        UniqueFd file(openUninterrupted(
+            path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600));
+        if (!file) return Error::posix(errno, "open", path.native());
+        GuardedFile guarded(std::move(file));
+        const auto deadline = Clock::now() + timeout;
+        std::chrono::nanoseconds step = kFirstStep;
+        while (lockUninterrupted(guarded.get(), operationFor(mode) | LOCK_NB) != 0) {
+            if (errno != EWOULDBLOCK) return Error::posix(errno, "flock", path.native());
+            const std::chrono::nanoseconds left = deadline - Clock::now();
+            if (left <= left.zero()) {
+                return Error::utilia(UtiliaErrorCode::Busy,
+                                     "flock " + path.native() + ": still held by " +
+                                         lockHolder(guarded.get()) + " after " +
+                                         std::to_string(timeout.count()) + " ms");
+            }
+            pauseFor(std::min(step, left));
+            step = std::min<std::chrono::nanoseconds>(2 * step, kLongestStep);
         }
-        pauseFor(std::min(step, left));
-        step = std::min<std::chrono::nanoseconds>(2 * step, kLongestStep);
-    }
-    return FileLock(guarded.take());
+        return FileLock(guarded.take());
+    });
 }
 
 Result<FileLock> FileLock::acquireFolder(const std::filesystem::path& path, Mode mode) {
-    UniqueFd file(openUninterrupted(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0));
-    if (!file) return Error::posix(errno, "open", path.native());
-    GuardedFile guarded(std::move(file));
-    int result = lockUninterrupted(guarded.get(), operationFor(mode) | LOCK_NB);
-    if (result != 0 && errno == EWOULDBLOCK) {
-        const SlowLockWatch watch(guarded.get(), path.native());
-        result = lockUninterrupted(guarded.get(), operationFor(mode));
-    }
-    if (result != 0) return Error::posix(errno, "flock", path.native());
-    return FileLock(guarded.take());
+    return orOutOfMemory("flock", path.native(), [&]() -> Result<FileLock> {
+        UniqueFd file(openUninterrupted(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0));
+        if (!file) return Error::posix(errno, "open", path.native());
+        GuardedFile guarded(std::move(file));
+        int result = lockUninterrupted(guarded.get(), operationFor(mode) | LOCK_NB);
+        if (result != 0 && errno == EWOULDBLOCK) {
+            const SlowLockWatch watch(guarded.get(), path.native());
+            result = lockUninterrupted(guarded.get(), operationFor(mode));
+        }
+        if (result != 0) return Error::posix(errno, "flock", path.native());
+        return FileLock(guarded.take());
+    });
 }
 
 FileLock::FileLock(UniqueFd file) : file_(std::move(file)) { LockTurns::taken(); }

@@ -17,6 +17,7 @@
 #include "Common/Platform/Linux/FileInput.h"
 #include "Common/Platform/Linux/FileOutput.h"
 #include "Common/Platform/Linux/Folders.h"
+#include "Common/Platform/Linux/OutOfMemory.h"
 #include "Common/Platform/UniqueFd.h"
 
 namespace utilia::platform {
@@ -110,69 +111,84 @@ bool FileManager::isExecutableFileAtPath(std::string_view path) {
 }
 
 Result<void> FileManager::createDirectoryAtPath(std::string_view path) {
-    return makeFolders(std::string(path), std::nullopt);
+    return orOutOfMemory("mkdir", path, [&]() -> Result<void> {
+        return makeFolders(std::string(path), std::nullopt);
+    });
 }
 
 Result<void> FileManager::createDirectoryAtPath(std::string_view path, std::uint32_t mode) {
-    return makeFolders(std::string(path), mode);
+    return orOutOfMemory("mkdir", path,
+                         [&]() -> Result<void> { return makeFolders(std::string(path), mode); });
 }
 
 Result<void> FileManager::removeItemAtPath(std::string_view path) {
-    const std::string item(path);
-    if (unlink(item.c_str()) == 0) return {};
-    if (errno != EISDIR && errno != EPERM) return Error::posix(errno, "unlink", item);
-    const int unlinkError = errno;
-    UniqueFd folder(open(item.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!folder) return Error::posix(errno == ENOTDIR ? unlinkError : errno, "unlink", item);
-    if (auto removed = removeContent(std::move(folder), item); !removed) return removed;
-    if (rmdir(item.c_str()) != 0) return Error::posix(errno, "rmdir", item);
-    return {};
+    return orOutOfMemory("unlink", path, [&]() -> Result<void> {
+        const std::string item(path);
+        if (unlink(item.c_str()) == 0) return {};
+        if (errno != EISDIR && errno != EPERM) return Error::posix(errno, "unlink", item);
+        const int unlinkError = errno;
+        UniqueFd folder(open(item.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!folder) return Error::posix(errno == ENOTDIR ? unlinkError : errno, "unlink", item);
+        if (auto removed = removeContent(std::move(folder), item); !removed) return removed;
+        if (rmdir(item.c_str()) != 0) return Error::posix(errno, "rmdir", item);
+        return {};
+    });
 }
 
 Result<Data> FileManager::contentsAtPath(std::string_view path, std::size_t maximumSize) {
-    return FileInput::contents(std::string(path), maximumSize);
+    return orOutOfMemory("read", path, [&]() -> Result<Data> {
+        return FileInput::contents(std::string(path), maximumSize);
+    });
 }
 
 Result<void> FileManager::writeAtomically(std::string_view path,
                                           std::span<const std::uint8_t> bytes,
                                           std::span<const ExtendedAttribute> attributes) {
-    const std::string target(path);
-    auto output = FileOutput::createFor(target);
-    if (!output) return std::move(output).error();
-    if (auto written = output->write(bytes); !written) return written;
-    for (const ExtendedAttribute& attribute : attributes) {
-        (void)fsetxattr(output->descriptor(), attributeName(attribute.name).c_str(),
-                        attribute.value.data(), attribute.value.size(), 0);
-    }
-    if (auto published = output->publish(); !published) return published;
-    for (const ExtendedAttribute& attribute : attributes) {
-        (void)fsetxattr(output->descriptor(), attributeName(attribute.name).c_str(),
-                        attribute.value.data(), attribute.value.size(), 0);
-    }
-    return {};
+    return orOutOfMemory("write", path, [&]() -> Result<void> {
+        const std::string target(path);
+        auto output = FileOutput::createFor(target);
+        if (!output) return std::move(output).error();
+        if (auto written = output->write(bytes); !written) return written;
+        for (const ExtendedAttribute& attribute : attributes) {
+            (void)fsetxattr(output->descriptor(), attributeName(attribute.name).c_str(),
+                            attribute.value.data(), attribute.value.size(), 0);
+        }
+        if (auto published = output->publish(); !published) return published;
+        for (const ExtendedAttribute& attribute : attributes) {
+            (void)fsetxattr(output->descriptor(), attributeName(attribute.name).c_str(),
+                            attribute.value.data(), attribute.value.size(), 0);
+        }
+        return {};
+    });
 }
 
 Result<void> FileManager::setExtendedAttribute(std::string_view path, std::string_view name,
                                                std::span<const std::uint8_t> value) {
-    const std::string file(path);
-    if (setxattr(file.c_str(), attributeName(name).c_str(), value.data(), value.size(), 0) != 0) {
-        return Error::posix(errno, "setxattr", file);
-    }
-    return {};
+    return orOutOfMemory("setxattr", path, [&]() -> Result<void> {
+        const std::string file(path);
+        if (setxattr(file.c_str(), attributeName(name).c_str(), value.data(), value.size(), 0) !=
+            0) {
+            return Error::posix(errno, "setxattr", file);
+        }
+        return {};
+    });
 }
 
 Result<Data> FileManager::extendedAttribute(std::string_view path, std::string_view name,
                                             std::size_t maximumSize) {
-    const std::string file(path);
-    // One byte more than asked for: with a buffer of no bytes the kernel would answer the size
-    // instead.
-    Data value(maximumSize + 1);
-    const ssize_t size =
-        getxattr(file.c_str(), attributeName(name).c_str(), value.data(), value.size());
-    if (size < 0) return Error::posix(errno, "getxattr", file);
-    if (static_cast<std::size_t>(size) > maximumSize) return Error::posix(ERANGE, "getxattr", file);
-    value.resize(static_cast<std::size_t>(size));
-    return value;
+    return orOutOfMemory("getxattr", path, [&]() -> Result<Data> {
+        const std::string file(path);
+        // One byte more than asked for: with a buffer of no bytes the kernel would answer the size
+        // instead.
+        Data value(maximumSize + 1);
+        const ssize_t size =
+            getxattr(file.c_str(), attributeName(name).c_str(), value.data(), value.size());
+        if (size < 0) return Error::posix(errno, "getxattr", file);
+        if (static_cast<std::size_t>(size) > maximumSize)
+            return Error::posix(ERANGE, "getxattr", file);
+        value.resize(static_cast<std::size_t>(size));
+        return value;
+    });
 }
 
 }  // namespace utilia::platform

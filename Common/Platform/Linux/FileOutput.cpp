@@ -39,9 +39,8 @@ int openUninterrupted(const char* path, int flags, mode_t mode) {
 
 }  // namespace
 
-FileOutput::FileOutput(std::string target, std::string staging, UniqueFd file, bool isNamed)
-    : target_(std::move(target)), staging_(std::move(staging)), file_(std::move(file)),
-      isNamed_(isNamed) {}
+FileOutput::FileOutput(std::string target, std::string staging)
+    : target_(std::move(target)), staging_(std::move(staging)) {}
 
 FileOutput::FileOutput(FileOutput&& other) noexcept
     : target_(std::move(other.target_)), staging_(std::move(other.staging_)),
@@ -51,19 +50,26 @@ FileOutput::~FileOutput() {
     if (isNamed_) unlink(staging_.c_str());
 }
 
+// The object is there before the file: nothing can fail between the creation and the entry that
+// removes it again.
+bool FileOutput::createNamed(mode_t mode) {
+    file_.reset(openUninterrupted(staging_.c_str(),
+                                  O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+    isNamed_ = static_cast<bool>(file_);
+    return isNamed_;
+}
+
 Result<FileOutput> FileOutput::createFor(const std::string& target) {
-    const std::string folder = folderOf(target);
-    UniqueFd file(openUninterrupted(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666));
-    std::string staging;
-    const bool isNamed = !file && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL);
-    for (int attempt = 0; isNamed && !file && attempt < kNameAttempts; ++attempt) {
-        staging = temporaryName(target);
-        file.reset(openUninterrupted(staging.c_str(),
-                                     O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
-        if (!file && errno != EEXIST) break;
+    FileOutput output(target, {});
+    output.file_.reset(
+        openUninterrupted(folderOf(target).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666));
+    if (!output.file_ && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL)) {
+        int attempt = 0;
+        do {
+            output.staging_ = temporaryName(target);
+        } while (!output.createNamed(0666) && errno == EEXIST && ++attempt < kNameAttempts);
     }
-    if (!file) return Error::posix(errno, "create", target);
-    FileOutput output(target, std::move(staging), std::move(file), isNamed);
+    if (!output.file_) return Error::posix(errno, "create", target);
     struct stat existing {};
     if (stat(target.c_str(), &existing) == 0 && S_ISREG(existing.st_mode) &&
         fchmod(output.descriptor(), existing.st_mode & 07777) != 0) {
@@ -73,15 +79,13 @@ Result<FileOutput> FileOutput::createFor(const std::string& target) {
 }
 
 Result<FileOutput> FileOutput::createStaged(const std::string& target, const std::string& staging) {
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    UniqueFd file(openUninterrupted(staging.c_str(), kFlags, 0600));
-    if (!file && errno == EEXIST) {
-        if (unlink(staging.c_str()) != 0 && errno != ENOENT)
-            return Error::posix(errno, "unlink", staging);
-        file.reset(openUninterrupted(staging.c_str(), kFlags, 0600));
-    }
-    if (!file) return Error::posix(errno, "create", staging);
-    return FileOutput(target, staging, std::move(file), true);
+    FileOutput output(target, staging);
+    if (output.createNamed(0600)) return output;
+    if (errno != EEXIST) return Error::posix(errno, "create", staging);
+    if (unlink(staging.c_str()) != 0 && errno != ENOENT)
+        return Error::posix(errno, "unlink", staging);
+    if (!output.createNamed(0600)) return Error::posix(errno, "create", staging);
+    return output;
 }
 
 Result<void> FileOutput::write(std::span<const std::uint8_t> bytes) {

@@ -4,6 +4,8 @@
 #include <span>
 #include <string>
 
+#include <sys/types.h>
+
 #include "Common/Foundation/Result.h"
 #include "Common/Platform/UniqueFd.h"
 
@@ -37,8 +39,9 @@ public:
     UniqueFd takeDescriptor() { return std::move(file_); }
 
 private:
-    FileOutput(std::string target, std::string staging, UniqueFd file, bool isNamed);
+    FileOutput(std::string target, std::string staging);
 
+    bool createNamed(mode_t mode);  // errno says why not
     Result<void> giveName();
 
     std::string target_;

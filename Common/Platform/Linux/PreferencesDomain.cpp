@@ -52,16 +52,6 @@ bool isDamage(const Error& error) {
            error.code == static_cast<int>(CocoaErrorCode::PropertyListReadCorrupt);
 }
 
-void change(Dictionary& content, std::span<const PreferencesDomain::Change> changes) {
-    for (const auto& [key, value] : changes) {
-        if (value) {
-            content.set(key, *value);
-        } else {
-            content.remove(key);
-        }
-    }
-}
-
 struct Registry {
     std::mutex mutex;
     std::map<std::string, std::shared_ptr<PreferencesDomain>, std::less<>> domains;
@@ -96,6 +86,16 @@ std::shared_ptr<PreferencesDomain> PreferencesDomain::at(const std::string& path
     auto domain = std::make_shared<PreferencesDomain>(path);
     registry->domains.emplace(path, domain);
     return domain;
+}
+
+void PreferencesDomain::change(Dictionary& content, std::span<const Change> changes) {
+    for (const auto& [key, value] : changes) {
+        if (value) {
+            content.set(key, *value);
+        } else {
+            content.remove(key);
+        }
+    }
 }
 
 Dictionary PreferencesDomain::content() {

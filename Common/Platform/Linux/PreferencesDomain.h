@@ -35,6 +35,8 @@ public:
         std::optional<Value> value;  // empty: the key is removed
     };
 
+    static void change(Dictionary& content, std::span<const Change> changes);
+
     // The domain stored at the path; the same object for all who ask in this process, so that they
     // share what was parsed.
     static std::shared_ptr<PreferencesDomain> at(const std::string& path);

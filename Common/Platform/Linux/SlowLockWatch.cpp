@@ -4,10 +4,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <exception>
 #include <list>
 #include <memory>
 #include <mutex>
-#include <system_error>
 #include <thread>
 
 #include <pthread.h>
@@ -95,7 +95,7 @@ SlowLockWatch::SlowLockWatch(int descriptor, const std::string& path) {
     try {
         std::thread([&all] { all.run(); }).detach();
         all.hasThread = true;
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         // Without a thread the wait is silent, and everything else goes on.
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);

@@ -35,8 +35,8 @@ std::string ownIdentifier() {
 }
 
 // No exception leaves the library, and this is where one could: memory may run out anywhere below.
-template <class Function, class Answer>
-Answer guarded(Function function, Answer otherwise) noexcept {
+template <class Answer, class Function>
+Answer guarded(Answer otherwise, Function function) noexcept {
     try {
         return function();
     } catch (const std::bad_alloc&) {
@@ -59,6 +59,7 @@ struct UserDefaults::Implementation {
     std::shared_ptr<PreferencesDomain> domain;  // null for the domain without a name
     Writing writing = Writing::Through;
     std::vector<PreferencesDomain::Change> pending;
+    bool hasLostSet = false;  // there was no memory to keep it
 
     const PreferencesDomain::Change* pendingChange(std::string_view key) const {
         const auto found = std::find_if(pending.begin(), pending.end(),
@@ -119,7 +120,7 @@ UserDefaults::UserDefaults(std::unique_ptr<Implementation> implementation)
 UserDefaults::~UserDefaults() { synchronize(); }
 
 std::optional<Value> UserDefaults::objectForKey(std::string_view key) const {
-    return guarded([&] { return implementation_->value(key); }, std::optional<Value>());
+    return guarded(std::optional<Value>(), [&] { return implementation_->value(key); });
 }
 
 std::optional<Array> UserDefaults::arrayForKey(std::string_view key) const {
@@ -165,43 +166,36 @@ double UserDefaults::doubleForKey(std::string_view key) const {
 }
 
 Dictionary UserDefaults::dictionaryRepresentation() const {
-    return guarded(
-        [&] {
-            Dictionary all =
-                implementation_->domain ? implementation_->domain->content() : Dictionary();
-            for (const auto& [key, value] : implementation_->pending) {
-                if (value) {
-                    all.set(key, *value);
-                } else {
-                    all.remove(key);
-                }
-            }
-            return all;
-        },
-        Dictionary());
+    return guarded(Dictionary(), [&] {
+        Dictionary all =
+            implementation_->domain ? implementation_->domain->content() : Dictionary();
+        PreferencesDomain::change(all, implementation_->pending);
+        return all;
+    });
 }
 
 void UserDefaults::setObject(Value value, std::string_view forKey) {
-    guarded(
-        [&] {
-            if (auto checked = checkPropertyList(Dictionary{{std::string(forKey), value}});
-                !checked) {
-                KULogVariadic("A value for the preferences %@ is refused: %@", path(),
-                              checked.error().description);
-                return false;
-            }
-            implementation_->set(forKey, std::move(value));
+    const bool isKept = guarded(false, [&] {
+        if (auto checked = checkPropertyList(Dictionary{{std::string(forKey), value}}); !checked) {
+            KULogVariadic("A value for the preferences %@ is refused: %@", path(),
+                          checked.error().description);
             return true;
-        },
-        false);
+        }
+        implementation_->set(forKey, std::move(value));
+        return true;
+    });
+    if (!isKept) implementation_->hasLostSet = true;
 }
 
 void UserDefaults::removeObjectForKey(std::string_view key) {
-    guarded([&] { return implementation_->set(key, std::nullopt), true; }, false);
+    const bool isKept =
+        guarded(false, [&] { return implementation_->set(key, std::nullopt), true; });
+    if (!isKept) implementation_->hasLostSet = true;
 }
 
 bool UserDefaults::synchronize() {
-    return guarded([&] { return implementation_->write(); }, false);
+    const bool isComplete = !std::exchange(implementation_->hasLostSet, false);
+    return guarded(false, [&] { return implementation_->write(); }) && isComplete;
 }
 
 const std::string& UserDefaults::path() const { return implementation_->path; }
