@@ -4,7 +4,7 @@
 #include <charconv>
 #include <limits>
 
-#include "Common/Foundation/UnicodeDecoderInternal.h"
+#include "Common/Foundation/Utf8Decoder.h"
 
 namespace utilia {
 namespace {

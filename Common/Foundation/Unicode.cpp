@@ -1,6 +1,6 @@
 #include "Common/Foundation/Unicode.h"
 
-#include "Common/Foundation/UnicodeDecoderInternal.h"
+#include "Common/Foundation/Utf8Decoder.h"
 
 namespace utilia {
 namespace {

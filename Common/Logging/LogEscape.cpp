@@ -1,6 +1,6 @@
 #include "Common/Logging/LogEscape.h"
 
-#include "Common/Foundation/UnicodeDecoderInternal.h"
+#include "Common/Foundation/Utf8Decoder.h"
 
 namespace utilia {
 namespace {

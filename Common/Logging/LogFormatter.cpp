@@ -9,7 +9,7 @@
 #include <optional>
 #include <variant>
 
-#include "Common/Foundation/UnicodeDecoderInternal.h"
+#include "Common/Foundation/Utf8Decoder.h"
 
 // Nothing here trusts that a format and its arguments belong together: the arguments carry their
 // types, and each disagreement becomes a marker that a reader of the log can see. A placeholder
