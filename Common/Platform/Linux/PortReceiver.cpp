@@ -210,6 +210,7 @@ void PortReceiver::end(PortConnection& connection) {
     // A delivery further down the stack may still be about this connection.
     if (depth_ > 0) ended_.push_back(std::move(*found));
     connections_.erase(found);
+    if (connections_.empty()) helloTimer_.reset();
     resumeAccepting();
 }
 

@@ -169,25 +169,26 @@ Result<void> PortSender::finishConnecting() {
 PortSender::Outcome PortSender::connectBefore(Deadline deadline) {
     const sockaddr_un address = addressOfDescriptor(place_.get());
     const int flags = fcntl(socket_.get(), F_GETFL);
-    if (flags < 0 || fcntl(socket_.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) return Outcome::Dead;
-    nanoseconds wait(0);
-    do {
-        // Zero would wait for ever.
-        wait = std::max<nanoseconds>(timeLeft(deadline), milliseconds(1));
-        const auto parts = toTimespec(wait);
-        const timeval limit{parts.tv_sec, parts.tv_nsec / 1000};
-        setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    if (flags < 0 || fcntl(socket_.get(), F_SETFL, flags & ~O_NONBLOCK) != 0)
+        return Outcome::TimedOut;
+    for (;;) {
+        // Zero would wait for ever, and so would a limit that could not be set.
+        const auto wait = toTimespec(std::max<nanoseconds>(timeLeft(deadline), milliseconds(1)));
+        const timeval limit{wait.tv_sec, wait.tv_nsec / 1000};
+        if (setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0)
+            return Outcome::TimedOut;
         if (connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
-            0) {
-            const auto finished = finishConnecting();
-            if (finished) return Outcome::Sent;
-            if (!finished.error().is(UtiliaErrorCode::NotFound))
-                KULogVariadic("Port %@: %@", name_, finished.error());
-            return Outcome::Dead;
-        }
-        if (errno != EINTR && errno != EAGAIN) return Outcome::Dead;
-    } while (timeLeft(deadline) > nanoseconds(0));
-    return Outcome::TimedOut;
+            0)
+            break;
+        if (errno == EAGAIN) return Outcome::TimedOut;
+        if (errno != EINTR) return Outcome::Dead;
+        if (timeLeft(deadline) == nanoseconds(0)) return Outcome::TimedOut;
+    }
+    const auto finished = finishConnecting();
+    if (finished) return Outcome::Sent;
+    if (!finished.error().is(UtiliaErrorCode::NotFound))
+        KULogVariadic("Port %@: %@", name_, finished.error());
+    return Outcome::Dead;
 }
 
 bool PortSender::belongsToCurrentThread() const { return watches_.lock() == currentLoopWatches(); }
