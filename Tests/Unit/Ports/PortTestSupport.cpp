@@ -1,9 +1,14 @@
 #include "Tests/Unit/Ports/PortTestSupport.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "Common/Platform/RunLoop.h"
@@ -21,14 +26,41 @@ PortMessage::Component bytesOf(std::string_view text) {
 }
 
 void RecordingDelegate::handlePortMessage(const PortMessage& message) {
+    ++count;
+    if (message.componentCount() > 0) ++withComponents;
+    if (!keepsMessages) return;
     Received received{message.msgid(), {}};
     for (const auto component : message.components())
         received.components.push_back(textOf(component));
     messages.push_back(std::move(received));
 }
 
+PortUnderTest::PortUnderTest(std::string_view name) {
+    isRegistered = platform::PortNameServer::systemDefaultPortNameServer().registerPort(port, name);
+    port->setDelegate(&delegate);
+    port->scheduleInRunLoop();
+}
+
 bool runUntil(const std::function<bool()>& condition) {
+    const Handle tick = platform::Timer::scheduledTimer(std::chrono::milliseconds(3), true, [] {});
     return platform::RunLoop::currentRunLoop().runUntil(condition, std::chrono::seconds(20));
+}
+
+std::string runUntilLine(ChildProcess& child) {
+    std::optional<std::string> line;
+    runUntil([&] {
+        line = child.waitForLine(std::chrono::milliseconds(0));
+        return line || !child.isRunning();
+    });
+    if (!line) line = child.waitForLine(std::chrono::milliseconds(0));
+    return line.value_or("");
+}
+
+testing::AssertionResult runUntilSaid(ChildProcess& child, const std::string& line) {
+    const std::string said = runUntilLine(child);
+    if (said == line) return testing::AssertionSuccess();
+    return testing::AssertionFailure()
+           << "the child said \"" << said << "\" instead of \"" << line << "\"";
 }
 
 void sendText(const std::shared_ptr<platform::Port>& port, std::uint32_t msgid,
@@ -36,6 +68,24 @@ void sendText(const std::shared_ptr<platform::Port>& port, std::uint32_t msgid,
     PortMessage message(port, {bytesOf(text)});
     message.setMsgid(msgid);
     message.sendBeforeDate(std::chrono::steady_clock::now() + std::chrono::seconds(10));
+}
+
+std::string portsFolder() {
+    return std::string(std::getenv("XDG_RUNTIME_DIR")) + "/com.korvane.utilia/ports";
+}
+
+platform::UniqueFd connectRaw(const std::string& name) {
+    const platform::UniqueFd folder(open(portsFolder().c_str(), O_PATH | O_CLOEXEC));
+    platform::UniqueFd connection(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "/proc/self/fd/%d/%s", folder.get(),
+                  name.c_str());
+    if (connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) !=
+        0) {
+        connection.reset();
+    }
+    return connection;
 }
 
 std::size_t openDescriptorCount() {
@@ -51,6 +101,14 @@ std::size_t residentBytes() {
     std::size_t resident = 0;
     file >> size >> resident;
     return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+}
+
+std::size_t residentTolerance() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return std::size_t{256} << 20;
+#else
+    return std::size_t{2} << 20;
+#endif
 }
 
 }  // namespace utilia::test

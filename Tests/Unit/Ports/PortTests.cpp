@@ -22,28 +22,15 @@ using test::sendText;
 
 PortNameServer& names() { return PortNameServer::systemDefaultPortNameServer(); }
 
-struct PortTest : testing::Test {
+using Receiver = test::PortUnderTest;
+
+struct Ports : testing::Test {
     test::TemporaryHome home;
 };
 
-// A registered, scheduled port with a recording delegate.
-struct Receiver {
-    explicit Receiver(std::string_view name) {
-        registered = names().registerPort(port, name);
-        port->setDelegate(&delegate);
-        port->scheduleInRunLoop();
-    }
-    ~Receiver() { port->invalidate(); }
-    RecordingDelegate delegate;
-    std::shared_ptr<Port> port = Port::port();
-    bool registered = false;
-};
-
-using Ports = PortTest;
-
 TEST_F(Ports, DeliverIdentifierAndComponentsAsSent) {
     Receiver receiver("a");
-    ASSERT_TRUE(receiver.registered);
+    ASSERT_TRUE(receiver.isRegistered);
     const auto sender = names().portForName("a");
     ASSERT_TRUE(sender);
     const auto first = bytesOf("first");
@@ -97,7 +84,7 @@ TEST_F(Ports, RefuseUnusableNames) {
 TEST_F(Ports, TakeANameOf200Bytes) {
     const std::string name(200, 'n');
     Receiver receiver(name);
-    ASSERT_TRUE(receiver.registered);
+    ASSERT_TRUE(receiver.isRegistered);
     const auto sender = names().portForName(name);
     ASSERT_TRUE(sender);
     sendText(sender, 1, "x");
@@ -400,7 +387,7 @@ TEST_F(Ports, ReplaceWhatACrashedOwnerLeft) {
     std::filesystem::rename(folder / "kept", folder / "a");
     EXPECT_FALSE(names().portForName("a"));
     Receiver second("a");
-    ASSERT_TRUE(second.registered);
+    ASSERT_TRUE(second.isRegistered);
     EXPECT_TRUE(names().portForName("a"));
 }
 
@@ -429,7 +416,7 @@ TEST_F(Ports, GoOnWhenTheirFolderIsRemoved) {
     EXPECT_FALSE(names().portForName("a"));
     receiver.port->invalidate();
     Receiver second("a");
-    EXPECT_TRUE(second.registered);
+    EXPECT_TRUE(second.isRegistered);
 }
 
 }  // namespace

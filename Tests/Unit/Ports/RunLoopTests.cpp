@@ -7,6 +7,8 @@
 
 #include <glib.h>
 #include <nlohmann/json.hpp>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include "Common/Platform/Linux/TimerPhase.h"
 #include "Common/Platform/RunLoop.h"
@@ -255,6 +257,28 @@ TEST(Timer, DoesNotFireAfterItsHandleEnded) {
     timer.reset();
     RunLoop::currentRunLoop().runFor(10ms);
     EXPECT_FALSE(fired);
+}
+
+TEST(Timer, FiresInAProcessThatHasNoDescriptorLeft) {
+    const test::TestLog log;
+    int fired = 0;
+    Handle timer;
+    {
+        // The lowest free number is where the limit is put.
+        const int lowest = dup(0);
+        close(lowest);
+        rlimit before{};
+        getrlimit(RLIMIT_NOFILE, &before);
+        const rlimit low{static_cast<rlim_t>(lowest), before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &low);
+        timer = Timer::scheduledTimer(2ms, true, [&] { ++fired; });
+        setrlimit(RLIMIT_NOFILE, &before);
+    }
+    EXPECT_EQ(log.count("A timer does not count the time asleep"), 1u);
+    EXPECT_TRUE(RunLoop::currentRunLoop().runUntil([&] { return fired == 2; }, kLong));
+    timer.reset();
+    RunLoop::currentRunLoop().runFor(10ms);
+    EXPECT_EQ(fired, 2);
 }
 
 TEST(Timer, MayOutliveItsThread) {
