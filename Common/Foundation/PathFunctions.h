@@ -22,7 +22,7 @@ UTILIA_EXPORT std::string stringByAppendingPathComponent(std::string_view path, 
 UTILIA_EXPORT std::string pathExtension(std::string_view path);
 // "scratch..tiff" -> "scratch."; ".tiff" -> ".tiff".
 UTILIA_EXPORT std::string stringByDeletingPathExtension(std::string_view path);
-// "/tmp/" + "tiff" -> "/tmp.tiff"; empty (nil) for "" and "/".
+// "/tmp/" + "tiff" -> "/tmp.tiff"; empty (nil) for "" and "/", and for an extension that begins with "/".
 UTILIA_EXPORT std::optional<std::string> stringByAppendingPathExtension(std::string_view path, std::string_view extension);
 
 }  // namespace utilia

@@ -15,8 +15,8 @@
 
 // Property-list values: what preferences, records and Info.plist files are made of.
 //
-// Boolean, integer and real are different types and never compare equal to one another. Arrays and
-// dictionaries are values too: a copy shares its storage until one side changes, so that handing a whole
+// Boolean, integer and real are different types and never compare equal to one another; not-a-number equals itself.
+// Arrays and dictionaries are values too: a copy shares its storage until one side changes, so that handing a whole
 // store out costs a reference count. A dictionary keeps the order in which its keys were first set.
 //
 // Threads: distinct objects may be used on distinct threads, also when they share storage.
@@ -140,7 +140,7 @@ public:
     // true when it begins, after blanks, with T, t, Y, y, or with a number that is not zero (one sign and zeros
     // are skipped); anything else is false.
     bool boolValue() const;
-    // Numbers truncate toward zero, strings are read as decimal with saturation; other types answer 0.
+    // Numbers truncate toward zero, strings are read as decimal (Numbers.h), both with saturation; other types answer 0.
     std::int64_t longLongValue() const;
     // Numbers, and strings as far as they read as a decimal number; other types answer 0.
     double doubleValue() const;

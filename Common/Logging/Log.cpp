@@ -2,30 +2,36 @@
 
 #include <atomic>
 #include <charconv>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
-
 #include <string>
 
 #include "Common/Logging/LogEscape.h"
 #include "Common/Logging/LogFormatter.h"
 
-// Two locks keep a line from being lost without a word and from waiting for the wrong thing:
-//   - `settings` guards the sink and the probe. It is held for a copy of a pointer only, so that a
-//   sink may replace
-//     the sink, or ask whether extended logging is on, while it writes.
-//   - `delivery` lets one thread at a time call the sink, with the count of lost lines and the line
-//   itself in one go.
-// A sink that logs would come round to `delivery` again on the same thread: such a line is counted
-// as lost instead. So is one for which there is no memory. The count is taken down only by what a
-// sink has accepted, so lines that are lost while it is being said are said later.
+// One lock guards the settings and says whose turn it is; it is never held while the sink writes,
+// so that a sink may replace the sink, or ask whether extended logging is on.
+//
+// One thread at a time has its turn: the count of lost lines and the line itself in one go. Others
+// wait for theirs only for a second: whoever has it may be stuck, or may not exist at all in a
+// process that was forked from among several threads.
+//
+// A line that does not get its turn, that the sink refuses, that the sink itself logs (its turn
+// would come after its own end), or that there is no memory for is counted. The count is taken down
+// only by what a sink has accepted, so lines that are lost while it is being said are said later.
 
 namespace utilia {
 namespace {
 
 constinit std::atomic<std::uint64_t> droppedLines{0};
 constinit thread_local bool insideSink = false;
+
+// A sink is done in microseconds; this is for threads that do not get the processor while they are
+// in one.
+constexpr std::chrono::seconds kLongestWait{1};
 
 class PlainSink final : public LogSink {
 public:
@@ -42,10 +48,11 @@ public:
 using Probe = std::function<bool()>;
 
 struct LogState {
-    std::mutex settings;
+    std::mutex lock;
     std::shared_ptr<LogSink> sink = std::make_shared<PlainSink>();
     std::shared_ptr<const Probe> probe;
-    std::mutex delivery;
+    bool turnTaken = false;
+    std::condition_variable turnEnded;
 };
 
 // Never destroyed: lines are written until the very end of the process.
@@ -54,12 +61,35 @@ LogState& logState() {
     return *state;
 }
 
-class InsideSink final {
+// This thread's turn at the sink, if it came in time.
+class Turn final {
 public:
-    InsideSink() { insideSink = true; }
-    ~InsideSink() { insideSink = false; }
-    InsideSink(const InsideSink&) = delete;
-    InsideSink& operator=(const InsideSink&) = delete;
+    explicit Turn(LogState& state) : state_(state) {
+        std::unique_lock lock(state_.lock);
+        if (!state_.turnEnded.wait_for(lock, kLongestWait, [&] { return !state_.turnTaken; }))
+            return;
+        state_.turnTaken = true;
+        sink_ = state_.sink;
+        insideSink = true;
+    }
+    ~Turn() {
+        if (!sink_) return;
+        sink_.reset();  // a sink that was replaced meanwhile may log while it ends
+        insideSink = false;
+        {
+            const std::lock_guard lock(state_.lock);
+            state_.turnTaken = false;
+        }
+        state_.turnEnded.notify_one();
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+    LogSink* sink() const { return sink_.get(); }
+
+private:
+    LogState& state_;
+    std::shared_ptr<LogSink> sink_;
 };
 
 // Says how many lines were lost. Needs no memory, which may be why they were. False when the sink
@@ -83,17 +113,9 @@ bool reportDropped(LogSink& sink) {
 }
 
 bool deliver(std::string_view line) {
-    LogState& state = logState();
-    const std::lock_guard delivery(state.delivery);
-    std::shared_ptr<LogSink> sink;
-    {
-        const std::lock_guard settings(state.settings);
-        sink = state.sink;
-    }
-    const InsideSink inside;
-    const bool taken = reportDropped(*sink) && sink->write(line);
-    sink.reset();  // still inside: a sink that was replaced may log while it ends
-    return taken;
+    const Turn turn(logState());
+    LogSink* const sink = turn.sink();
+    return sink && reportDropped(*sink) && sink->write(line);
 }
 
 }  // namespace
@@ -101,7 +123,7 @@ bool deliver(std::string_view line) {
 void setLogSink(std::shared_ptr<LogSink> sink) {
     if (!sink) sink = std::make_shared<PlainSink>();
     LogState& state = logState();
-    const std::lock_guard settings(state.settings);
+    const std::lock_guard lock(state.lock);
     state.sink.swap(sink);
     // The old one ends after the lock: parameters outlive local variables.
 }
@@ -110,7 +132,7 @@ void setExtendedLoggingProbe(std::function<bool()> probe) {
     auto shared = probe ? std::make_shared<const Probe>(std::move(probe)) : nullptr;
     LogState& state = logState();
     {
-        const std::lock_guard settings(state.settings);
+        const std::lock_guard lock(state.lock);
         state.probe.swap(shared);
     }
 }
@@ -120,7 +142,7 @@ bool KUIsExtendedLoggingOn() {
         LogState& state = logState();
         std::shared_ptr<const Probe> probe;
         {
-            const std::lock_guard settings(state.settings);
+            const std::lock_guard lock(state.lock);
             probe = state.probe;
         }
         return probe && (*probe)();

@@ -11,8 +11,9 @@
 // The log of the framework and of the applications that load it.
 //
 // A line has no level: what is worth a line only while somebody looks for something is written when
-// KUIsExtendedLoggingOn() says so. Logging never blocks, never throws and never fails visibly; a line that a sink
-// could not take is counted, and the count stands before the next line that gets through.
+// KUIsExtendedLoggingOn() says so. Logging never throws and never fails visibly, and it does not block: a line that a
+// sink could not take, or that did not get its turn in a second, is counted, and the count stands before the next line
+// that gets through.
 //
 // Threads: every function may be called on any thread, and from run-loop callbacks.
 
