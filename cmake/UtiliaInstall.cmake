@@ -8,6 +8,7 @@ set(utilia_package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/UtiliaCommon")
 target_include_directories(UtiliaCommon INTERFACE "$<INSTALL_INTERFACE:${utilia_include_dir}>")
 install(TARGETS UtiliaCommon EXPORT UtiliaCommonTargets
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+install(TARGETS utiliactl RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 foreach(module IN ITEMS utilia_foundation utilia_logging utilia_platform utilia_framework)
     install(TARGETS ${module} FILE_SET HEADERS DESTINATION "${utilia_include_dir}")
 endforeach()

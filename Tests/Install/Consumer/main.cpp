@@ -27,12 +27,15 @@ int main() {
 
     Application& application = Application::sharedApplication();
     auto& center = NotificationCenter::defaultCenter();
-    const auto finished = center.addObserver(NSApplicationDidFinishLaunchingNotification, &application, [&](const void*) {
-        std::cout << "running "
-                  << RunningApplication::runningApplicationsWithBundleIdentifier("com.korvane.utilia.Consumer").size()
-                  << '\n';
-        MainQueue::async([&application] { application.terminate(); });
-    });
+    const auto finished = center.addObserver(
+        NSApplicationDidFinishLaunchingNotification, &application, [&](const void*) {
+            std::cout << "running "
+                      << RunningApplication::runningApplicationsWithBundleIdentifier(
+                             "com.korvane.utilia.Consumer")
+                             .size()
+                      << '\n';
+            MainQueue::async([&application] { application.terminate(); });
+        });
     const auto ending = center.addObserver(NSApplicationWillTerminateNotification, &application,
                                            [](const void*) { std::cout << "will terminate\n"; });
     const int status = application.run();

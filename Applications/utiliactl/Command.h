@@ -1,0 +1,24 @@
+#pragma once
+
+#include <iosfwd>
+
+#include <CLI/CLI.hpp>
+
+#include "Common/Foundation/Result.h"
+
+namespace utilia::control {
+
+// One subcommand of the control program.
+class Command {
+public:
+    virtual ~Command() = default;
+
+    // Adds the subcommand with its options and help; what the user gives is kept in this object.
+    // Answers what was added, so that the caller can ask whether the user chose it.
+    virtual CLI::App* declare(CLI::App& program) = 0;
+
+    // Writes the answer to `out`; nothing of it is shown when this fails.
+    virtual Result<void> run(std::ostream& out) = 0;
+};
+
+}  // namespace utilia::control
