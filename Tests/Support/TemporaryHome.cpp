@@ -4,13 +4,14 @@
 #include <stdexcept>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace utilia::test {
 
 namespace fs = std::filesystem;
 
-TemporaryFolder::TemporaryFolder() {
-    std::string pattern = (fs::temp_directory_path() / "utilia-test-XXXXXX").string();
+TemporaryFolder::TemporaryFolder(const fs::path& within) {
+    std::string pattern = (within / "utilia-test-XXXXXX").string();
     if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp " + pattern);
     path_ = fs::canonical(pattern);
 }
@@ -20,14 +21,20 @@ TemporaryFolder::~TemporaryFolder() {
     fs::remove_all(path_, ignored);
     if (!ignored) return;
     // A test may have taken the permissions of a folder away.
-    for (auto it = fs::recursive_directory_iterator(path_, fs::directory_options::skip_permission_denied, ignored);
+    for (auto it = fs::recursive_directory_iterator(
+             path_, fs::directory_options::skip_permission_denied, ignored);
          it != fs::recursive_directory_iterator(); it.increment(ignored)) {
         if (it->is_directory(ignored)) chmod(it->path().c_str(), 0700);
     }
     fs::remove_all(path_, ignored);
 }
 
-TemporaryHome::TemporaryHome() {
+fs::path folderInMemory() {
+    const fs::path memory = "/dev/shm";
+    return access(memory.c_str(), W_OK | X_OK) == 0 ? memory : fs::temp_directory_path();
+}
+
+TemporaryHome::TemporaryHome(const fs::path& within) : folder_(within) {
     const auto set = [this](const char* name, const std::optional<std::string>& value) {
         const char* old = std::getenv(name);
         before_.emplace(name, old ? std::optional<std::string>(old) : std::nullopt);

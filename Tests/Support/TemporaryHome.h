@@ -10,7 +10,8 @@ namespace utilia::test {
 // A folder of its own for one test, removed with everything in it.
 class TemporaryFolder final {
 public:
-    TemporaryFolder();
+    explicit TemporaryFolder(
+        const std::filesystem::path& within = std::filesystem::temp_directory_path());
     ~TemporaryFolder();
     TemporaryFolder(const TemporaryFolder&) = delete;
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
@@ -21,19 +22,24 @@ private:
     std::filesystem::path path_;
 };
 
-// A private user: home, XDG folders and runtime folder in a folder of its own, put into this process's environment
-// (and so into every child's) for as long as the object lives. No real home, session bus or journal is touched.
+// A folder in memory where the system has one, for tests that replace files thousands of times.
+std::filesystem::path folderInMemory();
+
+// A private user: home, XDG folders and runtime folder in a folder of its own, put into this
+// process's environment (and so into every child's) for as long as the object lives. No real home,
+// session bus or journal is touched.
 class TemporaryHome final {
 public:
-    TemporaryHome();
+    explicit TemporaryHome(
+        const std::filesystem::path& within = std::filesystem::temp_directory_path());
     ~TemporaryHome();
 
     std::filesystem::path path() const { return folder_.path(); }
-    std::filesystem::path runtime() const { return folder_.path() / "run"; }      // XDG_RUNTIME_DIR
-    std::filesystem::path config() const { return folder_.path() / "config"; }    // XDG_CONFIG_HOME
-    std::filesystem::path data() const { return folder_.path() / "data"; }        // XDG_DATA_HOME
-    std::filesystem::path state() const { return folder_.path() / "state"; }      // XDG_STATE_HOME
-    std::filesystem::path groupContainer() const;                                 // where the suite's container belongs
+    std::filesystem::path runtime() const { return folder_.path() / "run"; }    // XDG_RUNTIME_DIR
+    std::filesystem::path config() const { return folder_.path() / "config"; }  // XDG_CONFIG_HOME
+    std::filesystem::path data() const { return folder_.path() / "data"; }      // XDG_DATA_HOME
+    std::filesystem::path state() const { return folder_.path() / "state"; }    // XDG_STATE_HOME
+    std::filesystem::path groupContainer() const;  // where the suite's container belongs
 
 private:
     TemporaryFolder folder_;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <ctime>
 #include <vector>
 
@@ -43,20 +44,20 @@ Result<std::shared_ptr<const PreferencesVersion>> readVersion(const std::string&
     return std::shared_ptr<const PreferencesVersion>(std::move(version));
 }
 
-// "X.plist.damaged-20260704T123456Z", with a number behind it when that is taken.
-std::vector<std::string> setAsideNames(const std::string& path) {
-    const std::time_t now = std::time(nullptr);
+// "X.plist.damaged-20260704T123456.123456Z": the order of the names is the order of the days.
+std::string setAsideName(const std::string& path) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
     std::tm utc{};
-    gmtime_r(&now, &utc);
-    char stamp[32];
-    std::strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", &utc);
-    const std::string name = path + std::string(kSetAsideMark) + stamp;
-    std::vector<std::string> names{name};
-    for (const char* number : {"-2", "-3", "-4", "-5", "-6", "-7", "-8", "-9"})
-        names.push_back(name + number);
-    return names;
+    gmtime_r(&now.tv_sec, &utc);
+    char day[32];
+    std::strftime(day, sizeof day, "%Y%m%dT%H%M%S", &utc);
+    char fraction[24];
+    std::snprintf(fraction, sizeof fraction, ".%06ldZ", now.tv_nsec / 1000);
+    return path + std::string(kSetAsideMark) + day + fraction;
 }
 
+// Makes room for one more.
 void removeOldest(const std::string& path) {
     const std::size_t slash = path.find_last_of('/');
     const std::string folder = path.substr(0, slash);
@@ -68,9 +69,8 @@ void removeOldest(const std::string& path) {
         const std::string name = entry->d_name;
         if (name.starts_with(prefix)) names.push_back(name);
     }
-    if (names.size() <= kSetAsideKept) return;
     std::sort(names.begin(), names.end());
-    for (std::size_t i = 0; i < names.size() - kSetAsideKept; ++i)
+    for (std::size_t i = 0; i + kSetAsideKept <= names.size(); ++i)
         unlinkat(dirfd(entries.get()), names[i].c_str(), 0);
 }
 
@@ -121,43 +121,38 @@ std::int64_t PreferencesFile::keepBackup(std::int64_t now) const {
 }
 
 Result<std::string> PreferencesFile::setAside() const {
+    removeOldest(path_);
+    const std::string aside = setAsideName(path_);
     const auto backup = readVersion(backupPath());
     const bool hasBackup = backup && *backup;
+    auto done = hasBackup ? exchangeForBackup(aside) : Result<void>();
+    if (!hasBackup && rename(path_.c_str(), aside.c_str()) != 0)
+        done = Error::posix(errno, "rename", path_);
+    if (!done) return std::move(done).error();
+    return "it was set aside as " + aside +
+           (hasBackup ? ", and its backup is used" : ", and the domain begins empty");
+}
+
+// At each point the path leads to the damaged file, which the next process finds, or to the
+// restored one.
+Result<void> PreferencesFile::exchangeForBackup(const std::string& aside) const {
     const std::string staging = stagingPath();
-    // The backup is ready under the staging name first: a kill at any point leaves the damaged
-    // file, which the next process finds, or the restored one.
     if (unlink(staging.c_str()) != 0 && errno != ENOENT)
         return Error::posix(errno, "unlink", staging);
-    const bool isRestored = hasBackup && link(backupPath().c_str(), staging.c_str()) == 0;
-    std::string aside;
-    for (const std::string& name : setAsideNames(path_)) {
-        if (link(path_.c_str(), name.c_str()) == 0) {
-            aside = name;
-            break;
-        }
-        if (errno == EEXIST) continue;
-        // A file system without hard links has no backup either, so there is nothing to be put in
-        // place.
-        if (errno != EPERM && errno != EOPNOTSUPP) break;
-        if (rename(path_.c_str(), name.c_str()) != 0) return Error::posix(errno, "rename", path_);
-        return "it was set aside as " + name + ", and the domain begins empty";
+    if (link(backupPath().c_str(), staging.c_str()) != 0)
+        return Error::posix(errno, "link", backupPath());
+    if (link(path_.c_str(), aside.c_str()) != 0) {
+        auto error = Error::posix(errno, "link", path_);
+        unlink(staging.c_str());
+        return error;
     }
-    const char* failed = nullptr;
-    if (aside.empty()) {
-        failed = "link";
-    } else if (isRestored ? rename(staging.c_str(), path_.c_str()) != 0
-                          : unlink(path_.c_str()) != 0) {
-        failed = isRestored ? "rename" : "unlink";
+    if (rename(staging.c_str(), path_.c_str()) != 0) {
+        auto error = Error::posix(errno, "rename", path_);
+        unlink(aside.c_str());
+        unlink(staging.c_str());
+        return error;
     }
-    if (failed) {
-        const int number = errno;
-        if (!aside.empty()) unlink(aside.c_str());
-        if (isRestored) unlink(staging.c_str());
-        return Error::posix(number, failed, path_);
-    }
-    removeOldest(path_);
-    return "it was set aside as " + aside +
-           (isRestored ? ", and its backup is used" : ", and the domain begins empty");
+    return {};
 }
 
 Dictionary PreferencesFile::backupContent() const {

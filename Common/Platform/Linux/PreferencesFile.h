@@ -58,6 +58,8 @@ public:
     Dictionary backupContent() const;
 
 private:
+    Result<void> exchangeForBackup(const std::string& aside) const;
+
     std::string path_;
 };
 

@@ -82,7 +82,7 @@ protected:
             });
     }
 
-    const test::TemporaryHome home_;
+    const test::TemporaryHome home_{test::folderInMemory()};
     test::TestLog log_;
 };
 
