@@ -130,12 +130,9 @@ private:
 
     std::string dateText(Date date) {
         using namespace std::chrono;
-        constexpr double kFirst = -63114076800.0;  // 0001-01-01
-        constexpr double kBehind =
-            252455616000.0;  // 10001-01-01 less the last year: 10000-01-01 is checked below
+        constexpr double kFarAway = 1e12;  // seconds; the years are checked when they are known
         const double whole = std::trunc(date.secondsSinceReferenceDate);
-        if (!(whole >= kFirst && whole < kBehind))
-            return refuse("a date outside the years 1 to 9999");
+        if (!(std::abs(whole) < kFarAway)) return refuse("a date outside the years 1 to 9999");
         const sys_seconds moment{
             seconds{static_cast<std::int64_t>(whole + Date::kReferenceUnixTime)}};
         const auto day = floor<days>(moment);

@@ -1,0 +1,167 @@
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Common/Platform/PropertyListSerialization.h"
+
+// Binary files put together by hand: what is allowed though nobody here writes it, and what is not.
+
+namespace utilia::platform {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// A file of these objects, with one-byte offsets and references; the first object is the top.
+Data file(const std::vector<Bytes>& objects) {
+    Data bytes{'b', 'p', 'l', 'i', 's', 't', '0', '0'};
+    Bytes offsets;
+    for (const Bytes& object : objects) {
+        offsets.push_back(static_cast<std::uint8_t>(bytes.size()));
+        bytes.insert(bytes.end(), object.begin(), object.end());
+    }
+    const auto table = static_cast<std::uint8_t>(bytes.size());
+    bytes.insert(bytes.end(), offsets.begin(), offsets.end());
+    Data trailer(32);
+    trailer[6] = 1;
+    trailer[7] = 1;
+    trailer[15] = static_cast<std::uint8_t>(objects.size());
+    trailer[31] = table;
+    bytes.insert(bytes.end(), trailer.begin(), trailer.end());
+    return bytes;
+}
+
+std::string refusalOf(const Data& bytes) {
+    const auto value = propertyListFromData(bytes);
+    if (value) return "accepted";
+    EXPECT_EQ(value.error().code, 3840);
+    return value.error().description;
+}
+
+TEST(BinaryPropertyList, AcceptsWhatOtherWritersMake) {
+    struct Case {
+        const char* what;
+        std::vector<Bytes> objects;
+        Value value;
+    };
+    const Case cases[] = {
+        {"a float", {{0x22, 0x3F, 0x80, 0, 0}}, 1.0},
+        {"an integer wider than it need be", {{0x13, 0, 0, 0, 0, 0, 0, 0, 1}}, 1},
+        {"a small number in 16 bytes", {{0x14, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 7}}, 7},
+        {"a negative number in 16 bytes",
+         {{0x14, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255, 255}},
+         -1},
+        {"a length that would fit the marker", {{0x5F, 0x10, 1, 'a'}}, "a"},
+        {"ASCII as UTF-16", {{0x61, 0, 'a'}}, "a"},
+        {"objects that nobody refers to", {{0x09}, {0x08}, {0x50}}, true},
+        {"one object from two places", {{0xA2, 1, 1}, {0x51, 'x'}}, Array{"x", "x"}},
+        {"a shared container", {{0xA2, 1, 1}, {0xA1, 2}, {0x09}}, Array{Array{true}, Array{true}}},
+        {"a key twice",
+         {{0xD2, 1, 1, 2, 3}, {0x51, 'k'}, {0x10, 1}, {0x10, 2}},
+         Dictionary{{"k", 2}}},
+    };
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.what);
+        const auto value = propertyListFromData(file(one.objects));
+        ASSERT_TRUE(value) << value.error().description;
+        EXPECT_TRUE(*value == one.value);
+    }
+}
+
+TEST(BinaryPropertyList, RefusesObjectsThatAreNotInOrder) {
+    struct Case {
+        const char* what;
+        std::vector<Bytes> objects;
+    };
+    const Case cases[] = {
+        {"null", {{0x00}}},
+        {"a fill byte", {{0x0F}}},
+        {"an integer of 32 bytes", {{0x15}}},
+        {"an integer beyond 64 bits", {{0x14, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0}}},
+        {"a real of two bytes", {{0x21, 0, 0}}},
+        {"a date of four bytes", {{0x32, 0, 0, 0, 0}}},
+        {"a date that is not finite", {{0x33, 0x7F, 0xF0, 0, 0, 0, 0, 0, 0}}},
+        {"an archive's reference", {{0x80, 1}}},
+        {"a set", {{0xC1, 1}, {0x09}}},
+        {"a length by a text", {{0x5F, 0x51, 'a'}}},
+        {"NUL in ASCII", {{0x52, 'a', 0}}},
+        {"a byte that is not ASCII", {{0x51, 0xC4}}},
+        {"NUL in UTF-16", {{0x61, 0, 0}}},
+        {"a high surrogate alone", {{0x61, 0xD8, 0x3D}}},
+        {"a low surrogate alone", {{0x61, 0xDE, 0x00}}},
+        {"surrogates the wrong way round", {{0x62, 0xDE, 0, 0xD8, 0x3D}}},
+        {"a reference to nothing", {{0xA1, 9}}},
+        {"a key that is no text", {{0xD1, 1, 1}, {0x09}}},
+        {"an array of itself", {{0xA1, 0}}},
+        {"a cycle over two", {{0xA1, 1}, {0xD1, 2, 0}, {0x51, 'k'}}},
+        {"a text that goes on into the table", {{0x53, 'a', 'b'}}},
+        {"an integer that goes on into the table", {{0x13, 0}}},
+        {"data longer than every file",
+         {{0x4F, 0x13, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}}},
+        {"an array longer than every file",
+         {{0xAF, 0x13, 0x7F, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}}},
+        {"a dictionary without room for its values", {{0xD1, 1}}},
+    };
+    for (const Case& one : cases) EXPECT_NE(refusalOf(file(one.objects)), "accepted") << one.what;
+}
+
+TEST(BinaryPropertyList, RefusesTrailersThatPointOutside) {
+    const Data good = file({{0xA1, 1}, {0x09}});
+    ASSERT_TRUE(propertyListFromData(good));
+    const std::size_t trailer = good.size() - 32;
+    struct Case {
+        std::size_t field;
+        std::uint8_t value;
+    };
+    for (const Case one :
+         {Case{6, 0}, Case{6, 9}, Case{7, 0}, Case{7, 9}, Case{15, 0}, Case{15, 200}, Case{8, 255},
+          Case{23, 2}, Case{16, 255}, Case{31, 0}, Case{31, 255}, Case{24, 255}}) {
+        Data bad = good;
+        bad[trailer + one.field] = one.value;
+        EXPECT_NE(refusalOf(bad), "accepted")
+            << "trailer byte " << one.field << " is " << int{one.value};
+    }
+}
+
+TEST(BinaryPropertyList, RefusesATreeThatDoublesWithEachObject) {
+    std::vector<Bytes> objects;
+    for (std::uint8_t i = 1; i < 60; ++i) objects.push_back({0xA2, i, i});
+    objects.push_back({0x09});
+    EXPECT_EQ(refusalOf(file(objects)), "binary property list: too much shared content");
+}
+
+TEST(BinaryPropertyList, EachCutOfAFileIsRefused) {
+    const Data whole = file({{0xD2, 1, 2, 3, 4},
+                             {0x51, 'a'},
+                             {0x51, 'b'},
+                             {0xA1, 1},
+                             {0x33, 0x41, 0xC2, 0xF8, 0xF9, 0xDF, 0x80, 0, 0}});
+    ASSERT_TRUE(propertyListFromData(whole));
+    for (std::size_t length = 0; length < whole.size(); ++length) {
+        EXPECT_NE(
+            refusalOf(Data(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length))),
+            "accepted")
+            << length;
+    }
+}
+
+TEST(BinaryPropertyList, EachFlippedBitIsReadOrRefused) {
+    const Data whole = file({{0xD2, 1, 2, 3, 4},
+                             {0x51, 'a'},
+                             {0x51, 'b'},
+                             {0xA1, 1},
+                             {0x33, 0x41, 0xC2, 0xF8, 0xF9, 0xDF, 0x80, 0, 0}});
+    for (std::size_t bit = 0; bit < whole.size() * 8; ++bit) {
+        Data flipped = whole;
+        flipped[bit / 8] = static_cast<std::uint8_t>(flipped[bit / 8] ^ 1u << bit % 8);
+        const auto value = propertyListFromData(flipped);
+        if (!value) continue;
+        // What is accepted can be written, and reads back as the same.
+        const auto again = dataFromPropertyList(*value, PropertyListFormat::Binary);
+        ASSERT_TRUE(again);
+        EXPECT_TRUE(*propertyListFromData(*again) == *value);
+    }
+}
+
+}  // namespace
+}  // namespace utilia::platform
