@@ -79,6 +79,8 @@ void ChildWatcher::run() {
         }
         std::erase_if(children_, [](Watched& watched) {
             const Status status = reap(watched.child.process);
+            // Whoever hears of the end finds nothing of the child left.
+            if (status) watched.child.handle.reset();
             if (watched.progress && (watched.progress(status) || status))
                 watched.progress = nullptr;
             return status.has_value();
