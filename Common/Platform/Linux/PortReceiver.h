@@ -28,7 +28,7 @@ public:
         std::chrono::milliseconds helloTimeout = std::chrono::seconds(5);
         std::size_t connectionsPerProcess = 64;
         std::size_t connections = 512;
-        unsigned packetsPerTurn = 64;  // of one connection
+        unsigned packetsPerTurn = 16;  // of one connection
     };
 
     PortReceiver();

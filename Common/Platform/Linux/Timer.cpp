@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <memory>
 #include <utility>
@@ -36,6 +37,13 @@ nanoseconds bootTime() {
     return std::chrono::seconds(now.tv_sec) + nanoseconds(now.tv_nsec);
 }
 
+// A process that is short of descriptors is so for many timers.
+void reportOnce(const Error& error) {
+    static std::atomic<bool> isReported = false;
+    if (isReported.exchange(true)) return;
+    KULogVariadic("A timer does not count the time asleep: %@", error);
+}
+
 class TimerWatch final : public LoopWatcher, public std::enable_shared_from_this<TimerWatch> {
 public:
     TimerWatch(nanoseconds interval, bool repeats, std::function<void()> fire)
@@ -48,7 +56,7 @@ public:
         watches_ = loop.watches;
         planned_ = bootTime() + interval_;
         if (auto watched = watchDescriptor(*loop.watches); !watched) {
-            KULogVariadic("A timer does not count the time asleep: %@", watched.error());
+            reportOnce(watched.error());
             watchReadyTime(loop.context);
         }
         arm();

@@ -105,7 +105,7 @@ std::size_t residentBytes() {
 
 std::size_t residentTolerance() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return std::size_t{256} << 20;
+    return std::size_t{512} << 20;
 #else
     return std::size_t{2} << 20;
 #endif
