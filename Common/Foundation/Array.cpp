@@ -32,7 +32,8 @@ void Array::removeAt(std::size_t index) {
 
 std::size_t Array::remove(const Value& value) {
     if (std::find(begin(), end(), value) == end()) return 0;
-    const Value wanted = value;  // may be one of the elements that move
+    // A copy, since it may be one of the elements that move.
+    const Value wanted = value;  // NOLINT(performance-unnecessary-copy-initialization)
     return std::erase(own(), wanted);
 }
 

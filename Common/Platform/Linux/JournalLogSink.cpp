@@ -31,7 +31,7 @@ namespace {
 
 // Far below what the journal takes from unprivileged senders, far above any line that is meant for
 // people.
-constexpr std::size_t kLineLimit = 1024 * 1024;
+constexpr std::size_t kLineLimit = std::size_t{1024} * 1024;
 
 void appendField(std::string& entry, std::string_view name, std::string_view text) {
     entry.append(name);
