@@ -88,6 +88,14 @@ platform::UniqueFd connectRaw(const std::string& name) {
     return connection;
 }
 
+NoDescriptorsLeft::NoDescriptorsLeft() {
+    // A new descriptor would get the lowest free number, which is where the limit is put.
+    const platform::UniqueFd lowest(dup(0));
+    getrlimit(RLIMIT_NOFILE, &before_);
+    const rlimit low{static_cast<rlim_t>(lowest.get()), before_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &low);
+}
+
 std::size_t openDescriptorCount() {
     std::size_t count = 0;
     for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))

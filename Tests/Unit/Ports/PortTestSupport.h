@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include "Common/Platform/Port.h"
 #include "Common/Platform/UniqueFd.h"
@@ -67,6 +68,18 @@ void sendText(const std::shared_ptr<platform::Port>& port, std::uint32_t msgid,
 std::string portsFolder();
 // A connection made without the library; empty (errno is set) when it is refused.
 platform::UniqueFd connectRaw(const std::string& name);
+
+// As long as it lives, this process can open no descriptor.
+class NoDescriptorsLeft final {
+public:
+    NoDescriptorsLeft();
+    ~NoDescriptorsLeft() { setrlimit(RLIMIT_NOFILE, &before_); }
+    NoDescriptorsLeft(const NoDescriptorsLeft&) = delete;
+    NoDescriptorsLeft& operator=(const NoDescriptorsLeft&) = delete;
+
+private:
+    rlimit before_{};
+};
 
 // Of this process.
 std::size_t openDescriptorCount();

@@ -406,6 +406,47 @@ TEST_F(Ports, AnswerWithADocumentedErrorWhenTheRuntimeFolderCannotBeUsed) {
     EXPECT_EQ(log.count("other users may enter it"), 1u);
 }
 
+TEST_F(Ports, AnswerWithADocumentedErrorWhenThereIsNoRuntimeFolder) {
+    const test::TestLog log;
+    std::filesystem::remove_all(home.runtime());
+    EXPECT_FALSE(names().registerPort(Port::port(), "a"));
+    EXPECT_FALSE(names().portForName("a"));
+    EXPECT_TRUE(names().registrations().empty());
+    EXPECT_EQ(log.count("No such file or directory"), 1u);
+}
+
+TEST_F(Ports, WorkInAFolderWithALongPath) {
+    std::filesystem::path folder = home.runtime();
+    while (folder.string().size() < 300) folder /= std::string(40, 'f');
+    std::filesystem::create_directories(folder);
+    setenv("XDG_RUNTIME_DIR", folder.c_str(), 1);
+    Receiver receiver(std::string(100, 'n'));
+    ASSERT_TRUE(receiver.isRegistered);
+    sendText(names().portForName(std::string(100, 'n')), 1, "x");
+    EXPECT_TRUE(runUntil([&] { return receiver.messages().size() == 1; }));
+}
+
+TEST_F(Ports, RefuseALargeMessageWhenThereIsNoDescriptorForIt) {
+    const test::TestLog log;
+    Receiver receiver("a");
+    const std::size_t descriptors = test::openDescriptorCount();
+    const auto sender = names().portForName("a");
+    sendText(sender, 1, "small");
+    ASSERT_TRUE(runUntil([&] { return receiver.messages().size() == 1; }));
+    sendText(sender, 2, std::string(100'000, 'L'));
+    {
+        const test::NoDescriptorsLeft none;
+        for (int turn = 0; turn < 5; ++turn) RunLoop::currentRunLoop().runFor(0ns);
+    }
+    EXPECT_EQ(log.lines(), (std::vector<std::string>{
+                               "Port a refused a memory file that cannot be read here (process " +
+                               std::to_string(getpid()) + ")"}));
+    EXPECT_TRUE(runUntil([&] { return !sender->isValid(); })) << "its sender hears of it";
+    EXPECT_EQ(test::openDescriptorCount(), descriptors);
+    sendText(names().portForName("a"), 3, std::string(100'000, 'L'));
+    EXPECT_TRUE(runUntil([&] { return receiver.messages().size() == 2; }));
+}
+
 TEST_F(Ports, GoOnWhenTheirFolderIsRemoved) {
     Receiver receiver("a");
     const auto sender = names().portForName("a");

@@ -7,12 +7,11 @@
 
 #include <glib.h>
 #include <nlohmann/json.hpp>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include "Common/Platform/Linux/TimerPhase.h"
 #include "Common/Platform/RunLoop.h"
 #include "Tests/Support/TestLog.h"
+#include "Tests/Unit/Ports/PortTestSupport.h"
 
 namespace utilia::platform {
 namespace {
@@ -264,15 +263,8 @@ TEST(Timer, FiresInAProcessThatHasNoDescriptorLeft) {
     int fired = 0;
     Handle timer;
     {
-        // The lowest free number is where the limit is put.
-        const int lowest = dup(0);
-        close(lowest);
-        rlimit before{};
-        getrlimit(RLIMIT_NOFILE, &before);
-        const rlimit low{static_cast<rlim_t>(lowest), before.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &low);
+        const test::NoDescriptorsLeft none;
         timer = Timer::scheduledTimer(2ms, true, [&] { ++fired; });
-        setrlimit(RLIMIT_NOFILE, &before);
     }
     EXPECT_EQ(log.count("A timer does not count the time asleep"), 1u);
     EXPECT_TRUE(RunLoop::currentRunLoop().runUntil([&] { return fired == 2; }, kLong));
