@@ -71,5 +71,23 @@ TEST(PropertyListVectors, BothFormsOfEachReadAsTheSameValue) {
     }
 }
 
+// Documentation/Formats/Preferences.md explains these bytes.
+TEST(PropertyListVectors, TheDocumentedExampleIsWhatIsWritten) {
+    const Value value = Dictionary{{"Scheduler", Array{Dictionary{{"bundleid", "com.example.tool"},
+                                                                  {"launchAtDate", true},
+                                                                  {"interval", 0.5}}}}};
+    const auto binary = dataFromPropertyList(value, PropertyListFormat::Binary);
+    ASSERT_TRUE(binary);
+    EXPECT_EQ(hexOf(*binary), "62706c6973743030d101025953636865"
+                              "64756c6572a103d30405060708095862"
+                              "756e646c6569645c6c61756e63684174"
+                              "4461746558696e74657276616c5f1010"
+                              "636f6d2e6578616d706c652e746f6f6c"
+                              "09233fe0000000000000080b15171e27"
+                              "343d5051000000000000010100000000"
+                              "0000000a000000000000000000000000"
+                              "0000005a");
+}
+
 }  // namespace
 }  // namespace utilia::platform
