@@ -38,6 +38,16 @@ protected:
         return home_.groupContainer() / "Library/Preferences/7QK2M9ZD4R.com.korvane.utilia.plist";
     }
 
+    static std::string content(const fs::path& path) {
+        std::ifstream file(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    }
+    // Puts a file in the suite's place, as another release may have left it.
+    void installSuite(const char* name) const {
+        fs::create_directories(suiteFile().parent_path());
+        fs::copy_file(fs::path(UTILIA_TEST_DATA) / name, suiteFile());
+    }
+
     test::TemporaryHome home_;
     test::TestLog log_;
 };
@@ -238,6 +248,27 @@ TEST_F(AppGroupStore, BlockRunsUnlockedWhenThereIsAFileInTheContainersPlace) {
     readSchedulerPlist(kBundleId, kName, [&](const Dictionary&) { ++calls; });
     EXPECT_EQ(calls, 2);
     EXPECT_TRUE(fs::is_regular_file(home_.groupContainer()));
+}
+
+TEST_F(AppGroupStore, WritesTheDocumentedExample) {
+    updateSchedulerPlist(kBundleId, kName, [](Dictionary& record) {
+        record.set("launchAtDate", true);
+        record.set("date", Date{796'000'000.5});
+        record.set("interval", 86'400.0);
+    });
+    EXPECT_EQ(content(suiteFile()),
+              content(fs::path(UTILIA_TEST_DATA) / "scheduler-records.plist"));
+}
+
+TEST_F(AppGroupStore, ReadsTheDocumentedExample) {
+    installSuite("scheduler-records.plist");
+    std::optional<Dictionary> found;
+    readSchedulerPlist(kBundleId, kName, [&](const Dictionary& record) { found = record; });
+    EXPECT_EQ(found, (Dictionary{{"bundleid", kBundleId},
+                                 {"name", kName},
+                                 {"launchAtDate", true},
+                                 {"date", Date{796'000'000.5}},
+                                 {"interval", 86'400.0}}));
 }
 
 TEST_F(AppGroupStore, ProgramWithoutBundleHasNoScheduleOfItsOwn) {

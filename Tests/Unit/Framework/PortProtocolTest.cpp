@@ -41,6 +41,11 @@ TEST(PortNames, AreTheAgreedOnes) {
               "7QK2M9ZD4R.com.korvane.utilia.tool.58f7ceb296f135f1");
 }
 
+TEST(PortNames, FollowTheDocumentedExample) {
+    EXPECT_EQ(toolPortName(canonicalToolPath("/Applications/Clock.app", std::nullopt)),
+              "7QK2M9ZD4R.com.korvane.utilia.tool.ba0032d77b13b5b7");
+}
+
 TEST(PortNames, HashIsLowerCaseHexadecimalWithoutLeadingZeros) {
     EXPECT_EQ(toolPortName(canonicalToolPath("/Sample Tool.app", "Other")),
               "7QK2M9ZD4R.com.korvane.utilia.tool.7e2ade54ab547aa");

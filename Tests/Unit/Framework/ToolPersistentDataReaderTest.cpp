@@ -75,6 +75,15 @@ TEST_F(PersistentDataReader, EntryIsKeyedByIdentifierThenFileName) {
     EXPECT_EQ(reader_.menuText(), "12:30");
 }
 
+TEST_F(PersistentDataReader, ReadsTheDocumentedExample) {
+    const fs::path folder = home_.groupContainer() / "Library/Preferences";
+    fs::create_directories(folder);
+    fs::copy_file(fs::path(UTILIA_TEST_DATA) / "presentation-data.plist",
+                  folder / "7QK2M9ZD4R.com.korvane.utilia.plist");
+    const ToolPersistentDataReader clock("Clock.app", "com.korvane.utilia.Clock");
+    EXPECT_EQ(clock.getToolDataDict(), (Dictionary{{"Permanent", true}, {"MenuText", "12:30"}}));
+}
+
 TEST_F(PersistentDataReader, OtherOrdersAndFormsOfTheKeyAreOtherTools) {
     const Dictionary record{{"Permanent", true}};
     storeAll(Dictionary{{"Big Clock.app_com.korvane.utilia.Clock", record},
