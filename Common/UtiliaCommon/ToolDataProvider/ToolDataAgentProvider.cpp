@@ -17,7 +17,16 @@ using platform::NotificationCenter;
 using platform::PortMessage;
 using platform::PortNameServer;
 
+// As a URL gives it: both ends form their texts from this one.
+std::string withoutTrailingSlashes(std::string_view path) {
+    while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
+    return std::string(path);
+}
+
 }  // namespace
+
+// Observers may remove the proxy that tells them, so whatever calls out holds the proxy until it
+// returns (`self`).
 
 // Kept apart from the proxy, so that a handle may outlive it.
 struct ToolDataAgentProvider::Observers {
@@ -32,11 +41,11 @@ ToolDataAgentProvider::~ToolDataAgentProvider() = default;
 
 void ToolDataAgentProvider::setupWithToolURL(std::string_view toolURL, std::string_view bundleId,
                                              std::optional<std::string> canonicalName) {
-    name_ = toolURL;
+    name_ = withoutTrailingSlashes(toolURL);
     canonicalName_ = std::move(canonicalName);
     canonicalPath_ = canonicalToolPath(name_, canonicalName_);
     bundleId_ = bundleId;
-    persist_ = std::make_shared<ToolPersistentDataReader>(lastPathComponent(toolURL), bundleId);
+    persist_ = std::make_shared<ToolPersistentDataReader>(lastPathComponent(name_), bundleId);
     ToolDataServerProvider::sharedInstance().addTool(shared_from_this());
 }
 
@@ -46,6 +55,7 @@ bool ToolDataAgentProvider::matches(std::string_view toolPath) const {
 
 bool ToolDataAgentProvider::ensureToolPortOpen() {
     if (toolPort_) return true;
+    const auto self = weak_from_this().lock();
     toolPort_ =
         PortNameServer::systemDefaultPortNameServer().portForName(toolPortName(canonicalPath_));
     if (!toolPort_) return false;
@@ -60,7 +70,7 @@ bool ToolDataAgentProvider::ensureToolPortOpen() {
 
 void ToolDataAgentProvider::portDied() {
     if (!toolPort_) return;
-    const auto keepAlive = weak_from_this().lock();
+    const auto self = weak_from_this().lock();
     toolPortInvalid_.reset();
     toolPort_ = nullptr;
     changed(Property::ToolPort);
@@ -72,6 +82,7 @@ void ToolDataAgentProvider::portDied() {
 }
 
 void ToolDataAgentProvider::setStatus(std::uint64_t status) {
+    const auto self = weak_from_this().lock();
     const bool isOpen = ensureToolPortOpen();
     status_ = status == kToolStatusActive && !isOpen ? kToolStatusInactive : status;
     changed(Property::Status);
@@ -103,6 +114,7 @@ void ToolDataAgentProvider::setPersist(std::shared_ptr<ToolPersistentDataReader>
 
 void ToolDataAgentProvider::setToolIconNeeded(bool needed) {
     if (toolIconNeeded_ == needed) return;
+    const auto self = weak_from_this().lock();
     toolIconNeeded_ = needed;
     sendToolIconNeeded();
     changed(Property::ToolIconNeeded);
@@ -110,6 +122,7 @@ void ToolDataAgentProvider::setToolIconNeeded(bool needed) {
 
 void ToolDataAgentProvider::setMenuIconNeeded(bool needed) {
     if (menuIconNeeded_ == needed) return;
+    const auto self = weak_from_this().lock();
     menuIconNeeded_ = needed;
     sendMenuIconNeeded();
     changed(Property::MenuIconNeeded);
@@ -130,6 +143,7 @@ void ToolDataAgentProvider::sendWish(AgentMessage message, bool needed) {
 
 bool ToolDataAgentProvider::sendCommand(AgentMessage id,
                                         std::optional<PortMessage::Component> params) {
+    const auto self = weak_from_this().lock();
     if (!ensureToolPortOpen()) return false;
     std::vector<PortMessage::Component> components;
     if (params) components.push_back(*params);
@@ -148,6 +162,7 @@ bool ToolDataAgentProvider::sendCommand(AgentMessage id,
 }
 
 void ToolDataAgentProvider::requestStatus() {
+    const auto self = weak_from_this().lock();
     if (sendCommand(AgentMessage::StatusRequest)) return;
     if (!persist_ || !persist_->isPermanent()) return;
     setStatus(kToolStatusPermanent);
@@ -156,6 +171,7 @@ void ToolDataAgentProvider::requestStatus() {
 
 void ToolDataAgentProvider::setPermanentIcons() {
     if (!persist_) return;
+    const auto self = weak_from_this().lock();
     if (auto icon = persist_->toolIcon()) setToolIcon(std::move(icon));
     if (auto icon = persist_->menuIcon()) setMenuIcon(std::move(icon));
     if (auto text = persist_->menuText()) setMenuText(std::move(text));
@@ -171,9 +187,8 @@ Handle ToolDataAgentProvider::observe(Observer observer) {
 
 void ToolDataAgentProvider::changed(Property property) {
     if (observers_->all.empty()) return;
-    // An observer may remove this very proxy, or end any handle; one that was ended is not called
-    // any more.
-    const auto keepAlive = weak_from_this().lock();
+    // An observer may end any handle; one that was ended is not called any more.
+    const auto self = weak_from_this().lock();
     const auto observers = observers_;
     std::vector<std::uint64_t> ids;
     ids.reserve(observers->all.size());

@@ -33,7 +33,8 @@ public:
 
     const std::shared_ptr<platform::Port>& servicePort() const { return servicePort_; }
     using Tools = std::vector<std::shared_ptr<ToolDataAgentProvider>>;
-    const Tools& tools() const { return *tools_; }  // in order of registration
+    // In order of registration, as they are now; later changes do not show in the answer.
+    Tools tools() const { return *tools_; }
     // Declared for permanent tools; nothing fills it.
     const Tools* permanentTools() const { return nullptr; }
 
