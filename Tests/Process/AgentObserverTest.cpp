@@ -112,6 +112,21 @@ TEST_F(AgentObserver, MayRemoveAndFreeTheVeryProxyThatTellsIt) {
     EXPECT_EQ(events(agent), (Lines{"removing", "removing"})) << "the status, and that it launched";
 }
 
+TEST_F(AgentObserver, MayFreeItsProxyInsideEveryCall) {
+    RecordingPort port(toolPortName(kToolPath));
+    ScriptedChild agent = startAgent();
+    for (const char* call :
+         {"set-status", "request-status", "ensure-port", "want-tool-icon", "want-menu-icon"}) {
+        SCOPED_TRACE(call);
+        agent.ask("clear-events");
+        const std::string tool = add(agent);
+        agent.ask("observe-and-remove", {tool, tool});
+        agent.ask("call", {tool, call});
+        EXPECT_FALSE(events(agent).empty());
+        EXPECT_EQ(splitFields(agent.ask("listed")), Lines{});
+    }
+}
+
 TEST_F(AgentObserver, MayFreeItsProxyWhileThePortDies) {
     auto port = std::make_unique<RecordingPort>(toolPortName(kToolPath));
     ScriptedChild agent = startAgent();

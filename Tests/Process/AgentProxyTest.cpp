@@ -37,6 +37,14 @@ TEST_F(AgentProxy, KnowsWhatItWasSetUpWith) {
         << "persisted data goes by the actual file name";
 }
 
+TEST_F(AgentProxy, SlashAtTheEndOfItsPathIsNoPartOfIt) {
+    ScriptedChild agent = startAgent();
+    const std::string tool = add(agent, {"/Applications/My Clock.app/", "id"});
+    EXPECT_EQ(splitFields(agent.ask("describe", {tool})),
+              (std::vector<std::string>{"/Applications/My Clock.app", "id", "none", "My Clock.app",
+                                        "id"}));
+}
+
 TEST_F(AgentProxy, ListsProxiesInTheOrderOfTheirSetUp) {
     ScriptedChild agent = startAgent();
     add(agent, {"/b.app", "b"});

@@ -135,6 +135,16 @@ private:
             proxy.setStatus(std::stoull(a.at(1)));
             return std::to_string(proxy.status());
         });
+        // Nothing of the proxy is touched after the call, which may have freed it.
+        onProxy("call", [](auto& proxy, const Arguments& a) {
+            if (a.at(1) == "set-status") proxy.setStatus(kToolStatusActive);
+            if (a.at(1) == "request-status") proxy.requestStatus();
+            if (a.at(1) == "ensure-port") (void)proxy.ensureToolPortOpen();
+            if (a.at(1) == "want-tool-icon") proxy.setToolIconNeeded(true);
+            if (a.at(1) == "want-menu-icon") proxy.setMenuIconNeeded(true);
+            if (a.at(1) == "set-permanent-icons") proxy.setPermanentIcons();
+            return std::string();
+        });
         onProxy("show", [](auto& proxy, const Arguments& a) {
             proxy.setToolIcon(sampleImage(8, 90));
             proxy.setMenuIcon(sampleImage(8, 91));

@@ -284,6 +284,32 @@ TEST_F(LazyWriter, KilledToolLeavesWhatItsLastOrderlyEndStored) {
     EXPECT_EQ(content(icon("Tool")), sampleTiff(8, 7));
 }
 
+TEST_F(LazyWriter, KilledWhileItEndsLeavesNoHalfRecordAndNoHalfIcon) {
+    leaveBehind("0", "1");
+    const std::string icons[] = {sampleTiff(8, 1), sampleTiff(256, 2)};
+    for (int i = 1; i <= 60; ++i) {
+        SCOPED_TRACE(i);
+        ScriptedChild tool = start();
+        tool.ask("set-menu-text", {std::to_string(i)});
+        tool.ask("set-tool-icon", {"256", "2"});
+        tool.tell("terminate");
+        // Somewhere on its way out, or after it.
+        (void)tool.process().waitForExit(std::chrono::milliseconds(i % 12));
+        tool.process().kill();
+        const auto records = storedRecords();
+        ASSERT_TRUE(records);
+        const auto record = records->dictionary("com.korvane.utilia.SampleTool_Sample Tool.app");
+        ASSERT_TRUE(record);
+        EXPECT_TRUE(record->boolean("Permanent"));
+        EXPECT_TRUE(record->string("MenuText"));
+        const std::string stored = content(icon("Tool"));
+        EXPECT_TRUE(stored == icons[0] || stored == icons[1]);
+        EXPECT_EQ(templateAttribute(icon("Menu")), Data{1});
+    }
+    leaveBehind("the store is free", "3");
+    EXPECT_EQ(content(icon("Tool")), sampleTiff(8, 3));
+}
+
 TEST_F(LazyWriter, ToolsThatEndAtOnceAllLeaveTheirRecords) {
     constexpr int kTools = 6;
     std::vector<std::unique_ptr<TestBundle>> bundles;

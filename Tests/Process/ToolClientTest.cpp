@@ -2,8 +2,11 @@
 
 #include <filesystem>
 
+#include <sys/stat.h>
+
 #include "Common/Foundation/StringHash.h"
 #include "Tests/Process/ToolFixture.h"
+#include "Tests/Process/UnprivilegedUser.h"
 
 namespace utilia::test {
 namespace {
@@ -375,6 +378,20 @@ TEST_F(ToolClient, AnswersWritableFoldersOnly) {
     const std::string folder = home_.path().string();
     EXPECT_EQ(tool.ask("access", {folder}), folder + ", " + folder);
     EXPECT_EQ(tool.ask("access", {"/nowhere/at/all"}), "none, none");
+}
+
+TEST_F(ToolClient, FolderThatTheUserMayNotWriteIsRefused) {
+    const UnprivilegedUser user(home_);
+    const auto folder = home_.path() / "read-only";
+    std::filesystem::create_directory(folder);
+    user.own(folder);
+    ASSERT_EQ(chmod(folder.c_str(), 0500), 0);
+    ChildProcessOptions options;
+    options.user = user.id();
+    ScriptedChild tool(bundle_.role("tool", {}, options));
+    EXPECT_EQ(tool.ask("access", {folder.string()}), "none, none");
+    ASSERT_EQ(chmod(folder.c_str(), 0700), 0);
+    EXPECT_EQ(tool.ask("access", {folder.string()}), folder.string() + ", " + folder.string());
 }
 
 TEST_F(ToolClient, SpecialDirectoryIsTheDesktop) {
