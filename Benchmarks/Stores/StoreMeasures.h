@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+#include "Benchmarks/Support/Measure.h"
+
+namespace utilia::bench {
+
+// One change of one record out of 50, with its data synced, by a process that makes few of them,
+// p50 of each store: utilia_us, replace_us (nothing is parsed), libplist_us (no file is touched),
+// keyfile_us, sqlite_us. The stores take turns at every change, because a disk's mood lasts longer
+// than a measurement.
+Figures measureUpdate(const Settings& settings);
+
+// The same in memory, where syncing costs nothing: what remains is the work.
+Figures measureUpdateInMemory(const Settings& settings);
+
+// Eight processes that update as fast as they can ("utilia" or "replace"): per_s, longest_wait_ms,
+// fairness, lost.
+Figures measureTightWriters(const std::string& store, const Settings& settings);
+
+// Reading a key of a domain that did not change, inside one access of the store, beside a stat of
+// its file: read_us, stat_us.
+Figures measureCachedRead(const Settings& settings);
+
+}  // namespace utilia::bench

@@ -1,0 +1,137 @@
+#include "Benchmarks/Support/Goals.h"
+
+#include <functional>
+#include <optional>
+#include <vector>
+
+namespace utilia::bench {
+namespace {
+
+using Figure = std::function<std::optional<double>(const Results&)>;
+
+struct Goal {
+    const char* part;
+    std::string text;
+    enum { AtMost, AtLeast } sense;
+    double wanted;
+    const char* unit;
+    Figure figure;
+};
+
+Figure value(std::string measurement, std::string variant, std::string metric) {
+    return [=](const Results& results) { return results.median(measurement, variant, metric); };
+}
+
+Figure combined(Figure left, Figure right, double (*combine)(double, double)) {
+    return [=](const Results& results) -> std::optional<double> {
+        const auto a = left(results), b = right(results);
+        if (!a || !b) return std::nullopt;
+        return combine(*a, *b);
+    };
+}
+
+Figure ratio(Figure dividend, Figure divisor) {
+    return combined(std::move(dividend), std::move(divisor),
+                    [](double a, double b) { return a / b; });
+}
+Figure sum(Figure left, Figure right) {
+    return combined(std::move(left), std::move(right), [](double a, double b) { return a + b; });
+}
+Figure difference(Figure left, Figure right) {
+    return combined(std::move(left), std::move(right), [](double a, double b) { return a - b; });
+}
+
+void addMessageGoals(std::vector<Goal>& goals) {
+    struct Latency {
+        const char* size;
+        double overSocket, overBroker, overDaemon;  // 0: no goal
+    };
+    for (const Latency& one : {Latency{"64 B", 2.2, 3, 4}, Latency{"4 KiB", 2.2, 3, 4},
+                               Latency{"64 KiB", 1.3, 0, 0}, Latency{"1 MiB", 2.5, 0, 3.5}}) {
+        const std::string measurement = std::string("latency ") + one.size;
+        const auto p50 = [&measurement](const char* variant) {
+            return value(measurement, variant, "p50_us");
+        };
+        const std::string subject = std::string("one-way message, ") + one.size + ", one core: ";
+        goals.push_back({"messages", subject + "against the raw socket", Goal::AtMost,
+                         one.overSocket, " ×", ratio(p50("utilia"), p50("socket"))});
+        if (one.overBroker > 0) {
+            goals.push_back({"messages", subject + "faster than dbus-broker", Goal::AtLeast,
+                             one.overBroker, " ×", ratio(p50("dbus-broker"), p50("utilia"))});
+        }
+        if (one.overDaemon > 0) {
+            goals.push_back({"messages", subject + "faster than dbus-daemon", Goal::AtLeast,
+                             one.overDaemon, " ×", ratio(p50("dbus-daemon"), p50("utilia"))});
+        }
+    }
+    const auto flood = [](const char* variant, const char* metric) {
+        return value("50 senders 64 B", variant, metric);
+    };
+    const std::string subject = "50 senders to one agent, 64 B: ";
+    goals.push_back({"messages", subject + "messages a second", Goal::AtLeast, 500'000, "",
+                     flood("utilia", "per_s")});
+    goals.push_back({"messages", subject + "lost", Goal::AtMost, 0, "", flood("utilia", "lost")});
+    goals.push_back({"messages", subject + "least against most served", Goal::AtLeast, 0.8, "",
+                     flood("utilia", "fairness")});
+    goals.push_back({"messages", subject + "longest send", Goal::AtMost, 50, " ms",
+                     flood("utilia", "longest_send_ms")});
+    goals.push_back({"messages", subject + "against dbus-broker", Goal::AtLeast, 4, " ×",
+                     ratio(flood("utilia", "per_s"), flood("dbus-broker", "per_s"))});
+}
+
+void addStoreGoals(std::vector<Goal>& goals) {
+    const auto update = [](const char* metric) { return value("update", "in turns", metric); };
+    goals.push_back(
+        {"store",
+         "update of one record of 50, synced: against the bare replace and libplist's own time",
+         Goal::AtMost, 1.25, " ×",
+         ratio(update("utilia_us"), sum(update("replace_us"), update("libplist_us")))});
+    const auto inMemory = [](const char* metric) {
+        return value("update in memory", "in turns", metric);
+    };
+    goals.push_back(
+        {"store", "the same in memory, where syncing is free", Goal::AtMost, 1.25, " ×",
+         ratio(inMemory("utilia_us"), sum(inMemory("replace_us"), inMemory("libplist_us")))});
+    goals.push_back({"store", "8 tight writers: longest wait", Goal::AtMost, 20, " ms",
+                     value("8 tight writers", "utilia", "longest_wait_ms")});
+    goals.push_back({"store", "8 tight writers: updates lost", Goal::AtMost, 0, "",
+                     value("8 tight writers", "utilia", "lost")});
+    goals.push_back({"store", "read of an unchanged domain: over a stat", Goal::AtMost, 1, " µs",
+                     value("cached read", "utilia", "over_stat_us")});
+}
+
+void addStartGoals(std::vector<Goal>& goals) {
+    const auto start = [](const char* metric) { return value("start", "in turns", metric); };
+    goals.push_back({"startup", "start with the framework: against an empty program", Goal::AtMost,
+                     1.25, " ×", ratio(start("framework_ms"), start("empty_ms"))});
+    goals.push_back({"startup", "shared objects", Goal::AtMost, 9, "", start("framework_objects")});
+    goals.push_back({"startup", "more private memory than an empty program", Goal::AtMost, 64,
+                     " KiB", difference(start("framework_kib"), start("empty_kib"))});
+}
+
+}  // namespace
+
+std::string goalsTable(const Results& results, const std::string& part) {
+    std::vector<Goal> goals;
+    addMessageGoals(goals);
+    addStoreGoals(goals);
+    addStartGoals(goals);
+    std::string text = "\n| goal | wanted | reached | |\n| --- | ---: | ---: | --- |\n";
+    for (const Goal& goal : goals) {
+        if (part != goal.part) continue;
+        const auto reached = goal.figure(results);
+        const bool met = reached && (goal.sense == Goal::AtMost ? *reached <= goal.wanted
+                                                                : *reached >= goal.wanted);
+        text += "| " + goal.text + " | " + (goal.sense == Goal::AtMost ? "≤ " : "≥ ") +
+                shortNumber(goal.wanted) + goal.unit + " | " +
+                (reached ? shortNumber(*reached) + goal.unit : std::string("not measured")) +
+                " | " +
+                (!reached ? ""
+                 : met    ? "met"
+                          : "**missed**") +
+                " |\n";
+    }
+    return text;
+}
+
+}  // namespace utilia::bench

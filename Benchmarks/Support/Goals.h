@@ -1,0 +1,13 @@
+#pragma once
+
+#include <string>
+
+#include "Benchmarks/Support/Results.h"
+
+namespace utilia::bench {
+
+// Markdown: each goal of the measured parts with the figure that was reached, and whether it is
+// met. `part` is "messages", "store" or "startup".
+std::string goalsTable(const Results& results, const std::string& part);
+
+}  // namespace utilia::bench
