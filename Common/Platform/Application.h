@@ -13,10 +13,12 @@ namespace utilia::platform {
 class UTILIA_EXPORT ApplicationDelegate {
 public:
     virtual ~ApplicationDelegate() = default;
-    // The user asked for the application although it runs already. `arguments` are those of a second start; empty
-    // otherwise. Answers whether the framework should go on as usual.
-    virtual bool applicationShouldHandleReopen(bool hasVisibleWindows, const std::vector<std::string>& arguments);
-    // A tool asked the agent to fetch its resources anew. The default logs that this application cannot.
+    // The user asked for the application although it runs already. `arguments` are those of a
+    // second start; empty otherwise. Answers whether the framework should go on as usual.
+    virtual bool applicationShouldHandleReopen(bool hasVisibleWindows,
+                                               const std::vector<std::string>& arguments);
+    // A tool asked the agent to fetch its resources anew. The default logs that this application
+    // cannot.
     virtual void silentUpdateResources();
 };
 
@@ -35,22 +37,28 @@ public:
     void setDelegate(ApplicationDelegate* delegate);
     ApplicationDelegate* delegate() const;
 
-    // Ends the start-up: records the application as running, hands over to an instance that runs already (the
-    // process then ends with status 0), makes SIGTERM, SIGINT and SIGHUP terminate in an orderly way, and posts
-    // NSApplicationDidFinishLaunchingNotification. Only the first call does anything.
+    // Ends the start-up. In an application bundle: hands this process's arguments over when an
+    // instance of the same bundle (identifier and path) runs already, and ends the process with
+    // status 0; else becomes that instance and is listed as running. A copy of the bundle at
+    // another path is an instance of its own, and so is a program without a bundle.
+    //
+    // From here on SIGTERM, SIGINT and SIGHUP call terminate(), unless the process ignores them or
+    // handles them itself. Further signals while it ends change nothing. Then
+    // NSApplicationDidFinishLaunchingNotification is posted. Only the first call does anything.
     void finishLaunching();
     bool isFinishedLaunching() const;
 
     // finishLaunching(), then serves the main loop until terminate(). Answers the exit status, 0.
     int run();
 
-    // Posts NSApplicationWillTerminateNotification exactly once however often it is called, asks the loop to quit,
-    // and returns.
+    // Posts NSApplicationWillTerminateNotification exactly once however often it is called, asks
+    // the loop to quit, and returns. Whoever starts the application from here on is the first
+    // instance again. From another thread: the main loop does it in its next turn.
     void terminate();
     bool isTerminating() const;
 
-    // How a host toolkit quits its own loop, tells whether a window shows, and comes to the front. Without them
-    // run()'s loop is stopped, no window shows, and activating does nothing.
+    // How a host toolkit quits its own loop, tells whether a window shows, and comes to the front.
+    // Without them run()'s loop is stopped, no window shows, and activating does nothing.
     void setQuitHandler(std::function<void()> quit);
     void setWindowsVisibleHandler(std::function<bool()> windowsVisible);
     void setActivateHandler(std::function<void()> activate);

@@ -100,8 +100,6 @@ bool isRunning(const std::string& identifier) {
     return !RunningApplication::runningApplicationsWithBundleIdentifier(identifier).empty();
 }
 
-// ---- handing over
-
 enum class Delivery { Delivered, NotRunning, NoPort };
 
 // The port of an instance that runs from another place than the one that would be started.
@@ -144,8 +142,6 @@ Result<Delivery> deliverPatiently(const Target& target, const std::vector<std::s
         std::this_thread::sleep_for(kRetryInterval);
     }
 }
-
-// ---- starting
 
 Result<FileLock> launchLock(const Target& target, milliseconds timeout) {
     const auto folder = ensureRuntimeSubfolder("launch");

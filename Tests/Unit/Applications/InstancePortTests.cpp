@@ -21,7 +21,8 @@ Data bytes(std::string_view text) { return {text.begin(), text.end()}; }
 TEST(InstancePortName, DependsOnIdentifierAndPath) {
     const std::string name = InstancePort::nameForBundle("com.korvane.utilia.x", "/a/X.app");
     EXPECT_EQ(name.substr(0, 25), "com.korvane.utilia.x.app.");
-    EXPECT_EQ(name.size(), 25u + 16u);
+    EXPECT_EQ(InstancePort::nameForBundle("id", "/opt/korvane/Sample Tool.app"),
+              "id.app.881dedf6b5df6647");
     EXPECT_NE(name, InstancePort::nameForBundle("com.korvane.utilia.x", "/b/X.app"));
     EXPECT_NE(name, InstancePort::nameForBundle("com.korvane.utilia.y", "/a/X.app"));
     EXPECT_EQ(name, InstancePort::nameForBundle("com.korvane.utilia.x", "/a/X.app"));

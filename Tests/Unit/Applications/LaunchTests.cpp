@@ -68,8 +68,7 @@ UTILIA_CHILD_ROLE(endByAbort) {
 // Comes up only when the test opens the gate, a named pipe.
 UTILIA_CHILD_ROLE(slowApplication) {
     ReportPipe::report(self.arguments.at(0), "started " + std::to_string(getpid()));
-    const int gate = open(self.arguments.at(1).c_str(), O_RDONLY | O_CLOEXEC);
-    close(gate);
+    passGate(self.arguments.at(1));
     return runReportingApplication(self.arguments.at(0),
                                    {self.arguments.begin() + 2, self.arguments.end()});
 }
@@ -315,11 +314,26 @@ TEST_F(Launch, AsynchronouslyDoesNotWaitAndKeepsTheLockUntilTheApplicationIsUp) 
 
     // A launch in that state starts nothing, and its arguments arrive when the application is up.
     ASSERT_TRUE(Workspace::launchAppWithBundleIdentifier(kIdentifier, kAsync, {"second"}));
-    close(open(gate.c_str(), O_WRONLY | O_CLOEXEC));
+    openGate(gate);
     const auto up = reports_.waitForLine();
     EXPECT_EQ(processOf(up), launched_.front());
     EXPECT_THAT(up.value_or(""), testing::EndsWith("|first"));
     EXPECT_EQ(reports_.waitForLine(), "reopen|second");
+}
+
+TEST_F(Launch, WhileTheApplicationEndsStartsItAgainAfterwards) {
+    const fs::path gate = home_.path() / "gate";
+    ASSERT_EQ(mkfifo(gate.c_str(), 0600), 0);
+    install("reportingApplication");
+    auto ending = bundle_.role("lingeringApplication", {reports_.path(), gate});
+    ASSERT_EQ(processOf(reports_.waitForLine()), ending.pid());
+    ending.signal(SIGTERM);
+    ASSERT_EQ(reports_.waitForLine(), "end");
+    EXPECT_TRUE(Workspace::launchAppWithBundleIdentifier(kIdentifier, kAsync, {"again"}));
+    EXPECT_EQ(runningCount(), 1u);
+    openGate(gate);
+    EXPECT_EQ(ending.waitForExit(), 0);
+    EXPECT_THAT(waitForChild(), testing::EndsWith("|again"));
 }
 
 TEST_F(Launch, WhileAnotherLauncherHangsFailsAfterTwoSeconds) {

@@ -1,5 +1,6 @@
 #include "Tests/Unit/Applications/ReportingApplication.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "Common/Platform/Application.h"
@@ -36,9 +37,20 @@ UTILIA_CHILD_ROLE(reportingApplication) {
                                    {self.arguments.begin() + 1, self.arguments.end()});
 }
 
+UTILIA_CHILD_ROLE(lingeringApplication) {
+    return runReportingApplication(self.arguments.at(0),
+                                   {self.arguments.begin() + 2, self.arguments.end()},
+                                   self.arguments.at(1));
+}
+
 }  // namespace
 
-int runReportingApplication(const std::string& pipe, const std::vector<std::string>& arguments) {
+void passGate(const std::string& gate) { close(open(gate.c_str(), O_RDONLY | O_CLOEXEC)); }
+
+void openGate(const std::string& gate) { close(open(gate.c_str(), O_WRONLY | O_CLOEXEC)); }
+
+int runReportingApplication(const std::string& pipe, const std::vector<std::string>& arguments,
+                            const std::string& gate) {
     auto& application = Application::sharedApplication();
     auto& center = NotificationCenter::defaultCenter();
     ReportingDelegate delegate(pipe);
@@ -47,8 +59,11 @@ int runReportingApplication(const std::string& pipe, const std::vector<std::stri
         center.addObserver(NSApplicationDidFinishLaunchingNotification, nullptr, [&](const void*) {
             ReportPipe::report(pipe, joined("up " + std::to_string(getpid()), arguments));
         });
-    const Handle end = center.addObserver(NSApplicationWillTerminateNotification, nullptr,
-                                          [&](const void*) { ReportPipe::report(pipe, "end"); });
+    const Handle end =
+        center.addObserver(NSApplicationWillTerminateNotification, nullptr, [&](const void*) {
+            ReportPipe::report(pipe, "end");
+            if (!gate.empty()) passGate(gate);
+        });
     return application.run();
 }
 

@@ -82,6 +82,19 @@ TEST_F(SecondStart, AfterTheFirstWasKilledIsTheFirstAgain) {
     EXPECT_EQ(processOf(reports_.waitForLine()), second.pid());
 }
 
+TEST_F(SecondStart, WhileTheFirstEndsIsTheFirstAgain) {
+    const std::string gate = home_.path() / "gate";
+    ASSERT_EQ(mkfifo(gate.c_str(), 0600), 0);
+    auto first = bundle_.role("lingeringApplication", {reports_.path(), gate});
+    ASSERT_EQ(processOf(reports_.waitForLine()), first.pid());
+    first.signal(SIGTERM);
+    ASSERT_EQ(reports_.waitForLine(), "end");
+    auto second = start(bundle_);
+    EXPECT_EQ(processOf(reports_.waitForLine()), second.pid());
+    openGate(gate);
+    EXPECT_EQ(first.waitForExit(), 0);
+}
+
 TEST_F(SecondStart, OfTenAtOnceLeavesOneInstanceThatHeardOfTheOthers) {
     std::vector<ChildProcess> children;
     for (int i = 0; i < 10; ++i) children.push_back(start(bundle_));
