@@ -9,7 +9,7 @@
 namespace utilia::platform {
 
 // Lines to the journal where there is one, else to stderr, each with the process's name. A receiver that does not
-// read costs the lines it cannot take, never time.
+// read costs the lines it cannot take, never time. The journal is looked for with the first line.
 UTILIA_EXPORT std::shared_ptr<LogSink> makeSystemLogSink();
 
 // The parts, for tests: the journal's native socket at a path (null when nobody listens there), and a descriptor.

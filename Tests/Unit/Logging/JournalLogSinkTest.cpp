@@ -1,5 +1,6 @@
 #include <array>
 #include <cstring>
+#include <filesystem>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -182,4 +183,13 @@ TEST_F(JournalLogSink, IsNoneWhereNobodyListens) {
     EXPECT_FALSE(makeJournalLogSink("/" + std::string(200, 'x'), "tool"));
 }
 
-TEST(SystemLog, HasASinkWithOrWithoutAJournal) { EXPECT_TRUE(platform::makeSystemLogSink()); }
+TEST(SystemLog, OpensNothingBeforeTheFirstLine) {
+    const auto countDescriptors = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                             std::filesystem::directory_iterator());
+    };
+    const auto before = countDescriptors();
+    const auto sink = platform::makeSystemLogSink();
+    ASSERT_TRUE(sink);
+    EXPECT_EQ(countDescriptors(), before);
+}
