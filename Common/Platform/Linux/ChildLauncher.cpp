@@ -67,9 +67,15 @@ std::string workingFolder() {
 
 }  // namespace
 
-Result<Child> launchChild(const std::string& program, const std::vector<std::string>& arguments) {
+std::vector<std::string> currentEnvironment() {
+    std::vector<std::string> environment;
+    for (char** entry = environ; entry && *entry; ++entry) environment.emplace_back(*entry);
+    return environment;
+}
+
+Result<Child> launchChild(const std::string& program, const ChildInput& input) {
     std::vector<char*> argv{const_cast<char*>(program.c_str())};
-    for (const std::string& argument : arguments) {
+    for (const std::string& argument : input.arguments) {
         if (argument.find('\0') != std::string::npos) {
             return Error::utilia(UtiliaErrorCode::Refused,
                                  program + ": an argument holds a NUL byte");
@@ -77,6 +83,10 @@ Result<Child> launchChild(const std::string& program, const std::vector<std::str
         argv.push_back(const_cast<char*>(argument.c_str()));
     }
     argv.push_back(nullptr);
+    std::vector<char*> envp;
+    for (const std::string& entry : input.environment)
+        envp.push_back(const_cast<char*>(entry.c_str()));
+    envp.push_back(nullptr);
 
     const std::string folder = workingFolder();
     SpawnActions actions;
@@ -90,7 +100,7 @@ Result<Child> launchChild(const std::string& program, const std::vector<std::str
     const SpawnAttributes attributes;
     Child child;
     const int failed = posix_spawn(&child.process, program.c_str(), actions.get(), attributes.get(),
-                                   argv.data(), environ);
+                                   argv.data(), envp.data());
     if (failed != 0) return Error::posix(failed, "start", program);
     // Nobody else reaps the child, so its id still means it. Without a pidfd the watcher asks for
     // it by its id.

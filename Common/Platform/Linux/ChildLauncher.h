@@ -16,15 +16,24 @@ struct Child {
     UniqueFd handle;  // its pidfd; empty when the system had no descriptor left for it
 };
 
+// What a process is started with, beside its program.
+struct ChildInput {
+    std::vector<std::string> arguments;    // after the program's name
+    std::vector<std::string> environment;  // NAME=VALUE
+};
+
+// This process's environment. A launch that goes on in another thread takes it before, on the
+// thread that may change it.
+std::vector<std::string> currentEnvironment();
+
 // Starts an application: in a session of its own, with default signals and an empty signal mask,
-// null standard streams, no other descriptor, the environment of this process, and the user's home
-// (or "/") as its working folder. `program` is absolute; it also becomes the first argument. Fails
-// with the error of the start, also when the program cannot be executed; with Refused for arguments
-// that hold NUL.
+// null standard streams, no other descriptor, and the user's home (or "/") as its working folder.
+// `program` is absolute; it also becomes the first argument. Fails with the error of the start,
+// also when the program cannot be executed; with Refused for arguments that hold NUL.
 //
 // The caller must see to it that the child is reaped (ChildWatcher).
 //
 // Threads: any.
-Result<Child> launchChild(const std::string& program, const std::vector<std::string>& arguments);
+Result<Child> launchChild(const std::string& program, const ChildInput& input);
 
 }  // namespace utilia::platform

@@ -12,6 +12,7 @@
 #include "Common/Platform/Linux/FileName.h"
 #include "Common/Platform/Linux/Folders.h"
 #include "Common/Platform/Linux/ForkGuard.h"
+#include "Common/Platform/Linux/RunningList.h"
 #include "Common/Platform/UniqueFd.h"
 #include "Common/Platform/Workspace.h"
 
@@ -59,10 +60,8 @@ std::string keyForIdentifier(std::string_view identifier) {
     return key;
 }
 
-Result<UniqueFd> openRunningFile(const std::string& key, int flags) {
-    auto folder = ensureRuntimeSubfolder("running");
-    if (!folder) return std::move(folder).error();
-    const std::string path = *folder + "/" + key;
+Result<UniqueFd> openRunningFile(const std::string& folder, const std::string& key, int flags) {
+    const std::string path = folder + "/" + key;
     UniqueFd file(open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
     if (!file) return Error::posix(errno, "open", path);
     struct stat found {};
@@ -99,8 +98,8 @@ void collectHolders(int file, std::vector<std::int64_t>& holders) {
 
 }  // namespace
 
-std::vector<RunningApplication>
-RunningApplication::runningApplicationsWithBundleIdentifier(std::string_view bundleIdentifier) {
+std::vector<std::int64_t> listedProcesses(const std::string& runningFolder,
+                                          std::string_view bundleIdentifier) {
     if (!isUsableBundleIdentifier(bundleIdentifier)) return {};
     const std::string key = keyForIdentifier(bundleIdentifier);
     std::vector<std::int64_t> holders;
@@ -110,14 +109,24 @@ RunningApplication::runningApplicationsWithBundleIdentifier(std::string_view bun
         if (own.process == getpid() && own.key == key) {
             collectHolders(own.file.get(), holders);
             holders.push_back(own.process);
-        } else if (const auto file = openRunningFile(key, O_RDONLY)) {
-            collectHolders(file->get(), holders);
+        } else if (!runningFolder.empty()) {
+            if (const auto file = openRunningFile(runningFolder, key, O_RDONLY)) {
+                collectHolders(file->get(), holders);
+            }
         }
     }
     std::sort(holders.begin(), holders.end());
-    std::vector<RunningApplication> applications(holders.size());
-    for (std::size_t i = 0; i < holders.size(); ++i) {
-        applications[i].processIdentifier_ = holders[i];
+    return holders;
+}
+
+std::vector<RunningApplication>
+RunningApplication::runningApplicationsWithBundleIdentifier(std::string_view bundleIdentifier) {
+    const auto folder = ensureRuntimeSubfolder("running");
+    // A process that is registered lists itself also when its folder has gone.
+    const auto processes = listedProcesses(folder.value_or(""), bundleIdentifier);
+    std::vector<RunningApplication> applications(processes.size());
+    for (std::size_t i = 0; i < processes.size(); ++i) {
+        applications[i].processIdentifier_ = processes[i];
         applications[i].bundleIdentifier_ = bundleIdentifier;
     }
     return applications;
@@ -138,7 +147,9 @@ Result<void> RunningApplication::registerCurrentApplication() {
     const std::lock_guard guard(own.mutex);
     if (own.process == getpid()) return {};
     std::string key = keyForIdentifier(*identifier);
-    auto file = openRunningFile(key, O_RDWR | O_CREAT);
+    const auto folder = ensureRuntimeSubfolder("running");
+    if (!folder) return folder.error();
+    auto file = openRunningFile(*folder, key, O_RDWR | O_CREAT);
     if (!file) return std::move(file).error();
     const struct flock byte = lockOfRange(getpid(), getpid());
     if (fcntl(file->get(), F_SETLK, &byte) != 0) {

@@ -18,6 +18,7 @@
 #include "Common/Platform/Linux/FileName.h"
 #include "Common/Platform/Linux/Folders.h"
 #include "Common/Platform/Linux/InstancePort.h"
+#include "Common/Platform/Linux/RunningList.h"
 #include "Common/Platform/Port.h"
 
 // A launch must end with one instance, whoever else launches the same application at that moment.
@@ -43,17 +44,27 @@ using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
 constexpr milliseconds kUpTimeout{5000};        // until a started application is listed
-constexpr milliseconds kLockTimeout{2000};      // for other launchers of the same application
 constexpr milliseconds kPortTimeout{2000};      // until a listed application serves its port
 constexpr milliseconds kSendTimeout{2000};      // of a launch that may wait
 constexpr milliseconds kAsyncSendTimeout{100};  // of one that should not
 constexpr milliseconds kRetryInterval{5};
 
+// How long a launch waits for other launchers of the same application, and in all. In the
+// background there is time to let a slow start of another launcher end, so that the arguments are
+// not lost.
+struct Patience {
+    milliseconds lock;
+    milliseconds all;
+};
+constexpr Patience kCaller{milliseconds(2000), kUpTimeout};
+constexpr Patience kBackground{kUpTimeout + milliseconds(1000), 2 * kUpTimeout};
+
 struct Target {
     std::string identifier;
     std::string bundlePath;
     std::string program;
-    std::vector<std::string> arguments;  // that the desktop entry gives to every start
+    std::vector<std::string> arguments;    // that the desktop entry gives to every start
+    std::vector<std::string> environment;  // of a launch
 };
 
 bool sameIdentifier(std::string_view left, std::string_view right) {
@@ -75,8 +86,11 @@ Result<Target> installedTarget(std::string_view identifier) {
                                  entry->bundlePath + ", which is " +
                                  own.value_or("no application with an identifier"));
     }
-    return Target{*own, std::move(entry->bundlePath), std::move(entry->program),
-                  std::move(entry->arguments)};
+    return Target{.identifier = *own,
+                  .bundlePath = std::move(entry->bundlePath),
+                  .program = std::move(entry->program),
+                  .arguments = std::move(entry->arguments),
+                  .environment = {}};
 }
 
 Result<Target> targetAtPath(std::string_view path) {
@@ -93,7 +107,11 @@ Result<Target> targetAtPath(std::string_view path) {
     auto program = executable ? resolvedPath(*executable) : std::nullopt;
     if (!program || bundlePathOfProgram(*program) != bundle->bundlePath())
         return no("has no program");
-    return Target{*identifier, bundle->bundlePath(), std::move(*program), {}};
+    return Target{.identifier = *identifier,
+                  .bundlePath = bundle->bundlePath(),
+                  .program = std::move(*program),
+                  .arguments = {},
+                  .environment = {}};
 }
 
 bool isRunning(const std::string& identifier) {
@@ -133,11 +151,17 @@ Result<Delivery> deliver(const Target& target, const std::vector<std::string>& a
     return handed.error().withContext(target.identifier);
 }
 
+milliseconds timeUntil(Clock::time_point time) {
+    const auto left = std::chrono::ceil<milliseconds>(time - Clock::now());
+    return std::max(left, kAsyncSendTimeout);
+}
+
 // Asks until the instance has a port, or has ended, or the time is over (NoPort).
-Result<Delivery> deliverPatiently(const Target& target, const std::vector<std::string>& arguments) {
-    const auto deadline = Clock::now() + kPortTimeout;
+Result<Delivery> deliverPatiently(const Target& target, const std::vector<std::string>& arguments,
+                                  Clock::time_point latest) {
+    const auto deadline = std::min(latest, Clock::now() + kPortTimeout);
     for (;;) {
-        auto delivery = deliver(target, arguments, kSendTimeout);
+        auto delivery = deliver(target, arguments, timeUntil(deadline));
         if (!delivery || *delivery != Delivery::NoPort || Clock::now() >= deadline) return delivery;
         std::this_thread::sleep_for(kRetryInterval);
     }
@@ -155,14 +179,18 @@ Result<FileLock> launchLock(const Target& target, milliseconds timeout) {
 // What the watcher's thread and a waiting launcher share about one start.
 struct Start {
     std::string identifier;
+    std::string runningFolder;
     FileLock lock;
     Clock::time_point deadline = Clock::now() + kUpTimeout;
     std::promise<ChildWatcher::Status> answer;
 
-    Start(std::string name, FileLock held) : identifier(std::move(name)), lock(std::move(held)) {}
+    Start(std::string name, std::string folder, FileLock held)
+        : identifier(std::move(name)), runningFolder(std::move(folder)), lock(std::move(held)) {}
 
     bool progress(ChildWatcher::Status status) {
-        if (!status && Clock::now() < deadline && !isRunning(identifier)) return false;
+        if (!status && Clock::now() < deadline &&
+            listedProcesses(runningFolder, identifier).empty())
+            return false;
         lock.release();
         answer.set_value(status);
         return true;
@@ -173,11 +201,13 @@ struct Start {
 // child that ended before it was listed.
 Result<std::future<ChildWatcher::Status>>
 start(const Target& target, const std::vector<std::string>& arguments, FileLock lock) {
-    std::vector<std::string> all = target.arguments;
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    auto child = launchChild(target.program, all);
+    const auto folder = ensureRuntimeSubfolder("running");
+    if (!folder) return folder.error().withContext("launch " + target.identifier);
+    ChildInput input{target.arguments, target.environment};
+    input.arguments.insert(input.arguments.end(), arguments.begin(), arguments.end());
+    auto child = launchChild(target.program, input);
     if (!child) return child.error().withContext("launch " + target.identifier);
-    const auto state = std::make_shared<Start>(target.identifier, std::move(lock));
+    const auto state = std::make_shared<Start>(target.identifier, *folder, std::move(lock));
     auto answer = state->answer.get_future();
     const auto watched =
         ChildWatcher::shared().watch(std::move(*child), [state](ChildWatcher::Status status) {
@@ -189,9 +219,11 @@ start(const Target& target, const std::vector<std::string>& arguments, FileLock 
 }
 
 Result<void> startAndWait(const Target& target, const std::vector<std::string>& arguments,
-                          FileLock lock) {
+                          FileLock lock, Clock::time_point deadline) {
     auto started = start(target, arguments, std::move(lock));
     if (!started) return std::move(started).error();
+    // Still on its way up, and watched.
+    if (started->wait_until(deadline) != std::future_status::ready) return {};
     const ChildWatcher::Status ended = started->get();
     // An application may decline to run, which it says with status 0.
     if (!ended || *ended == 0) return {};
@@ -200,14 +232,16 @@ Result<void> startAndWait(const Target& target, const std::vector<std::string>& 
                                                            std::to_string(*ended));
 }
 
-Result<void> launchWaiting(const Target& target, const std::vector<std::string>& arguments) {
+Result<void> launchWaiting(const Target& target, const std::vector<std::string>& arguments,
+                           const Patience& patience) {
+    const auto deadline = Clock::now() + patience.all;
     const auto first = deliver(target, arguments, kSendTimeout);
     if (!first) return first.error();
     if (*first == Delivery::Delivered) return {};
 
-    auto lock = launchLock(target, kLockTimeout);
+    auto lock = launchLock(target, patience.lock);
     if (!lock && !lock.error().is(UtiliaErrorCode::Busy)) return std::move(lock).error();
-    const auto second = deliverPatiently(target, arguments);
+    const auto second = deliverPatiently(target, arguments, deadline);
     if (!second) return second.error();
     if (*second == Delivery::Delivered) return {};
     if (*second == Delivery::NoPort) {
@@ -217,13 +251,13 @@ Result<void> launchWaiting(const Target& target, const std::vector<std::string>&
                              target.identifier + ": it runs, but takes no arguments");
     }
     if (!lock) return std::move(lock).error();
-    return startAndWait(target, arguments, std::move(*lock));
+    return startAndWait(target, arguments, std::move(*lock), deadline);
 }
 
 Result<void> launchInBackground(Target target, std::vector<std::string> arguments) {
     try {
         std::thread([target = std::move(target), arguments = std::move(arguments)] {
-            if (const auto launched = launchWaiting(target, arguments); !launched) {
+            if (const auto launched = launchWaiting(target, arguments, kBackground); !launched) {
                 KULogVariadic("Workspace: %@", launched.error());
             }
         }).detach();
@@ -251,15 +285,16 @@ Result<void> launchAsync(const Target& target, const std::vector<std::string>& a
     return launchInBackground(target, arguments);
 }
 
-Result<void> launch(const Result<Target>& target, WorkspaceLaunchOptions options,
+Result<void> launch(Result<Target> target, WorkspaceLaunchOptions options,
                     const std::vector<std::string>& arguments) {
     if (!target) return target.error();
+    target->environment = currentEnvironment();
     // Refused here, so that an asynchronous launch says so too.
     if (const auto encoded = InstancePort::encode(arguments); !encoded) {
         return encoded.error().withContext("launch " + target->identifier);
     }
     return options == WorkspaceLaunchOptions::Async ? launchAsync(*target, arguments)
-                                                    : launchWaiting(*target, arguments);
+                                                    : launchWaiting(*target, arguments, kCaller);
 }
 
 }  // namespace
