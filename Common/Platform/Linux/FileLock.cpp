@@ -75,6 +75,7 @@ int openUninterrupted(const char* path, int flags, mode_t mode) {
 
 Result<FileLock> FileLock::acquire(const std::filesystem::path& path, Mode mode,
                                    std::chrono::milliseconds timeout) {
+    LockTurns::asked();
     return orOutOfMemory("flock", path.native(), [&]() -> Result<FileLock> {
         UniqueFd file(openUninterrupted(
             path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600));
@@ -99,6 +100,7 @@ Result<FileLock> FileLock::acquire(const std::filesystem::path& path, Mode mode,
 }
 
 Result<FileLock> FileLock::acquireFolder(const std::filesystem::path& path, Mode mode) {
+    LockTurns::asked();
     return orOutOfMemory("flock", path.native(), [&]() -> Result<FileLock> {
         UniqueFd file(openUninterrupted(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0));
         if (!file) return Error::posix(errno, "open", path.native());
