@@ -67,10 +67,17 @@ std::vector<Measurement> allMeasurements() {
         }
     }
     all.push_back({"store", "update", "in turns", measureUpdate});
-    all.push_back({"store", "update in memory", "in turns", measureUpdateInMemory});
+    all.push_back({"store", "update in memory", "in turns", [](const Settings& settings) {
+                       const MemoryFolder memory;
+                       return measureUpdate(memory.settings(settings));
+                   }});
     for (const char* store : {"utilia", "replace"}) {
         all.push_back({"store", "8 tight writers", store, [=](const Settings& settings) {
                            return measureTightWriters(store, settings);
+                       }});
+        all.push_back({"store", "8 tight writers in memory", store, [=](const Settings& settings) {
+                           const MemoryFolder memory;
+                           return measureTightWriters(store, memory.settings(settings));
                        }});
     }
     all.push_back({"store", "cached read", "utilia", measureCachedRead});

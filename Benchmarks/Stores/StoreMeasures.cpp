@@ -81,6 +81,17 @@ int storedValue(int record) {
 
 }  // namespace
 
+MemoryFolder::MemoryFolder() : path_("/dev/shm/utilia-benchmark-XXXXXX") {
+    if (!mkdtemp(path_.data())) fail("mkdtemp " + path_);
+    // The framework asks for its folders when the store is first used.
+    setenv("XDG_DATA_HOME", path_.c_str(), 1);
+}
+
+MemoryFolder::~MemoryFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
 Figures measureUpdate(const Settings& settings) {
     fillStore();
     const Data bytes = storeBytes();
@@ -106,16 +117,6 @@ Figures measureUpdate(const Settings& settings) {
     if (storedValue(changes % kRecords) != changes) throw std::runtime_error("an update is lost");
     Figures figures;
     for (Measured& one : all) figures.emplace_back(one.metric, percentile(one.microseconds, 50));
-    return figures;
-}
-
-Figures measureUpdateInMemory(const Settings& settings) {
-    char folder[] = "/dev/shm/utilia-benchmark-XXXXXX";
-    if (!mkdtemp(folder)) fail("mkdtemp");
-    // The framework asks for its folders when the store is first used, which is below.
-    setenv("XDG_DATA_HOME", folder, 1);
-    const Figures figures = measureUpdate({settings.seconds, folder});
-    std::filesystem::remove_all(folder);
     return figures;
 }
 

@@ -12,12 +12,24 @@ namespace utilia::bench {
 // than a measurement.
 Figures measureUpdate(const Settings& settings);
 
-// The same in memory, where syncing costs nothing: what remains is the work.
-Figures measureUpdateInMemory(const Settings& settings);
-
 // Eight processes that update as fast as they can ("utilia" or "replace"): per_s, longest_wait_ms,
 // fairness, lost.
 Figures measureTightWriters(const std::string& store, const Settings& settings);
+
+// The folder for files in memory instead of on a disk, for what is measured from now on: syncing
+// costs nothing there, so what remains is the work. The home of the framework's data lies in it.
+class MemoryFolder final {
+public:
+    MemoryFolder();
+    ~MemoryFolder();
+    MemoryFolder(const MemoryFolder&) = delete;
+    MemoryFolder& operator=(const MemoryFolder&) = delete;
+
+    Settings settings(const Settings& others) const { return {others.seconds, path_}; }
+
+private:
+    std::string path_;
+};
 
 // Reading a key of a domain that did not change, inside one access of the store, beside a stat of
 // its file: read_us, stat_us.
