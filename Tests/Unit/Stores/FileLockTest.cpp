@@ -1,6 +1,5 @@
 #include <filesystem>
 #include <optional>
-#include <thread>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -86,15 +85,6 @@ TEST_F(FileLockTest, EndsWithItsObjectAndMovesWithIt) {
         EXPECT_FALSE(isFree(path()));
     }
     EXPECT_TRUE(isFree(path()));
-}
-
-TEST_F(FileLockTest, WaitsForAHolderWithinItsTime) {
-    auto held = FileLock::acquire(path(), Mode::Exclusive, milliseconds(0));
-    std::thread waiter([this] {
-        EXPECT_TRUE(FileLock::acquire(path(), Mode::Exclusive, std::chrono::seconds(20)));
-    });
-    held->release();
-    waiter.join();
 }
 
 TEST_F(FileLockTest, NeverFollowsALink) {

@@ -1,8 +1,5 @@
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
-#include <thread>
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -45,38 +42,6 @@ UTILIA_CHILD_ROLE(holdFileLock) {
     self.waitForLine();
     return 0;
 }
-
-UTILIA_CHILD_ROLE(holdFolderLock) {
-    const auto lock = FileLock::acquireFolder(self.arguments[0], FileLock::Mode::Exclusive);
-    self.say(lock ? "locked" : "failed");
-    self.waitForLine();
-    return 0;
-}
-
-// Wakes whoever waits for a line.
-class LineWaiter final : public LogSink {
-public:
-    bool write(std::string_view line) noexcept override {
-        const std::lock_guard guard(mutex_);
-        lines_.emplace_back(line);
-        changed_.notify_all();
-        return true;
-    }
-    std::string first() {
-        std::unique_lock guard(mutex_);
-        changed_.wait_for(guard, std::chrono::seconds(20), [this] { return !lines_.empty(); });
-        return lines_.empty() ? "" : lines_.front();
-    }
-    std::size_t count() {
-        const std::lock_guard guard(mutex_);
-        return lines_.size();
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> lines_;
-};
 
 TEST(StoreProcesses, EightWritersOfOneDomainLoseNoUpdate) {
     const test::TemporaryHome home(test::folderInMemory());
@@ -121,25 +86,6 @@ TEST(StoreProcesses, AKilledHolderFreesTheDomainsLockAtOnce) {
     holder.kill();
     defaults->setObject(2, "number");
     EXPECT_TRUE(defaults->synchronize());
-}
-
-TEST(StoreProcesses, AFolderLockWaitsForAStoppedHolderAndSaysSoOnce) {
-    const test::TemporaryHome home;
-    ChildProcess holder = ChildProcess::role("holdFolderLock", {home.path()});
-    ASSERT_EQ(holder.waitForLine(), "locked");
-    holder.signal(SIGSTOP);
-    const auto log = std::make_shared<LineWaiter>();
-    setLogSink(log);
-    std::thread waiter(
-        [&] { EXPECT_TRUE(FileLock::acquireFolder(home.path(), FileLock::Mode::Exclusive)); });
-    EXPECT_EQ(log->first(), "Waiting for the lock on " + home.path().string() +
-                                ", held by process " + std::to_string(holder.pid()) +
-                                ", since 2 seconds");
-    holder.signal(SIGCONT);
-    holder.say("release");
-    waiter.join();
-    EXPECT_EQ(log->count(), 1u);
-    setLogSink(nullptr);
 }
 
 TEST(StoreProcesses, AKillAtAnySystemCallOfAnUpdateLeavesTheOldOrTheNewStore) {

@@ -3,7 +3,6 @@
 #include <fstream>
 #include <limits>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -259,39 +258,6 @@ TEST_F(UserDefaultsTest, RenewsABackupThatIsOlderThanADay) {
     defaults_->setObject(2, "key");
     EXPECT_TRUE(*propertyListFromData(*FileManager::contentsAtPath(backup.string(), 1000)) ==
                 Value(Dictionary{{"key", 1}}));
-}
-
-TEST_F(UserDefaultsTest, TwoThreadsWithInstancesOfOneDomainLoseNothing) {
-    constexpr int kRounds = 300;
-    const auto work = [](const char* key) {
-        const auto own = UserDefaults::initWithDomain(kDomain);
-        for (int i = 1; i <= kRounds; ++i) {
-            own->setObject(i, key);
-            EXPECT_EQ(own->integerForKey(key), i);
-        }
-    };
-    std::thread first(work, "first");
-    std::thread second(work, "second");
-    first.join();
-    second.join();
-    EXPECT_TRUE(defaults_->integerForKey("first") == kRounds &&
-                defaults_->integerForKey("second") == kRounds);
-}
-
-TEST_F(UserDefaultsTest, ThreadsReadWhileAnotherWrites) {
-    defaults_->setObject(Array{1, 1}, "pair");
-    std::thread writer([] {
-        const auto own = UserDefaults::initWithDomain(kDomain);
-        for (int i = 2; i < 300; ++i) own->setObject(Array{i, i}, "pair");
-    });
-    const auto own = UserDefaults::initWithDomain(kDomain);
-    for (std::int64_t seen = 0; seen < 299;) {
-        const auto pair = own->arrayForKey("pair");
-        ASSERT_TRUE(pair && (*pair)[0] == (*pair)[1]);
-        ASSERT_GE((*pair)[0].longLongValue(), seen);
-        seen = (*pair)[0].longLongValue();
-    }
-    writer.join();
 }
 
 }  // namespace
