@@ -35,8 +35,8 @@
 //
 // The operation runs once without faults first, so that what it makes only once (descriptors that
 // stay, folders) is there. Then, for each row of the table and both repetitions, it runs with the
-// fault at call 1, 2, 3 … until a run makes fewer calls than that. After each run the number of
-// open descriptors must be what it was before. Let the operation store its results in variables and
+// fault at call 1, 2, 3 … until a run makes fewer calls than that. After each run there must be
+// no more open descriptors than before. Let the operation store its results in variables and
 // assert in the check: what gtest does inside would be hit as well.
 //
 // Death at every call: forEachKillPoint() runs the operation in forked children that die of SIGKILL

@@ -17,17 +17,17 @@
 // close-on-exec, and closed in a forked child; and a lock is released by LOCK_UN, which also
 // reaches a copy that a child took between the open and its entry in the guard.
 //
-// A lock with a time-out polls: nothing else ends a wait for flock without a signal. Its steps stay
-// short, because it competes with waiters that the kernel wakes at once. A lock without a time-out
-// waits in the kernel.
+// A lock with a time-out polls: nothing else ends a wait for flock without a signal. Its steps stay shorter than the
+// pause of a writer between two updates (LockTurns), or it would hardly ever find the lock free while one writes in a
+// loop. A lock without a time-out waits in the kernel.
 
 namespace utilia::platform {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr auto kFirstStep = std::chrono::microseconds(20);
-constexpr auto kLongestStep = std::chrono::microseconds(1000);
+constexpr auto kFirstStep = std::chrono::microseconds(10);
+constexpr auto kLongestStep = std::chrono::microseconds(50);
 
 int operationFor(FileLock::Mode mode) { return mode == FileLock::Mode::Shared ? LOCK_SH : LOCK_EX; }
 

@@ -151,28 +151,41 @@ Result<PreferencesDomain::Version> PreferencesDomain::repair(Lock lock) {
     if (read) return remember(*std::move(read));
     if (!isDamage(read.error())) return read;
     const std::string damage = "The preferences do not parse (" + read.error().description + "); ";
+    auto backup = file_.readBackup();
+    // One that is there and cannot be read now may be read later: nothing is decided without it.
+    if (!backup && !isDamage(backup.error()))
+        return backup.error().withContext(damage + "their backup cannot be read");
+    Version restored = backup ? *std::move(backup) : nullptr;
     if (!obstacle) {
-        auto done = file_.setAside();
+        auto aside = file_.setAside(restored ? PreferencesFile::Backup::Restore
+                                             : PreferencesFile::Backup::Missing);
         own.reset();
-        if (done) {
-            KULogVariadic("%@", damage + *done);
-            auto restored = file_.read();
-            return restored ? Result<Version>(remember(*std::move(restored))) : std::move(restored);
+        if (aside) {
+            const char* rest =
+                restored ? ", and the backup is used" : ", and the domain begins empty";
+            KULogVariadic("%@", damage + "they were set aside as " + *aside + rest);
+            return remember(std::move(restored));
         }
-        obstacle = std::move(done).error();
+        obstacle = std::move(aside).error();
     }
-    if (lock == Lock::Held) return obstacle->withContext(damage + "they could not be set aside");
+    const Error unrepaired = obstacle->withContext(damage + "they could not be set aside");
+    if (lock == Lock::Held) return unrepaired;
     // Read-only, or somebody else keeps the lock: go on with what the backup says, and say so once
     // for this file.
+    readProblem_.met(unrepaired.description);
+    return remember(substituteFor(restored));
+}
+
+// What stands for a damaged file until the file changes or is written.
+PreferencesDomain::Version PreferencesDomain::substituteFor(const Version& backup) const {
     auto substitute = std::make_shared<PreferencesVersion>();
     substitute->isDamaged = true;
-    substitute->content = file_.backupContent();
+    if (backup) substitute->content = backup->content;
     if (auto input = FileInput::open(path(), FileInput::Links::Refuse)) {
         substitute->status = input->status();
         substitute->file = input->takeDescriptor();
     }
-    readProblem_.met(obstacle->withContext(damage + "they could not be set aside").description);
-    return remember(std::move(substitute));
+    return substitute;
 }
 
 bool PreferencesDomain::apply(std::span<const Change> changes) {

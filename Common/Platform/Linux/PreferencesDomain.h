@@ -60,6 +60,7 @@ private:
     Version readable();
     Result<Version> current(Lock lock);
     Result<Version> repair(Lock lock);
+    Version substituteFor(const Version& backup) const;
     Result<void> applyLocked(std::span<const Change> changes);
     Version remembered() const;
     Version remember(Version version);

@@ -120,17 +120,19 @@ std::int64_t PreferencesFile::keepBackup(std::int64_t now) const {
     return now;
 }
 
-Result<std::string> PreferencesFile::setAside() const {
+Result<std::shared_ptr<const PreferencesVersion>> PreferencesFile::readBackup() const {
+    return readVersion(backupPath());
+}
+
+Result<std::string> PreferencesFile::setAside(Backup backup) const {
     removeOldest(path_);
-    const std::string aside = setAsideName(path_);
-    const auto backup = readVersion(backupPath());
-    const bool hasBackup = backup && *backup;
-    auto done = hasBackup ? exchangeForBackup(aside) : Result<void>();
-    if (!hasBackup && rename(path_.c_str(), aside.c_str()) != 0)
-        done = Error::posix(errno, "rename", path_);
-    if (!done) return std::move(done).error();
-    return "it was set aside as " + aside +
-           (hasBackup ? ", and its backup is used" : ", and the domain begins empty");
+    std::string aside = setAsideName(path_);
+    if (backup == Backup::Restore) {
+        if (auto done = exchangeForBackup(aside); !done) return std::move(done).error();
+    } else if (rename(path_.c_str(), aside.c_str()) != 0) {
+        return Error::posix(errno, "rename", path_);
+    }
+    return aside;
 }
 
 // At each point the path leads to the damaged file, which the next process finds, or to the
@@ -153,11 +155,6 @@ Result<void> PreferencesFile::exchangeForBackup(const std::string& aside) const 
         return error;
     }
     return {};
-}
-
-Dictionary PreferencesFile::backupContent() const {
-    const auto backup = readVersion(backupPath());
-    return backup && *backup ? (*backup)->content : Dictionary();
 }
 
 }  // namespace utilia::platform

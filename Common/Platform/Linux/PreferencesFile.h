@@ -50,12 +50,15 @@ public:
     // backup only. Answers when to look again, in seconds of Unix time.
     std::int64_t keepBackup(std::int64_t now) const;
 
-    // Puts a damaged file under a dated name, its backup in its place when that can be read, and
-    // removes the oldest of more than three dated files. Answers the sentence for the log.
-    Result<std::string> setAside() const;
+    // The last backup; null when there is none. CocoaErrorCode::PropertyListReadCorrupt when it is
+    // damaged.
+    Result<std::shared_ptr<const PreferencesVersion>> readBackup() const;
 
-    // The content of the backup, empty when it is missing or damaged as well.
-    Dictionary backupContent() const;
+    // Puts a damaged file under a dated name, and its backup in its place when there is one to
+    // restore: then the path leads to that very version. No more than three dated files stay.
+    // Answers the dated name.
+    enum class Backup { Restore, Missing };
+    Result<std::string> setAside(Backup backup) const;
 
 private:
     Result<void> exchangeForBackup(const std::string& aside) const;

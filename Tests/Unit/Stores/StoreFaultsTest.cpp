@@ -1,4 +1,6 @@
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 
 #include <gtest/gtest.h>
 
@@ -97,6 +99,39 @@ TEST_F(StoreFaults, AReadAnswersWhatIsThereOrNothing) {
         fs::copy_file(file, preferences() / "copy");
         fs::rename(preferences() / "copy", file);
     });
+}
+
+TEST_F(StoreFaults, ARepairLosesNeitherTheDamagedFileNorTheBackup) {
+    const auto defaults = UserDefaults::initWithDomain(kDomain);
+    defaults->setObject(1, "number");
+    defaults->setObject(2, "number");  // leaves 1 in the backup
+    const fs::path file = defaults->path();
+    std::optional<Value> found;
+    const auto damaged = [&](const fs::path& path) {
+        std::ifstream content(path);
+        return std::string(std::istreambuf_iterator<char>(content), {}) == "no property list";
+    };
+    forEachFault(
+        test::storageFaults(),
+        [&] {
+            fs::remove(file);
+            std::ofstream(file) << "no property list";
+            log_.clear();
+        },
+        [&] { found = defaults->objectForKey("number"); },
+        [&](const FaultRun&) {
+            EXPECT_TRUE(!found || *found == Value(1));
+            std::size_t copies = damaged(file);
+            for (const auto& entry : fs::directory_iterator(preferences())) {
+                const bool isSetAside =
+                    entry.path().string().find(".plist.damaged-") != std::string::npos;
+                copies += isSetAside && damaged(entry.path());
+            }
+            EXPECT_GE(copies, 1u);
+            EXPECT_LE(log_.lines().size(), 1u);
+            EXPECT_FALSE(fs::exists(file.string() + ".new"));
+            EXPECT_EQ(defaults->integerForKey("number"), 1) << "the next read without a fault";
+        });
 }
 
 TEST_F(StoreFaults, AnAtomicWriteReplacesTheFileWithItsAttributeOrLeavesIt) {

@@ -79,7 +79,7 @@ TEST_F(StoreFileStates, ADamagedFileIsSetAsideWithOneLineAndNeverOverwritten) {
     EXPECT_EQ(log_.lines(),
               std::vector<std::string>{
                   "The preferences do not parse (" + file().string() +
-                  ": XML property list: line 1: no plist element); it was set aside as " +
+                  ": XML property list: line 1: no plist element); they were set aside as " +
                   setAside()[0].string() + ", and the domain begins empty"});
     EXPECT_EQ(FileManager::contentsAtPath(setAside()[0].string(), 10).value_or(Data()),
               (Data{'j', 'u', 'n', 'k'}));
@@ -96,7 +96,7 @@ TEST_F(StoreFileStates, AWriterThatFindsADamagedFileGoesOnFromItsBackup) {
     EXPECT_TRUE(defaults_->dictionaryRepresentation() ==
                 (Dictionary{{"key", "kept"}, {"third", 3}}));
     ASSERT_EQ(log_.lines().size(), 1u);
-    EXPECT_TRUE(log_.lines()[0].ends_with(", and its backup is used")) << log_.lines()[0];
+    EXPECT_TRUE(log_.lines()[0].ends_with(", and the backup is used")) << log_.lines()[0];
 }
 
 TEST_F(StoreFileStates, OfTheDamagedFilesTheLastThreeAreKept) {
