@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <utility>
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
@@ -149,14 +150,25 @@ void PortReceiver::acceptFrom(Listener& listener, std::size_t atMost) {
 void PortReceiver::takeIn(UniqueFd socket) {
     pid_t process = 0;
     if (!isPeerOfThisUser(socket.get(), &process)) return report(PortRefusal::OtherUser, process);
-    const auto isOfProcess = [&](const auto& connection) { return connection->process == process; };
-    const auto others = std::count_if(connections_.begin(), connections_.end(), isOfProcess);
-    if (static_cast<std::size_t>(others) >= limits_.connectionsPerProcess) {
+    if (livingConnectionsOf(process) >= limits_.connectionsPerProcess) {
         return report(PortRefusal::TooManyConnections, process);
     }
     connections_.push_back(std::make_unique<PortConnection>(*this, std::move(socket), process));
     watch(*connections_.back());
     expectHello();
+}
+
+// A tool that connects for each of its messages may have closed many connections that have not been
+// read to their end yet; these are not held against it. Asked of the kernel only where it matters.
+std::size_t PortReceiver::livingConnectionsOf(pid_t process) const {
+    std::vector<pollfd> asked;
+    for (const auto& connection : connections_) {
+        if (connection->process == process)
+            asked.push_back({connection->socket.get(), POLLRDHUP, 0});
+    }
+    if (asked.size() < limits_.connectionsPerProcess) return asked.size();
+    const int ended = poll(asked.data(), asked.size(), 0);
+    return asked.size() - static_cast<std::size_t>(std::max(ended, 0));
 }
 
 void PortReceiver::pauseAccepting() {

@@ -26,7 +26,7 @@ class PortReceiver final : public std::enable_shared_from_this<PortReceiver> {
 public:
     struct Limits {
         std::chrono::milliseconds helloTimeout = std::chrono::seconds(5);
-        std::size_t connectionsPerProcess = 64;
+        std::size_t connectionsPerProcess = 64;  // of those that have not ended
         std::size_t connections = 512;
         unsigned packetsPerTurn = 16;  // of one connection
     };
@@ -78,6 +78,7 @@ private:
 
     void acceptFrom(Listener& listener, std::size_t atMost);
     void takeIn(UniqueFd socket);
+    std::size_t livingConnectionsOf(pid_t process) const;
     void pauseAccepting();
     void resumeAccepting();
 

@@ -270,6 +270,16 @@ UTILIA_CHILD_ROLE(floodWithMessages) {
     }
 }
 
+// A connection for each message, as many as the backlog takes.
+UTILIA_CHILD_ROLE(connectForEachMessage) {
+    for (int i = 0; i < 120; ++i) {
+        const UniqueFd socket = connectRaw("a");
+        sendRaw(socket.get(), hello());
+        sendRaw(socket.get(), packetHead(PortPacketKind::Inline, {}));
+    }
+    return 0;
+}
+
 UTILIA_CHILD_ROLE(sendOneMessage) {
     const auto port = PortNameServer::systemDefaultPortNameServer().portForName("a");
     if (!port) return 2;
@@ -391,6 +401,14 @@ TEST_F(HostilePeers, GetNoMoreConnectionsThanAProcessMayHave) {
     }
     waitForNoConnections();
     EXPECT_EQ(openDescriptorCount(), descriptors);
+}
+
+TEST_F(HostilePeers, AreNoneIfTheyConnectForEachMessageAndClose) {
+    ChildProcess tool = ChildProcess::role("connectForEachMessage");
+    ASSERT_EQ(tool.waitForExit(), 0);
+    EXPECT_TRUE(runUntil([&] { return receiver->messages().size() == 120; }));
+    EXPECT_TRUE(log.lines().empty());
+    waitForNoConnections();
 }
 
 TEST_F(HostilePeers, MayConnectTenThousandTimes) {
