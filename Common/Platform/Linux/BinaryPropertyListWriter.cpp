@@ -1,5 +1,6 @@
 #include "Common/Platform/Linux/BinaryPropertyListWriter.h"
 
+#include <array>
 #include <bit>
 #include <functional>
 #include <string_view>
@@ -64,7 +65,7 @@ private:
         case Value::Type::Dictionary:
             return numberDictionary(*value.dictionary());
         case Value::Type::Boolean:
-            return leaf({.type = value.type(), .bits = *value.boolean() ? 1u : 0u, .bytes = {}});
+            return boolean(*value.boolean());
         case Value::Type::Integer:
             if (const auto* large = value.largeInteger()) {
                 return leaf(
@@ -90,6 +91,15 @@ private:
         const Data& data = *value.data();
         return leaf({.type = Value::Type::Bytes,
                      .bytes = {reinterpret_cast<const char*>(data.data()), data.size()}});
+    }
+
+    // As the original platform does it: each is in the file, and the first is what is referred to.
+    Index boolean(bool value) {
+        const auto self = static_cast<Index>(objects_.size());
+        objects_.push_back({.type = Value::Type::Boolean, .bits = value ? 1u : 0u, .bytes = {}});
+        Index& first = firstBooleans_[value ? 1 : 0];
+        if (first == kFree) first = self;
+        return first;
     }
 
     Index numberArray(const Array& array) {
@@ -229,6 +239,7 @@ private:
 
     static constexpr Index kFree = ~Index{0};
 
+    std::array<Index, 2> firstBooleans_{kFree, kFree};
     std::vector<Object> objects_;
     std::vector<Index> references_;
     std::vector<Index> slots_;

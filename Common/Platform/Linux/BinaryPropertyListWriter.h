@@ -5,8 +5,8 @@
 namespace utilia::platform {
 
 // The binary form of a value that checkPropertyList() accepts: objects in the order in which they
-// are met, top object first; equal texts, numbers, dates, data and booleans once; the smallest
-// sizes that hold the content.
+// are met, top object first; equal texts, numbers, dates and data once, each boolean anew; the
+// smallest sizes that hold the content.
 Data writeBinaryPropertyList(const Value& value);
 
 }  // namespace utilia::platform

@@ -68,6 +68,20 @@ TEST(BinaryPropertyList, AcceptsWhatOtherWritersMake) {
     }
 }
 
+TEST(BinaryPropertyList, WritesEqualLeavesOnceAndEachBooleanAnew) {
+    const auto bytes = dataFromPropertyList(Array{"x", true, true, "x", 1, 1.0, 1, false, true},
+                                            PropertyListFormat::Binary);
+    ASSERT_TRUE(bytes);
+    EXPECT_EQ(*bytes, file({{0xA9, 1, 2, 2, 1, 4, 5, 4, 6, 2},
+                            {0x51, 'x'},
+                            {0x09},
+                            {0x09},
+                            {0x10, 1},
+                            {0x23, 0x3F, 0xF0, 0, 0, 0, 0, 0, 0},
+                            {0x08},
+                            {0x09}}));
+}
+
 TEST(BinaryPropertyList, RefusesObjectsThatAreNotInOrder) {
     struct Case {
         const char* what;

@@ -92,6 +92,29 @@ TEST_F(StoreFaults, AnUpdateIsInTheFileOrIsReportedAsFailed) {
     updateUnderEachFault(test::storageFaults());
 }
 
+// After a power failure a name that was exchanged before its data were synced may lead to nothing.
+TEST_F(StoreFaults, AnUpdateIsWrittenThenSyncedThenRenamed) {
+    constexpr unsigned kNever = 1000;
+    const auto defaults = UserDefaults::initWithDomain(kDomain);
+    defaults->setObject(1, "number");
+    defaults->setObject(2, "number");  // the backup is made, so that only the update itself renames
+    {
+        const test::ArmedFault sync({.call = kUtiliaFaultSync, .error = EIO});
+        const test::ArmedFault write({.call = kUtiliaFaultWrite}, kNever);
+        const test::ArmedFault rename({.call = kUtiliaFaultRename}, kNever);
+        defaults->setObject(3, "number");
+        EXPECT_EQ(write.calls(), 1u);
+        EXPECT_EQ(rename.calls(), 0u);
+    }
+    const test::ArmedFault rename({.call = kUtiliaFaultRename, .error = EIO});
+    const test::ArmedFault sync({.call = kUtiliaFaultSync}, kNever);
+    const test::ArmedFault write({.call = kUtiliaFaultWrite}, kNever);
+    defaults->setObject(4, "number");
+    EXPECT_EQ(rename.hits(), 1u);
+    EXPECT_EQ(sync.calls(), 1u) << "the data, and not the folder";
+    EXPECT_EQ(write.calls(), 1u);
+}
+
 TEST_F(StoreFaults, AReadAnswersWhatIsThereOrNothing) {
     readUnderEachFault(test::storageFaults(), [this] {
         // The same file as a new inode, as another process's write leaves it.
