@@ -56,7 +56,8 @@ public:
     // Replaces the file at once or not at all: a temporary file beside it, its data synced, then rename. A new file
     // gets 0666 less the umask, an existing one keeps its mode. The attributes are on the new file before it gets the name and
     // are set once more after; one that cannot be set is no failure of the write. On failure the old file is as it
-    // was and no temporary file stays.
+    // was and no temporary file stays. What a writer leaves there when it is killed, the next write in that folder
+    // removes.
     static Result<void> writeAtomically(std::string_view path, std::span<const std::uint8_t> bytes,
                                         std::span<const ExtendedAttribute> attributes = {});
 

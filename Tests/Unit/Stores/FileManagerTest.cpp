@@ -1,3 +1,4 @@
+#include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +14,7 @@
 #include "Common/Platform/FileManager.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/ChildRole.h"
+#include "Tests/Support/FaultInjection.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestLog.h"
 
@@ -154,6 +156,63 @@ TEST_F(FileManagerTest, AnAtomicWriteCarriesItsAttributes) {
     EXPECT_TRUE(FileManager::extendedAttribute(at("icon").string(), "NSImage.isTemplate", 1)
                     .error()
                     .isPosix(ENODATA));
+}
+
+TEST_F(FileManagerTest, AKillAtAnySystemCallOfAnAtomicWriteLeavesTheOldOrTheNewFile) {
+    const std::string path = at("file").string();
+    const Data first = bytesOf("the first content");
+    const Data second = bytesOf("the second");
+    ASSERT_TRUE(FileManager::writeAtomically(path, first));
+    const std::size_t before = entries();
+    std::size_t leftOvers = 0;
+    const std::size_t points = test::forEachKillPoint(
+        3, [&] { (void)FileManager::writeAtomically(path, second); },
+        [&](const test::KillPoint&) {
+            const Data found = FileManager::contentsAtPath(path, 100).value_or(Data());
+            EXPECT_TRUE(found == first || found == second) << textOf(path);
+            leftOvers += entries() - before;
+            EXPECT_TRUE(FileManager::writeAtomically(path, first));
+            EXPECT_EQ(entries(), before) << "the next write clears up";
+        });
+    EXPECT_GE(points, 10u);
+    EXPECT_GE(leftOvers, 1u) << "else nothing of the kind was tried";
+}
+
+TEST_F(FileManagerTest, AnAtomicWriteRemovesAThousandFilesOfKilledWriters) {
+    const std::size_t before = entries();
+    for (int i = 0; i < 1000; ++i) {
+        // No process has so high a number.
+        std::ofstream(at((".utilia-" + std::to_string(INT_MAX - i) + "-7").c_str())) << "half";
+    }
+    ASSERT_EQ(entries(), before + 1000);
+    EXPECT_TRUE(FileManager::writeAtomically(at("file").string(), bytesOf("new")));
+    EXPECT_EQ(entries(), before + 1);
+}
+
+TEST_F(FileManagerTest, AnAtomicWriteLeavesWhatIsNoFileOfAKilledWriter) {
+    const std::string dead = ".utilia-" + std::to_string(INT_MAX);
+    const std::string living = ".utilia-" + std::to_string(getpid());
+    std::ofstream(at("canary")) << "canary";
+    fs::create_symlink("canary", at((dead + "-1").c_str()));
+    fs::create_directory(at((dead + "-2").c_str()));
+    ASSERT_EQ(mkfifo(at((dead + "-3").c_str()).c_str(), 0600), 0);
+    for (const std::string& name :
+         {living + "-4000000000", dead, dead + "-", dead + "-x", dead + "-1x", dead + "--1",
+          std::string(".utilia-0-1"), std::string(".utilia--5-1"), "x" + dead + "-1"}) {
+        std::ofstream(at(name.c_str())) << "kept";
+    }
+    const fs::path foreign = at((dead + "-4").c_str());
+    std::ofstream(foreign) << "kept";
+    if (geteuid() == 0) {
+        constexpr uid_t kNobody = 65534;
+        ASSERT_EQ(chown(foreign.c_str(), kNobody, kNobody), 0);
+    } else {
+        fs::remove(foreign);  // only root can give a file away
+    }
+    const std::size_t before = entries();
+    EXPECT_TRUE(FileManager::writeAtomically(at("file").string(), bytesOf("new")));
+    EXPECT_EQ(entries(), before + 1);
+    EXPECT_EQ(textOf(at("canary")), "canary");
 }
 
 TEST_F(FileManagerTest, AnAttributeIsReadUpToASize) {
