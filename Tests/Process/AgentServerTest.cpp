@@ -1,5 +1,7 @@
 // The agent's receiving end: which proxy gets which message, and what becomes of broken ones.
 
+#include <set>
+
 #include "Tests/Process/AgentFixture.h"
 
 namespace utilia::test {
@@ -223,14 +225,16 @@ TEST_F(AgentServer, DropsMalformedMessagesWithOneLineEachAndGoesOn) {
         {102, {kToolPath, sampleTiff(4, 1), "12"}, "message 102: the template flag is not 1 byte"},
         {108, {kToolPath, "\xc3"}, "message 108: the text is not UTF-8"},
     };
+    std::set<std::string> known;
     for (const auto& each : cases) {
         SCOPED_TRACE(each.reason);
         agent.ask("clear-log");
         sendToAgent(each.id, each.components);
         EXPECT_EQ(stateAfterAll(agent, tool), asBefore);
-        EXPECT_EQ(agent.log(),
-                  std::vector<std::string>{std::string("A message from a tool is dropped: ") +
-                                           each.reason});
+        // A mistake that comes again at once is counted, not logged once more.
+        const bool isNew = known.insert(each.reason).second;
+        const std::string line = std::string("A message from a tool is dropped: ") + each.reason;
+        EXPECT_EQ(agent.log(), isNew ? std::vector{line} : std::vector<std::string>{});
     }
 }
 

@@ -6,7 +6,7 @@
 
 #include <sys/epoll.h>
 
-#include "Common/Platform/Linux/CallbackGuard.h"
+#include "Common/Logging/CallbackGuard.h"
 
 // One epoll descriptor behind one GLib source, rather than a source for each descriptor: an agent
 // holds a hundred connections, and GLib's poll and its walks over all sources would be paid for

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "Common/Platform/Linux/CallbackGuard.h"
+#include "Common/Logging/CallbackGuard.h"
 
 namespace utilia::platform {
 

@@ -6,7 +6,7 @@
 
 #include <sys/socket.h>
 
-#include "Common/Platform/Linux/CallbackGuard.h"
+#include "Common/Logging/CallbackGuard.h"
 #include "Common/Platform/Linux/PortConnection.h"
 #include "Common/Platform/Linux/PortMemory.h"
 #include "Common/Platform/Linux/PortMessageAccess.h"

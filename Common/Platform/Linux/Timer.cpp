@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include "Common/Logging/Log.h"
-#include "Common/Platform/Linux/CallbackGuard.h"
+#include "Common/Logging/CallbackGuard.h"
 #include "Common/Platform/Linux/RunLoopImplementation.h"
 #include "Common/Platform/Linux/TimerPhase.h"
 #include "Common/Platform/RunLoop.h"

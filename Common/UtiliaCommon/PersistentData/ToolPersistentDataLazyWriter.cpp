@@ -7,9 +7,8 @@
 #include "Common/Platform/UserDefaults.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 
-// The record is changed under the shared store's lock as one read-modify-write of the whole
-// "ToolPersistentData" dictionary, so tools that end at the same moment keep each other's records.
-// Icons are files of their own, each replaced at once, so the agent never reads half of one.
+// At logout many tools end at once. Each changes its own entry while it alone holds the shared
+// store, so no entry gets lost; the icons need no lock, as every file appears whole under its name.
 
 namespace utilia {
 namespace {
@@ -30,9 +29,15 @@ std::string mainBundleIdentifier() {
 void writeIcon(const std::shared_ptr<platform::Image>& icon, const std::optional<std::string>& path,
                std::span<const FileManager::ExtendedAttribute> attributes) {
     if (!icon || !path) return;
-    const auto bytes = icon->TIFFRepresentation();
     // A failed write leaves the older icon; an ending application has nobody to tell.
-    if (bytes) (void)FileManager::writeAtomically(*path, *bytes, attributes);
+    if (const auto bytes = icon->TIFFRepresentation()) {
+        (void)FileManager::writeAtomically(*path, *bytes, attributes);
+        return;
+    }
+    // An icon without a picture still says of the older one whether it is a template.
+    for (const auto& attribute : attributes) {
+        (void)FileManager::setExtendedAttribute(*path, attribute.name, attribute.value);
+    }
 }
 
 }  // namespace

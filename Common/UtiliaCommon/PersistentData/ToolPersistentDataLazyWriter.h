@@ -6,10 +6,9 @@
 
 namespace utilia {
 
-// By which a running tool states what the agent may show while it is not running. Setting a value
-// only changes this object; everything is written once, when the application is about to terminate.
-//
-// A tool that is killed leaves what its last orderly end stored.
+// Where a running tool puts what the agent shall show after the tool has ended. Values stay in this
+// object until the application ends in an orderly way, and are written then, in one go. A tool that
+// is killed leaves what its last orderly end stored.
 //
 // Threads: the main thread.
 class UTILIA_EXPORT ToolPersistentDataLazyWriter final : public ToolPersistentDataReader {

@@ -40,6 +40,8 @@ using UpdateBlock = std::function<void(Dictionary& record)>;
 // Runs the block with a fresh view of the suite while this process alone holds the store. Waits for
 // the lock as long as it takes. When the container cannot be opened the block runs all the same,
 // unlocked, and one log line says why. An empty block only takes and releases the lock.
+// What a block throws passes through to the caller, after what it had set is written and the lock
+// is given up.
 UTILIA_EXPORT void accessAppGroupPlist(const AccessBlock& block);
 
 // Calls the block with the first record of this bundle identifier and name; not at all when there

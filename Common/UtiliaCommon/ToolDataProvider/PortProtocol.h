@@ -37,14 +37,14 @@ inline constexpr std::uint64_t kToolStatusPermanent =
 // From a tool to the agent; component 0 is the tool's path. Contract: never renumber.
 enum class ToolMessage : std::uint32_t {
     Status = 100,           // status
-    ToolIcon = 101,         // image, or nothing when the tool has no icon
+    ToolIcon = 101,         // image; left out by a tool without icon
     MenuIcon = 102,         // image, flag: it is a template
     MenuText = 108,         // text
     UpdateResources = 109,  // nothing
 };
 
-// From the agent to a tool; no identity. Contract: never renumber. 106 is not used in either
-// direction.
+// From the agent to a tool; no identity. Contract: never renumber, and leave 106
+// free on both sides.
 enum class AgentMessage : std::uint32_t {
     StatusRequest = 100,      // nothing
     ToolIconNeeded = 101,     // flag

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Common/Foundation/PathFunctions.h"
+#include "Common/Logging/CallbackGuard.h"
 #include "Common/Logging/Log.h"
 #include "Common/Platform/NotificationCenter.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataServerProvider.h"
@@ -152,8 +153,7 @@ bool ToolDataAgentProvider::sendCommand(AgentMessage id,
     try {
         message.sendBeforeDate(std::chrono::steady_clock::now() + sendTimeout(id));
     } catch (const platform::PortException& exception) {
-        // The wording speaks of the agent's port although the message goes to a tool's: kept on
-        // purpose, people search logs for it.
+        // Says "Agent port" of a tool's port. It always has, and people search their logs for it.
         KULogVariadic("Failed to send Command to Agent port. Exception: %@ Reason: %@",
                       exception.name(), exception.reason());
         return false;
@@ -197,7 +197,8 @@ void ToolDataAgentProvider::changed(Property property) {
         const auto found = observers->all.find(id);
         if (found == observers->all.end()) continue;
         const auto observer = found->second;
-        (*observer)(property);
+        // One that throws keeps neither the others nor the tool's further proxies from the news.
+        runGuarded("An observer of a tool", [&] { (*observer)(property); });
     }
 }
 

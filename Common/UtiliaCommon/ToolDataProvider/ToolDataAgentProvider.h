@@ -102,10 +102,13 @@ public:
     // canonical one, to the letter.
     bool matches(std::string_view toolPath) const;
 
+    // What happens when the tool's port ends: an active tool becomes inactive, of a permanent one
+    // the persisted data is shown. Called from the notification centre.
+    void portDied();
+
 private:
     struct Observers;
 
-    void portDied();
     void changed(Property property);
     void sendWish(AgentMessage message, bool needed);
 

@@ -11,10 +11,9 @@
 #include "Common/Platform/RunLoop.h"
 #include "Common/Platform/Workspace.h"
 
-// The connection to the agent is lazy: only a send or launchAgentIfNeeded looks for the agent's
-// port, and a port that became invalid is simply let go. So neither side has to be there first, and
-// a restarted agent is found by the next thing that the tool has to say, or when the agent itself
-// calls on the tool.
+// Nothing here keeps looking for an agent. Its port is looked up at the moment when there is
+// something to say, and forgotten when it ends. A tool that is started before its agent, or
+// outlives it, so finds the next one by itself: with its next message at the latest.
 
 namespace utilia {
 namespace {
@@ -207,7 +206,8 @@ bool ToolDataClientProvider::launchAgentIfNeeded() {
 void ToolDataClientProvider::handlePortMessage(const PortMessage& message) {
     const auto decoded = decodeAgentMessage(message.msgid(), message.components());
     if (!decoded) {
-        KULogVariadic("A message from the agent is dropped: %@", decoded.error());
+        const std::string& why = decoded.error().description;
+        refusals_.log(why, "A message from the agent is dropped: " + why);
         return;
     }
     applyAgentMessage(*decoded);

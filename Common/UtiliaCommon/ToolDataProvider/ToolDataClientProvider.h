@@ -11,6 +11,7 @@
 #include "Common/Foundation/Export.h"
 #include "Common/Foundation/Handle.h"
 #include "Common/Foundation/Value.h"
+#include "Common/Logging/RepeatedLines.h"
 #include "Common/Platform/Bundle.h"
 #include "Common/Platform/Image.h"
 #include "Common/Platform/Port.h"
@@ -22,13 +23,13 @@ namespace utilia {
 
 enum class ToolSpecialDirectory : std::uint64_t { ToolDesktopDirectory = 0 };
 
-// A tool's side of the channel: owns the tool's named port, tells the agent what to show for the
-// tool, and turns the agent's commands into calls of the blocks that the tool installs.
+// How a tool talks with the agent. It says what the agent shall show for the tool, and calls back
+// what the tool has installed when the agent gives an order.
 //
-// Every change of icon, menu icon, menu text or status is first kept for the end of the tool
-// (`persist`) and then sent when the agent wants it. Without an agent every send is silent. A send
-// that fails is logged and not repeated; a send holds its caller up for at most its time-out (0.1 s
-// to 30 s), and only when the agent does not read.
+// What is set here reaches two places: `persist`, which stores it when the tool ends, and the
+// agent, as far as there is one and it has asked. Nothing has to be there first. A failing send
+// costs one log line and is not tried again. Only an agent that does not read holds a sender up,
+// and for no longer than the message's time-out (0.1 s to 30 s).
 //
 // Threads: the thread that made it, whose run loop serves the port (the main thread in practice);
 // blocks and handlers are called there. The three blocks may be installed from any thread.
@@ -53,9 +54,11 @@ public:
     ToolPersistentDataLazyWriter& persist() { return *persist_; }
     bool isAgentConnected() const { return isAgentConnected_; }
 
-    // What the agent asked for; nothing at first.
+    // What the agent asked for; nothing at first. Setting one here sends nothing.
     bool toolIconNeeded() const { return toolIconNeeded_; }
     bool menuIconNeeded() const { return menuIconNeeded_; }  // the menu text too
+    void setToolIconNeeded(bool needed) { toolIconNeeded_ = needed; }
+    void setMenuIconNeeded(bool needed) { menuIconNeeded_ = needed; }
 
     std::uint64_t toolStatus() const { return toolStatus_; }
     const std::shared_ptr<platform::Image>& toolIcon() const { return toolIcon_; }
@@ -101,7 +104,12 @@ public:
     // Lets the agent's port go; the next send looks for it again.
     void unsubscribeFromAgentPort();
 
+    // What happens when a message, or news of the application or the agent's port, arrives; called
+    // from the loop and the notification centre.
     void handlePortMessage(const platform::PortMessage& message) override;
+    void appDidFinishLaunching();  // from then on, the end of the application is awaited
+    void appWillTerminate();       // sends icon, menu icon and text, wanted or not
+    void portDidBecomeInvalid();   // lets the agent's port go
 
     // The path itself when the user can write there, else empty. Message and options are not used.
     std::optional<std::string> requestAccessToDirectory(std::string_view path,
@@ -112,9 +120,6 @@ public:
     std::string getToolSpecialDirectory(ToolSpecialDirectory directory) const;
 
 private:
-    void appDidFinishLaunching();
-    void appWillTerminate();
-    void portDidBecomeInvalid();
     void applyAgentMessage(const DecodedAgentMessage& message);
     void turnToolOff();
     void clickMenuIcon();
@@ -136,6 +141,7 @@ private:
     AtomicBlock dateScheduleBlock_;
     AtomicBlock turnToolOffBlock_;
     AtomicBlock clickMenuIconBlock_;
+    RepeatedLines refusals_;
     Handle didFinishLaunching_;
     Handle willTerminate_;
     Handle agentPortInvalid_;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Common/Logging/CallbackGuard.h"
 #include "Common/Logging/Log.h"
 #include "Common/Platform/Application.h"
 #include "Common/Platform/Image.h"
@@ -15,17 +16,9 @@ using platform::Port;
 using platform::PortMessage;
 using platform::PortNameServer;
 
-std::shared_ptr<Image> decodeImage(MessageBytes bytes, std::string_view toolPath,
-                                   std::string_view kind) {
-    auto image = Image::initWithData(bytes);
-    if (!image)
-        KULogVariadic("%@ of %@ is not a picture; the tool is shown without.", kind, toolPath);
-    return image;
-}
-
 void silentUpdateResources() {
     if (auto* const delegate = platform::Application::sharedApplication().delegate()) {
-        delegate->silentUpdateResources();
+        runGuarded("silentUpdateResources", [&] { delegate->silentUpdateResources(); });
     } else {
         KULogVariadic(
             "A tool asks to update resources, but this application has no delegate to do it.");
@@ -67,7 +60,8 @@ void ToolDataServerProvider::removeTool(const std::shared_ptr<ToolDataAgentProvi
 void ToolDataServerProvider::handlePortMessage(const PortMessage& message) {
     const auto decoded = decodeToolMessage(message.msgid(), message.components());
     if (!decoded) {
-        KULogVariadic("A message from a tool is dropped: %@", decoded.error());
+        const std::string& why = decoded.error().description;
+        refusals_.log(why, "A message from a tool is dropped: " + why);
         return;
     }
     // The list as it is now: what a proxy tells its observers may add and remove proxies.
@@ -77,15 +71,27 @@ void ToolDataServerProvider::handlePortMessage(const PortMessage& message) {
     }
 }
 
+std::shared_ptr<Image> ToolDataServerProvider::decodeImage(MessageBytes bytes,
+                                                           std::string_view what,
+                                                           std::string_view toolPath) {
+    auto image = Image::initWithData(bytes);
+    if (!image) {
+        refusals_.log(what, std::string(what) + std::string(toolPath) +
+                                " is not a picture; the tool is shown without.");
+    }
+    return image;
+}
+
 void ToolDataServerProvider::apply(const DecodedToolMessage& message, ToolDataAgentProvider& tool) {
     if (const auto* const status = std::get_if<StatusReport>(&message.body)) {
         tool.setStatus(status->status);
         tool.setWasLaunched(true);
     } else if (const auto* const icon = std::get_if<ToolIconReport>(&message.body)) {
-        tool.setToolIcon(icon->image ? decodeImage(*icon->image, message.toolPath, "The tool icon")
-                                     : nullptr);
+        tool.setToolIcon(icon->image
+                             ? decodeImage(*icon->image, "The tool icon of ", message.toolPath)
+                             : nullptr);
     } else if (const auto* const menuIcon = std::get_if<MenuIconReport>(&message.body)) {
-        auto image = decodeImage(menuIcon->image, message.toolPath, "The menu icon");
+        auto image = decodeImage(menuIcon->image, "The menu icon of ", message.toolPath);
         // Before it is shown to observers, so that nobody sees the icon without its flag.
         if (image && menuIcon->isTemplate) image->setTemplate(*menuIcon->isTemplate);
         tool.setMenuIcon(std::move(image));

@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "Common/Foundation/Export.h"
+#include "Common/Logging/RepeatedLines.h"
+#include "Common/Platform/Image.h"
 #include "Common/Platform/Port.h"
 #include "Common/UtiliaCommon/ToolDataProvider/PortProtocol.h"
 
@@ -47,9 +49,12 @@ public:
     void handlePortMessage(const platform::PortMessage& message) override;
 
 private:
+    std::shared_ptr<platform::Image> decodeImage(MessageBytes bytes, std::string_view what,
+                                                 std::string_view toolPath);
     void apply(const DecodedToolMessage& message, ToolDataAgentProvider& tool);
 
     std::shared_ptr<platform::Port> servicePort_;
+    RepeatedLines refusals_;
     // Replaced, never changed: a pass over the list goes on over the list as it was.
     std::shared_ptr<const Tools> tools_;
 };

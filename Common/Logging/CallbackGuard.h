@@ -5,7 +5,7 @@
 
 #include "Common/Logging/Log.h"
 
-namespace utilia::platform {
+namespace utilia {
 
 // Runs a callback of somebody else's; what it throws ends here, with one log line. GLib's frames
 // lie below every callback of a loop, and no exception may pass through them.
@@ -20,4 +20,4 @@ void runGuarded(std::string_view what, const Callback& callback) noexcept {
     }
 }
 
-}  // namespace utilia::platform
+}  // namespace utilia
