@@ -38,11 +38,11 @@ Figures measureStart(const Settings& settings) {
     std::vector<double> milliseconds[2];
     const int rounds = std::max(10, static_cast<int>(settings.seconds * 300));
     for (int i = 0; i < rounds; ++i) {
-        for (std::size_t which : {0, 1})
+        for (const std::size_t which : {0u, 1u})
             milliseconds[which].push_back(startOnce(pathOf(names[which])));
     }
     Figures figures;
-    for (std::size_t which : {0, 1})
+    for (const std::size_t which : {0u, 1u})
         figures.emplace_back(names[which] + "_ms", percentile(milliseconds[which], 50));
     for (const std::string& name : names) {
         FILE* description = popen((pathOf(name) + " describe").c_str(), "r");
