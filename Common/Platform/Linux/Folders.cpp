@@ -110,6 +110,12 @@ Result<std::string> ensurePreferencesFolder() {
 Result<std::string> ensureGroupContainer(std::string_view groupIdentifier) {
     std::string path = groupContainerPath(groupIdentifier);
     if (auto made = makeFolders(path, 0700); !made) return std::move(made).error();
+    // Its mode is the user's business, and a link may lead there; its owner could read every store.
+    struct stat found {};
+    if (stat(path.c_str(), &found) != 0) return Error::posix(errno, "stat", path);
+    if (found.st_uid != geteuid()) {
+        return Error::utilia(UtiliaErrorCode::Refused, path + ": belongs to another user");
+    }
     return path;
 }
 

@@ -23,6 +23,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr uid_t kNobody = 65534;
+
 Data bytesOf(std::string_view text) { return Data(text.begin(), text.end()); }
 
 std::string textOf(const fs::path& path) {
@@ -204,7 +206,6 @@ TEST_F(FileManagerTest, AnAtomicWriteLeavesWhatIsNoFileOfAKilledWriter) {
     const fs::path foreign = at((dead + "-4").c_str());
     std::ofstream(foreign) << "kept";
     if (geteuid() == 0) {
-        constexpr uid_t kNobody = 65534;
         ASSERT_EQ(chown(foreign.c_str(), kNobody, kNobody), 0);
     } else {
         fs::remove(foreign);  // only root can give a file away
@@ -263,6 +264,22 @@ TEST_F(FileManagerTest, ARuntimeFolderThatOthersMayEnterIsNotUsed) {
     EXPECT_EQ(log_.lines(),
               std::vector<std::string>{(home_.runtime() / "com.korvane.utilia").string() +
                                        ": other users may enter it (its mode must be 0700)"});
+}
+
+TEST_F(FileManagerTest, AnotherUsersGroupContainerIsNotUsed) {
+    constexpr const char* kGroup = "7QK2M9ZD4R.com.korvane.utilia";
+    const fs::path container = home_.groupContainer();
+    fs::create_directories(container);
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown(container.c_str(), kNobody, kNobody), 0);
+    } else {
+        fs::remove(container);  // only root can give a folder away; "/" is root's
+        fs::create_directory_symlink("/", container);
+    }
+    EXPECT_FALSE(FileManager::containerURLForSecurityApplicationGroupIdentifier(kGroup));
+    EXPECT_FALSE(FileManager::containerURLForSecurityApplicationGroupIdentifier(kGroup));
+    EXPECT_EQ(log_.lines(),
+              std::vector<std::string>{container.string() + ": belongs to another user"});
 }
 
 TEST_F(FileManagerTest, AsksTheSystemWhatThisUserMayDo) {
