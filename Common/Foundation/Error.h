@@ -30,7 +30,7 @@ enum class UtiliaErrorCode : int {
 struct UTILIA_EXPORT Error {
     std::string domain;
     int code = 0;
-    std::string description;  // names the object: "rename /x/state: No space left on device"
+    std::string description;  // with the call and its object: "open /a/b: Permission denied"
 
     // An errno with the call and its object: posix(ENOSPC, "rename", "/x/state").
     static Error posix(int errorNumber, std::string_view call, std::string_view object);

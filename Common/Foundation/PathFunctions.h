@@ -6,9 +6,11 @@
 
 #include "Common/Foundation/Export.h"
 
-// Paths as text, by the rules of the original platform's string class. Runs of "/" count as one and a trailing
-// "/" is dropped, except that "/" itself stays; "." and ".." are ordinary components; no file is touched.
-// Both ends of a conversation must form the same path text character for character, hence not std::filesystem.
+// Taking paths apart and putting them together, as the original platform's strings do it. Agent and tools hash the
+// text of a path, so both must arrive at equal text, and std::filesystem has rules of its own.
+//
+// Only the text is looked at, never the file system. Several slashes in a row are as good as one, those at the end
+// go away (the root keeps its own), and a component "." or ".." has no special meaning.
 
 namespace utilia {
 

@@ -12,7 +12,7 @@ namespace utilia::platform {
 
 // An application or resource bundle: a folder of fixed shape with an Info.plist.
 //
-// An application is X.app/Contents/Linux/PROGRAM with X.app/Contents/Info.plist, exactly that shape. Paths are
+// Only X.app/Contents/Linux/PROGRAM beside X.app/Contents/Info.plist makes an application. Paths are
 // resolved (no symbolic links in them) and have no "/" at the end, so that both ends of a conversation form the
 // same text from the same bundle.
 //

@@ -10,24 +10,25 @@
 
 namespace utilia::platform {
 
-// An advisory lock on a file or folder, by which the processes of the suite take turns.
+// Exclusion between processes, and between the threads of one: whoever has acquired a path shuts out all others who
+// ask for the same path, as far as they ask. It protects nothing by itself.
 //
-// Protocol: acquire, re-read what the lock guards, change it, write it, release.
-// What was read before the lock was held is stale by definition.
+// So whoever changes guarded data looks at it anew once acquire() has returned. An earlier look may have been
+// overtaken.
 //
-// The lock file is never removed. Unlinking a file that others may have open lets the next process lock a new
-// inode of the same name, and both believe they hold it.
+// Nobody deletes the file that a lock lies on: a latecomer would create and lock another one under the old name
+// while somebody still holds the deleted one.
 //
-// A lock belongs to its open file: a second acquire of the same path in one process waits for the first. It ends
-// with this object or with the process, however that ends; a forked child does not keep it.
+// Two objects of one process exclude each other like those of two processes. The kernel frees the lock when the
+// object or its process is gone, killed or not. Children made by fork() do not inherit it.
 //
-// Threads: an instance belongs to one thread.
+// Threads: only the one that uses the object; it has no mutex.
 class UTILIA_EXPORT FileLock final {
 public:
     enum class Mode { Shared, Exclusive };
 
-    // Waits at most `timeout`; creates the file (0600), but not its folder, and never follows a link as the last
-    // component. Fails with UtiliaErrorCode::Busy while another holder keeps it, or with the error of the open.
+    // A missing file is made with mode 0600, a missing folder is the error of the open, and so is a link in the
+    // file's place. UtiliaErrorCode::Busy when `timeout` has gone by and somebody else still has the lock.
     static Result<FileLock> acquire(const std::filesystem::path& path, Mode mode, std::chrono::milliseconds timeout);
 
     // Locks an existing folder; waits as long as it takes. A wait of more than two seconds is logged once, with the

@@ -14,18 +14,18 @@ namespace utilia::platform {
 // One domain of stored preferences: the running application's own, another application's, or the suite that the
 // applications of a group share.
 //
-// A domain is one binary property-list file. Every write takes the domain's lock, reads what is there, changes only
-// the keys that were set here, and replaces the file; so writers of different keys never undo each other, and a
-// reader sees the file before or after a write, never between. Another process's write is seen by the next read.
+// Reads go to the newest version, also when another process wrote it a moment ago, and never to half of one. A key
+// that is set replaces that key alone: whatever others have stored under other keys in the meantime survives. Each
+// domain is kept in a binary property list of its own, which is exchanged as a whole and under a lock.
 //
-// Own and foreign domains write through: a set that returned is in the file. A suite gathers sets until
-// `synchronize` or the end of the object; reads see the gathered sets.
+// With a domain of one application, own or foreign, the value is stored when the set returns. With a suite it waits
+// for synchronize(), or for the end of the object, and is only seen through this object until then.
 //
-// A file that does not parse is set aside beside the domain under a dated name, with one log line, and never
-// overwritten; the last good copy (".bak") is used when there is a valid one. A write that fails is logged once
-// with its object; the file keeps its earlier content and the gathered sets stay for the next synchronize.
+// Failures are logged once, with the file's name. After a failed write the file is as before, and what a suite has
+// gathered waits for another synchronize(). Damage costs no data that could be saved: the unreadable file is kept,
+// renamed to tell the time at which it was found, and the backup (".bak") stands in for it if that one can be read.
 //
-// Threads: an instance belongs to one thread; instances of one domain may be used on different threads.
+// Threads: only the one that uses the object; other objects for the same domain may be used on other threads.
 class UTILIA_EXPORT UserDefaults final {
 public:
     // The running application's own domain, named by its bundle identifier ("" without one: nothing is stored).

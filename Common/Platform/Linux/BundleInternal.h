@@ -6,9 +6,9 @@
 
 namespace utilia::platform {
 
-// The application bundle that a program lies in: X.app for X.app/Contents/Linux/PROGRAM with
-// X.app/Contents/Info.plist, exactly that shape; empty for any other place. `program` is absolute
-// and resolved.
+// The application bundle that a program lies in: X.app for X.app/Contents/Linux/PROGRAM if there
+// is X.app/Contents/Info.plist as well; empty for any other place. `program` is absolute and
+// resolved.
 std::optional<std::string> bundlePathOfProgram(std::string_view program);
 
 // The program of a process, as the kernel names it; empty when it cannot be told or its file is

@@ -19,8 +19,8 @@
 // a pure function, and a memory file is looked at before it is mapped. Whatever is wrong costs the
 // peer this connection and nobody else anything.
 //
-// What a sender queued before it exited is in the socket ahead of the end of the stream, so reading
-// until there is nothing delivers it without any further care.
+// The last messages of a sender that has ended lie in the socket ahead of the end of the stream, so
+// reading until there is nothing delivers them without any further care.
 //
 // A handler may do everything: run the loop (the next delivery then uses the next buffer), end the
 // connection's port, drop the last reference to it. Objects that a delivery further down still uses

@@ -14,9 +14,9 @@ namespace utilia::platform {
 // One version of a preferences file, as it was read or written. Immutable, and shared between
 // threads.
 //
-// It keeps its file open: as long as the path leads to the same device and inode, it leads to this
-// very version, because files are only ever replaced and an inode that is held open cannot be given
-// to another file.
+// Holding its file open, it can be recognised by device and inode: nobody writes into a published
+// file, and the kernel gives the number of an open inode to no new file. A path that leads to the
+// same two numbers leads to this very version.
 struct PreferencesVersion {
     UniqueFd file;
     struct stat status {};
