@@ -289,7 +289,8 @@ TEST_F(LazyWriter, KilledWhileItEndsLeavesNoHalfRecordAndNoHalfIcon) {
     const std::string icons[] = {sampleTiff(8, 1), sampleTiff(256, 2)};
     for (int i = 1; i <= 60; ++i) {
         SCOPED_TRACE(i);
-        ScriptedChild tool = start();
+        // Not as the one instance of its bundle: this is about files, not about taking over.
+        ScriptedChild tool(bundle_.role("writer", {"unlaunched"}));
         tool.ask("set-menu-text", {std::to_string(i)});
         tool.ask("set-tool-icon", {"256", "2"});
         tool.tell("terminate");

@@ -9,6 +9,7 @@ namespace {
 
 using Arguments = ChildScript::Arguments;
 
+// With the argument "unlaunched" the application never finishes launching.
 UTILIA_CHILD_ROLE(writer) {
     ChildScript script(self);
     ToolPersistentDataLazyWriter writer;
@@ -38,7 +39,8 @@ UTILIA_CHILD_ROLE(writer) {
                describe(writer.menuIcon());
     });
     script.on("names", [&](const Arguments&) { return writer.toolName() + " " + writer.toolId(); });
-    return script.run();
+    const bool launches = self.arguments.empty() || self.arguments.front() != "unlaunched";
+    return launches ? script.run() : script.runWithoutLaunching();
 }
 
 }  // namespace

@@ -132,7 +132,11 @@ void ScriptedChild::tell(const std::string& command, const std::vector<std::stri
 
 std::string ScriptedChild::answer() {
     const auto line = process_.waitForLine();
-    if (!line) throw std::runtime_error("the child does not answer");
+    if (!line) {
+        const auto status = process_.waitForExit(std::chrono::milliseconds(100));
+        throw std::runtime_error(status ? "the child ended with status " + std::to_string(*status)
+                                        : "the child does not answer");
+    }
     const auto fields = splitFields(*line);
     return fields.empty() ? std::string() : fields.front();
 }
