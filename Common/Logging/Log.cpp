@@ -7,17 +7,23 @@
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
+#include <new>
 #include <string>
 
 #include "Common/Logging/LogEscape.h"
+#include "Common/Logging/LogFork.h"
 #include "Common/Logging/LogFormatter.h"
 
 // One lock guards the settings and says whose turn it is; it is never held while the sink writes,
 // so that a sink may replace the sink, or ask whether extended logging is on.
 //
 // One thread at a time has its turn: the count of lost lines and the line itself in one go. Others
-// wait for theirs only for a second: whoever has it may be stuck, or may not exist at all in a
-// process that was forked from among several threads.
+// wait for theirs, but only for a second: a turn that has been waited for in vain is overdue, and
+// until it ends no line begins to wait for it.
+//
+// A turn that another thread had when the process forked never ends in the child, so it is overdue
+// there from the start. Only the lock is held across the fork and not the turn: a fork must not
+// wait for a sink that is stuck.
 //
 // A line that does not get its turn, that the sink refuses, that the sink itself logs (its turn
 // would come after its own end), or that there is no memory for is counted. The count is taken down
@@ -51,7 +57,8 @@ struct LogState {
     std::mutex lock;
     std::shared_ptr<LogSink> sink = std::make_shared<PlainSink>();
     std::shared_ptr<const Probe> probe;
-    bool turnTaken = false;
+    bool isTurnTaken = false;
+    bool isTurnOverdue = false;
     std::condition_variable turnEnded;
 };
 
@@ -66,9 +73,12 @@ class Turn final {
 public:
     explicit Turn(LogState& state) : state_(state) {
         std::unique_lock lock(state_.lock);
-        if (!state_.turnEnded.wait_for(lock, kLongestWait, [&] { return !state_.turnTaken; }))
+        if (state_.isTurnOverdue) return;
+        if (!state_.turnEnded.wait_for(lock, kLongestWait, [&] { return !state_.isTurnTaken; })) {
+            state_.isTurnOverdue = true;
             return;
-        state_.turnTaken = true;
+        }
+        state_.isTurnTaken = true;
         sink_ = state_.sink;
         insideSink = true;
     }
@@ -78,7 +88,8 @@ public:
         insideSink = false;
         {
             const std::lock_guard lock(state_.lock);
-            state_.turnTaken = false;
+            state_.isTurnTaken = false;
+            state_.isTurnOverdue = false;
         }
         state_.turnEnded.notify_one();
     }
@@ -149,6 +160,18 @@ bool KUIsExtendedLoggingOn() {
     } catch (...) {
         return false;
     }
+}
+
+void prepareLogForFork() noexcept { logState().lock.lock(); }
+
+void resumeLogAfterFork() noexcept { logState().lock.unlock(); }
+
+void resumeLogInForkedChild() noexcept {
+    LogState& state = logState();
+    // A new one: the old one still counts the parent's threads that were waiting.
+    new (&state.turnEnded) std::condition_variable;
+    state.isTurnOverdue = state.isTurnTaken && !insideSink;
+    state.lock.unlock();
 }
 
 void logFormatted(std::string_view format, std::span<const LogArgument> arguments) noexcept {

@@ -1,19 +1,17 @@
 #pragma once
 
 #include <memory>
-#include <string>
 
 #include "Common/Foundation/Export.h"
 #include "Common/Logging/Log.h"
 
 namespace utilia::platform {
 
-// Lines to the journal where there is one, else to stderr, each with the process's name. A receiver that does not
-// read costs the lines it cannot take, never time. The journal is looked for with the first line.
+// Lines to the system's log where there is one, else to stderr, each with the process's name. A
+// receiver that does not read costs the lines it cannot take, never time. Where lines go is decided
+// with the first one. From the first call on, the log also stands a fork among several threads.
+//
+// Threads: any; the sink as LogSink says.
 UTILIA_EXPORT std::shared_ptr<LogSink> makeSystemLogSink();
-
-// The parts, for tests: the journal's native socket at a path (null when nobody listens there), and a descriptor.
-std::shared_ptr<LogSink> makeJournalLogSink(const std::string& socketPath, const std::string& processName);
-std::shared_ptr<LogSink> makeDescriptorLogSink(int descriptor, const std::string& processName);
 
 }  // namespace utilia::platform

@@ -1,11 +1,11 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "Common/Logging/Log.h"
+#include "Tests/Support/CollectingLogSink.h"
 
 namespace utilia::test {
 
@@ -17,14 +17,8 @@ public:
     TestLog(const TestLog&) = delete;
     TestLog& operator=(const TestLog&) = delete;
 
-    std::vector<std::string> lines() const {
-        const std::lock_guard guard(sink_->mutex);
-        return sink_->lines;
-    }
-    void clear() {
-        const std::lock_guard guard(sink_->mutex);
-        sink_->lines.clear();
-    }
+    std::vector<std::string> lines() const { return sink_->lines(); }
+    void clear() { sink_->take(); }
     // How many lines contain the text.
     std::size_t count(std::string_view text) const {
         std::size_t found = 0;
@@ -33,16 +27,7 @@ public:
     }
 
 private:
-    struct Sink final : LogSink {
-        bool write(std::string_view line) noexcept override {
-            const std::lock_guard guard(mutex);
-            lines.emplace_back(line);
-            return true;
-        }
-        mutable std::mutex mutex;
-        std::vector<std::string> lines;
-    };
-    std::shared_ptr<Sink> sink_ = std::make_shared<Sink>();
+    std::shared_ptr<CollectingLogSink> sink_ = std::make_shared<CollectingLogSink>();
 };
 
 }  // namespace utilia::test

@@ -11,7 +11,7 @@
 
 #include "Common/Logging/LogEscape.h"
 #include "Common/Platform/Linux/LogLineLimit.h"
-#include "Common/Platform/SystemLog.h"
+#include "Common/Platform/Linux/LogSinks.h"
 #include "Common/Platform/UniqueFd.h"
 
 // Writing to a stderr that others share, without ever waiting for whoever reads it.

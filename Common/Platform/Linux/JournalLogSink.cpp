@@ -12,7 +12,7 @@
 
 #include "Common/Logging/LogEscape.h"
 #include "Common/Platform/Linux/LogLineLimit.h"
-#include "Common/Platform/SystemLog.h"
+#include "Common/Platform/Linux/LogSinks.h"
 #include "Common/Platform/UniqueFd.h"
 
 // The journal's native protocol: one datagram is one entry, a list of fields. "NAME=text" and a

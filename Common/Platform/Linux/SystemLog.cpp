@@ -1,7 +1,10 @@
 #include "Common/Platform/SystemLog.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
+#include "Common/Logging/LogFork.h"
+#include "Common/Platform/Linux/LogSinks.h"
 #include "Common/Platform/ProcessInfo.h"
 
 namespace utilia::platform {
@@ -9,8 +12,11 @@ namespace {
 
 // Looks for the journal with the first line. Every tool installs this sink while it is loaded, and
 // most never have anything to say.
-class SystemLogSink final : public LogSink {
+class JournalOrDescriptorLogSink final : public LogSink {
 public:
+    JournalOrDescriptorLogSink(const std::string& socketPath, int descriptor)
+        : socketPath_(socketPath), descriptor_(descriptor) {}
+
     bool write(std::string_view line) noexcept override {
         try {
             if (!sink_) sink_ = open();
@@ -21,17 +27,29 @@ public:
     }
 
 private:
-    static std::shared_ptr<LogSink> open() {
+    std::shared_ptr<LogSink> open() const {
         const std::string& name = ProcessInfo::processName();
-        if (auto journal = makeJournalLogSink("/run/systemd/journal/socket", name)) return journal;
-        return makeDescriptorLogSink(STDERR_FILENO, name);
+        if (auto journal = makeJournalLogSink(socketPath_, name)) return journal;
+        return makeDescriptorLogSink(descriptor_, name);
     }
 
+    const std::string socketPath_;
+    const int descriptor_;
     std::shared_ptr<LogSink> sink_;
 };
 
 }  // namespace
 
-std::shared_ptr<LogSink> makeSystemLogSink() { return std::make_shared<SystemLogSink>(); }
+std::shared_ptr<LogSink> makeJournalOrDescriptorLogSink(const std::string& socketPath,
+                                                        int descriptor) {
+    return std::make_shared<JournalOrDescriptorLogSink>(socketPath, descriptor);
+}
+
+std::shared_ptr<LogSink> makeSystemLogSink() {
+    // Without memory for the handlers a forked child may wait for a thread that it does not have.
+    [[maybe_unused]] static const int handlers =
+        pthread_atfork(prepareLogForFork, resumeLogAfterFork, resumeLogInForkedChild);
+    return makeJournalOrDescriptorLogSink("/run/systemd/journal/socket", STDERR_FILENO);
+}
 
 }  // namespace utilia::platform

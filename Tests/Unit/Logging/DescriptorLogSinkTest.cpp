@@ -13,35 +13,17 @@
 
 #include "Common/Foundation/Unicode.h"
 #include "Common/Logging/Log.h"
-#include "Common/Platform/SystemLog.h"
+#include "Common/Platform/Linux/LogSinks.h"
 #include "Common/Platform/UniqueFd.h"
+#include "Tests/Support/LogPipe.h"
 #include "Tests/Support/TemporaryHome.h"
 
 using namespace utilia;
 using platform::makeDescriptorLogSink;
 using platform::UniqueFd;
+using test::LogPipe;
 
 namespace {
-
-struct Pipe {
-    Pipe() {
-        std::array<int, 2> ends{};
-        if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
-        reader.reset(ends[0]);
-        writer.reset(ends[1]);
-        fcntl(reader.get(), F_SETFL, O_NONBLOCK);
-    }
-    std::string readAll() const {
-        std::string text;
-        std::array<char, 65536> block;
-        for (ssize_t count = 0; (count = read(reader.get(), block.data(), block.size())) > 0;) {
-            text.append(block.data(), static_cast<std::size_t>(count));
-        }
-        return text;
-    }
-    UniqueFd reader;
-    UniqueFd writer;
-};
 
 std::string prefix(const std::string& name = "tool") {
     return name + "[" + std::to_string(getpid()) + "]: ";
@@ -78,7 +60,7 @@ private:
 }  // namespace
 
 TEST(DescriptorLogSink, WritesNameProcessAndLine) {
-    const Pipe pipe;
+    const LogPipe pipe;
     const auto sink = makeDescriptorLogSink(pipe.writer.get(), "tool");
 
     EXPECT_TRUE(sink->write("hello"));
@@ -100,7 +82,7 @@ TEST(DescriptorLogSink, AppendsToARegularFile) {
 }
 
 TEST(DescriptorLogSink, LetsNoTextForgeALine) {
-    const Pipe pipe;
+    const LogPipe pipe;
     const auto sink = makeDescriptorLogSink(pipe.writer.get(), "to\nol");
 
     EXPECT_TRUE(sink->write("a\nagent[1]: all is well\r\x1B[2K"));
@@ -108,7 +90,7 @@ TEST(DescriptorLogSink, LetsNoTextForgeALine) {
 }
 
 TEST(DescriptorLogSink, NeverWaitsForAPipeThatNobodyReads) {
-    const Pipe pipe;
+    const LogPipe pipe;
     const auto sink = makeDescriptorLogSink(pipe.writer.get(), "tool");
 
     const int taken = fill(*sink);
@@ -125,7 +107,7 @@ TEST(DescriptorLogSink, NeverWaitsForAPipeThatNobodyReads) {
 }
 
 TEST(DescriptorLogSink, NeverWaitsWhereThePipeCannotBeOpenedAnew) {
-    const Pipe pipe;
+    const LogPipe pipe;
     const auto sink = makeDescriptorLogSink(pipe.writer.get(), "tool");
     int taken = 0;
     {
@@ -139,7 +121,7 @@ TEST(DescriptorLogSink, NeverWaitsWhereThePipeCannotBeOpenedAnew) {
 }
 
 TEST(DescriptorLogSink, CountsWhatAFullPipeDidNotTake) {
-    const Pipe pipe;
+    const LogPipe pipe;
     setLogSink(makeDescriptorLogSink(pipe.writer.get(), "tool"));
     fill(*makeDescriptorLogSink(pipe.writer.get(), "tool"));
     for (int i = 0; i < 3; ++i) KULogVariadic(kUnreadLine);
@@ -151,7 +133,7 @@ TEST(DescriptorLogSink, CountsWhatAFullPipeDidNotTake) {
 }
 
 TEST(DescriptorLogSink, OutlivesAReaderThatIsGone) {
-    Pipe pipe;
+    LogPipe pipe;
     const auto sink = makeDescriptorLogSink(pipe.writer.get(), "tool");
     pipe.reader.reset();
 
@@ -173,7 +155,7 @@ TEST(DescriptorLogSink, NeverWaitsForASocketThatNobodyReads) {
 }
 
 TEST(DescriptorLogSink, RefusesLinesForADescriptorThatIsClosed) {
-    Pipe pipe;
+    LogPipe pipe;
     const auto sink = makeDescriptorLogSink(pipe.writer.get(), "tool");
     pipe.writer.reset();
 
@@ -181,8 +163,8 @@ TEST(DescriptorLogSink, RefusesLinesForADescriptorThatIsClosed) {
 }
 
 TEST(DescriptorLogSink, FollowsADescriptorThatTheHostReplaces) {
-    const Pipe first;
-    const Pipe second;
+    const LogPipe first;
+    const LogPipe second;
     const auto sink = makeDescriptorLogSink(first.writer.get(), "tool");
     EXPECT_TRUE(sink->write("one"));
     ASSERT_NE(dup3(second.writer.get(), first.writer.get(), O_CLOEXEC), -1);
@@ -193,7 +175,7 @@ TEST(DescriptorLogSink, FollowsADescriptorThatTheHostReplaces) {
 }
 
 TEST(DescriptorLogSink, CutsALineThatAPipeWouldNotTakeWhole) {
-    const Pipe pipe;
+    const LogPipe pipe;
     const auto sink = makeDescriptorLogSink(pipe.writer.get(), "tool");
     std::string line;
     for (int i = 0; i < 3000; ++i) line += "é";
@@ -210,7 +192,7 @@ TEST(DescriptorLogSink, CutsALineThatAPipeWouldNotTakeWhole) {
 }
 
 TEST(DescriptorLogSink, TakesALineOfExactlyTheLimitWhole) {
-    const Pipe pipe;
+    const LogPipe pipe;
     const auto sink = makeDescriptorLogSink(pipe.writer.get(), "tool");
     const std::string line(PIPE_BUF - 1 - prefix().size(), 'x');
     EXPECT_TRUE(sink->write(line));
@@ -238,7 +220,7 @@ TEST(DescriptorLogSink, StartsOnALineOfItsOwnAfterOneThatWasTakenInPart) {
 }
 
 TEST(DescriptorLogSink, KeepsErrnoOfTheCaller) {
-    const Pipe pipe;
+    const LogPipe pipe;
     const auto sink = makeDescriptorLogSink(pipe.writer.get(), "tool");
     errno = E2BIG;
     fill(*sink);

@@ -206,6 +206,26 @@ TEST_F(Log, DoesNotWaitForAnotherThreadThatIsStuckInTheSink) {
     EXPECT_EQ(gate->lines, (Lines{"stuck", "1 earlier line was dropped", "next"}));
 }
 
+TEST_F(Log, WaitsOnlyOnceForAThreadThatIsStuckInTheSink) {
+    std::promise<void> entered;
+    std::promise<void> released;
+    gate->during = [&](std::string_view line) {
+        if (line != "stuck") return;
+        entered.set_value();
+        released.get_future().wait();
+    };
+    std::thread stuck([] { KULogVariadic("stuck"); });
+    entered.get_future().wait();
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 100; ++i) KULogVariadic("lost");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(50));
+    released.set_value();
+    stuck.join();
+    for (int i = 0; i < 2; ++i) KULogVariadic("next");
+
+    EXPECT_EQ(gate->lines, (Lines{"stuck", "100 earlier lines were dropped", "next", "next"}));
+}
+
 TEST_F(Log, KeepsTheOrderOfEachThread) {
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 4; ++thread) {
