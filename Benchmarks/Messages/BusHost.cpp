@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -89,9 +90,9 @@ int addListener(sd_bus* controller, int listener, bool withType) {
 
 BusHost::BusHost(BusKind kind, const std::string& folder) : owner_(getpid()) {
     // Not below the folder: a socket's path must be short.
-    char place[] = "/tmp/utilia-bus-XXXXXX";
-    if (!mkdtemp(place)) fail("mkdtemp");
-    socketPath_ = std::string(place) + "/bus";
+    std::string place = std::filesystem::temp_directory_path() / "utilia-bus-XXXXXX";
+    if (!mkdtemp(place.data())) fail("mkdtemp");
+    socketPath_ = place + "/bus";
     address_ = "unix:path=" + socketPath_;
     if (kind == BusKind::Daemon) {
         startDaemon(folder);

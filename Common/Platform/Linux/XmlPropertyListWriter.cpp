@@ -131,10 +131,11 @@ private:
     std::string dateText(Date date) {
         using namespace std::chrono;
         constexpr double kFarAway = 1e12;  // seconds; the years are checked when they are known
-        const double whole = std::trunc(date.secondsSinceReferenceDate);
-        if (!(std::abs(whole) < kFarAway)) return refuse("a date outside the years 1 to 9999");
-        const sys_seconds moment{
-            seconds{static_cast<std::int64_t>(whole + Date::kReferenceUnixTime)}};
+        const double offset = date.secondsSinceReferenceDate;
+        if (!(std::abs(offset) < kFarAway)) return refuse("a date outside the years 1 to 9999");
+        // The fraction is dropped before the sum, on both sides of the reference date alike.
+        const sys_seconds moment{seconds{static_cast<std::int64_t>(offset)} +
+                                 seconds{static_cast<std::int64_t>(Date::kReferenceUnixTime)}};
         const auto day = floor<days>(moment);
         const year_month_day calendar(day);
         const hh_mm_ss time(moment - day);
