@@ -19,8 +19,10 @@
 //
 // One fault by hand:
 //
-//     const ArmedFault fault({.call = kUtiliaFaultRename, .error = EIO});     // the next rename of
-//     this thread EXPECT_FALSE(store.synchronize()); EXPECT_EQ(fault.hits(), 1u);
+//     // The next rename of this thread.
+//     const ArmedFault fault({.call = kUtiliaFaultRename, .error = EIO});
+//     EXPECT_FALSE(store.synchronize());
+//     EXPECT_EQ(fault.hits(), 1u);
 //
 // Every fault of a table, at every call of an operation, as SQLite does it:
 //
@@ -28,9 +30,8 @@
 //     forEachFault(
 //         storageFaults(),
 //         [&] { store.setObject(2, "key"); written = store.synchronize(); },
-//         [&](const FaultRun& run) {                        // after each run in which the fault
-//         was hit
-//             EXPECT_EQ(readBack(), written ? 2 : 1);       // SCOPED_TRACE names the run
+//         [&](const FaultRun& run) {  // after each run in which the fault was hit
+//             EXPECT_EQ(readBack(), written ? 2 : 1);  // SCOPED_TRACE names the run
 //         });
 //
 // The operation runs once without faults first, so that what it makes only once (descriptors that

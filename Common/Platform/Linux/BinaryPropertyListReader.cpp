@@ -14,13 +14,11 @@
 // The file is a table of objects that refer to one another by number. Nothing in it is believed:
 //
 // - every offset and length is compared with the object area, which ends where the offset table
-// begins, and every
-//   reference with the number of objects;
+//   begins, and every reference with the number of objects;
 // - a cycle is a nesting without end, so the depth limit catches it on the first path that is
-// walked;
+//   walked;
 // - objects that are shared again and again unfold to more than the file; the cost limit ends that,
-// and is charged
-//   for a container's children before room is made for them.
+//   and is charged for a container's children before room is made for them.
 
 namespace utilia::platform {
 namespace {

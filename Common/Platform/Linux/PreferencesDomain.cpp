@@ -17,18 +17,17 @@
 // How processes share a domain:
 //
 // - A reader takes no lock. The file is only ever replaced as a whole, so what it opens is one
-// version.
+//   version.
 // - A writer takes the domain's lock, looks at the path again, changes its keys in what it finds
-// there and replaces
-//   the file. Between lock and replacement nobody else writes, so no writer undoes another's keys.
+//   there and replaces the file. Between lock and replacement nobody else writes, so no writer
+//   undoes another's keys.
 // - What was parsed stays in memory with its file open. One stat tells whether the path still leads
-// to that file; the
-//   kernel cannot give its inode to another file as long as it is open. Inode, size and time stamps
-//   without the open file would not do: a freed inode is used again within the same tick.
+//   to that file; the kernel cannot give its inode to another file as long as it is open. Inode,
+//   size and time stamps without the open file would not do: a freed inode is used again within the
+//   same tick.
 // - The lock file lies beside the domain and is never removed.
 // - A damaged file is never the base of an update. It is first set aside, under the lock and after
-// a second look:
-//   another process may have done so already.
+//   a second look: another process may have done so already.
 //
 // Inside the process the lock file makes threads take turns as well, so the mutex never covers file
 // access.

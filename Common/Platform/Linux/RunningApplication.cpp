@@ -24,12 +24,11 @@
 //
 // Three properties of these locks shape the code:
 // - Closing any descriptor of the file drops all locks that the process has on it. So the process
-// keeps one
-//   descriptor for its life, and lists its own identifier through that same descriptor; one mutex
-//   keeps a listing from opening the file while another thread registers.
+//   keeps one descriptor for its life, and lists its own identifier through that same descriptor;
+//   one mutex keeps a listing from opening the file while another thread registers.
 // - A process never sees its own locks. It adds itself.
 // - F_GETLK answers any conflicting lock of the range, not the lowest. So the walk splits the range
-// at each find.
+//   at each find.
 //
 // The files are never removed: a process that holds a lock on an unlinked file would be invisible.
 
