@@ -8,9 +8,9 @@
 namespace utilia {
 
 // The error domains that this library uses. A code is only meaningful within its domain.
-inline constexpr std::string_view kPosixErrorDomain = "NSPOSIXErrorDomain";   // code: errno
-inline constexpr std::string_view kCocoaErrorDomain = "NSCocoaErrorDomain";   // code: see CocoaErrorCode
-inline constexpr std::string_view kUtiliaErrorDomain = "UtiliaErrorDomain";   // code: see UtiliaErrorCode
+inline constexpr std::string_view kPosixErrorDomain = "NSPOSIXErrorDomain";  // code: errno
+inline constexpr std::string_view kCocoaErrorDomain = "NSCocoaErrorDomain";  // CocoaErrorCode
+inline constexpr std::string_view kUtiliaErrorDomain = "UtiliaErrorDomain";  // UtiliaErrorCode
 
 // Contract: never renumber. Values of the original platform's file and property-list errors.
 enum class CocoaErrorCode : int {
@@ -27,6 +27,8 @@ enum class UtiliaErrorCode : int {
 };
 
 // Why something could not be done. Values, not exceptions, travel through this library.
+//
+// Threads: a value; distinct objects may be used on distinct threads.
 struct UTILIA_EXPORT Error {
     std::string domain;
     int code = 0;
@@ -37,8 +39,12 @@ struct UTILIA_EXPORT Error {
     static Error cocoa(CocoaErrorCode code, std::string description);
     static Error utilia(UtiliaErrorCode code, std::string description);
 
-    bool is(UtiliaErrorCode wanted) const { return domain == kUtiliaErrorDomain && code == static_cast<int>(wanted); }
-    bool isPosix(int errorNumber) const { return domain == kPosixErrorDomain && code == errorNumber; }
+    bool is(UtiliaErrorCode wanted) const {
+        return domain == kUtiliaErrorDomain && code == static_cast<int>(wanted);
+    }
+    bool isPosix(int errorNumber) const {
+        return domain == kPosixErrorDomain && code == errorNumber;
+    }
 
     // The same error with what was being done put before the description: "save icon: rename …".
     Error withContext(std::string_view doing) const;

@@ -15,9 +15,10 @@
 
 // Property-list values: what preferences, records and Info.plist files are made of.
 //
-// Boolean, integer and real are different types and never compare equal to one another; not-a-number equals itself.
-// Arrays and dictionaries are values too: a copy shares its storage until one side changes, so that handing a whole
-// store out costs a reference count. A dictionary keeps the order in which its keys were first set.
+// Boolean, integer and real are different types and never compare equal to one another;
+// not-a-number equals itself. Arrays and dictionaries are values too: a copy shares its storage
+// until one side changes, so that handing a whole store out costs a reference count. A dictionary
+// keeps the order in which its keys were first set.
 //
 // Threads: distinct objects may be used on distinct threads, also when they share storage.
 
@@ -133,14 +134,16 @@ public:
     const Date* date() const { return std::get_if<Date>(&state_); }
     const Array* array() const { return std::get_if<Array>(&state_); }
     const Dictionary* dictionary() const { return std::get_if<Dictionary>(&state_); }
-    const std::int64_t* integer() const { return std::get_if<std::int64_t>(&state_); }          // null above its range
-    const std::uint64_t* largeInteger() const { return std::get_if<std::uint64_t>(&state_); }  // only above it
+    // Null above its range, where largeInteger() answers.
+    const std::int64_t* integer() const { return std::get_if<std::int64_t>(&state_); }
+    const std::uint64_t* largeInteger() const { return std::get_if<std::uint64_t>(&state_); }
 
-    // Conversions of the original platform's numbers and strings: numbers are true when not zero; a string is
-    // true when it begins, after blanks, with T, t, Y, y, or with a number that is not zero (one sign and zeros
-    // are skipped); anything else is false.
+    // Conversions of the original platform's numbers and strings: numbers are true when not zero; a
+    // string is true when it begins, after blanks, with T, t, Y, y, or with a number that is not
+    // zero (one sign and zeros are skipped); anything else is false.
     bool boolValue() const;
-    // Numbers truncate toward zero, strings are read as decimal (Numbers.h), both with saturation; other types answer 0.
+    // Numbers truncate toward zero, strings are read as decimal (Numbers.h), both with saturation;
+    // other types answer 0.
     std::int64_t longLongValue() const;
     // Numbers, and strings as far as they read as a decimal number; other types answer 0.
     double doubleValue() const;
@@ -148,7 +151,9 @@ public:
     friend UTILIA_EXPORT bool operator==(const Value& left, const Value& right);
 
 private:
-    std::variant<bool, std::int64_t, std::uint64_t, double, std::string, Data, Date, Array, Dictionary> state_;
+    std::variant<bool, std::int64_t, std::uint64_t, double, std::string, Data, Date, Array,
+                 Dictionary>
+        state_;
 };
 
 }  // namespace utilia
