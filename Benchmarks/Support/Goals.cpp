@@ -77,6 +77,8 @@ void addMessageGoals(std::vector<Goal>& goals) {
                      flood("utilia", "longest_send_ms")});
     goals.push_back({"messages", subject + "against dbus-broker", Goal::AtLeast, 4, " ×",
                      ratio(flood("utilia", "per_s"), flood("dbus-broker", "per_s"))});
+    goals.push_back({"messages", "50 senders to one agent, 4 KiB: messages a second", Goal::AtLeast,
+                     250'000, "", value("50 senders 4 KiB", "utilia", "per_s")});
 }
 
 void addStoreGoals(std::vector<Goal>& goals) {
@@ -92,6 +94,10 @@ void addStoreGoals(std::vector<Goal>& goals) {
     goals.push_back(
         {"store", "the same in memory, where syncing is free", Goal::AtMost, 1.25, " ×",
          ratio(inMemory("utilia_us"), sum(inMemory("replace_us"), inMemory("libplist_us")))});
+    goals.push_back({"store", "the same: faster than a key file", Goal::AtLeast, 2.3, " ×",
+                     ratio(inMemory("keyfile_us"), inMemory("utilia_us"))});
+    goals.push_back({"store", "8 tight writers in memory: least against most served", Goal::AtLeast,
+                     0.9, "", value("8 tight writers in memory", "utilia", "fairness")});
     goals.push_back({"store", "8 tight writers: longest wait", Goal::AtMost, 20, " ms",
                      value("8 tight writers", "utilia", "longest_wait_ms")});
     goals.push_back({"store", "8 tight writers in memory: longest wait", Goal::AtMost, 20, " ms",
@@ -109,6 +115,8 @@ void addStartGoals(std::vector<Goal>& goals) {
     goals.push_back({"startup", "shared objects", Goal::AtMost, 9, "", start("framework_objects")});
     goals.push_back({"startup", "more private memory than an empty program", Goal::AtMost, 64,
                      " KiB", difference(start("framework_kib"), start("empty_kib"))});
+    goals.push_back({"startup", "logout of a permanent tool with two icons of 512 pixels",
+                     Goal::AtMost, 100, " ms", value("logout", "in turns", "tool_ms")});
 }
 
 }  // namespace
