@@ -1,5 +1,6 @@
 #include "Common/Platform/Bundle.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <mutex>
@@ -33,19 +34,28 @@ bool isFolder(const std::string& path) {
     return stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
 }
 
+// Also when it cannot be told: what is looked for inside then says why.
+bool mayBeFolder(const std::string& path) {
+    struct stat found {};
+    if (stat(path.c_str(), &found) == 0) return S_ISDIR(found.st_mode);
+    return errno != ENOENT && errno != ENOTDIR;
+}
+
 bool isRegularFile(const std::string& path) {
     struct stat found {};
     return stat(path.c_str(), &found) == 0 && S_ISREG(found.st_mode);
 }
 
 Dictionary readInfoDictionary(const std::string& path) {
-    if (!FileManager::fileExistsAtPath(path)) return {};
     const auto damaged = [&path](const Error& error) {
         KULogVariadic("Bundle: %@ cannot be used: %@", path, error);
         return Dictionary();
     };
     const auto bytes = FileManager::contentsAtPath(path, kPropertyListMaximumSize);
-    if (!bytes) return damaged(bytes.error());
+    if (!bytes) {
+        const bool isAbsent = bytes.error().isPosix(ENOENT) || bytes.error().isPosix(ENOTDIR);
+        return isAbsent ? Dictionary() : damaged(bytes.error());
+    }
     const auto value = propertyListFromData(*bytes);
     if (!value) return damaged(value.error());
     if (!value->dictionary()) {
@@ -101,7 +111,7 @@ struct Bundle::Implementation {
 
     explicit Implementation(std::string resolved) : path(std::move(resolved)), contents(path) {
         infoPath = path + "/Resources/Info.plist";
-        if (isFolder(path + "/Contents")) {
+        if (mayBeFolder(path + "/Contents")) {
             contents = path + "/Contents";
             infoPath = contents + "/Info.plist";
         }
