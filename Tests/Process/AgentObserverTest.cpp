@@ -113,10 +113,17 @@ TEST_F(AgentObserver, MayRemoveAndFreeTheVeryProxyThatTellsIt) {
 }
 
 TEST_F(AgentObserver, MayFreeItsProxyInsideEveryCall) {
+    // For the calls that show what is stored.
+    ScriptedChild permanent(TestBundle(home_).role("writer"));
+    permanent.ask("set-permanent", {"yes"});
+    permanent.ask("set-menu-text", {"stored"});
+    permanent.ask("set-tool-icon", {"8", "1"});
+    permanent.ask("set-menu-icon", {"8", "2"});
+    ASSERT_EQ(permanent.terminate(), 0);
     RecordingPort port(toolPortName(kToolPath));
     ScriptedChild agent = startAgent();
-    for (const char* call :
-         {"set-status", "request-status", "ensure-port", "want-tool-icon", "want-menu-icon"}) {
+    for (const char* call : {"set-status", "request-status", "ensure-port", "want-tool-icon",
+                             "want-menu-icon", "set-permanent-icons"}) {
         SCOPED_TRACE(call);
         agent.ask("clear-events");
         const std::string tool = add(agent);

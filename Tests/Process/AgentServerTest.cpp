@@ -1,7 +1,9 @@
 // The agent's receiving end: which proxy gets which message, and what becomes of broken ones.
 
+#include <memory>
 #include <set>
 
+#include "Common/UtiliaCommon/ToolDataProvider/ToolDataServerProvider.h"
 #include "Tests/Process/AgentFixture.h"
 
 namespace utilia::test {
@@ -22,6 +24,17 @@ TEST_F(AgentServer, NameThatIsTakenGoesUnnoticed) {
     EXPECT_EQ(agent.log(), std::vector<std::string>{});
     sendToAgent(109, {kToolPath});
     EXPECT_EQ(first.take(1), (Messages{{109, {kToolPath}}}));
+}
+
+TEST_F(AgentServer, GivesItsNameAndItsPortUpWhenItEnds) {
+    auto server = std::make_unique<ToolDataServerProvider>();
+    const auto port = server->servicePort();
+    EXPECT_TRUE(RecordingPort::send(kAgentPort, 109, {kToolPath}));
+    EXPECT_FALSE(RecordingPort(kAgentPort).isRegistered());
+    server = nullptr;
+    EXPECT_FALSE(port->isValid());
+    EXPECT_FALSE(RecordingPort::send(kAgentPort, 109, {kToolPath}));
+    EXPECT_TRUE(RecordingPort(kAgentPort).isRegistered());
 }
 
 TEST_F(AgentServer, AppliesEachMessageToItsProxy) {

@@ -175,6 +175,30 @@ TEST_F(Channel, PermanentToolThatDoesNotRunIsShownFromWhatItStored) {
     EXPECT_EQ(agent.log(), std::vector<std::string>{});
 }
 
+TEST_F(Channel, PermanentToolThatDiesUnnoticedIsShownFromWhatItStored) {
+    leaveBehind("stored");
+    ChildProcess dead = ChildProcess::role("deafPort", {toolPortName(clock_.path())});
+    ASSERT_EQ(dead.waitForLine(), "registered");
+    ScriptedChild agent = startAgent();
+    const std::string clock = addClock(agent);
+    agent.ask("show", {clock, "reported"});
+    ASSERT_EQ(agent.ask("ensure-port", {clock}), "yes");
+    EXPECT_EQ(agent.ask("kill-and-request", {clock, std::to_string(dead.pid())}),
+              "2, not launched, 8x8 seed 1, 4x4 seed 2 template, stored");
+    EXPECT_EQ(agent.log(),
+              std::vector<std::string>{
+                  "Failed to send Command to Agent port. Exception: NSInvalidSendPortException "
+                  "Reason: [NSPort sendBeforeDate:] destination port invalid"});
+}
+
+TEST_F(Channel, PersistedPresentationMayBeShownWithoutTheStatus) {
+    leaveBehind("stored");
+    ScriptedChild agent = startAgent();
+    const std::string clock = addClock(agent);
+    EXPECT_EQ(agent.ask("set-permanent-icons", {clock}),
+              "0, not launched, 8x8 seed 1, 4x4 seed 2 template, stored");
+}
+
 TEST_F(Channel, PersistedDataIsFoundByTheActualFileNameAlsoOfARenamedTool) {
     const TestBundle renamed(home_, {.name = "Renamed Clock",
                                      .bundleIdentifier = "com.korvane.utilia.Clock",

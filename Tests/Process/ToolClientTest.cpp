@@ -353,6 +353,22 @@ TEST_F(ToolClient, GivesItsNameUpWhenItEnds) {
     EXPECT_TRUE(RecordingPort(name).isRegistered());
 }
 
+TEST_F(ToolClient, LetsTheAgentsPortGoAndSaysNothingMoreWhenItEnds) {
+    RecordingPort agent(kAgentPort);
+    ScriptedChild tool = startTool();
+    tool.ask("set-tool-icon", {"8", "1"});
+    tool.ask("set-menu-icon", {"8", "2"});
+    tool.ask("set-menu-text", {"text"});
+    tool.ask("set-status", {"2"});
+    EXPECT_EQ(agent.take(1), Messages{status(2)});
+    EXPECT_EQ(tool.ask("end-client-and-look"), "agent's port let go, own port given up");
+    tool.ask("post-will-terminate");
+    tool.ask("send-marker-only");
+    EXPECT_EQ(agent.take(1), (Messages{{4000, {}}})) << "nothing came before it";
+    EXPECT_FALSE(std::filesystem::exists(home_.groupContainer() / "Library/Preferences"))
+        << "nor was anything stored";
+}
+
 TEST_F(ToolClient, SecondCopyWithTheSameCanonicalNameStartsUnnoticedAndHearsNothing) {
     const TestBundle first(home_, {.name = "Timer",
                                    .bundleIdentifier = "com.korvane.utilia.Timer",

@@ -1,7 +1,9 @@
 // A real tool under the command of its test.
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -27,11 +29,18 @@ using platform::Application;
 using platform::NotificationCenter;
 using Arguments = ChildScript::Arguments;
 
+using Clock = std::chrono::steady_clock;
+
 std::string yesOrNo(bool value) { return value ? "yes" : "no"; }
+
+long millisecondsSince(Clock::time_point start) {
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
+}
 
 class ToolScript final : private platform::ApplicationDelegate {
 public:
-    explicit ToolScript(ChildRole& self) : script_(self) {
+    explicit ToolScript(ChildRole& self) : self_(self), script_(self) {
         addValueCommands();
         addSendCommands();
         addBlockCommands();
@@ -46,6 +55,11 @@ public:
             return std::find(arguments.begin(), arguments.end(), wanted) != arguments.end();
         };
         client_ = std::make_unique<ToolDataClientProvider>();
+        // Told after the data is kept and before anything is sent: the client observes the end
+        // only from the launch on.
+        const Handle beginning = NotificationCenter::defaultCenter().addObserver(
+            platform::NSApplicationWillTerminateNotification, nullptr,
+            [this](const void*) { endBegan_ = Clock::now(); });
         Handle marker;
         if (has("marker")) {
             marker = NotificationCenter::defaultCenter().addObserver(
@@ -116,13 +130,15 @@ private:
         on("send-menu-text", [this](const Arguments&) { client_->sendMenuText(); });
         on("send-status", [this](const Arguments&) { client_->sendStatus(); });
         on("update-resources", [this](const Arguments&) { client_->updateResources(); });
-        // Milliseconds that the send took.
+        // Milliseconds that the quickest of so many sends took.
         script_.on("timed", [this](const Arguments& a) {
-            const auto start = std::chrono::steady_clock::now();
-            send(a.at(0));
-            const auto taken = std::chrono::steady_clock::now() - start;
-            return std::to_string(
-                std::chrono::duration_cast<std::chrono::milliseconds>(taken).count());
+            long least = std::numeric_limits<long>::max();
+            for (int count = std::stoi(a.at(1)); count > 0; --count) {
+                const auto start = Clock::now();
+                send(a.at(0));
+                least = std::min(least, millisecondsSince(start));
+            }
+            return std::to_string(least);
         });
         // Sends texts until one fails.
         on("fill-queue", [this](const Arguments&) {
@@ -209,6 +225,28 @@ private:
             return client_->getToolSpecialDirectory(ToolSpecialDirectory::ToolDesktopDirectory);
         });
         on("end-client", [this](const Arguments&) { client_ = nullptr; });
+        // Ends the client and answers whether it gave up the ports that it held.
+        script_.on("end-client-and-look", [this](const Arguments&) {
+            const auto agent = client_->agentPort();
+            const auto own = client_->servicePort();
+            client_ = nullptr;
+            return std::string(agent && !agent->isValid() ? "agent's port let go"
+                                                          : "agent's port kept") +
+                   (own->isValid() ? ", own port kept" : ", own port given up");
+        });
+        on("post-will-terminate", [](const Arguments&) {
+            NotificationCenter::defaultCenter().post(
+                platform::NSApplicationWillTerminateNotification, nullptr);
+        });
+        on("send-marker-only",
+           [](const Arguments&) { RecordingPort::send(kAgentPortName, 4000, {}); });
+        // From now on the tool's end says how many milliseconds its last sends took.
+        on("time-end", [this](const Arguments&) {
+            afterEnd_ = NotificationCenter::defaultCenter().addObserver(
+                platform::NSApplicationWillTerminateNotification, nullptr, [this](const void*) {
+                    self_.say(joinFields({std::to_string(millisecondsSince(endBegan_))}));
+                });
+        });
     }
 
     bool applicationShouldHandleReopen(bool hasVisibleWindows,
@@ -230,13 +268,11 @@ private:
         });
         script_.on("launch-agent", [this](const Arguments&) {
             inLaunch_ = true;
-            const auto start = std::chrono::steady_clock::now();
+            const auto start = Clock::now();
             const bool connected = client_->launchAgentIfNeeded();
-            const auto taken = std::chrono::steady_clock::now() - start;
+            const long taken = millisecondsSince(start);
             inLaunch_ = false;
-            return yesOrNo(connected) + " " +
-                   std::to_string(
-                       std::chrono::duration_cast<std::chrono::milliseconds>(taken).count());
+            return yesOrNo(connected) + " " + std::to_string(taken);
         });
     }
 
@@ -246,9 +282,12 @@ private:
         RecordingPort::send(kAgentPortName, 4000, {yesOrNo(stored.isPermanent())});
     }
 
+    ChildRole& self_;
     ChildScript script_;
     std::unique_ptr<ToolDataClientProvider> client_;
     std::vector<std::string> events_;
+    Clock::time_point endBegan_;
+    Handle afterEnd_;
     bool inLaunch_ = false;
 };
 

@@ -130,8 +130,8 @@ void ScriptedChild::tell(const std::string& command, const std::vector<std::stri
     process_.say(joinFields(fields));
 }
 
-std::string ScriptedChild::answer() {
-    const auto line = process_.waitForLine();
+std::string ScriptedChild::answer(std::chrono::milliseconds timeout) {
+    const auto line = process_.waitForLine(timeout);
     if (!line) {
         const auto status = process_.waitForExit(std::chrono::milliseconds(100));
         throw std::runtime_error(status ? "the child ended with status " + std::to_string(*status)
