@@ -98,24 +98,26 @@ void PreferencesDomain::change(Dictionary& content, std::span<const Change> chan
 }
 
 Dictionary PreferencesDomain::content() {
-    const Version version = readable();
-    return version ? version->content : Dictionary();
+    const auto version = readable();
+    return version && *version ? (*version)->content : Dictionary();
 }
 
-std::optional<Value> PreferencesDomain::value(std::string_view key) {
-    const Version version = readable();
-    const Value* found = version ? version->content.find(key) : nullptr;
+Result<std::optional<Value>> PreferencesDomain::value(std::string_view key) {
+    const auto version = readable();
+    if (!version) return version.error();
+    const Value* found = *version ? (*version)->content.find(key) : nullptr;
     return found ? std::optional<Value>(*found) : std::nullopt;
 }
 
-PreferencesDomain::Version PreferencesDomain::readable() {
+// Null when there is no file; what cannot be read is logged here.
+Result<PreferencesDomain::Version> PreferencesDomain::readable() {
     auto version = current(Lock::Free);
     if (!version) {
         readProblem_.met(version.error().description);
-        return nullptr;
+        return version;
     }
     if (!*version || !(*version)->isDamaged) readProblem_.isOver();
-    return *std::move(version);
+    return version;
 }
 
 // Null when there is no file. Damaged files have been dealt with.

@@ -47,7 +47,8 @@ public:
 
     // What the file holds now; empty when there is none or it cannot be read, which is logged.
     Dictionary content();
-    std::optional<Value> value(std::string_view key);
+    // Fails when the file cannot be read, which is logged.
+    Result<std::optional<Value>> value(std::string_view key);
 
     // Changes these keys in the file and nothing else. False, with a log line, when that is not
     // possible; the file is then as it was.
@@ -57,7 +58,7 @@ private:
     using Version = std::shared_ptr<const PreferencesVersion>;
     enum class Lock { Free, Held };
 
-    Version readable();
+    Result<Version> readable();
     Result<Version> current(Lock lock);
     Result<Version> repair(Lock lock);
     Version substituteFor(const Version& backup) const;

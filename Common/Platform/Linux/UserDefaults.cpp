@@ -60,6 +60,9 @@ struct UserDefaults::Implementation {
     Writing writing = Writing::Through;
     std::vector<PreferencesDomain::Change> pending;
     bool hasLostSet = false;  // there was no memory to keep it
+    // Keys of a suite whose last read failed. Who sets one of them next has made its value without
+    // knowing the stored one, in which other processes keep their share.
+    mutable std::vector<std::string> unread;
 
     const PreferencesDomain::Change* pendingChange(std::string_view key) const {
         const auto found = std::find_if(pending.begin(), pending.end(),
@@ -69,7 +72,12 @@ struct UserDefaults::Implementation {
 
     std::optional<Value> value(std::string_view key) const {
         if (const auto* change = pendingChange(key)) return change->value;
-        return domain ? domain->value(key) : std::nullopt;
+        if (!domain) return std::nullopt;
+        auto found = domain->value(key);
+        std::erase(unread, key);
+        if (found) return *std::move(found);
+        if (writing == Writing::Gathered) unread.emplace_back(key);
+        return std::nullopt;
     }
 
     void set(std::string_view key, std::optional<Value> value) {
@@ -82,10 +90,25 @@ struct UserDefaults::Implementation {
     }
 
     bool write() {
-        if (pending.empty()) return true;
+        const bool isWhole = !dropUninformed();
+        if (pending.empty()) return isWhole;
         if (!domain || !domain->apply(pending)) return false;
         pending.clear();
-        return true;
+        return isWhole;
+    }
+
+    bool dropUninformed() {
+        const auto dropped = std::erase_if(pending, [this](const auto& change) {
+            return std::find(unread.begin(), unread.end(), change.key) != unread.end();
+        });
+        unread.clear();
+        if (dropped > 0) {
+            KULogVariadic(
+                "A change of the preferences %@ is not written: it was made while they could not "
+                "be read.",
+                path);
+        }
+        return dropped > 0;
     }
 };
 
