@@ -20,10 +20,10 @@ enum class CocoaErrorCode : int {
 
 // Contract: never renumber.
 enum class UtiliaErrorCode : int {
-    Busy = 1,          // another holder kept a lock past the deadline
-    NotFound = 2,      // the thing asked for does not exist
-    Refused = 3,       // the input is not acceptable: wrong form, too large, another user's
-    Unavailable = 4,   // a module or service that is needed cannot be used
+    Busy = 1,         // another holder kept a lock past the deadline
+    NotFound = 2,     // the thing asked for does not exist
+    Refused = 3,      // the input is not acceptable: wrong form, too large, another user's
+    Unavailable = 4,  // a module or service that is needed cannot be used
 };
 
 // Why something could not be done. Values, not exceptions, travel through this library.

@@ -36,7 +36,8 @@ public:
     }
     template <class U>
     T value_or(U&& otherwise) && {
-        return has_value() ? std::get<0>(std::move(state_)) : static_cast<T>(std::forward<U>(otherwise));
+        return has_value() ? std::get<0>(std::move(state_))
+                           : static_cast<T>(std::forward<U>(otherwise));
     }
 
     // Only without has_value().

@@ -29,7 +29,8 @@ public:
 
     // A missing file is made with mode 0600, a missing folder is the error of the open, and so is a link in the
     // file's place. UtiliaErrorCode::Busy when `timeout` has gone by and somebody else still has the lock.
-    static Result<FileLock> acquire(const std::filesystem::path& path, Mode mode, std::chrono::milliseconds timeout);
+    static Result<FileLock> acquire(const std::filesystem::path& path, Mode mode,
+                                    std::chrono::milliseconds timeout);
 
     // Locks an existing folder; waits as long as it takes. A wait of more than two seconds is logged once, with the
     // holder's process id where the system tells it. Fails only with the error of the open.

@@ -1,8 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <cstddef>
 #include <span>
 #include <string>
 #include <string_view>
@@ -24,7 +24,8 @@ public:
 
     // The folder that the applications of a group share; made (0700) on the first ask. Empty when it cannot be made
     // or is not this user's; the reason is logged once per process. No "/" at the end.
-    static std::optional<std::string> containerURLForSecurityApplicationGroupIdentifier(std::string_view groupIdentifier);
+    static std::optional<std::string>
+    containerURLForSecurityApplicationGroupIdentifier(std::string_view groupIdentifier);
 
     // The folder of the user's preference domains; made (0700) on the first ask. Empty when it cannot be made.
     static std::optional<std::string> preferencesFolder();
@@ -36,7 +37,7 @@ public:
     // The user's Desktop folder, whether or not it exists.
     static std::string desktopDirectory();
 
-    static bool fileExistsAtPath(std::string_view path);     // follows links
+    static bool fileExistsAtPath(std::string_view path);      // follows links
     static bool isWritableFileAtPath(std::string_view path);  // for the real user id, as access(2)
     static bool isExecutableFileAtPath(std::string_view path);
 
@@ -44,7 +45,8 @@ public:
     static Result<void> createDirectoryAtPath(std::string_view path);
     // As above, with `mode` for every folder that is newly made, whatever the umask.
     static Result<void> createDirectoryAtPath(std::string_view path, std::uint32_t mode);
-    static Result<void> removeItemAtPath(std::string_view path);  // a file, or a folder with its content; never follows links
+    // A file, or a folder with its content; never follows links.
+    static Result<void> removeItemAtPath(std::string_view path);
 
     // Fails for anything but a regular file of at most `maximumSize` bytes.
     static Result<Data> contentsAtPath(std::string_view path, std::size_t maximumSize);
@@ -62,9 +64,11 @@ public:
                                         std::span<const ExtendedAttribute> attributes = {});
 
     // Extended attributes by their plain name, "NSImage.isTemplate".
-    static Result<void> setExtendedAttribute(std::string_view path, std::string_view name, std::span<const std::uint8_t> value);
+    static Result<void> setExtendedAttribute(std::string_view path, std::string_view name,
+                                             std::span<const std::uint8_t> value);
     // Fails when absent, or longer than `maximumSize`.
-    static Result<Data> extendedAttribute(std::string_view path, std::string_view name, std::size_t maximumSize);
+    static Result<Data> extendedAttribute(std::string_view path, std::string_view name,
+                                          std::size_t maximumSize);
 };
 
 }  // namespace utilia::platform

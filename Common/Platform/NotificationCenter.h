@@ -22,7 +22,8 @@ public:
     ~NotificationCenter();
 
     // `object` limits the observation to posts of that object; null hears all. It is only compared, never followed.
-    Handle addObserver(std::string_view name, const void* object, std::function<void(const void* object)> observer);
+    Handle addObserver(std::string_view name, const void* object,
+                       std::function<void(const void* object)> observer);
     void post(std::string_view name, const void* object);
 
 private:
@@ -30,8 +31,11 @@ private:
     std::shared_ptr<State> state_;
 };
 
-inline constexpr std::string_view NSApplicationDidFinishLaunchingNotification = "NSApplicationDidFinishLaunchingNotification";
-inline constexpr std::string_view NSApplicationWillTerminateNotification = "NSApplicationWillTerminateNotification";
-inline constexpr std::string_view NSPortDidBecomeInvalidNotification = "NSPortDidBecomeInvalidNotification";
+inline constexpr std::string_view NSApplicationDidFinishLaunchingNotification =
+    "NSApplicationDidFinishLaunchingNotification";
+inline constexpr std::string_view NSApplicationWillTerminateNotification =
+    "NSApplicationWillTerminateNotification";
+inline constexpr std::string_view NSPortDidBecomeInvalidNotification =
+    "NSPortDidBecomeInvalidNotification";
 
 }  // namespace utilia::platform

@@ -20,7 +20,9 @@ namespace {
 
 constexpr const char* kUnset = "\x01";
 
-[[noreturn]] void fail(const std::string& what) { throw std::runtime_error(what + ": " + std::strerror(errno)); }
+[[noreturn]] void fail(const std::string& what) {
+    throw std::runtime_error(what + ": " + std::strerror(errno));
+}
 
 void redirect(const std::string& path, int descriptor) {
     if (path.empty()) return;
@@ -33,26 +35,30 @@ void redirect(const std::string& path, int descriptor) {
 
 std::string ownProgramPath() { return std::filesystem::read_symlink("/proc/self/exe").string(); }
 
-ChildProcess ChildProcess::role(const std::string& name, std::vector<std::string> arguments, Options options) {
+ChildProcess ChildProcess::role(const std::string& name, std::vector<std::string> arguments,
+                                Options options) {
     std::vector<std::string> all{kChildRoleSwitch, name};
     all.insert(all.end(), arguments.begin(), arguments.end());
     const std::string path = options.program.empty() ? ownProgramPath() : options.program;
     return program(path, std::move(all), std::move(options));
 }
 
-ChildProcess ChildProcess::program(const std::string& path, std::vector<std::string> arguments, Options options) {
+ChildProcess ChildProcess::program(const std::string& path, std::vector<std::string> arguments,
+                                   Options options) {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) fail("socketpair");
     std::vector<std::string> environment;
     for (char** entry = environ; *entry; ++entry) {
         const std::string text = *entry;
-        if (!options.environment.contains(text.substr(0, text.find('=')))) environment.push_back(text);
+        if (!options.environment.contains(text.substr(0, text.find('='))))
+            environment.push_back(text);
     }
     for (const auto& [name, value] : options.environment) {
         if (value != kUnset) environment.push_back(name + "=" + value);
     }
     std::vector<char*> argv{const_cast<char*>(path.c_str())};
-    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
     std::vector<char*> envp;
     for (const std::string& entry : environment) envp.push_back(const_cast<char*>(entry.c_str()));
@@ -69,7 +75,8 @@ ChildProcess ChildProcess::program(const std::string& path, std::vector<std::str
         redirect(options.standardOutput, STDOUT_FILENO);
         redirect(options.standardError, STDERR_FILENO);
         if (options.user != static_cast<uid_t>(-1) &&
-            (setgroups(0, nullptr) != 0 || setgid(options.user) != 0 || setuid(options.user) != 0)) {
+            (setgroups(0, nullptr) != 0 || setgid(options.user) != 0 ||
+             setuid(options.user) != 0)) {
             _exit(125);
         }
         execve(path.c_str(), argv.data(), envp.data());
@@ -85,10 +92,8 @@ ChildProcess ChildProcess::program(const std::string& path, std::vector<std::str
 }
 
 ChildProcess::ChildProcess(ChildProcess&& other) noexcept
-    : pid_(std::exchange(other.pid_, -1)),
-      channel_(std::exchange(other.channel_, -1)),
-      pidFd_(std::exchange(other.pidFd_, -1)),
-      status_(std::move(other.status_)),
+    : pid_(std::exchange(other.pid_, -1)), channel_(std::exchange(other.channel_, -1)),
+      pidFd_(std::exchange(other.pidFd_, -1)), status_(std::move(other.status_)),
       buffer_(std::move(other.buffer_)) {}
 
 ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
@@ -108,7 +113,9 @@ ChildProcess::~ChildProcess() {
 
 void ChildProcess::say(const std::string& line) {
     const std::string text = line + "\n";
-    if (::send(channel_, text.data(), text.size(), MSG_NOSIGNAL) < 0 && errno != EPIPE && errno != ECONNRESET) fail("send");
+    if (::send(channel_, text.data(), text.size(), MSG_NOSIGNAL) < 0 && errno != EPIPE &&
+        errno != ECONNRESET)
+        fail("send");
 }
 
 std::optional<std::string> ChildProcess::waitForLine(std::chrono::milliseconds timeout) {
@@ -119,7 +126,8 @@ std::optional<std::string> ChildProcess::waitForLine(std::chrono::milliseconds t
             buffer_.erase(0, end + 1);
             return line;
         }
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
         if (left.count() < 0) return std::nullopt;
         pollfd waiting{channel_, POLLIN, 0};
         const int ready = poll(&waiting, 1, static_cast<int>(left.count()) + 1);
@@ -145,7 +153,8 @@ std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) 
     if (status_ || pid_ <= 0) return status_;
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
         pollfd waiting{pidFd_, POLLIN, 0};
         const int ready = poll(&waiting, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
         if (ready < 0 && errno == EINTR) continue;

@@ -15,11 +15,12 @@ inline constexpr int kChildChannel = 3;
 inline constexpr const char* kChildRoleSwitch = "--child-role";
 
 struct ChildProcessOptions {
-    std::string program;                             // this test binary when empty
-    std::map<std::string, std::string> environment;  // added to the current one; a value of "\x01" unsets
-    std::string standardError;                       // file that takes stderr; inherited when empty
-    std::string standardOutput;                      // file that takes stdout; inherited when empty
-    uid_t user = static_cast<uid_t>(-1);             // run as this user (needs root)
+    std::string program;  // this test binary when empty
+    // Added to the current one; a value of "\x01" unsets.
+    std::map<std::string, std::string> environment;
+    std::string standardError;            // file that takes stderr; inherited when empty
+    std::string standardOutput;           // file that takes stdout; inherited when empty
+    uid_t user = static_cast<uid_t>(-1);  // run as this user (needs root)
 };
 
 // A real process that runs a role of this test binary (ChildRole.h), or any other program. It is killed and reaped
@@ -29,9 +30,11 @@ public:
     using Options = ChildProcessOptions;
 
     // Starts the role; fails the program loudly (std::runtime_error) when that is not possible.
-    static ChildProcess role(const std::string& name, std::vector<std::string> arguments = {}, Options options = {});
+    static ChildProcess role(const std::string& name, std::vector<std::string> arguments = {},
+                             Options options = {});
     // Starts any program with exactly these arguments after its name; the channel is open in it as well.
-    static ChildProcess program(const std::string& path, std::vector<std::string> arguments, Options options = {});
+    static ChildProcess program(const std::string& path, std::vector<std::string> arguments,
+                                Options options = {});
 
     ChildProcess() = default;
     ChildProcess(ChildProcess&& other) noexcept;
@@ -41,7 +44,8 @@ public:
     pid_t pid() const { return pid_; }
     void say(const std::string& line);
     // The next line the child says; empty when it ended or the time is over.
-    std::optional<std::string> waitForLine(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    std::optional<std::string>
+    waitForLine(std::chrono::milliseconds timeout = std::chrono::seconds(20));
     void signal(int number);
     void kill();  // SIGKILL, and reaped on return
     // The exit status, or 128 + signal; empty when it still runs at the end of the time.

@@ -5,9 +5,9 @@
 #include <cstring>
 #include <map>
 
+#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include "Tests/Support/ChildProcess.h"

@@ -10,7 +10,8 @@ namespace utilia::platform {
 std::string frameworkLocation() {
     Dl_info self{};
     char resolved[PATH_MAX];
-    if (dladdr(reinterpret_cast<const void*>(&frameworkLocation), &self) == 0 || !realpath(self.dli_fname, resolved)) {
+    if (dladdr(reinterpret_cast<const void*>(&frameworkLocation), &self) == 0 ||
+        !realpath(self.dli_fname, resolved)) {
         return {};
     }
     const std::string library = resolved;

@@ -12,7 +12,8 @@ namespace utilia::platform {
 // For functions at the library's edge that answer a Result: no exception leaves the library, and running out of
 // memory is an error like a full disk.
 template <class Function>
-std::invoke_result_t<Function> orOutOfMemory(std::string_view call, std::string_view object, Function function) {
+std::invoke_result_t<Function> orOutOfMemory(std::string_view call, std::string_view object,
+                                             Function function) {
     try {
         return function();
     } catch (const std::bad_alloc&) {

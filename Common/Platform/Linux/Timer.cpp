@@ -10,8 +10,8 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "Common/Logging/Log.h"
 #include "Common/Logging/CallbackGuard.h"
+#include "Common/Logging/Log.h"
 #include "Common/Platform/Linux/RunLoopImplementation.h"
 #include "Common/Platform/Linux/TimerPhase.h"
 #include "Common/Platform/RunLoop.h"

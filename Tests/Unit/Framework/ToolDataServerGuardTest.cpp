@@ -27,7 +27,8 @@ protected:
         return proxy;
     }
     ~ToolDataServerGuard() override {
-        for (const auto& proxy : proxies_) ToolDataServerProvider::sharedInstance().removeTool(proxy);
+        for (const auto& proxy : proxies_)
+            ToolDataServerProvider::sharedInstance().removeTool(proxy);
     }
 
     TemporaryHome home_;
@@ -43,8 +44,8 @@ TEST_F(ToolDataServerGuard, AnObserverThatThrowsKeepsNobodyFromTheMessage) {
     std::vector<ToolDataAgentProvider::Property> heard;
     const Handle throwing = first->observe(
         [](ToolDataAgentProvider::Property) { throw std::runtime_error("no room on screen"); });
-    const Handle listening =
-        first->observe([&](ToolDataAgentProvider::Property property) { heard.push_back(property); });
+    const Handle listening = first->observe(
+        [&](ToolDataAgentProvider::Property property) { heard.push_back(property); });
 
     deliver(ToolMessage::Status, {encodeText(kToolPath), encodeStatus(kToolStatusPermanent)});
 
@@ -82,7 +83,8 @@ TEST_F(ToolDataServerGuard, AFloodOfOneMistakeIsOneLine) {
         deliver(ToolMessage::Status, {encodeText(kToolPath)});
         deliver(ToolMessage::MenuIcon, {encodeText(kToolPath), encodeText("no picture")});
     }
-    EXPECT_EQ(log_.count("A message from a tool is dropped: message 100: the status is missing"), 1u);
+    EXPECT_EQ(log_.count("A message from a tool is dropped: message 100: the status is missing"),
+              1u);
     EXPECT_EQ(log_.count("The menu icon of /Applications/Sample Tool.app is not a picture"), 1u);
     EXPECT_EQ(proxy->status(), kToolStatusInactive);
 }
