@@ -15,6 +15,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Tests/Support/PrivateMounts.h"
+
 namespace utilia::test {
 namespace {
 
@@ -74,6 +76,7 @@ ChildProcess ChildProcess::program(const std::string& path, std::vector<std::str
         }
         redirect(options.standardOutput, STDOUT_FILENO);
         redirect(options.standardError, STDERR_FILENO);
+        if (options.mounts && !options.mounts->enter()) _exit(124);
         if (options.user != static_cast<uid_t>(-1) &&
             (setgroups(0, nullptr) != 0 || setgid(options.user) != 0 ||
              setuid(options.user) != 0)) {

@@ -14,13 +14,17 @@ namespace utilia::test {
 inline constexpr int kChildChannel = 3;
 inline constexpr const char* kChildRoleSwitch = "--child-role";
 
+class PrivateMounts;
+
 struct ChildProcessOptions {
-    std::string program;  // this test binary when empty
+    std::string program = {};  // this test binary when empty
     // Added to the current one; a value of "\x01" unsets.
-    std::map<std::string, std::string> environment;
-    std::string standardError;            // file that takes stderr; inherited when empty
-    std::string standardOutput;           // file that takes stdout; inherited when empty
+    std::map<std::string, std::string> environment = {};
+    std::string standardError = {};       // file that takes stderr; inherited when empty
+    std::string standardOutput = {};      // file that takes stdout; inherited when empty
     uid_t user = static_cast<uid_t>(-1);  // run as this user (needs root)
+    // The child's own /etc (PrivateMounts.h); must live until the child has started.
+    const PrivateMounts* mounts = nullptr;
 };
 
 // A real process that runs a role of this test binary (ChildRole.h), or any other program. It is killed and reaped
