@@ -40,6 +40,14 @@ public:
     // Resources/NAME.TYPE (of an application: Contents/Resources/…) when it exists; an empty type adds nothing.
     std::optional<std::string> pathForResource(std::string_view name, std::string_view type) const;
 
+    // The text in the user's language; `key` is the English text. Without a translation: `value`, or the key when
+    // that is empty. The language is the first of the user's (LANGUAGE, LC_ALL, LC_MESSAGES, LANG) of which the bundle
+    // has the folder Resources/LANGUAGE.lproj, and is chosen on the first ask; setlocale() changes nothing.
+    // Documentation/Localization.md says how a language is added.
+    std::string localizedStringForKey(std::string_view key, std::string_view value = {}) const;
+    // The language that those texts are in, as its folder is named: "de"; "en" when there is none for the user.
+    const std::string& preferredLocalization() const;
+
 private:
     struct Implementation;
     explicit Bundle(std::unique_ptr<Implementation> implementation);

@@ -34,6 +34,10 @@ public:
     // can be trusted; the reason is logged once per process.
     static std::optional<std::string> runtimeFolder();
 
+    // What the user knows a file by, extension included: for an application the "CFBundleDisplayName" of its
+    // Info.plist with ".app", for everything else, also when it does not exist, the last component of its path.
+    static std::string displayNameAtPath(std::string_view path);
+
     // The user's Desktop folder, whether or not it exists.
     static std::string desktopDirectory();
 

@@ -74,6 +74,7 @@ ChildProcess ChildProcess::program(const std::string& path, std::vector<std::str
         } else if (dup2(ends[1], kChildChannel) < 0) {
             _exit(126);
         }
+        if (options.ownSession) setsid();
         redirect(options.standardOutput, STDOUT_FILENO);
         redirect(options.standardError, STDERR_FILENO);
         if (options.mounts && !options.mounts->enter()) _exit(124);

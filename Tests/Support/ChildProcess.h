@@ -25,6 +25,7 @@ struct ChildProcessOptions {
     uid_t user = static_cast<uid_t>(-1);  // run as this user (needs root)
     // The child's own /etc (PrivateMounts.h); must live until the child has started.
     const PrivateMounts* mounts = nullptr;
+    bool ownSession = false;  // without the terminal that the tests are run from
 };
 
 // A real process that runs a role of this test binary (ChildRole.h), or any other program. It is killed and reaped

@@ -15,6 +15,7 @@
 #include "Common/Platform/Linux/BundleInternal.h"
 #include "Common/Platform/Linux/FileName.h"
 #include "Common/Platform/Linux/FrameworkLocation.h"
+#include "Common/Platform/Linux/Localization.h"
 #include "Common/Platform/PropertyListSerialization.h"
 
 // A bundle is recognised by its shape alone, and an application only by the one shape that
@@ -108,6 +109,8 @@ struct Bundle::Implementation {
     std::string infoPath;
     std::once_flag infoOnce;
     Dictionary info;
+    std::once_flag localizationOnce;
+    Localization localization;
 
     explicit Implementation(std::string resolved) : path(std::move(resolved)), contents(path) {
         infoPath = path + "/Resources/Info.plist";
@@ -115,6 +118,12 @@ struct Bundle::Implementation {
             contents = path + "/Contents";
             infoPath = contents + "/Info.plist";
         }
+    }
+
+    const Localization& chosenLocalization() {
+        std::call_once(localizationOnce,
+                       [this] { localization = chooseLocalization(contents + "/Resources"); });
+        return localization;
     }
 };
 
@@ -184,6 +193,16 @@ std::optional<std::string> Bundle::pathForResource(std::string_view name,
     std::string path = implementation_->contents + "/Resources/" + file;
     if (!FileManager::fileExistsAtPath(path)) return std::nullopt;
     return path;
+}
+
+std::string Bundle::localizedStringForKey(std::string_view key, std::string_view value) const {
+    const auto& catalog = implementation_->chosenLocalization().catalog;
+    const auto text = catalog ? catalog->find(key) : std::nullopt;
+    return std::string(text ? *text : value.empty() ? key : value);
+}
+
+const std::string& Bundle::preferredLocalization() const {
+    return implementation_->chosenLocalization().language;
 }
 
 }  // namespace utilia::platform

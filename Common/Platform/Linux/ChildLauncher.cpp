@@ -35,7 +35,7 @@ private:
 
 class SpawnAttributes final {
 public:
-    SpawnAttributes() {
+    explicit SpawnAttributes(int flags) {
         posix_spawnattr_init(&attributes_);
         sigset_t every;
         sigset_t none;
@@ -43,8 +43,8 @@ public:
         sigemptyset(&none);
         posix_spawnattr_setsigdefault(&attributes_, &every);
         posix_spawnattr_setsigmask(&attributes_, &none);
-        constexpr int kFlags = POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
-        posix_spawnattr_setflags(&attributes_, static_cast<short>(kFlags));
+        flags |= POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
+        posix_spawnattr_setflags(&attributes_, static_cast<short>(flags));
     }
     ~SpawnAttributes() { posix_spawnattr_destroy(&attributes_); }
     SpawnAttributes(const SpawnAttributes&) = delete;
@@ -55,6 +55,19 @@ public:
 private:
     posix_spawnattr_t attributes_;
 };
+
+Result<Child> spawn(const std::string& program, const SpawnActions& actions,
+                    const SpawnAttributes& attributes, char* const argv[], char* const envp[]) {
+    if (actions.error() != 0) return Error::posix(actions.error(), "prepare the start of", program);
+    Child child;
+    const int failed =
+        posix_spawn(&child.process, program.c_str(), actions.get(), attributes.get(), argv, envp);
+    if (failed != 0) return Error::posix(failed, "start", program);
+    // Nobody else reaps the child, so its id still means it. Without a pidfd the watcher asks for
+    // it by its id.
+    child.handle = UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, child.process, 0)));
+    return child;
+}
 
 // A folder that cannot be entered would make the start fail.
 std::string workingFolder() {
@@ -95,17 +108,21 @@ Result<Child> launchChild(const std::string& program, const ChildInput& input) {
     actions.add(posix_spawn_file_actions_addopen, STDOUT_FILENO, "/dev/null", O_WRONLY, mode_t{0});
     actions.add(posix_spawn_file_actions_addopen, STDERR_FILENO, "/dev/null", O_WRONLY, mode_t{0});
     actions.add(posix_spawn_file_actions_addclosefrom_np, STDERR_FILENO + 1);
-    if (actions.error() != 0) return Error::posix(actions.error(), "prepare the start of", program);
+    return spawn(program, actions, SpawnAttributes(POSIX_SPAWN_SETSID), argv.data(), envp.data());
+}
 
-    const SpawnAttributes attributes;
-    Child child;
-    const int failed = posix_spawn(&child.process, program.c_str(), actions.get(), attributes.get(),
-                                   argv.data(), envp.data());
-    if (failed != 0) return Error::posix(failed, "start", program);
-    // Nobody else reaps the child, so its id still means it. Without a pidfd the watcher asks for
-    // it by its id.
-    child.handle = UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, child.process, 0)));
-    return child;
+Result<Child> launchHelper(const std::string& program, int channel) {
+    SpawnActions actions;
+    actions.add(posix_spawn_file_actions_adddup2, channel, STDIN_FILENO);
+    actions.add(posix_spawn_file_actions_addopen, STDOUT_FILENO, "/dev/null", O_WRONLY, mode_t{0});
+    // A helper without standard error would write what belongs there into the next file it opens.
+    if (fcntl(STDERR_FILENO, F_GETFD) < 0 || channel == STDERR_FILENO) {
+        actions.add(posix_spawn_file_actions_addopen, STDERR_FILENO, "/dev/null", O_WRONLY,
+                    mode_t{0});
+    }
+    actions.add(posix_spawn_file_actions_addclosefrom_np, STDERR_FILENO + 1);
+    char* const argv[] = {const_cast<char*>(program.c_str()), nullptr};
+    return spawn(program, actions, SpawnAttributes(0), argv, environ);
 }
 
 }  // namespace utilia::platform

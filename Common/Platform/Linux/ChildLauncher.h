@@ -36,4 +36,10 @@ std::vector<std::string> currentEnvironment();
 // Threads: any.
 Result<Child> launchChild(const std::string& program, const ChildInput& input);
 
+// Starts a helper of this process, which talks to it over `channel`, the helper's standard input:
+// in the same session, environment and working folder, with default signals and an empty signal
+// mask, null standard output, the same standard error, and no other descriptor. Otherwise as
+// launchChild().
+Result<Child> launchHelper(const std::string& program, int channel);
+
 }  // namespace utilia::platform

@@ -14,6 +14,7 @@
 
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Logging/Log.h"
+#include "Common/Platform/Bundle.h"
 #include "Common/Platform/Linux/FileInput.h"
 #include "Common/Platform/Linux/FileOutput.h"
 #include "Common/Platform/Linux/Folders.h"
@@ -91,6 +92,15 @@ std::optional<std::string> FileManager::preferencesFolder() {
 std::optional<std::string> FileManager::runtimeFolder() {
     static std::atomic<bool> isLogged{false};
     return folderOrLog(ensureRuntimeFolder(), isLogged);
+}
+
+std::string FileManager::displayNameAtPath(std::string_view path) {
+    std::string fileName = lastPathComponent(path);
+    if (pathExtension(fileName) != "app") return fileName;
+    const auto bundle = Bundle::bundleWithPath(path);
+    const auto given =
+        bundle ? bundle->infoDictionary().string("CFBundleDisplayName") : std::nullopt;
+    return given && !given->empty() ? *given + ".app" : fileName;
 }
 
 std::string FileManager::desktopDirectory() {
