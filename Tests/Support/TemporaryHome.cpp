@@ -55,6 +55,8 @@ TemporaryHome::TemporaryHome(const fs::path& within) : folder_(within) {
     set("XDG_STATE_HOME", state().string());
     set("XDG_CACHE_HOME", (path() / "cache").string());
     set("XDG_DATA_DIRS", (path() / "share").string());
+    set("XDG_CONFIG_DIRS", systemConfig().string());
+    set("XDG_CURRENT_DESKTOP", std::nullopt);
     set("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
     set("DISPLAY", std::nullopt);
     set("WAYLAND_DISPLAY", std::nullopt);

@@ -39,6 +39,8 @@ public:
     std::filesystem::path config() const { return folder_.path() / "config"; }  // XDG_CONFIG_HOME
     std::filesystem::path data() const { return folder_.path() / "data"; }      // XDG_DATA_HOME
     std::filesystem::path state() const { return folder_.path() / "state"; }    // XDG_STATE_HOME
+    // XDG_CONFIG_DIRS; not there until a test makes it.
+    std::filesystem::path systemConfig() const { return folder_.path() / "xdg"; }
     std::filesystem::path groupContainer() const;  // where the suite's container belongs
 
 private:

@@ -103,6 +103,13 @@ std::optional<std::string> bundlePathOfProgram(std::string_view program) {
     return bundle;
 }
 
+std::optional<std::string> mainProgramOfBundle(const Bundle& bundle) {
+    const auto executable = bundle.executablePath();
+    auto program = executable ? resolvedPath(*executable) : std::nullopt;
+    if (!program || bundlePathOfProgram(*program) != bundle.bundlePath()) return std::nullopt;
+    return program;
+}
+
 struct Bundle::Implementation {
     std::string path;
     std::string contents;  // the folder that holds Resources/ and Linux/

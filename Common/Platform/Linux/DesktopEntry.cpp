@@ -1,6 +1,5 @@
 #include "Common/Platform/Linux/DesktopEntry.h"
 
-#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -9,6 +8,7 @@
 
 #include "Common/Platform/FileManager.h"
 #include "Common/Platform/Linux/BundleInternal.h"
+#include "Common/Platform/Linux/DesktopEntryFile.h"
 #include "Common/Platform/Linux/FileName.h"
 #include "Common/Platform/Linux/Folders.h"
 
@@ -20,14 +20,11 @@
 namespace utilia::platform {
 namespace {
 
-constexpr std::size_t kMaximumSize = 256 * 1024;  // bytes; real entries have a few thousand
-constexpr const char* kGroup = "Desktop Entry";
 constexpr std::string_view kFieldCodes = "fFuUdDnNickvm";
 
 struct GFree {
     void operator()(gchar* text) const { g_free(text); }
     void operator()(gchar** list) const { g_strfreev(list); }
-    void operator()(GKeyFile* file) const { g_key_file_unref(file); }
     void operator()(GError* error) const { g_error_free(error); }
 };
 using GText = std::unique_ptr<gchar, GFree>;
@@ -43,10 +40,6 @@ Error notInstalled(const std::string& path, std::string_view why) {
 std::string messageAndFree(GError* error) {
     const std::unique_ptr<GError, GFree> owned(error);
     return owned ? owned->message : "unknown error";
-}
-
-GText textOfKey(GKeyFile* file, const char* key) {
-    return GText(g_key_file_get_string(file, kGroup, key, nullptr));
 }
 
 // The argument without field codes; empty optional for a code that does not exist. `dropped` says
@@ -101,14 +94,9 @@ std::optional<std::string> findProgram(const std::string& name) {
 }
 
 std::vector<std::string> applicationFolders() {
-    std::vector<std::string> folders{xdgFolder("XDG_DATA_HOME", ".local/share") + "/applications"};
-    const char* given = std::getenv("XDG_DATA_DIRS");
-    std::string_view rest = given && given[0] ? given : "/usr/local/share:/usr/share";
-    while (!rest.empty()) {
-        const std::string_view folder = rest.substr(0, rest.find(':'));
-        rest.remove_prefix(folder.size() < rest.size() ? folder.size() + 1 : folder.size());
-        if (folder.starts_with('/')) folders.push_back(std::string(folder) + "/applications");
-    }
+    auto folders = xdgFolders("XDG_DATA_DIRS", "/usr/local/share:/usr/share");
+    folders.insert(folders.begin(), xdgFolder("XDG_DATA_HOME", ".local/share"));
+    for (std::string& folder : folders) folder += "/applications";
     return folders;
 }
 
@@ -129,29 +117,26 @@ Result<DesktopEntry> DesktopEntry::find(std::string_view bundleIdentifier) {
 }
 
 Result<DesktopEntry> DesktopEntry::read(const std::string& path) {
-    const auto bytes = FileManager::contentsAtPath(path, kMaximumSize);
-    if (!bytes) return bytes.error();
-    const std::unique_ptr<GKeyFile, GFree> file(g_key_file_new());
-    GError* error = nullptr;
-    if (bytes->empty() ||
-        !g_key_file_load_from_data(file.get(), reinterpret_cast<const gchar*>(bytes->data()),
-                                   bytes->size(), G_KEY_FILE_NONE, &error)) {
-        return refused(path, bytes->empty() ? "is empty" : messageAndFree(error));
+    const auto file = DesktopEntryFile::read(path);
+    if (!file) return file.error();
+    if (file->boolean("Hidden", false)) return notInstalled(path, "is hidden");
+    return of(*file);
+}
+
+bool DesktopEntry::isTryExecMissing(const DesktopEntryFile& file) {
+    const auto needed = file.string("TryExec");
+    return needed && !findProgram(*needed);
+}
+
+Result<DesktopEntry> DesktopEntry::of(const DesktopEntryFile& file) {
+    const std::string& path = file.path();
+    if (file.string("Type") != "Application") return refused(path, "describes no application");
+    if (isTryExecMissing(file)) {
+        return notInstalled(path, "TryExec: " + *file.string("TryExec") + " is missing");
     }
-    const GText type = textOfKey(file.get(), "Type");
-    if (!type || std::string_view(type.get()) != "Application") {
-        return refused(path, "describes no application");
-    }
-    if (g_key_file_get_boolean(file.get(), kGroup, "Hidden", nullptr)) {
-        return notInstalled(path, "is hidden");
-    }
-    if (const GText needed = textOfKey(file.get(), "TryExec");
-        needed && !findProgram(needed.get())) {
-        return notInstalled(path, "TryExec: " + std::string(needed.get()) + " is missing");
-    }
-    const GText exec = textOfKey(file.get(), "Exec");
+    const auto exec = file.string("Exec");
     if (!exec) return refused(path, "has no Exec");
-    auto arguments = parseExec(path, exec.get());
+    auto arguments = parseExec(path, exec->c_str());
     if (!arguments) return std::move(arguments).error();
 
     auto program = findProgram(arguments->front());

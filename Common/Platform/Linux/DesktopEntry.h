@@ -8,6 +8,8 @@
 
 namespace utilia::platform {
 
+class DesktopEntryFile;
+
 // What the desktop entry of an application says about starting it.
 struct DesktopEntry {
     std::string program;                 // resolved, executable
@@ -24,6 +26,10 @@ struct DesktopEntry {
     // application bundle, with Refused for a file that is no well-formed desktop entry of an
     // application.
     static Result<DesktopEntry> read(const std::string& path);
+    // The same for a file that has been read, whether or not it is marked hidden.
+    static Result<DesktopEntry> of(const DesktopEntryFile& file);
+    // Whether the file makes itself depend on a program that is not there.
+    static bool isTryExecMissing(const DesktopEntryFile& file);
 };
 
 }  // namespace utilia::platform

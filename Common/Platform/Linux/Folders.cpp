@@ -64,6 +64,18 @@ std::string xdgFolder(const char* name, std::string_view otherwise) {
     return stringByAppendingPathComponent(homeFolder(), otherwise);
 }
 
+std::vector<std::string> xdgFolders(const char* name, std::string_view otherwise) {
+    const char* given = std::getenv(name);
+    std::string_view rest = given && given[0] ? given : otherwise;
+    std::vector<std::string> folders;
+    while (!rest.empty()) {
+        const std::string_view folder = rest.substr(0, rest.find(':'));
+        rest.remove_prefix(folder.size() < rest.size() ? folder.size() + 1 : folder.size());
+        if (folder.starts_with('/')) folders.emplace_back(folder);
+    }
+    return folders;
+}
+
 Result<void> makeFolders(const std::string& path, std::optional<unsigned> mode) {
     // Down to the deepest folder that exists, then up again; usually the first step is the only
     // one.

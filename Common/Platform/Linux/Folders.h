@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Common/Foundation/Result.h"
 #include "Common/Platform/UniqueFd.h"
@@ -26,6 +27,8 @@ Result<UniqueFd> openFolder(const std::string& path);
 std::string homeFolder();
 // $NAME when it is set to an absolute path, else HOME/`otherwise`.
 std::string xdgFolder(const char* name, std::string_view otherwise);
+// The absolute folders of $NAME, a list with colons, or of `otherwise` when it is not set.
+std::vector<std::string> xdgFolders(const char* name, std::string_view otherwise);
 
 // The same places without making anything.
 std::string preferencesFolderPath();

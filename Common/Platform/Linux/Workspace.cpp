@@ -103,10 +103,8 @@ Result<Target> targetAtPath(std::string_view path) {
     const auto identifier = bundle->bundleIdentifier();
     if (!identifier || !isUsableBundleIdentifier(*identifier))
         return no("has no usable bundle identifier");
-    const auto executable = bundle->executablePath();
-    auto program = executable ? resolvedPath(*executable) : std::nullopt;
-    if (!program || bundlePathOfProgram(*program) != bundle->bundlePath())
-        return no("has no program");
+    auto program = mainProgramOfBundle(*bundle);
+    if (!program) return no("has no program");
     return Target{.identifier = *identifier,
                   .bundlePath = bundle->bundlePath(),
                   .program = std::move(*program),
