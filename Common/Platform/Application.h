@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -48,6 +49,12 @@ public:
     void finishLaunching();
     bool isFinishedLaunching() const;
 
+    // Says, before finishLaunching(), that this process was only started to end: finishLaunching()
+    // then makes it no instance and does not list it, so that an instance that runs is neither
+    // reopened nor joined.
+    void setLaunchedToTerminate();
+    bool isLaunchedToTerminate() const;
+
     // finishLaunching(), then serves the main loop until terminate(). Answers the exit status, 0.
     int run();
 
@@ -56,6 +63,12 @@ public:
     // instance again. From another thread: the main loop does it in its next turn.
     void terminate();
     bool isTerminating() const;
+    // The same, for a process that must end with it: afterwards `exit`, which is not to return, is
+    // called on the main thread. run() calls it when its loop has stopped, instead of returning. A
+    // host's loop has kExitTimeout to end the process by itself; if it still runs then, it is
+    // called from there. Only the first call's `exit` counts.
+    void terminateAndExit(std::function<void()> exit);
+    static constexpr std::chrono::milliseconds kExitTimeout{2000};
 
     // How a host toolkit quits its own loop, tells whether a window shows, and comes to the front.
     // Without them run()'s loop is stopped, no window shows, and activating does nothing.

@@ -30,6 +30,11 @@
 // The instance port is given up as the first step of the end. Whoever starts the application after
 // that moment is the first instance again, instead of handing its arguments to a process that no
 // longer serves anybody.
+//
+// terminate() returns, because a host toolkit has to leave its loop by itself, and what lies on the
+// stack of main() is destroyed then. A process that must not go on after its loop is ended behind
+// it: by run() where that is the loop, else by a timer of the main loop, which only fires in a host
+// that has not left its loop.
 
 namespace utilia::platform {
 namespace {
@@ -56,6 +61,9 @@ struct Application::Implementation {
     std::function<bool()> windowsVisible;
     std::function<void()> activate;
     std::unique_ptr<InstancePort> instance;
+    std::function<void()> exit;
+    Handle exitTimer;
+    bool launchedToTerminate = false;
     bool finishedLaunching = false;
     std::atomic<bool> terminating{false};
 };
@@ -123,7 +131,7 @@ Instance becomeInstance(const Bundle& bundle, const std::string& identifier,
 void Application::finishLaunching() {
     Implementation& self = *implementation_;
     if (self.finishedLaunching) return;
-    const Bundle* const bundle = Bundle::mainBundle();
+    const Bundle* const bundle = self.launchedToTerminate ? nullptr : Bundle::mainBundle();
     const auto identifier = bundle ? bundle->bundleIdentifier() : std::nullopt;
     if (identifier && isUsableBundleIdentifier(*identifier)) {
         const auto takeArguments = [this](const std::vector<std::string>& arguments) {
@@ -146,6 +154,10 @@ void Application::finishLaunching() {
 
 bool Application::isFinishedLaunching() const { return implementation_->finishedLaunching; }
 
+void Application::setLaunchedToTerminate() { implementation_->launchedToTerminate = true; }
+
+bool Application::isLaunchedToTerminate() const { return implementation_->launchedToTerminate; }
+
 int Application::run() {
     finishLaunching();
     // A stop ends the innermost run only; asking for the state as well ends this one after a nested
@@ -153,6 +165,7 @@ int Application::run() {
     while (!isTerminating()) {
         RunLoop::mainRunLoop().runUntil([this] { return isTerminating(); }, std::chrono::hours(24));
     }
+    if (implementation_->exit) implementation_->exit();
     return EXIT_SUCCESS;
 }
 
@@ -173,6 +186,19 @@ void Application::terminate() {
 }
 
 bool Application::isTerminating() const { return implementation_->terminating; }
+
+void Application::terminateAndExit(std::function<void()> exit) {
+    if (!isMainThread()) {
+        MainQueue::async([this, exit = std::move(exit)] { terminateAndExit(exit); });
+        return;
+    }
+    Implementation& self = *implementation_;
+    if (self.exit) return;
+    self.exit = std::move(exit);
+    terminate();
+    // Not before: what is stored at the end may take its time.
+    self.exitTimer = Timer::scheduledTimer(kExitTimeout, false, self.exit);
+}
 
 bool Application::hasVisibleWindows() const {
     return implementation_->windowsVisible && implementation_->windowsVisible();

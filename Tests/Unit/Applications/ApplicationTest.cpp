@@ -1,6 +1,8 @@
 #include "Common/Platform/Application.h"
 
+#include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <optional>
 #include <string>
 #include <thread>
@@ -59,6 +61,33 @@ UTILIA_CHILD_ROLE(lifeCycle) {
             self.say("nested run ended");
         });
     }
+    if (mode == "exit behind run") {
+        MainQueue::async([&] {
+            application.terminateAndExit([&] {
+                self.say("exit");
+                std::exit(7);
+            });
+            application.terminateAndExit([] { std::exit(8); });
+            self.say("goes on until the loop stops");
+        });
+    }
+    if (mode == "exit from a thread") {
+        threads.emplace_back([&] {
+            application.terminateAndExit([&] {
+                self.say(gettid() == getpid() ? "exit" : "exit on the wrong thread");
+                threads[0].join();
+                std::exit(7);
+            });
+        });
+    }
+    if (mode == "exit before run") {
+        application.finishLaunching();
+        application.terminateAndExit([&] {
+            self.say("exit");
+            std::exit(7);
+        });
+        self.say("main goes on");
+    }
     if (mode == "fork") {
         MainQueue::async([&] {
             const pid_t child = fork();
@@ -73,6 +102,22 @@ UTILIA_CHILD_ROLE(lifeCycle) {
             MainQueue::async(
                 [&] { self.say(application.isTerminating() ? "terminating" : "goes on"); });
         });
+    }
+    if (mode == "host that does not quit" || mode == "host that quits") {
+        application.setQuitHandler([&] {
+            self.say("quit");
+            if (mode == "host that quits") RunLoop::mainRunLoop().stop();
+        });
+        application.finishLaunching();
+        const auto before = std::chrono::steady_clock::now();
+        application.terminateAndExit([&] {
+            const auto after = std::chrono::steady_clock::now() - before;
+            self.say(after >= Application::kExitTimeout ? "exit" : "exit too early");
+            std::exit(7);
+        });
+        RunLoop::mainRunLoop().runFor(kLong);
+        self.say("host loop ended");
+        return 0;
     }
     if (mode == "own handler") signal(SIGTERM, [](int) { _exit(9); });
     if (mode == "host loop") {
@@ -167,6 +212,44 @@ TEST(Application, AHostsLoopIsEndedByItsQuitHandler) {
     ASSERT_EQ(child.waitForLine(), "finished");
     child.signal(SIGTERM);
     EXPECT_THAT(remainingLines(child), ElementsAre("will-terminate", "quit", "host loop ended"));
+}
+
+TEST(Application, AnExitThatMustFollowComesWhenRunHasStoppedItsLoop) {
+    const TemporaryHome home;
+    auto child = ChildProcess::role("lifeCycle", {"exit behind run"});
+    EXPECT_THAT(remainingLines(child),
+                ElementsAre("finished", "will-terminate", "goes on until the loop stops", "exit"));
+    EXPECT_EQ(child.waitForExit(), 7) << "the first exit counts";
+}
+
+TEST(Application, AnExitThatMustFollowComesOnTheMainThread) {
+    const TemporaryHome home;
+    auto child = ChildProcess::role("lifeCycle", {"exit from a thread"});
+    EXPECT_THAT(remainingLines(child), ElementsAre("finished", "will-terminate", "exit"));
+    EXPECT_EQ(child.waitForExit(), 7);
+}
+
+TEST(Application, AnExitThatMustFollowComesAlsoWhenItEndsBeforeItsLoopRuns) {
+    const TemporaryHome home;
+    auto child = ChildProcess::role("lifeCycle", {"exit before run"});
+    EXPECT_THAT(remainingLines(child),
+                ElementsAre("finished", "will-terminate", "main goes on", "exit"));
+    EXPECT_EQ(child.waitForExit(), 7);
+}
+
+TEST(Application, AHostThatDoesNotQuitIsEndedAfterTheTimeout) {
+    const TemporaryHome home;
+    auto child = ChildProcess::role("lifeCycle", {"host that does not quit"});
+    EXPECT_THAT(remainingLines(child), ElementsAre("finished", "will-terminate", "quit", "exit"));
+    EXPECT_EQ(child.waitForExit(), 7);
+}
+
+TEST(Application, AHostThatQuitsEndsByItself) {
+    const TemporaryHome home;
+    auto child = ChildProcess::role("lifeCycle", {"host that quits"});
+    EXPECT_THAT(remainingLines(child),
+                ElementsAre("finished", "will-terminate", "quit", "host loop ended"));
+    EXPECT_EQ(child.waitForExit(), 0);
 }
 
 TEST(Application, AForkedChildDiesOfASignalAlone) {

@@ -5,8 +5,14 @@
 
 #include <sys/stat.h>
 
+#include "Common/Platform/Application.h"
+#include "Common/Platform/Bundle.h"
+#include "Common/Platform/NotificationCenter.h"
+#include "Common/Platform/ProcessInfo.h"
+#include "Common/Platform/RunLoop.h"
 #include "Common/Platform/Workspace.h"
 #include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/ChildRole.h"
 #include "Tests/Support/ReportPipe.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestBundle.h"
@@ -21,6 +27,24 @@ using test::ReportPipe;
 using test::TemporaryHome;
 using test::TestBundle;
 using testing::StartsWith;
+
+UTILIA_CHILD_ROLE(applicationMadeToEnd) {
+    auto& application = Application::sharedApplication();
+    const Handle ending = NotificationCenter::defaultCenter().addObserver(
+        NSApplicationWillTerminateNotification, &application,
+        [&](const void*) { self.say("will-terminate"); });
+    application.setLaunchedToTerminate();
+    application.finishLaunching();
+    const auto running = RunningApplication::runningApplicationsWithBundleIdentifier(
+        Bundle::mainBundle()->bundleIdentifier().value_or(""));
+    const bool isListed = std::any_of(running.begin(), running.end(), [](const auto& one) {
+        return one.processIdentifier() == ProcessInfo::processIdentifier();
+    });
+    self.say(application.isFinishedLaunching() && !isListed ? "came up, and is not listed"
+                                                            : "wrong state");
+    MainQueue::async([&] { application.terminate(); });
+    return application.run();
+}
 
 class SecondStart : public testing::Test {
 protected:
@@ -114,6 +138,18 @@ TEST_F(SecondStart, OfTenAtOnceLeavesOneInstanceThatHeardOfTheOthers) {
             EXPECT_EQ(child.waitForExit(), 0);
         }
     }
+}
+
+TEST_F(SecondStart, ThatIsOnlyMadeToEndIsNoInstance) {
+    auto first = start(bundle_);
+    ASSERT_EQ(processOf(reports_.waitForLine()), first.pid());
+    auto second = bundle_.role("applicationMadeToEnd");
+    EXPECT_EQ(second.waitForLine(), "came up, and is not listed");
+    EXPECT_EQ(second.waitForLine(), "will-terminate");
+    EXPECT_EQ(second.waitForExit(), 0);
+    EXPECT_TRUE(first.isRunning());
+    first.signal(SIGTERM);
+    EXPECT_EQ(reports_.waitForLine(), "end") << "nothing was handed over to it";
 }
 
 TEST_F(SecondStart, OfABundleWithoutIdentifierRuns) {
