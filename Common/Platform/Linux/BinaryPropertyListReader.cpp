@@ -32,14 +32,22 @@ public:
     Result<Value> read() {
         std::optional<Value> top;
         if (readTrailer()) top = object(top_, 0);
-        if (!top) {
-            return Error::cocoa(CocoaErrorCode::PropertyListReadCorrupt,
-                                std::string("binary property list: ") + wrong_);
-        }
+        if (!top) return corrupt();
         return *std::move(top);
     }
 
+    Result<std::optional<Value>> readKey(std::string_view key) {
+        std::optional<Value> found;
+        if (!readTrailer() || !findKey(key, found)) return corrupt();
+        return found;
+    }
+
 private:
+    Error corrupt() const {
+        return Error::cocoa(CocoaErrorCode::PropertyListReadCorrupt,
+                            std::string("binary property list: ") + wrong_);
+    }
+
     bool readTrailer() {
         if (bytes_.size() < kBinaryPropertyListMagic.size() + kTrailerSize)
             return fail("cut short");
@@ -200,6 +208,28 @@ private:
         return Value(std::move(entries));
     }
 
+    bool findKey(std::string_view key, std::optional<Value>& found) {
+        const std::uint64_t offset = number(table_ + top_ * offsetSize_, offsetSize_);
+        if (offset < kBinaryPropertyListMagic.size() || offset >= table_)
+            return fail("an object is outside");
+        if (bytes_[offset] >> 4 != 0xD) return fail("no dictionary");
+        const auto items = containerAt(offset, 0, 2);
+        if (!items) return false;
+        std::optional<std::size_t> place;
+        for (std::size_t i = 0; i < items->count; ++i) {
+            const auto keyIndex = reference(items->body, i);
+            const auto candidate = keyIndex ? keyText(*keyIndex) : std::nullopt;
+            if (!candidate) return false;
+            // Of a key that stands twice the last value counts, as for the whole list.
+            if (*candidate == key) place = i;
+        }
+        if (!place) return true;
+        const auto child = reference(items->body, items->count + *place);
+        if (!child) return false;
+        found = object(*child, 1);
+        return found.has_value();
+    }
+
     std::optional<std::string> keyText(std::uint64_t index) {
         const std::uint64_t offset = number(table_ + index * offsetSize_, offsetSize_);
         if (offset < kBinaryPropertyListMagic.size() || offset >= table_)
@@ -296,6 +326,11 @@ private:
 
 Result<Value> readBinaryPropertyList(std::span<const std::uint8_t> bytes) {
     return Reader(bytes).read();
+}
+
+Result<std::optional<Value>> readBinaryPropertyListKey(std::span<const std::uint8_t> bytes,
+                                                       std::string_view key) {
+    return Reader(bytes).readKey(key);
 }
 
 }  // namespace utilia::platform

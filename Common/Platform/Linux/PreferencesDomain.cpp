@@ -37,6 +37,9 @@ namespace {
 
 constexpr auto kLockTimeout = std::chrono::seconds(2);
 constexpr std::size_t kRememberedDomains = 8;
+// Small files cost less to parse than to look into several times, and are what damage is found in
+// at the first read.
+constexpr off_t kParsedAtOnce = 4096;
 
 std::int64_t unixNow() {
     return std::chrono::duration_cast<std::chrono::seconds>(
@@ -103,10 +106,44 @@ Dictionary PreferencesDomain::content() {
 }
 
 Result<std::optional<Value>> PreferencesDomain::value(std::string_view key) {
+    if (auto glanced = glance(key)) return *std::move(glanced);
     const auto version = readable();
     if (!version) return version.error();
     const Value* found = *version ? (*version)->content.find(key) : nullptr;
     return found ? std::optional<Value>(*found) : std::nullopt;
+}
+
+// Empty when the file has to be parsed for an answer, or has been.
+std::optional<std::optional<Value>> PreferencesDomain::glance(std::string_view key) {
+    Glances known;
+    {
+        const std::lock_guard guard(mutex_);
+        if (version_) return std::nullopt;
+        known = glances_;
+    }
+    struct stat status {};
+    if (lstat(path().c_str(), &status) != 0 || status.st_size <= kParsedAtOnce) return std::nullopt;
+    std::optional<PreferencesFile::Glance> found;
+    if (known.version && known.version->isAt(status)) {
+        for (const auto& [asked, answer] : known.answers) {
+            if (asked == key) return answer;
+        }
+        if (known.answers.size() == kMostGlances) return std::nullopt;
+        found = PreferencesFile::glance(known.version, key);
+    } else {
+        known.answers.clear();
+        found = file_.glance(key);
+    }
+    if (!found) return std::nullopt;
+    readProblem_.isOver();
+    known.version = std::move(found->version);
+    known.answers.emplace_back(key, found->value);
+    Glances old = std::move(known);  // closes the old file outside the mutex
+    {
+        const std::lock_guard guard(mutex_);
+        if (!version_) std::swap(glances_, old);
+    }
+    return std::move(found->value);
 }
 
 // Null when there is no file; what cannot be read is logged here.
@@ -235,8 +272,10 @@ PreferencesDomain::Version PreferencesDomain::remembered() const {
 
 PreferencesDomain::Version PreferencesDomain::remember(Version version) {
     Version old = version;  // closes its file outside the mutex
+    Glances unused;
     const std::lock_guard guard(mutex_);
     version_.swap(old);
+    std::swap(glances_, unused);
     return version;
 }
 

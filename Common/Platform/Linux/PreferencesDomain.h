@@ -7,6 +7,8 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "Common/Foundation/Value.h"
 #include "Common/Platform/Linux/PreferencesFile.h"
@@ -47,7 +49,8 @@ public:
 
     // What the file holds now; empty when there is none or it cannot be read, which is logged.
     Dictionary content();
-    // Fails when the file cannot be read, which is logged.
+    // Fails when the file cannot be read, which is logged. As long as only a few keys of a large file
+    // were asked for, the file is not parsed, and damage that does not touch them is not noticed.
     Result<std::optional<Value>> value(std::string_view key);
 
     // Changes these keys in the file and nothing else. False, with a log line, when that is not
@@ -58,6 +61,14 @@ private:
     using Version = std::shared_ptr<const PreferencesVersion>;
     enum class Lock { Free, Held };
 
+    // The keys of one version that were looked up without parsing it.
+    struct Glances {
+        Version version;
+        std::vector<std::pair<std::string, std::optional<Value>>> answers;
+    };
+    static constexpr std::size_t kMostGlances = 4;
+
+    std::optional<std::optional<Value>> glance(std::string_view key);
     Result<Version> readable();
     Result<Version> current(Lock lock);
     Result<Version> repair(Lock lock);
@@ -67,8 +78,9 @@ private:
     Version remember(Version version);
 
     const PreferencesFile file_;
-    mutable std::mutex mutex_;  // guards the pointer only: no file is touched under it
+    mutable std::mutex mutex_;  // no file is touched under it
     Version version_;
+    Glances glances_;              // guarded by mutex_; nothing while there is a version
     std::int64_t nextBackup_ = 0;  // guarded by the domain's lock
     ProblemLog readProblem_;
     ProblemLog writeProblem_;

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "Common/Platform/Linux/BinaryPropertyListReader.h"
 #include "Common/Platform/Linux/FileInput.h"
 #include "Common/Platform/Linux/FileOutput.h"
 #include "Common/Platform/PropertyListSerialization.h"
@@ -42,6 +43,17 @@ Result<std::shared_ptr<const PreferencesVersion>> readVersion(const std::string&
     version->file = input->takeDescriptor();
     version->content = *content;
     return std::shared_ptr<const PreferencesVersion>(std::move(version));
+}
+
+// False when the file is shorter than it was, or cannot be read.
+bool readFully(int file, std::uint8_t* bytes, std::size_t size) {
+    for (std::size_t filled = 0; filled < size;) {
+        const ssize_t n = pread(file, bytes + filled, size - filled, static_cast<off_t>(filled));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        filled += static_cast<std::size_t>(n);
+    }
+    return true;
 }
 
 // "X.plist.damaged-20260704T123456.123456Z": the order of the names is the order of the days.
@@ -86,6 +98,27 @@ PreferencesFile::PreferencesFile(std::string path) : path_(std::move(path)) {}
 
 Result<std::shared_ptr<const PreferencesVersion>> PreferencesFile::read() const {
     return readVersion(path_);
+}
+
+std::optional<PreferencesFile::Glance> PreferencesFile::glance(std::string_view key) const {
+    auto input = FileInput::open(path_, FileInput::Links::Refuse);
+    if (!input) return std::nullopt;
+    auto version = std::make_shared<PreferencesVersion>();
+    version->status = input->status();
+    version->file = input->takeDescriptor();
+    return glance(std::move(version), key);
+}
+
+std::optional<PreferencesFile::Glance>
+PreferencesFile::glance(std::shared_ptr<const PreferencesVersion> version, std::string_view key) {
+    const auto size = static_cast<std::uint64_t>(version->status.st_size);
+    if (size > kPropertyListMaximumSize) return std::nullopt;
+    // Not filled with zeros first: for a start of some microseconds that counts.
+    const std::unique_ptr<std::uint8_t[]> bytes(new std::uint8_t[size]);
+    if (!readFully(version->file.get(), bytes.get(), size)) return std::nullopt;
+    auto value = readBinaryPropertyListKey({bytes.get(), size}, key);
+    if (!value) return std::nullopt;
+    return Glance{std::move(version), *std::move(value)};
 }
 
 Result<std::shared_ptr<const PreferencesVersion>>

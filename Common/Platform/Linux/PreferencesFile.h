@@ -1,7 +1,9 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include <sys/stat.h>
 
@@ -42,6 +44,18 @@ public:
     // Null when there is no file. CocoaErrorCode::PropertyListReadCorrupt when it is there and
     // damaged.
     Result<std::shared_ptr<const PreferencesVersion>> read() const;
+
+    // What the file holds under one key, without reading the rest into memory as values: the version
+    // has no content. Empty when there is no file, or when it does not answer (it is XML, damaged
+    // where it was looked at, unreadable): read() then says more.
+    struct Glance {
+        std::shared_ptr<const PreferencesVersion> version;
+        std::optional<Value> value;
+    };
+    std::optional<Glance> glance(std::string_view key) const;
+    // The same in the version that is open already.
+    static std::optional<Glance> glance(std::shared_ptr<const PreferencesVersion> version,
+                                        std::string_view key);
 
     // Replaces the file; on failure it is as it was.
     Result<std::shared_ptr<const PreferencesVersion>> replace(Dictionary content) const;

@@ -1,8 +1,11 @@
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "Common/Platform/Linux/BinaryPropertyListReader.h"
 #include "Common/Platform/PropertyListSerialization.h"
 
 // Binary files put together by hand: what is allowed though nobody here writes it, and what is not.
@@ -65,6 +68,72 @@ TEST(BinaryPropertyList, AcceptsWhatOtherWritersMake) {
         const auto value = propertyListFromData(file(one.objects));
         ASSERT_TRUE(value) << value.error().description;
         EXPECT_TRUE(*value == one.value);
+    }
+}
+
+TEST(BinaryPropertyList, OneKeyIsFoundWithoutTheOthers) {
+    const auto look = [](const std::vector<Bytes>& objects, std::string_view key) {
+        const auto found = readBinaryPropertyListKey(file(objects), key);
+        return found ? *found : std::optional<Value>("refused: " + found.error().description);
+    };
+    const std::vector<Bytes> sample = {{0xD3, 1, 2, 3, 4, 5, 6},
+                                       {0x51, 'a'},
+                                       {0x52, 'a', 'b'},
+                                       {0x61, 0x20, 0xAC},
+                                       {0x09},
+                                       {0xA1, 4},
+                                       {0xF0}};
+    EXPECT_TRUE(look(sample, "a") == Value(true)) << "whatever else the list holds";
+    EXPECT_TRUE(look(sample, "ab") == Value(Array{true}));
+    EXPECT_FALSE(look(sample, "b"));
+    EXPECT_FALSE(look(sample, ""));
+    EXPECT_FALSE(look(sample, "A"));
+    EXPECT_TRUE(look(sample, "\u20ac") ==
+                Value("refused: binary property list: an object of an unknown type"));
+    EXPECT_TRUE(look({{0xD2, 1, 1, 2, 3}, {0x51, 'k'}, {0x10, 1}, {0x10, 2}}, "k") == Value(2))
+        << "the last value of a key that stands twice";
+    EXPECT_FALSE(look({{0xD0}}, "k"));
+}
+
+TEST(BinaryPropertyList, OneKeyIsRefusedWhereItCannotBeTold) {
+    struct Case {
+        const char* what;
+        std::vector<Bytes> objects;
+    };
+    const Case cases[] = {
+        {"no dictionary", {{0xA1, 1}, {0x51, 'k'}}},
+        {"a key that is not text", {{0xD2, 1, 2, 2, 2}, {0x51, 'k'}, {0x09}}},
+        {"a key of half a surrogate pair", {{0xD1, 1, 2}, {0x61, 0xD8, 0}, {0x09}}},
+        {"a key that is outside", {{0xD1, 9, 1}, {0x09}}},
+        {"a value that is outside", {{0xD1, 1, 9}, {0x51, 'k'}}},
+        {"a value that holds itself", {{0xD1, 1, 0}, {0x51, 'k'}}},
+        {"more keys than the file has room for", {{0xDF, 0x12, 0x7F, 0, 0, 0}}},
+    };
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.what);
+        const auto found = readBinaryPropertyListKey(file(one.objects), "k");
+        ASSERT_FALSE(found);
+        EXPECT_EQ(found.error().code, 3840);
+    }
+    EXPECT_FALSE(readBinaryPropertyListKey({}, "k"));
+    Data whole = file({{0xD1, 1, 2}, {0x51, 'k'}, {0x09}});
+    for (std::size_t size = 0; size < whole.size(); ++size)
+        EXPECT_FALSE(readBinaryPropertyListKey({whole.data(), size}, "k")) << size;
+    // Every flipped byte: whatever is answered, the whole list does not say otherwise.
+    for (std::size_t i = 0; i < whole.size(); ++i) {
+        for (int bit = 0; bit < 8; ++bit) {
+            Data flipped = whole;
+            flipped[i] = static_cast<std::uint8_t>(flipped[i] ^ (1 << bit));
+            const auto all = propertyListFromData(flipped);
+            const auto one = readBinaryPropertyListKey(flipped, "k");
+            if (!all || !all->dictionary()) continue;
+            ASSERT_TRUE(one) << i << ' ' << bit;
+            const Value* const held = all->dictionary()->find("k");
+            EXPECT_EQ(one->has_value(), held != nullptr) << i << ' ' << bit;
+            if (held && *one) {
+                EXPECT_TRUE(**one == *held) << i << ' ' << bit;
+            }
+        }
     }
 }
 

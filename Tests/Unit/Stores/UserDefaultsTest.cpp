@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -115,6 +116,87 @@ TEST_F(UserDefaultsTest, DoesNotParseAnUnchangedFileAgain) {
     for (int i = 0; i < 100; ++i) EXPECT_EQ(defaults_->stringForKey("key"), "value");
     EXPECT_EQ(open.calls(), 0u);
     EXPECT_EQ(stat.calls(), 100u);
+}
+
+// A domain that is too large to be parsed for one key.
+class LargeDomain : public UserDefaultsTest {
+protected:
+    static constexpr const char* kSpoilt = "spoilt text";
+
+    static Dictionary content(int flag) {
+        Dictionary texts;
+        for (int i = 0; i < 500; ++i)
+            texts.set("key " + std::to_string(i), "text " + std::to_string(i));
+        texts.set("last", kSpoilt);
+        return {{"texts", texts}, {"flag", flag}, {"name", "value"}, {"on", true}, {"off", false}};
+    }
+
+    // The file with a NUL in one of its texts, which no reader of the whole accepts.
+    void damageOneText() const {
+        auto bytes = *FileManager::contentsAtPath(file().string(), kPropertyListMaximumSize);
+        const std::string_view text = kSpoilt;
+        const auto found = std::search(bytes.begin(), bytes.end(), text.begin(), text.end());
+        ASSERT_NE(found, bytes.end());
+        *found = 0;
+        ASSERT_TRUE(FileManager::writeAtomically(file().string(), bytes));
+    }
+};
+
+TEST_F(LargeDomain, AnswersAKeyWithoutReadingTheRest) {
+    replaceFile(content(7));
+    damageOneText();
+    EXPECT_EQ(defaults_->integerForKey("flag"), 7);
+    EXPECT_EQ(defaults_->stringForKey("name"), "value");
+    EXPECT_TRUE(defaults_->boolForKey("on"));
+    EXPECT_FALSE(defaults_->objectForKey("absent"));
+    EXPECT_TRUE(log_.lines().empty());
+    EXPECT_FALSE(defaults_->objectForKey("off")) << "the fifth key is worth a look at everything";
+    ASSERT_EQ(log_.lines().size(), 1u);
+    EXPECT_NE(log_.lines()[0].find("set aside"), std::string::npos) << log_.lines()[0];
+}
+
+TEST_F(LargeDomain, OpensAnUnchangedFileOnce) {
+    replaceFile(content(7));
+    EXPECT_EQ(defaults_->integerForKey("flag"), 7);
+    const test::ArmedFault open({.call = kUtiliaFaultOpen, .error = EIO}, 1,
+                                test::FaultRepetition::ForEver);
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(defaults_->integerForKey("flag"), 7);
+        EXPECT_TRUE(defaults_->boolForKey("on"));
+    }
+    EXPECT_EQ(open.calls(), 0u);
+}
+
+TEST_F(LargeDomain, SeesEachReplacement) {
+    for (int i = 0; i < 20; ++i) {
+        replaceFile(content(i));
+        EXPECT_EQ(defaults_->integerForKey("flag"), i);
+        EXPECT_TRUE(defaults_->boolForKey("on"));
+    }
+    defaults_->setObject(100, "flag");
+    EXPECT_EQ(defaults_->integerForKey("flag"), 100);
+    EXPECT_EQ(defaults_->dictionaryForKey("texts")->size(), 501u);
+    replaceFile({{"flag", 101}});
+    EXPECT_EQ(defaults_->integerForKey("flag"), 101);
+    fs::remove(file());
+    EXPECT_FALSE(defaults_->objectForKey("flag"));
+}
+
+TEST_F(LargeDomain, InXmlIsReadAsAWhole) {
+    const auto bytes = dataFromPropertyList(content(7), PropertyListFormat::Xml);
+    ASSERT_TRUE(FileManager::createDirectoryAtPath(folder().string(), 0700));
+    ASSERT_TRUE(FileManager::writeAtomically(file().string(), *bytes));
+    EXPECT_EQ(defaults_->integerForKey("flag"), 7);
+    EXPECT_FALSE(defaults_->boolForKey("off"));
+    EXPECT_TRUE(log_.lines().empty());
+}
+
+TEST_F(LargeDomain, ThatIsCutShortIsSetAside) {
+    replaceFile(content(7));
+    fs::resize_file(file(), fs::file_size(file()) - 1);
+    EXPECT_FALSE(defaults_->objectForKey("flag"));
+    EXPECT_FALSE(fs::exists(file()));
+    EXPECT_EQ(log_.lines().size(), 1u);
 }
 
 TEST_F(UserDefaultsTest, ConvertsAsNumbersAndTextDo) {
