@@ -1,6 +1,7 @@
 #include "Common/Platform/Linux/ForkGuard.h"
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 #include <vector>
 
@@ -9,6 +10,8 @@
 
 namespace utilia::platform {
 namespace {
+
+std::atomic<unsigned> forks = 0;
 
 struct Registry {
     std::mutex mutex;
@@ -28,6 +31,7 @@ Registry::Registry() {
                    [] {
                        for (const int descriptor : registry().descriptors) close(descriptor);
                        registry().descriptors.clear();
+                       forks.fetch_add(1, std::memory_order_relaxed);
                        registry().mutex.unlock();
                    });
 }
@@ -48,5 +52,7 @@ bool ForkGuard::forget(int descriptor) {
     all.descriptors.erase(found);
     return true;
 }
+
+unsigned ForkGuard::generation() { return forks.load(std::memory_order_relaxed); }
 
 }  // namespace utilia::platform

@@ -13,6 +13,9 @@ public:
     // To be called before the descriptor is closed. False in a forked child, where the descriptor
     // is closed already and its number may be another file's by now.
     static bool forget(int descriptor);
+    // Differs between a process and its forked children, once a descriptor was given here. A loop
+    // asks in every turn, where a system call for the process id would be felt.
+    static unsigned generation();
     ForkGuard() = delete;
 };
 

@@ -2,8 +2,6 @@
 
 #include <utility>
 
-#include <unistd.h>
-
 #include "Common/Platform/Linux/ForkGuard.h"
 #include "Common/Platform/UniqueFd.h"
 
@@ -16,7 +14,7 @@ class ForkGuardedFd final {
 public:
     ForkGuardedFd() = default;
     explicit ForkGuardedFd(UniqueFd descriptor)
-        : descriptor_(std::move(descriptor)), process_(getpid()) {
+        : descriptor_(std::move(descriptor)), generation_(ForkGuard::generation()) {
         if (descriptor_) ForkGuard::closeInChild(descriptor_.get());
     }
     ForkGuardedFd(ForkGuardedFd&& other) noexcept = default;
@@ -24,7 +22,7 @@ public:
         if (this != &other) {
             reset();
             descriptor_ = std::move(other.descriptor_);
-            process_ = other.process_;
+            generation_ = other.generation_;
         }
         return *this;
     }
@@ -32,7 +30,7 @@ public:
 
     int get() const { return descriptor_.get(); }
     explicit operator bool() const { return static_cast<bool>(descriptor_); }
-    bool isOfThisProcess() const { return process_ == getpid(); }
+    bool isOfThisProcess() const { return generation_ == ForkGuard::generation(); }
 
     void reset() {
         if (!descriptor_) return;
@@ -46,7 +44,7 @@ public:
 
 private:
     UniqueFd descriptor_;
-    pid_t process_ = -1;
+    unsigned generation_ = 0;
 };
 
 }  // namespace utilia::platform

@@ -1,17 +1,22 @@
 #include "Common/Platform/Linux/LoopWatches.h"
 
-#include <array>
+#include <algorithm>
 #include <cerrno>
 #include <limits>
-
-#include <sys/epoll.h>
+#include <utility>
 
 #include "Common/Logging/CallbackGuard.h"
 
 // One epoll descriptor behind one GLib source, rather than a source for each descriptor: an agent
 // holds a hundred connections, and GLib's poll and its walks over all sources would be paid for
-// each message. The second system call that a dispatch makes (epoll_wait after GLib's poll) costs
-// less than two such sources.
+// each message.
+//
+// Asking GLib's poll whether epoll is ready and then epoll what is ready would be two system calls
+// a turn. So the context waits by a function of ours: as long as nobody else has a descriptor in the
+// context, it waits in epoll, where GLib's own wake-up descriptor stands too, and what it answers is
+// dispatched without asking again. With other people's descriptors in the context (a toolkit's
+// display connection), or with somebody else's poll function, GLib waits as ever, and the dispatch
+// asks epoll.
 //
 // A watch is named by its slot and the slot's generation. Events that epoll answered before a watch
 // was removed carry the old generation and reach nobody, so every watcher may remove any watch
@@ -20,7 +25,12 @@
 namespace utilia::platform {
 namespace {
 
-constexpr int kEventsPerDispatch = 64;
+// No watch has this id: generations begin with 1.
+constexpr LoopWatches::Id kWakeUp = 0;
+
+// Whose source was asked in this turn of this thread. GLib's poll functions get no argument of their
+// own; every turn asks the source first, in the same thread.
+thread_local LoopWatches* watchesOfThisTurn = nullptr;
 
 LoopWatches::Id makeId(std::uint32_t slot, std::uint32_t generation) {
     return (static_cast<LoopWatches::Id>(generation) << 32) | slot;
@@ -33,9 +43,9 @@ struct LoopWatches::Source {
     LoopWatches* watches;
 };
 
-// Readiness of the epoll descriptor is all there is to ask: neither prepare nor check is needed.
-GSourceFuncs LoopWatches::sourceFunctions_ = {nullptr, nullptr, &LoopWatches::dispatchSource,
-                                              nullptr, nullptr, nullptr};
+// Readiness of the epoll descriptor is all there is to ask: no check is needed.
+GSourceFuncs LoopWatches::sourceFunctions_ = {
+    &LoopWatches::prepareSource, nullptr, &LoopWatches::dispatchSource, nullptr, nullptr, nullptr};
 
 LoopWatches::LoopWatches(GMainContext* context) : context_(context) {}
 
@@ -53,6 +63,8 @@ Result<void> LoopWatches::open() {
     g_source_set_can_recurse(source_, TRUE);
     g_source_add_unix_fd(source_, epoll_.get(), G_IO_IN);
     g_source_attach(source_, context_);
+    if (g_main_context_get_poll_func(context_) == g_poll)
+        g_main_context_set_poll_func(context_, &LoopWatches::pollContext);
     return {};
 }
 
@@ -61,8 +73,13 @@ void LoopWatches::close() {
         g_source_destroy(source_);
         g_source_unref(source_);
         source_ = nullptr;
+        if (g_main_context_get_poll_func(context_) == &LoopWatches::pollContext)
+            g_main_context_set_poll_func(context_, g_poll);
     }
+    if (watchesOfThisTurn == this) watchesOfThisTurn = nullptr;
     epoll_.reset();
+    wakeUp_ = -1;
+    hasEvents_ = false;
     slots_.clear();
     freeSlots_.clear();
     context_ = nullptr;
@@ -124,14 +141,68 @@ void LoopWatches::remove(Id id) {
     }
 }
 
+gboolean LoopWatches::prepareSource(GSource* source, gint*) {
+    LoopWatches* const watches = reinterpret_cast<Source*>(source)->watches;
+    watches->hasEvents_ = false;
+    watchesOfThisTurn = watches;
+    return FALSE;
+}
+
+// As poll(2). `descriptors` are all that the context waits for.
+gint LoopWatches::pollContext(GPollFD* descriptors, guint count, gint timeout) {
+    LoopWatches* const watches = std::exchange(watchesOfThisTurn, nullptr);
+    if (!watches || count != 2) return g_poll(descriptors, count, timeout);
+    const bool isOurs = descriptors[0].fd == watches->epoll_.get();
+    GPollFD& ours = descriptors[isOurs ? 0 : 1];
+    GPollFD& wakeUp = descriptors[isOurs ? 1 : 0];
+    if (ours.fd != watches->epoll_.get() || !watches->canWaitAlone(wakeUp))
+        return g_poll(descriptors, count, timeout);
+
+    ours.revents = 0;
+    wakeUp.revents = 0;
+    const int ready =
+        epoll_wait(ours.fd, watches->events_.data(), kEventsPerTurn, timeout < 0 ? -1 : timeout);
+    if (ready <= 0) return ready;
+    const auto end = watches->events_.begin() + ready;
+    const auto kept = std::remove_if(watches->events_.begin(), end, [](const epoll_event& event) {
+        return event.data.u64 == kWakeUp;
+    });
+    if (kept != end) wakeUp.revents = G_IO_IN;
+    watches->eventCount_ = static_cast<int>(kept - watches->events_.begin());
+    watches->hasEvents_ = true;
+    if (watches->eventCount_ > 0) ours.revents = G_IO_IN;
+    return (wakeUp.revents != 0) + (ours.revents != 0);
+}
+
+// Whether the other descriptor of the context is the one by which GLib wakes it, and epoll has that.
+// GLib makes it with the context and keeps it to the end.
+bool LoopWatches::canWaitAlone(const GPollFD& wakeUp) {
+    if (!epoll_.isOfThisProcess()) return false;
+    if (wakeUp_ != -1) return wakeUp.fd == wakeUp_;
+    if (wakeUp.events != G_IO_IN) return false;
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = kWakeUp;
+    if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wakeUp.fd, &event) != 0) return false;
+    wakeUp_ = wakeUp.fd;
+    return true;
+}
+
 gboolean LoopWatches::dispatchSource(GSource* source, GSourceFunc, gpointer) {
     reinterpret_cast<Source*>(source)->watches->dispatch();
     return G_SOURCE_CONTINUE;
 }
 
 void LoopWatches::dispatch() {
-    std::array<epoll_event, kEventsPerDispatch> events;
-    const int count = epoll_wait(epoll_.get(), events.data(), kEventsPerDispatch, 0);
+    // A copy: a watcher that runs the loop has the events of its own turns put into events_.
+    std::array<epoll_event, kEventsPerTurn> events;
+    int count = 0;
+    if (std::exchange(hasEvents_, false)) {
+        count = eventCount_;
+        std::copy_n(events_.begin(), count, events.begin());
+    } else {
+        count = epoll_wait(epoll_.get(), events.data(), kEventsPerTurn, 0);
+    }
     for (int i = 0; i < count; ++i) {
         const epoll_event& event = events[static_cast<std::size_t>(i)];
         // Looked up only now: an earlier watcher of this batch may have removed it.

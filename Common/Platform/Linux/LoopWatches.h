@@ -1,10 +1,12 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <vector>
 
 #include <glib.h>
+#include <sys/epoll.h>
 
 #include "Common/Foundation/Result.h"
 #include "Common/Platform/Linux/ForkGuardedFd.h"
@@ -56,15 +58,25 @@ private:
         std::uint32_t generation = 1;
     };
 
+    static constexpr int kEventsPerTurn = 64;
+
     Result<void> open();
     Slot* find(Id id);
     void dispatch();
+    static gboolean prepareSource(GSource* source, gint* timeout);
     static gboolean dispatchSource(GSource* source, GSourceFunc callback, gpointer data);
     static GSourceFuncs sourceFunctions_;
+    static gint pollContext(GPollFD* descriptors, guint count, gint timeout);
+    bool canWaitAlone(const GPollFD& wakeUp);
 
     GMainContext* context_;
     GSource* source_ = nullptr;
     ForkGuardedFd epoll_;
+    int wakeUp_ = -1;  // the descriptor by which GLib wakes the context, once epoll has it as well
+    // What this turn's wait answered, until it is dispatched; nothing when GLib did the waiting.
+    std::array<epoll_event, kEventsPerTurn> events_;
+    int eventCount_ = 0;
+    bool hasEvents_ = false;
     std::vector<Slot> slots_;
     std::vector<std::uint32_t> freeSlots_;
 };

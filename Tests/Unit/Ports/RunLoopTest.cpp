@@ -8,8 +8,11 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
+#include <glib-unix.h>
 #include <glib.h>
 #include <nlohmann/json.hpp>
+#include <unistd.h>
 
 #include "Common/Platform/Linux/TimerPhase.h"
 #include "Common/Platform/RunLoop.h"
@@ -170,6 +173,105 @@ TEST(RunLoop, EndsWithItsTime) {
     loop.runFor(30ms);
     EXPECT_GE(Clock::now() - before, 30ms);
     EXPECT_FALSE(loop.runUntil([] { return false; }, 5ms));
+}
+
+// What a host has in the loop besides ours: a descriptor in a source of its own.
+class HostSource final {
+public:
+    explicit HostSource(GMainContext* context) {
+        EXPECT_EQ(pipe2(ends_.data(), O_CLOEXEC | O_NONBLOCK), 0);
+        source_ = g_unix_fd_source_new(ends_[0], G_IO_IN);
+        g_source_set_callback(source_,
+                              reinterpret_cast<GSourceFunc>(reinterpret_cast<void (*)()>(&take)),
+                              this, nullptr);
+        g_source_attach(source_, context);
+    }
+    ~HostSource() {
+        g_source_destroy(source_);
+        g_source_unref(source_);
+        for (const int end : ends_) close(end);
+    }
+    HostSource(const HostSource&) = delete;
+    HostSource& operator=(const HostSource&) = delete;
+
+    void write() { EXPECT_EQ(::write(ends_[1], "x", 1), 1); }
+    int taken = 0;
+
+private:
+    static gboolean take(gint descriptor, GIOCondition, gpointer data) {
+        char byte = 0;
+        if (read(descriptor, &byte, 1) == 1) ++static_cast<HostSource*>(data)->taken;
+        return G_SOURCE_CONTINUE;
+    }
+    std::array<int, 2> ends_{};
+    GSource* source_ = nullptr;
+};
+
+int ticksWithin(RunLoop& loop, int wanted) {
+    int ticks = 0;
+    const Handle timer = Timer::scheduledTimer(1ms, true, [&] { ++ticks; });
+    loop.runUntil([&] { return ticks >= wanted; }, kLong);
+    return ticks;
+}
+
+TEST(RunLoop, ServesAHostsDescriptorsAlongWithItsOwn) {
+    RunLoop& loop = RunLoop::currentRunLoop();
+    EXPECT_GE(ticksWithin(loop, 3), 3);
+    {
+        HostSource host(g_main_context_default());
+        host.write();
+        EXPECT_TRUE(loop.runUntil([&] { return host.taken == 1; }, kLong));
+        EXPECT_GE(ticksWithin(loop, 3), 3);
+        std::thread other([&] {
+            host.write();
+            loop.perform([&] { host.write(); });
+        });
+        EXPECT_TRUE(loop.runUntil([&] { return host.taken == 3; }, kLong));
+        other.join();
+    }
+    EXPECT_GE(ticksWithin(loop, 3), 3);
+}
+
+TEST(RunLoop, IsWokenWhileItWaits) {
+    RunLoop& loop = RunLoop::currentRunLoop();
+    EXPECT_GE(ticksWithin(loop, 1), 1);  // from here on there is something to watch
+    for (int round = 0; round < 200; ++round) {
+        bool isDone = false;
+        std::thread other([&] { loop.perform([&] { isDone = true; }); });
+        EXPECT_TRUE(loop.runUntil([&] { return isDone; }, kLong));
+        other.join();
+    }
+}
+
+int hostPolls = 0;
+
+gint hostPoll(GPollFD* descriptors, guint count, gint timeout) {
+    ++hostPolls;
+    return g_poll(descriptors, count, timeout);
+}
+
+TEST(RunLoop, LeavesTheWaitingToAHostThatHasAWayOfItsOwn) {
+    RunLoop& loop = RunLoop::currentRunLoop();
+    EXPECT_GE(ticksWithin(loop, 1), 1);
+    GMainContext* const context = g_main_context_default();
+    const GPollFunc before = g_main_context_get_poll_func(context);
+    g_main_context_set_poll_func(context, &hostPoll);
+    hostPolls = 0;
+    EXPECT_GE(ticksWithin(loop, 3), 3);
+    EXPECT_GT(hostPolls, 0);
+    g_main_context_set_poll_func(context, before);
+}
+
+TEST(RunLoop, GivesAThreadsContextBackAsItWas) {
+    GMainContext* const context = g_main_context_new();
+    std::thread([context] {
+        g_main_context_push_thread_default(context);
+        EXPECT_GE(ticksWithin(RunLoop::currentRunLoop(), 1), 1);
+        EXPECT_NE(g_main_context_get_poll_func(context), &g_poll);
+        g_main_context_pop_thread_default(context);
+    }).join();
+    EXPECT_EQ(g_main_context_get_poll_func(context), &g_poll);
+    g_main_context_unref(context);
 }
 
 TEST(MainQueue, RunsOnTheMainThread) {
