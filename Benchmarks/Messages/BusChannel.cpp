@@ -54,8 +54,9 @@ public:
         while (goesOn_) {
             const int result = sd_bus_process(bus_.get(), nullptr);
             checkBus(result, "sd_bus_process");
-            if (result == 0) checkBus(sd_bus_wait(bus_.get(), 50'000), "sd_bus_wait");
-            if (result == 0 || nanoseconds() - asked > 50'000'000) {
+            if (result == 0)
+                checkBus(sd_bus_wait(bus_.get(), done ? 50'000 : UINT64_MAX), "sd_bus_wait");
+            if (done && (result == 0 || nanoseconds() - asked > 50'000'000)) {
                 asked = nanoseconds();
                 if (done()) return;
             }

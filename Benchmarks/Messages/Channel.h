@@ -23,7 +23,7 @@ class MessageReceiver {
 public:
     virtual ~MessageReceiver() = default;
     // Serves until `take` answers false for a message, or `done` answers true, which is asked every
-    // 50 ms or so.
+    // 50 ms or so. Without `done` nothing but messages ends the wait, as in an application that runs.
     virtual void run(const std::function<bool(Bytes)>& take, const std::function<bool()>& done) = 0;
 };
 
@@ -41,8 +41,8 @@ public:
 std::unique_ptr<MessageChannel> makePortChannel();  // the framework's ports
 std::unique_ptr<MessageChannel>
 makeSocketChannel();  // pairs of SOCK_SEQPACKET sockets, names "ping" and "pong" only
-// The same pairs, with the message in a sealed memory file that the receiver maps: what ports do
-// with large messages, bare.
+// The same pairs, with the message in a new sealed memory file that the receiver maps: what a port
+// would do that does not use its memory again.
 std::unique_ptr<MessageChannel> makeMemoryChannel();
 std::unique_ptr<MessageChannel>
 makeBrokerChannel();  // method calls without reply through dbus-broker

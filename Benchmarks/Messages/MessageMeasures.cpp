@@ -37,8 +37,6 @@ private:
     std::vector<std::uint8_t> bytes_;
 };
 
-bool never() { return false; }
-
 }  // namespace
 
 Figures measureLatency(MessageChannel& channel, std::size_t size, const Settings& settings) {
@@ -57,7 +55,7 @@ Figures measureLatency(MessageChannel& channel, std::size_t size, const Settings
                 sender->send(payload.numbered(number));
                 return number != kEnd;
             },
-            never);
+            {});
     });
     const auto receiver = channel.receiver("pong");
     ++*listening;
@@ -85,7 +83,7 @@ Figures measureLatency(MessageChannel& channel, std::size_t size, const Settings
             sender->send(payload.numbered(sent > end ? kEnd : number));
             return true;
         },
-        never);
+        {});
     waitFor(echo);
     return {{"p50_us", percentile(microseconds, 50)}, {"p99_us", percentile(microseconds, 99)}};
 }

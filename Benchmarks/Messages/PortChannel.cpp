@@ -30,7 +30,9 @@ public:
     void run(const std::function<bool(Bytes)>& take, const std::function<bool()>& done) override {
         take_ = &take;
         goesOn_ = true;
-        while (goesOn_ && !done()) RunLoop::currentRunLoop().runFor(50ms);
+        RunLoop& loop = RunLoop::currentRunLoop();
+        if (!done) loop.run();
+        while (goesOn_ && !done()) loop.runFor(50ms);
     }
 
     void handlePortMessage(const PortMessage& message) override {
