@@ -8,7 +8,6 @@
 
 #include "Common/Logging/CallbackGuard.h"
 #include "Common/Platform/Linux/PortConnection.h"
-#include "Common/Platform/Linux/PortMemory.h"
 #include "Common/Platform/Linux/PortMessageAccess.h"
 #include "Common/Platform/Linux/PortReceiver.h"
 
@@ -16,7 +15,7 @@
 //
 // Nothing that a peer sends is believed: the kernel is given room for exactly one descriptor,
 // everything that came with the packet is owned before anything is judged, the packet is decoded by
-// a pure function, and a memory file is looked at before it is mapped. Whatever is wrong costs the
+// a pure function, and a memory file is looked at before it is read. Whatever is wrong costs the
 // peer this connection and nobody else anything.
 //
 // The last messages of a sender that has ended lie in the socket ahead of the end of the stream, so
@@ -150,13 +149,13 @@ PortReceiver::Step PortReceiver::handlePacket(PortConnection& connection,
         deliver(view, view.inlineBytes, delivery);
         return Step::Delivered;
     }
-    const auto opened = PortMemory::open(descriptor, view.payloadSize);
-    if (const PortRefusal* refusal = std::get_if<PortRefusal>(&opened))
+    if (const auto refusal = delivery.memory.read(descriptor, view.payloadSize))
         return refuse(connection, *refusal);
-    // Before the handler runs: the mapping needs the descriptor no longer, and the handler may need
-    // the number.
+    // Before the handler runs: from here on the sender may write into the file again, and the
+    // handler may need the descriptor's number.
     descriptor.reset();
-    deliver(view, std::get_if<PortMemory>(&opened)->bytes(), delivery);
+    deliver(view, delivery.memory.bytes(), delivery);
+    delivery.memory.release();
     return Step::Delivered;
 }
 

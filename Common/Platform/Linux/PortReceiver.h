@@ -10,6 +10,7 @@
 
 #include "Common/Foundation/Handle.h"
 #include "Common/Platform/Linux/LoopWatches.h"
+#include "Common/Platform/Linux/PortMemory.h"
 #include "Common/Platform/Linux/PortPacket.h"
 #include "Common/Platform/Linux/PortRegistration.h"
 #include "Common/Platform/Port.h"
@@ -62,6 +63,7 @@ private:
     // components of the message that it handles lie in the first.
     struct Delivery {
         std::unique_ptr<std::uint8_t[]> buffer;
+        PortMemoryBuffer memory;
         PortMessage message{0, {}};
     };
     struct RefusalRecord {

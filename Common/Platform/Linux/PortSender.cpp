@@ -16,7 +16,6 @@
 
 #include "Common/Logging/Log.h"
 #include "Common/Platform/Linux/PortFolder.h"
-#include "Common/Platform/Linux/PortMemory.h"
 #include "Common/Platform/Linux/RunLoopImplementation.h"
 
 // A message that finds room is one system call. Only when the kernel says that there is none does
@@ -37,6 +36,7 @@ using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
 
+constexpr std::chrono::seconds kKeepMemory(2);
 constexpr nanoseconds kLongestWait = std::chrono::hours(24 * 365);
 
 nanoseconds timeLeft(steady_clock::time_point deadline) {
@@ -225,16 +225,31 @@ PortSender::Outcome PortSender::send(std::uint32_t msgid,
         return sendPacket(packet, deadline);
     }
     packet.msg_iovlen = gather.count;
-    const auto memory = makePortMemory(components);
+    const auto memory = memory_.write(components);
     if (!memory) {
         // The exception that the caller gets has one fixed reason; the cause is said here.
         KULogVariadic("Port %@: a message of %lu bytes cannot be sent: %@", name_, size,
                       memory.error());
         return Outcome::TimedOut;
     }
+    lastLargeMessage_ = steady_clock::now();
+    forgetMemoryLater();
     DescriptorControl control;
     control.attach(packet, memory->get());
     return sendPacket(packet, deadline);
+}
+
+// A tool that changes its icon once must not keep a mebibyte for it until it ends.
+void PortSender::forgetMemoryLater() {
+    if (memoryTimer_ || !memory_.keepsFile() || !belongsToCurrentThread()) return;
+    memoryTimer_ = Timer::scheduledTimer(kKeepMemory, false, [this] {
+        memoryTimer_.reset();
+        if (steady_clock::now() - lastLargeMessage_ < kKeepMemory) {
+            forgetMemoryLater();
+        } else {
+            memory_.forget();
+        }
+    });
 }
 
 PortSender::Outcome PortSender::sendPacket(const msghdr& packet, Deadline deadline) {
@@ -261,6 +276,8 @@ PortSender::Outcome PortSender::sendPacket(const msghdr& packet, Deadline deadli
 void PortSender::close() {
     if (const auto watches = watches_.lock(); watches && watch_ != 0) watches->remove(watch_);
     watch_ = 0;
+    memoryTimer_.reset();
+    memory_.forget();
     socket_.reset();
     place_.reset();
 }

@@ -6,9 +6,11 @@
 #include <string>
 #include <string_view>
 
+#include "Common/Foundation/Handle.h"
 #include "Common/Foundation/Result.h"
 #include "Common/Platform/Linux/ForkGuardedFd.h"
 #include "Common/Platform/Linux/LoopWatches.h"
+#include "Common/Platform/Linux/PortMemory.h"
 #include "Common/Platform/Linux/PortPacket.h"
 #include "Common/Platform/Port.h"
 #include "Common/Platform/RunLoop.h"
@@ -58,6 +60,7 @@ private:
     Outcome connectBefore(Deadline deadline);
     Result<void> finishConnecting();
     Outcome sendPacket(const msghdr& packet, Deadline deadline);
+    void forgetMemoryLater();
 
     std::string name_;
     RunLoop& loop_;
@@ -65,6 +68,9 @@ private:
     LoopWatches::Id watch_ = 0;
     std::weak_ptr<Port> port_;
     ForkGuardedFd socket_;
+    PortMemoryWriter memory_;
+    std::chrono::steady_clock::time_point lastLargeMessage_{};
+    Handle memoryTimer_;
     UniqueFd place_;  // the receiver's socket file, while the connection is not made
 };
 

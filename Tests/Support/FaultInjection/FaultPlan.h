@@ -10,7 +10,7 @@ enum UtiliaFaultCall {
     kUtiliaFaultAnySystemCall,  // every one of the following but the memory functions
     kUtiliaFaultOpen,           // open, openat
     kUtiliaFaultRead,           // read, pread
-    kUtiliaFaultWrite,          // write, pwrite, writev
+    kUtiliaFaultWrite,          // write, pwrite, writev, pwritev
     kUtiliaFaultSync,           // fsync, fdatasync
     kUtiliaFaultRename,         // rename, renameat, renameat2
     kUtiliaFaultUnlink,         // unlink, unlinkat

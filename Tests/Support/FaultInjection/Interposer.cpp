@@ -1,3 +1,5 @@
+// Long file: one function for each call that can fail, all of the same shape.
+//
 // A shared library that stands before libc and fails calls on demand (FaultPlan.h).
 //
 // Every function here looks whether a plan matches, and otherwise makes the next definition's call:
@@ -255,6 +257,16 @@ ssize_t writev(int file, const iovec* pieces, int count) {
         if (part == first) return UTILIA_NEXT(writev)(file, pieces, count);
         const iovec half{pieces[0].iov_base, part};
         return UTILIA_NEXT(writev)(file, &half, 1);
+    });
+}
+
+ssize_t pwritev(int file, const iovec* pieces, int count, off_t at) {
+    // A short one writes half of the first piece.
+    const size_t first = count > 0 ? pieces[0].iov_len : 0;
+    return transfer(kUtiliaFaultWrite, first, [&](size_t part) {
+        if (part == first) return UTILIA_NEXT(pwritev)(file, pieces, count, at);
+        const iovec half{pieces[0].iov_base, part};
+        return UTILIA_NEXT(pwritev)(file, &half, 1, at);
     });
 }
 

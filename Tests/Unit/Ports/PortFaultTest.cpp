@@ -172,17 +172,32 @@ TEST_F(PortFaults, DescriptorsInFlightMakeASenderWaitUntilItsDeadline) {
     EXPECT_TRUE(sender->isValid());
 }
 
-TEST_F(PortFaults, AMemoryFileThatCannotBeSealedAtOnceIsMadeAnew) {
+TEST_F(PortFaults, AMemoryFileThatCannotBeUsedAgainServesOneMessage) {
     PortUnderTest port("a");
     const auto sender = names().portForName("a");
-    const PortMessage message(sender, {bytesOf(large)});
-    for (unsigned attempt = 1; attempt <= 4; ++attempt) {
-        const ArmedFault busy({.call = kUtiliaFaultFcntl, .error = EBUSY}, attempt);
-        message.sendBeforeDate(Clock::now() + 10s);
+    const ArmedFault none({.call = kUtiliaFaultOpen, .error = EMFILE}, 1, FaultRepetition::ForEver);
+    for (std::size_t sent = 1; sent <= 3; ++sent) {
+        PortMessage(sender, {bytesOf(large)}).sendBeforeDate(Clock::now() + 10s);
+        ASSERT_TRUE(runUntil([&] { return port.messages().size() == sent; }));
+        EXPECT_TRUE(port.messages().back().components[0] == large);
     }
-    EXPECT_TRUE(runUntil([&] { return port.messages().size() == 4; }));
-    for (const auto& received : port.messages()) EXPECT_TRUE(received.components[0] == large);
     EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(PortFaults, AMessageThatCannotBeWrittenIsToldAndTheNextOneArrives) {
+    PortUnderTest port("a");
+    const auto sender = names().portForName("a");
+    {
+        const ArmedFault refused({.call = kUtiliaFaultFcntl, .error = EPERM}, 1);
+        EXPECT_THROW(PortMessage(sender, {bytesOf(large)}).sendBeforeDate(Clock::now() + 1h),
+                     PortException);
+    }
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{"Port a: a message of 100000 bytes cannot be sent: "
+                                        "F_ADD_SEALS utilia message: Operation not permitted"}));
+    PortMessage(sender, {bytesOf(large)}).sendBeforeDate(Clock::now() + 10s);
+    ASSERT_TRUE(runUntil([&] { return port.messages().size() == 1; }));
+    EXPECT_TRUE(port.messages()[0].components[0] == large);
 }
 
 TEST_F(PortFaults, AMessageForWhichThereIsNoMemoryFileIsToldAtOnce) {

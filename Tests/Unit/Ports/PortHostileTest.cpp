@@ -1,3 +1,5 @@
+// Long file: the table of what peers may do wrong belongs together.
+
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -88,9 +90,9 @@ UniqueFd memoryFile(std::size_t written, std::size_t size, int seals) {
     return file;
 }
 
-constexpr int kSizeSeals = F_SEAL_SHRINK | F_SEAL_GROW;
-constexpr int kSeals = kSizeSeals | F_SEAL_WRITE;
+constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW;
 constexpr std::uint32_t kPayload = 100'000;
+constexpr std::size_t kFileSize = 131'072;  // of a message of kPayload bytes
 constexpr const char* kSilence = "no hello at all";
 
 // Announces a memory file of kPayload bytes and sends this one.
@@ -156,7 +158,7 @@ std::map<std::string, HostileDeed> descriptorDeeds() {
     };
     const auto several = [](std::size_t count) {
         return [count](int s) {
-            const UniqueFd memory = memoryFile(kPayload, kPayload, kSeals);
+            const UniqueFd memory = memoryFile(kPayload, kFileSize, kSeals);
             sendRaw(s, hello());
             sendRaw(s, packetHead(PortPacketKind::Memory, {kPayload}),
                     std::vector<int>(count, memory.get()));
@@ -179,23 +181,25 @@ std::map<std::string, HostileDeed> descriptorDeeds() {
           PortRefusal::UnexpectedDescriptor}},
         {"a descriptor with the hello",
          {[](int s) { sendRaw(s, hello(), {0}); }, PortRefusal::UnexpectedDescriptor}},
-        {"an unsealed file", {file(kPayload, kPayload, 0), PortRefusal::NotSealedMemory}},
+        {"an unsealed file", {file(kPayload, kFileSize, 0), PortRefusal::NotSealedMemory}},
         {"a file that can shrink",
-         {file(kPayload, kPayload, F_SEAL_GROW | F_SEAL_WRITE), PortRefusal::NotSealedMemory}},
+         {file(kPayload, kFileSize, F_SEAL_GROW | F_SEAL_WRITE), PortRefusal::NotSealedMemory}},
         {"a file that shrank",
          {[](int s) {
-              const UniqueFd shrunk = memoryFile(kPayload, kPayload, F_SEAL_GROW);
+              const UniqueFd shrunk = memoryFile(kPayload, kFileSize, F_SEAL_GROW);
               if (ftruncate(shrunk.get(), 10) != 0) std::perror("ftruncate");
               sendAsMemory(s, shrunk.get());
           },
           PortRefusal::NotSealedMemory}},
         {"a terabyte of nothing",
          {file(0, std::size_t{1} << 40, kSeals), PortRefusal::WrongMemorySize}},
-        {"a file of holes", {file(0, kPayload, kSeals), PortRefusal::WrongMemorySize}},
+        {"a file of holes", {file(0, kFileSize, kSeals), PortRefusal::WrongMemorySize}},
+        {"a file of its payload's size",
+         {file(kPayload, kPayload, kSeals), PortRefusal::WrongMemorySize}},
         {"a file that is too small",
-         {file(kPayload - 1, kPayload - 1, kSeals), PortRefusal::WrongMemorySize}},
+         {file(kFileSize - 1, kFileSize - 1, kSeals), PortRefusal::WrongMemorySize}},
         {"a file that is too large",
-         {file(kPayload + 1, kPayload + 1, kSeals), PortRefusal::WrongMemorySize}},
+         {file(kPayload, kFileSize + 1, kSeals), PortRefusal::WrongMemorySize}},
         {"a pipe",
          {[](int s) {
               int ends[2];
@@ -364,11 +368,18 @@ INSTANTIATE_TEST_SUITE_P(Each, HostileDeeds, testing::ValuesIn([] {
                              return name;
                          });
 
-TEST_F(HostilePeers, AreNoneIfTheirKernelCouldNotSealAgainstWriting) {
+TEST_F(HostilePeers, CannotChangeWhatAHandlerLooksAt) {
     const UniqueFd socket = connectRaw("a");
-    sendAsMemory(socket.get(), memoryFile(kPayload, kPayload, kSizeSeals).get());
+    const UniqueFd file = memoryFile(kPayload, kFileSize, kSeals);
+    sendAsMemory(socket.get(), file.get());
     ASSERT_TRUE(runUntil([&] { return receiver->messages().size() == 1; }));
-    EXPECT_EQ(receiver->messages()[0].components, (std::vector{std::string(kPayload, '\x77')}));
+    receiver->delegate.beforeRecording = [&] {
+        const Bytes other(kPayload, 0x11);
+        ASSERT_EQ(pwrite(file.get(), other.data(), other.size(), 0), ssize_t{kPayload});
+    };
+    sendRaw(socket.get(), packetHead(PortPacketKind::Memory, {kPayload}), {file.get()});
+    ASSERT_TRUE(runUntil([&] { return receiver->messages().size() == 2; }));
+    EXPECT_EQ(receiver->messages()[1].components, (std::vector{std::string(kPayload, '\x77')}));
 }
 
 TEST_F(HostilePeers, ThatSendAnEmptyPacketHaveEndedTheirConnection) {

@@ -26,6 +26,7 @@ PortMessage::Component bytesOf(std::string_view text) {
 }
 
 void RecordingDelegate::handlePortMessage(const PortMessage& message) {
+    if (beforeRecording) beforeRecording();
     ++count;
     if (message.componentCount() > 0) ++withComponents;
     if (!keepsMessages) return;

@@ -30,6 +30,7 @@ platform::PortMessage::Component bytesOf(std::string_view text);
 class RecordingDelegate final : public platform::PortDelegate {
 public:
     void handlePortMessage(const platform::PortMessage& message) override;
+    std::function<void()> beforeRecording;  // none by default
     bool keepsMessages = true;
     std::vector<Received> messages;
     std::size_t count = 0;
