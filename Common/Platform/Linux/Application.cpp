@@ -163,7 +163,8 @@ int Application::run() {
     // A stop ends the innermost run only; asking for the state as well ends this one after a nested
     // one.
     while (!isTerminating()) {
-        RunLoop::mainRunLoop().runUntil([this] { return isTerminating(); }, std::chrono::hours(24 * 365));
+        RunLoop::mainRunLoop().runUntil([this] { return isTerminating(); },
+                                        std::chrono::hours(24 * 365));
     }
     if (implementation_->exit) implementation_->exit();
     return EXIT_SUCCESS;
