@@ -1,0 +1,123 @@
+#include "Applications/AlertHelper/DesktopColors.h"
+
+#include <atomic>
+#include <memory>
+#include <system_error>
+#include <thread>
+
+#include <QApplication>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QSemaphore>
+
+// A bus that does not answer must not keep the question from the user, and the bus library waits for it in many places:
+// so a thread of its own talks to the portal, and the window waits for that thread for a fifth of a second. The thread
+// is never joined; the process ends with the answer to the question.
+
+namespace utilia::alert {
+namespace {
+
+constexpr int kPatience = 200;        // milliseconds, before the window is shown anyway
+constexpr int kCallTimeout = 10'000;  // milliseconds; starting a portal may take a while
+
+constexpr uint kNoPreference = 0;
+constexpr uint kPrefersDark = 1;
+
+QString service() { return QStringLiteral("org.freedesktop.portal.Desktop"); }
+QString path() { return QStringLiteral("/org/freedesktop/portal/desktop"); }
+QString interface() { return QStringLiteral("org.freedesktop.portal.Settings"); }
+QString group() { return QStringLiteral("org.freedesktop.appearance"); }
+QString key() { return QStringLiteral("color-scheme"); }
+
+// Anything that is no number is no preference.
+uint schemeOf(QVariant value) {
+    // "Read" wraps its answer twice.
+    while (value.canConvert<QDBusVariant>()) value = value.value<QDBusVariant>().variant();
+    bool isNumber = false;
+    const uint scheme = value.toUInt(&isNumber);
+    return isNumber ? scheme : kNoPreference;
+}
+
+uint askPortal(const QDBusConnection& bus) {
+    // The first is the newer form.
+    for (const QString& method : {QStringLiteral("ReadOne"), QStringLiteral("Read")}) {
+        QDBusMessage call = QDBusMessage::createMethodCall(service(), path(), interface(), method);
+        call << group() << key();
+        const QDBusMessage reply = bus.call(call, QDBus::Block, kCallTimeout);
+        if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
+            return schemeOf(reply.arguments().constFirst());
+        }
+    }
+    return kNoPreference;
+}
+
+bool isDark(const QPalette& palette) {
+    return palette.color(QPalette::Window).lightness() <
+           palette.color(QPalette::WindowText).lightness();
+}
+
+QPalette darkPalette() {
+    const QColor window(0x2a, 0x2b, 0x2e);
+    const QColor text(0xf0, 0xf0, 0xf0);
+    const QColor faint(0x8c, 0x8e, 0x92);
+    const QColor accent(0x3d, 0x84, 0xe6);
+    QPalette palette(QColor(0x3c, 0x3e, 0x43), window);
+    palette.setColor(QPalette::Base, QColor(0x20, 0x21, 0x23));
+    palette.setColor(QPalette::AlternateBase, window);
+    for (const auto role :
+         {QPalette::WindowText, QPalette::Text, QPalette::ButtonText, QPalette::ToolTipText}) {
+        palette.setColor(role, text);
+        palette.setColor(QPalette::Disabled, role, faint);
+    }
+    palette.setColor(QPalette::ToolTipBase, QColor(0x3c, 0x3e, 0x43));
+    palette.setColor(QPalette::PlaceholderText, faint);
+    palette.setColor(QPalette::Highlight, accent);
+    palette.setColor(QPalette::HighlightedText, Qt::white);
+    palette.setColor(QPalette::Link, QColor(0x7a, 0xb4, 0xff));
+    return palette;
+}
+
+}  // namespace
+
+DesktopColors::DesktopColors() : original_(QApplication::palette()) {}
+
+void DesktopColors::follow() {
+    const QString address = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS");
+    struct First {
+        QSemaphore isThere;
+        std::atomic<uint> scheme{kNoPreference};
+    };
+    const auto first = std::make_shared<First>();
+    const auto talk = [this, address, first] {
+        QDBusConnection bus =
+            QDBusConnection::connectToBus(address, QStringLiteral("utilia-alert"));
+        if (bus.isConnected()) {
+            // Before the question, so that no change comes in between.
+            bus.connect(service(), path(), interface(), QStringLiteral("SettingChanged"), this,
+                        SLOT(settingChanged(QString, QString, QDBusVariant)));
+            first->scheme = askPortal(bus);
+        }
+        first->isThere.release();
+        QMetaObject::invokeMethod(
+            this, [this, first] { apply(first->scheme); }, Qt::QueuedConnection);
+    };
+    try {
+        std::thread(talk).detach();
+    } catch (const std::system_error&) {
+        return;  // the colours stay as they are
+    }
+    if (first->isThere.tryAcquire(1, kPatience)) apply(first->scheme);
+}
+
+void DesktopColors::settingChanged(const QString& changedGroup, const QString& changedKey,
+                                   const QDBusVariant& value) {
+    if (changedGroup == group() && changedKey == key()) apply(schemeOf(value.variant()));
+}
+
+void DesktopColors::apply(uint scheme) {
+    // A desktop theme that is dark already knows its colours better.
+    const bool wantsDark = scheme == kPrefersDark && !isDark(original_);
+    QApplication::setPalette(wantsDark ? darkPalette() : original_);
+}
+
+}  // namespace utilia::alert

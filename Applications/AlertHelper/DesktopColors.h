@@ -1,0 +1,31 @@
+#pragma once
+
+#include <QDBusVariant>
+#include <QObject>
+#include <QPalette>
+#include <QString>
+
+namespace utilia::alert {
+
+// Dark colours for who prefers them: the toolkit's palette follows the desktop portal's colour scheme, also when it
+// changes while the window is open. Without a portal, and for who has no preference, colours stay as they are.
+//
+// Threads: the main thread.
+class DesktopColors final : public QObject {
+    Q_OBJECT
+public:
+    DesktopColors();
+
+    // Asks the portal, and waits for a moment for its answer, so that the window appears in the right colours. A later
+    // answer is taken when it comes.
+    void follow();
+
+private Q_SLOTS:
+    void settingChanged(const QString& group, const QString& key, const QDBusVariant& value);
+
+private:
+    void apply(uint scheme);
+    QPalette original_;
+};
+
+}  // namespace utilia::alert
