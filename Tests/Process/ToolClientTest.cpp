@@ -97,6 +97,39 @@ TEST_F(ToolClient, ConnectsWithItsFirstSend) {
     EXPECT_EQ(agent.take(1), Messages{status(0)});
 }
 
+TEST_F(ToolClient, SendsTheIdentityThatItIsGiven) {
+    RecordingPort agent(kAgentPort);
+    ScriptedChild tool = startTool();
+    tool.ask("set-tool-id", {"/other/Tool.app"});
+    EXPECT_EQ(tool.ask("tool-id"), "/other/Tool.app");
+    tool.ask("send-status");
+    EXPECT_EQ(agent.take(1), (Messages{{100, {"/other/Tool.app", statusBytes(0)}}}));
+}
+
+TEST_F(ToolClient, OnlyKeepsThePortsAndNamesThatItIsGiven) {
+    RecordingPort agent(kAgentPort);
+    RecordingPort other("com.example.other");
+    ScriptedChild tool = startTool();
+    tool.ask("set-agent-port", {"com.example.other"});
+    EXPECT_EQ(tool.ask("is-connected"), "no");
+    tool.ask("set-is-connected", {"yes"});
+    EXPECT_EQ(tool.ask("is-connected"), "yes");
+    tool.ask("send-status");
+    EXPECT_EQ(other.take(1), Messages{status(0)});
+    tool.ask("set-agent-port");
+    tool.ask("send-status");
+    EXPECT_EQ(agent.take(1), Messages{status(0)});
+
+    tool.ask("set-port-name", {"com.example.name"});
+    EXPECT_EQ(tool.ask("port-name"), "com.example.name");
+    EXPECT_FALSE(RecordingPort::send("com.example.name", 100, {}));
+    tool.ask("set-service-port", {"new"});
+    EXPECT_FALSE(RecordingPort::send(toolPortOf(bundle_), 100, {})) << "its port is gone";
+    tool.ask("set-service-port");
+    tool.ask("end-client");
+    EXPECT_EQ(tool.log(), std::vector<std::string>{});
+}
+
 TEST_F(ToolClient, SendersProduceTheAgreedBytes) {
     RecordingPort agent(kAgentPort);
     ScriptedChild tool = startTool();

@@ -114,6 +114,19 @@ private:
             return std::string(client_->toolId().begin(), client_->toolId().end());
         });
         script_.on("port-name", [this](const Arguments&) { return client_->portName(); });
+        on("set-tool-id", [this](const Arguments& a) {
+            client_->setToolId(Data(a.at(0).begin(), a.at(0).end()));
+        });
+        on("set-port-name", [this](const Arguments& a) { client_->setPortName(a.at(0)); });
+        on("set-service-port", [this](const Arguments& a) {
+            client_->setServicePort(a.empty() ? nullptr : platform::Port::port());
+        });
+        on("set-agent-port", [this](const Arguments& a) {
+            auto& names = platform::PortNameServer::systemDefaultPortNameServer();
+            client_->setAgentPort(a.empty() ? nullptr : names.portForName(a[0]));
+        });
+        on("set-is-connected",
+           [this](const Arguments& a) { client_->setIsAgentConnected(a.at(0) == "yes"); });
         script_.on("hash-from-other-bundle", [](const Arguments& a) {
             const auto bundle = platform::Bundle::bundleWithPath(a.at(0));
             return std::to_string(ToolDataClientProvider::portNameHashFromBundle(bundle.get()));

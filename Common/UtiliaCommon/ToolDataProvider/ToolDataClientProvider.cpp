@@ -67,9 +67,21 @@ ToolDataClientProvider::ToolDataClientProvider() {
 
 ToolDataClientProvider::~ToolDataClientProvider() {
     unsubscribeFromAgentPort();
+    if (!servicePort_) return;
     servicePort_->invalidate();
     servicePort_->removeFromRunLoop();
     servicePort_->setDelegate(nullptr);
+}
+
+void ToolDataClientProvider::setServicePort(std::shared_ptr<Port> servicePort) {
+    // Whoever else holds the old one must not reach this object after its end.
+    if (servicePort_ && servicePort_ != servicePort) servicePort_->setDelegate(nullptr);
+    servicePort_ = std::move(servicePort);
+}
+
+void ToolDataClientProvider::setAgentPort(std::shared_ptr<Port> agentPort) {
+    agentPortInvalid_.reset();
+    agentPort_ = std::move(agentPort);
 }
 
 std::uint64_t ToolDataClientProvider::portNameHashFromBundle(const Bundle* bundle) {

@@ -54,6 +54,15 @@ public:
     ToolPersistentDataLazyWriter& persist() { return *persist_; }
     bool isAgentConnected() const { return isAgentConnected_; }
 
+    // Each only stores: nothing is registered, looked up, sent or given up. The identity goes into
+    // the messages that follow. An agent's port that is set here is not watched, so only the sends
+    // tell that it has ended. An own port that is replaced delivers nothing here any more.
+    void setToolId(Data toolId) { toolId_ = std::move(toolId); }
+    void setPortName(std::string portName) { portName_ = std::move(portName); }
+    void setServicePort(std::shared_ptr<platform::Port> servicePort);
+    void setAgentPort(std::shared_ptr<platform::Port> agentPort);
+    void setIsAgentConnected(bool isAgentConnected) { isAgentConnected_ = isAgentConnected; }
+
     // What the agent asked for; nothing at first. Setting one here sends nothing.
     bool toolIconNeeded() const { return toolIconNeeded_; }
     bool menuIconNeeded() const { return menuIconNeeded_; }  // the menu text too
