@@ -42,6 +42,8 @@ Json jsonFromValue(const Value& value) {
         for (const auto& [key, element] : *value.dictionary()) object[key] = jsonFromValue(element);
         return object;
     }
+    case Value::Type::Null:
+        return nullptr;
     }
     return nullptr;
 }

@@ -14,6 +14,18 @@ inline constexpr std::string_view kUtiliaErrorDomain = "UtiliaErrorDomain";  // 
 
 // Contract: never renumber. Values of the original platform's file and property-list errors.
 enum class CocoaErrorCode : int {
+    FileNoSuchFile = 4,  // on writing, moving and changing
+    FileReadUnknown = 256,
+    FileReadNoPermission = 257,
+    FileReadInvalidFileName = 258,
+    FileReadNoSuchFile = 260,
+    FileReadTooLarge = 263,
+    FileWriteUnknown = 512,
+    FileWriteNoPermission = 513,
+    FileWriteInvalidFileName = 514,
+    FileWriteFileExists = 516,
+    FileWriteOutOfSpace = 640,
+    FileWriteVolumeReadOnly = 642,
     PropertyListReadCorrupt = 3840,
     PropertyListWriteInvalid = 3852,
 };
@@ -32,11 +44,15 @@ enum class UtiliaErrorCode : int {
 struct UTILIA_EXPORT Error {
     std::string domain;
     int code = 0;
-    std::string description;  // with the call and its object: "open /a/b: Permission denied"
+    std::string description;      // with the call and its object: "open /a/b: Permission denied"
+    int underlyingPosixCode = 0;  // the errno behind a file error of kCocoaErrorDomain
 
     // An errno with the call and its object: posix(ENOSPC, "rename", "/x/state").
     static Error posix(int errorNumber, std::string_view call, std::string_view object);
     static Error cocoa(CocoaErrorCode code, std::string description);
+    // The file error of the original platform for an errno; any other error is answered as it is.
+    enum class FileAccess { Reading, Writing };
+    static Error cocoa(const Error& posix, FileAccess access);
     static Error utilia(UtiliaErrorCode code, std::string description);
 
     bool is(UtiliaErrorCode wanted) const {
@@ -45,6 +61,9 @@ struct UTILIA_EXPORT Error {
     bool isPosix(int errorNumber) const {
         return domain == kPosixErrorDomain && code == errorNumber;
     }
+
+    // As the original platform prints an error object: Error Domain=DOMAIN Code=N "DESCRIPTION".
+    std::string text() const;
 
     // The same error with what was being done put before the description: "save icon: rename …".
     Error withContext(std::string_view doing) const;

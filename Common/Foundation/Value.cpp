@@ -60,8 +60,10 @@ Value::Type Value::type() const {
         return Type::Date;
     case 7:
         return Type::Array;
-    default:
+    case 8:
         return Type::Dictionary;
+    default:
+        return Type::Null;
     }
 }
 

@@ -13,7 +13,8 @@
 
 #include "Common/Foundation/Export.h"
 
-// Property-list values: what preferences, records and Info.plist files are made of.
+// Property-list values: what preferences, records and Info.plist files are made of. JSON has one
+// more, null, which property lists refuse.
 //
 // Boolean, integer and real are different types and never compare equal to one another;
 // not-a-number equals itself. Arrays and dictionaries are values too: a copy shares its storage
@@ -106,8 +107,9 @@ private:
 
 class UTILIA_EXPORT Value final {
 public:
-    enum class Type { Boolean, Integer, Real, String, Bytes, Date, Array, Dictionary };
+    enum class Type { Boolean, Integer, Real, String, Bytes, Date, Array, Dictionary, Null };
 
+    Value(std::nullptr_t value) : state_(value) {}
     Value(bool value) : state_(value) {}
     Value(int value) : state_(static_cast<std::int64_t>(value)) {}
     Value(std::int64_t value) : state_(value) {}
@@ -126,6 +128,7 @@ public:
 
     Type type() const;
 
+    bool isNull() const { return std::holds_alternative<std::nullptr_t>(state_); }
     // Null when this is of another type.
     const bool* boolean() const { return std::get_if<bool>(&state_); }
     const double* real() const { return std::get_if<double>(&state_); }
@@ -152,7 +155,7 @@ public:
 
 private:
     std::variant<bool, std::int64_t, std::uint64_t, double, std::string, Data, Date, Array,
-                 Dictionary>
+                 Dictionary, std::nullptr_t>
         state_;
 };
 

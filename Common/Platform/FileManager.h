@@ -12,11 +12,29 @@
 #include "Common/Foundation/Result.h"
 #include "Common/Foundation/Value.h"
 
-// Files and folders of the user, and where they belong.
+// Files and folders, and where they belong.
 //
 // Threads: any.
 
 namespace utilia::platform {
+
+// What a file or folder shall get; what is empty stays as it is.
+struct FileAttributes {
+    std::optional<std::uint32_t> ownerAccountId = {};
+    std::optional<std::uint32_t> groupOwnerAccountId = {};
+    std::optional<std::string> groupOwnerAccountName = {};  // the id wins
+    std::optional<std::uint32_t> posixPermissions = {};
+};
+
+struct ItemStatus {
+    enum class Type { RegularFile, Directory, SymbolicLink, Other };
+
+    Type type = Type::Other;
+    std::uint64_t size = 0;
+    std::uint32_t ownerAccountId = 0;
+    std::uint32_t groupOwnerAccountId = 0;
+    std::uint32_t posixPermissions = 0;  // the lower twelve bits
+};
 
 class UTILIA_EXPORT FileManager final {
 public:
@@ -34,6 +52,14 @@ public:
     // can be trusted; the reason is logged once per process.
     static std::optional<std::string> runtimeFolder();
 
+    // The machine-wide place for what belongs to all users, whether or not it exists.
+    static std::string localApplicationSupportDirectory();
+
+    // The group of those who may administer this machine: the first of "admin", "sudo" and "wheel" that exists.
+    static std::optional<std::string> administratorsGroup();
+    // Empty when there is no such group.
+    static std::optional<std::uint32_t> idOfGroup(std::string_view name);
+
     // What the user knows a file by, extension included: for an application the "CFBundleDisplayName" of its
     // Info.plist with ".app", for everything else, also when it does not exist, the last component of its path.
     static std::string displayNameAtPath(std::string_view path);
@@ -42,6 +68,7 @@ public:
     static std::string desktopDirectory();
 
     static bool fileExistsAtPath(std::string_view path);      // follows links
+    static bool isDirectoryAtPath(std::string_view path);     // follows links
     static bool isWritableFileAtPath(std::string_view path);  // for the real user id, as access(2)
     static bool isExecutableFileAtPath(std::string_view path);
 
@@ -49,11 +76,31 @@ public:
     static Result<void> createDirectoryAtPath(std::string_view path);
     // As above, with `mode` for every folder that is newly made, whatever the umask.
     static Result<void> createDirectoryAtPath(std::string_view path, std::uint32_t mode);
+    // With its missing parents. An existing folder is success and is left as it is; every folder that is newly made
+    // gets the attributes as far as they can be given. Fails like the original platform's file functions, with file
+    // errors of kCocoaErrorDomain, as do the functions below that say so.
+    static Result<void> createDirectoryAtPath(std::string_view path,
+                                              const FileAttributes& attributes);
+    // What a file or folder is given, the rest stays. A group name that no group has is left out silently. Never
+    // follows a link at the path itself. Cocoa errors.
+    static Result<void> setAttributes(const FileAttributes& attributes, std::string_view path);
+    // Of the item itself, also when it is a link. Cocoa errors.
+    static Result<ItemStatus> attributesOfItemAtPath(std::string_view path);
+    // Renames within a file system; what exists at the new path is never replaced. Cocoa errors.
+    static Result<void> moveItemAtPath(std::string_view path, std::string_view newPath);
     // A file, or a folder with its content; never follows links.
     static Result<void> removeItemAtPath(std::string_view path);
 
     // Fails for anything but a regular file of at most `maximumSize` bytes.
     static Result<Data> contentsAtPath(std::string_view path, std::size_t maximumSize);
+
+    // The same with Cocoa errors.
+    static Result<Data> dataWithContentsOfFile(std::string_view path, std::size_t maximumSize);
+    // Writes a file in place: a new one gets 0666 less the umask, an existing one is emptied first and keeps owner, mode
+    // and inode. Readers can meet the half of it, and a failure half way leaves what was written until then. Refuses
+    // links at the path itself and everything but regular files, and never waits for the other end of a pipe. Cocoa
+    // errors.
+    static Result<void> writeInPlace(std::string_view path, std::span<const std::uint8_t> bytes);
 
     struct ExtendedAttribute {
         std::string name;

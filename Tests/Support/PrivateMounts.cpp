@@ -1,10 +1,13 @@
 #include "Tests/Support/PrivateMounts.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
 
+#include <grp.h>
+#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -24,6 +27,14 @@ void writeFile(const fs::path& path, const std::string& text) {
 
 bool makeMountReadOnly(const char* path) {
     return mount(nullptr, path, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0;
+}
+
+// ECHILD for a child that did not end by itself.
+int exitStatus(pid_t child) {
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : ECHILD;
 }
 
 // 0, or the errno of the step that a child of this process cannot do.
@@ -79,6 +90,28 @@ void PrivateMounts::limitSpace(const std::string& inside, std::size_t bytes) {
 }
 
 void PrivateMounts::makeReadOnly(const std::string& inside) { mounts_.push_back({inside, {}}); }
+
+bool PrivateMounts::run(const std::function<void()>& body, uid_t user) const {
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child < 0) return false;
+    if (child == 0) {
+        alarm(60);
+        if (!enter() || (user != static_cast<uid_t>(-1) &&
+                         (setgroups(0, nullptr) != 0 || setgid(user) != 0 || setuid(user) != 0))) {
+            std::perror("PrivateMounts");
+            _exit(1);
+        }
+        try {
+            body();
+        } catch (const std::exception& exception) {
+            ADD_FAILURE() << exception.what();
+        }
+        std::fflush(nullptr);
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    return exitStatus(child) == 0;
+}
 
 bool PrivateMounts::enter() const {
     if (unshare(CLONE_NEWNS) != 0) return false;

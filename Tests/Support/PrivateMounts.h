@@ -1,8 +1,11 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
+
+#include <sys/types.h>
 
 #include "Tests/Support/TemporaryHome.h"
 
@@ -12,6 +15,8 @@
 //     const PrivateMounts mounts;                          // throws, naming the reason, without root
 //     mounts.writeSettings(R"({"WhiteToolsList": []})");   // the children's settings.conf
 //     auto tool = bundle.role("tool", {}, {.mounts = &mounts});
+//
+//     EXPECT_TRUE(mounts.run([] { EXPECT_EQ(contentOf("/etc/hostname"), "…"); }));
 //
 // A child gets a mount namespace before its program starts, and in it this object's folder as /etc.
 // Its entries are links to those of the real /etc, which is there read-only; so accounts, the
@@ -41,6 +46,11 @@ public:
     // what lies in it outside is hidden by a file system of `bytes` bytes, or becomes read-only.
     void limitSpace(const std::string& inside, std::size_t bytes);
     void makeReadOnly(const std::string& inside);
+
+    // Runs the body in a forked child that is inside, as this user; its assertions count. Answers
+    // whether it came to its end without a failure. A body that takes longer than a minute is ended.
+    [[nodiscard]] bool run(const std::function<void()>& body,
+                           uid_t user = static_cast<uid_t>(-1)) const;
 
     // Moves the calling process, which must have one thread, inside; ChildProcess does it between
     // fork and exec. Makes only system calls; answers false with errno set when it fails half way,

@@ -86,11 +86,13 @@ private:
         case Value::Type::String:
             return leaf({.type = value.type(), .bytes = *value.string()});
         case Value::Type::Bytes:
-            break;
+            return leaf({.type = value.type(),
+                         .bytes = {reinterpret_cast<const char*>(value.data()->data()),
+                                   value.data()->size()}});
+        case Value::Type::Null:
+            break;  // refused before (PropertyListRules.h)
         }
-        const Data& data = *value.data();
-        return leaf({.type = Value::Type::Bytes,
-                     .bytes = {reinterpret_cast<const char*>(data.data()), data.size()}});
+        return leaf({.type = Value::Type::Null, .bytes = {}});
     }
 
     // As the original platform does it: each is in the file, and the first is what is referred to.
@@ -194,6 +196,9 @@ private:
                 put(references_[object.references + i], referenceSize_);
             break;
         }
+        case Value::Type::Null:
+            put(0x00, 1);
+            break;
         }
     }
 

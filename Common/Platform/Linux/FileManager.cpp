@@ -15,6 +15,7 @@
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Logging/Log.h"
 #include "Common/Platform/Bundle.h"
+#include "Common/Platform/Linux/FileAccess.h"
 #include "Common/Platform/Linux/FileInput.h"
 #include "Common/Platform/Linux/FileOutput.h"
 #include "Common/Platform/Linux/Folders.h"
@@ -29,6 +30,15 @@ std::optional<std::string> folderOrLog(Result<std::string> folder, std::atomic<b
     if (folder) return *std::move(folder);
     if (!isLogged.exchange(true)) KULogVariadic("%@", folder.error().description);
     return std::nullopt;
+}
+
+// Answers with the original platform's error codes.
+template <class Function>
+std::invoke_result_t<Function> withCocoaError(Error::FileAccess access, std::string_view call,
+                                              std::string_view path, Function function) {
+    auto result = orOutOfMemory(call, path, std::move(function));
+    if (!result) return Error::cocoa(result.error(), access);
+    return result;
 }
 
 std::string attributeName(std::string_view name) { return "user." + std::string(name); }
@@ -103,6 +113,19 @@ std::string FileManager::displayNameAtPath(std::string_view path) {
     return given && !given->empty() ? *given + ".app" : fileName;
 }
 
+std::string FileManager::localApplicationSupportDirectory() { return "/etc"; }
+
+std::optional<std::string> FileManager::administratorsGroup() {
+    for (const char* name : {"admin", "sudo", "wheel"}) {
+        if (groupId(name)) return name;
+    }
+    return std::nullopt;
+}
+
+std::optional<std::uint32_t> FileManager::idOfGroup(std::string_view name) {
+    return groupId(std::string(name));
+}
+
 std::string FileManager::desktopDirectory() {
     return configuredDesktop().value_or(stringByAppendingPathComponent(homeFolder(), "Desktop"));
 }
@@ -110,6 +133,11 @@ std::string FileManager::desktopDirectory() {
 bool FileManager::fileExistsAtPath(std::string_view path) {
     struct stat found {};
     return stat(std::string(path).c_str(), &found) == 0;
+}
+
+bool FileManager::isDirectoryAtPath(std::string_view path) {
+    struct stat found {};
+    return stat(std::string(path).c_str(), &found) == 0 && S_ISDIR(found.st_mode);
 }
 
 bool FileManager::isWritableFileAtPath(std::string_view path) {
@@ -131,6 +159,29 @@ Result<void> FileManager::createDirectoryAtPath(std::string_view path, std::uint
                          [&]() -> Result<void> { return makeFolders(std::string(path), mode); });
 }
 
+Result<void> FileManager::createDirectoryAtPath(std::string_view path,
+                                                const FileAttributes& attributes) {
+    return withCocoaError(Error::FileAccess::Writing, "mkdir", path, [&]() -> Result<void> {
+        return makeFolders(std::string(path), attributes);
+    });
+}
+
+Result<void> FileManager::setAttributes(const FileAttributes& attributes, std::string_view path) {
+    return withCocoaError(Error::FileAccess::Writing, "open", path,
+                          [&] { return giveAttributes(attributes, std::string(path)); });
+}
+
+Result<ItemStatus> FileManager::attributesOfItemAtPath(std::string_view path) {
+    return withCocoaError(Error::FileAccess::Reading, "stat", path,
+                          [&] { return statusOf(std::string(path)); });
+}
+
+Result<void> FileManager::moveItemAtPath(std::string_view path, std::string_view newPath) {
+    return withCocoaError(Error::FileAccess::Writing, "rename", path, [&] {
+        return renameWithoutReplacement(std::string(path), std::string(newPath));
+    });
+}
+
 Result<void> FileManager::removeItemAtPath(std::string_view path) {
     return orOutOfMemory("unlink", path, [&]() -> Result<void> {
         const std::string item(path);
@@ -149,6 +200,16 @@ Result<Data> FileManager::contentsAtPath(std::string_view path, std::size_t maxi
     return orOutOfMemory("read", path, [&]() -> Result<Data> {
         return FileInput::contents(std::string(path), maximumSize);
     });
+}
+
+Result<Data> FileManager::dataWithContentsOfFile(std::string_view path, std::size_t maximumSize) {
+    return withCocoaError(Error::FileAccess::Reading, "read", path,
+                          [&] { return FileInput::contents(std::string(path), maximumSize); });
+}
+
+Result<void> FileManager::writeInPlace(std::string_view path, std::span<const std::uint8_t> bytes) {
+    return withCocoaError(Error::FileAccess::Writing, "write", path,
+                          [&] { return overwriteFile(std::string(path), bytes); });
 }
 
 Result<void> FileManager::writeAtomically(std::string_view path,

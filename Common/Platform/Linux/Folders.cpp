@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "Common/Foundation/PathFunctions.h"
+#include "Common/Platform/Linux/FileAccess.h"
 
 namespace utilia::platform {
 namespace {
@@ -77,14 +78,18 @@ std::vector<std::string> xdgFolders(const char* name, std::string_view otherwise
 }
 
 Result<void> makeFolders(const std::string& path, std::optional<unsigned> mode) {
+    return makeFolders(path, FileAttributes{.posixPermissions = mode});
+}
+
+Result<void> makeFolders(const std::string& path, const FileAttributes& attributes) {
     // Down to the deepest folder that exists, then up again; usually the first step is the only
     // one.
     std::size_t length = path.size();
     for (;;) {
         const std::string part = path.substr(0, length);
-        if (mkdir(part.c_str(), mode.value_or(0777)) == 0) {
-            // What the umask took away. A mode that cannot be given is no failure.
-            if (mode) (void)chmod(part.c_str(), *mode);
+        if (mkdir(part.c_str(), attributes.posixPermissions.value_or(0777)) == 0) {
+            // Also what the umask took away. What cannot be given is no failure.
+            (void)giveAttributes(attributes, part);
         } else if (errno == EEXIST || errno == EISDIR) {
             struct stat found {};
             if (stat(part.c_str(), &found) != 0) return Error::posix(errno, "stat", part);

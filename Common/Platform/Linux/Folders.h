@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Common/Foundation/Result.h"
+#include "Common/Platform/FileManager.h"
 #include "Common/Platform/UniqueFd.h"
 
 namespace utilia::platform {
@@ -38,5 +39,7 @@ std::string groupContainerPath(std::string_view groupIdentifier);
 // without one. An existing folder is left as it is; a file in its place is EEXIST, a file on the
 // way ENOTDIR.
 Result<void> makeFolders(const std::string& path, std::optional<unsigned> mode);
+// The same; each new one gets the attributes as far as they can be given.
+Result<void> makeFolders(const std::string& path, const FileAttributes& attributes);
 
 }  // namespace utilia::platform

@@ -40,6 +40,8 @@ public:
         case Value::Type::Integer:
         case Value::Type::Real:
             return nullptr;
+        case Value::Type::Null:
+            return "null";
         }
         return nullptr;
     }

@@ -65,6 +65,8 @@ private:
             return array(*value.array(), depth);
         case Value::Type::Dictionary:
             return dictionary(*value.dictionary(), depth);
+        case Value::Type::Null:
+            wrong_ = "null";
         }
     }
 

@@ -1,0 +1,120 @@
+#include "Common/Platform/Linux/FileAccess.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <vector>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Common/Platform/UniqueFd.h"
+
+namespace utilia::platform {
+namespace {
+
+UniqueFd openUninterrupted(const std::string& path, int flags) {
+    int descriptor;
+    do {
+        descriptor = open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, 0666);
+    } while (descriptor < 0 && errno == EINTR);
+    return UniqueFd(descriptor);
+}
+
+// A descriptor that was opened without a right to the content has its mode changed by its name in
+// /proc only.
+bool changeMode(const UniqueFd& item, mode_t mode) {
+    return chmod(("/proc/self/fd/" + std::to_string(item.get())).c_str(), mode) == 0;
+}
+
+Result<void> writeAll(const UniqueFd& file, std::span<const std::uint8_t> bytes,
+                      const std::string& path) {
+    while (!bytes.empty()) {
+        const ssize_t n = write(file.get(), bytes.data(), bytes.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return Error::posix(n < 0 ? errno : EIO, "write", path);
+        bytes = bytes.subspan(static_cast<std::size_t>(n));
+    }
+    return {};
+}
+
+}  // namespace
+
+Result<void> giveAttributes(const FileAttributes& attributes, const std::string& path) {
+    const uid_t owner = attributes.ownerAccountId.value_or(static_cast<uid_t>(-1));
+    gid_t group = attributes.groupOwnerAccountId.value_or(static_cast<gid_t>(-1));
+    if (!attributes.groupOwnerAccountId && attributes.groupOwnerAccountName)
+        group = groupId(*attributes.groupOwnerAccountName).value_or(static_cast<gid_t>(-1));
+    const bool hasOwner = owner != static_cast<uid_t>(-1) || group != static_cast<gid_t>(-1);
+    const auto& mode = attributes.posixPermissions;
+    if (!hasOwner && !mode) return {};
+
+    const UniqueFd item = openUninterrupted(path, O_PATH);
+    if (!item) return Error::posix(errno, "open", path);
+    struct stat found {};
+    if (fstat(item.get(), &found) != 0) return Error::posix(errno, "stat", path);
+    if (S_ISLNK(found.st_mode)) return Error::posix(ELOOP, "open", path);
+    const bool isModeFirst = mode && (*mode & S_IWUSR) != 0;
+    if (isModeFirst && !changeMode(item, *mode)) return Error::posix(errno, "chmod", path);
+    if (hasOwner && fchownat(item.get(), "", owner, group, AT_EMPTY_PATH) != 0)
+        return Error::posix(errno, "chown", path);
+    if (mode && !isModeFirst && !changeMode(item, *mode)) return Error::posix(errno, "chmod", path);
+    return {};
+}
+
+Result<ItemStatus> statusOf(const std::string& path) {
+    struct stat found {};
+    if (lstat(path.c_str(), &found) != 0) return Error::posix(errno, "stat", path);
+    ItemStatus status;
+    if (S_ISREG(found.st_mode)) status.type = ItemStatus::Type::RegularFile;
+    if (S_ISDIR(found.st_mode)) status.type = ItemStatus::Type::Directory;
+    if (S_ISLNK(found.st_mode)) status.type = ItemStatus::Type::SymbolicLink;
+    status.size = static_cast<std::uint64_t>(found.st_size);
+    status.ownerAccountId = found.st_uid;
+    status.groupOwnerAccountId = found.st_gid;
+    status.posixPermissions = found.st_mode & 07777;
+    return status;
+}
+
+Result<void> renameWithoutReplacement(const std::string& path, const std::string& newPath) {
+    if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, newPath.c_str(), RENAME_NOREPLACE) == 0)
+        return {};
+    // Not every file system can do that in one step.
+    if (errno == EINVAL || errno == ENOSYS) {
+        struct stat found {};
+        if (lstat(newPath.c_str(), &found) == 0) return Error::posix(EEXIST, "rename", newPath);
+        if (rename(path.c_str(), newPath.c_str()) == 0) return {};
+    }
+    return Error::posix(errno, "rename", errno == EEXIST ? newPath : path);
+}
+
+Result<void> overwriteFile(const std::string& path, std::span<const std::uint8_t> bytes) {
+    UniqueFd file = openUninterrupted(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY);
+    // A pipe that nobody reads, or a socket.
+    if (!file) return Error::posix(errno == ENXIO ? EACCES : errno, "open", path);
+    struct stat found {};
+    if (fstat(file.get(), &found) != 0) return Error::posix(errno, "stat", path);
+    if (!S_ISREG(found.st_mode)) return Error::posix(EACCES, "write", path);
+    if (ftruncate(file.get(), 0) != 0) return Error::posix(errno, "truncate", path);
+    if (auto written = writeAll(file, bytes, path); !written) return written;
+    // Some file systems know only now that there is no room.
+    if (close(file.release()) != 0 && errno != EINTR) return Error::posix(errno, "close", path);
+    return {};
+}
+
+std::optional<gid_t> groupId(const std::string& name) {
+    std::vector<char> buffer(1024);
+    for (;;) {
+        group entry{};
+        group* found = nullptr;
+        const int error = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
+        if (error == ERANGE && buffer.size() < (1u << 20)) {
+            buffer.resize(2 * buffer.size());
+        } else if (error != EINTR) {
+            return found ? std::optional<gid_t>(entry.gr_gid) : std::nullopt;
+        }
+    }
+}
+
+}  // namespace utilia::platform
