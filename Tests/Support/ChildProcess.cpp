@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "Tests/Support/PrivateMounts.h"
+#include "Tests/Support/PrivateNetwork.h"
 
 namespace utilia::test {
 namespace {
@@ -77,6 +78,7 @@ ChildProcess ChildProcess::program(const std::string& path, std::vector<std::str
         if (options.ownSession) setsid();
         redirect(options.standardOutput, STDOUT_FILENO);
         redirect(options.standardError, STDERR_FILENO);
+        if (options.network && !options.network->enter()) _exit(123);
         if (options.mounts && !options.mounts->enter()) _exit(124);
         if (options.user != static_cast<uid_t>(-1) &&
             (setgroups(0, nullptr) != 0 || setgid(options.user) != 0 ||

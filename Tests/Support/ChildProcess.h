@@ -15,6 +15,7 @@ inline constexpr int kChildChannel = 3;
 inline constexpr const char* kChildRoleSwitch = "--child-role";
 
 class PrivateMounts;
+class PrivateNetwork;
 
 struct ChildProcessOptions {
     std::string program = {};  // this test binary when empty
@@ -26,6 +27,8 @@ struct ChildProcessOptions {
     // The child's own /etc (PrivateMounts.h); must live until the child has started.
     const PrivateMounts* mounts = nullptr;
     bool ownSession = false;  // without the terminal that the tests are run from
+    // The child's own network (PrivateNetwork.h); must live until the child has started.
+    const PrivateNetwork* network = nullptr;
 };
 
 // A real process that runs a role of this test binary (ChildRole.h), or any other program. It is killed and reaped
