@@ -66,16 +66,18 @@ private:
 };
 
 // What a failing send throws; it never leaves the object that sends.
+// Both texts are among the constants below: throwing one needs no memory.
 class UTILIA_EXPORT PortException final : public std::exception {
 public:
-    PortException(std::string_view name, std::string_view reason);
-    const std::string& name() const { return name_; }
-    const std::string& reason() const { return reason_; }
-    const char* what() const noexcept override { return reason_.c_str(); }
+    PortException(std::string_view name, std::string_view reason) noexcept
+        : name_(name), reason_(reason) {}
+    std::string_view name() const noexcept { return name_; }
+    std::string_view reason() const noexcept { return reason_; }
+    const char* what() const noexcept override { return reason_.data(); }
 
 private:
-    std::string name_;
-    std::string reason_;
+    std::string_view name_;
+    std::string_view reason_;
 };
 
 // Contract: the names, and one fixed reason for each.
@@ -90,6 +92,8 @@ inline constexpr std::string_view kInvalidSendPortReason =
 inline constexpr std::size_t kPortMessageMaximumComponents = 64;
 inline constexpr std::size_t kPortMessageMaximumSize = 64u << 20;  // bytes, all components
 inline constexpr std::string_view NSInvalidArgumentException = "NSInvalidArgumentException";
+inline constexpr std::string_view kInvalidArgumentReason =
+    "[NSPort sendBeforeDate:] message too large";
 
 // An identifier and an ordered list of byte components.
 class UTILIA_EXPORT PortMessage final {
@@ -111,7 +115,8 @@ public:
 
     // Queues the message at the receiver, whole; waits for the connection and for room until the
     // deadline and no longer. Success says queued, not handled. Throws PortException; a receiver
-    // that is gone makes the port invalid, and the notification follows from the run loop.
+    // that is gone makes the port invalid, and the notification follows from the run loop. A send
+    // for which there is no memory is logged and told as a time-out, without waiting.
     void sendBeforeDate(std::chrono::steady_clock::time_point deadline) const;
 
 private:
@@ -121,7 +126,8 @@ private:
     std::vector<Component> components_;
 };
 
-// The registry of port names, one per user's login.
+// The registry of port names, one per user's login. Out of memory, each call answers as if there
+// were no such name, with one log line.
 class UTILIA_EXPORT PortNameServer final {
 public:
     static PortNameServer& systemDefaultPortNameServer();

@@ -61,7 +61,7 @@ Result<void> InstancePort::handOver(const std::string& name,
         const auto code = exception.name() == NSInvalidSendPortException
                               ? UtiliaErrorCode::NotFound
                               : UtiliaErrorCode::Unavailable;
-        return Error::utilia(code, name + ": " + exception.reason());
+        return Error::utilia(code, name + ": " + std::string(exception.reason()));
     }
     return {};
 }

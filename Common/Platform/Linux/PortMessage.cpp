@@ -1,12 +1,12 @@
+#include <new>
 #include <utility>
 
+#include "Common/Logging/Log.h"
 #include "Common/Platform/Linux/PortImplementation.h"
 #include "Common/Platform/Port.h"
 
 namespace utilia::platform {
 namespace {
-
-constexpr std::string_view kInvalidArgumentReason = "[NSPort sendBeforeDate:] message too large";
 
 bool isWithinLimits(const std::vector<PortMessage::Component>& components) {
     if (components.size() > kPortMessageMaximumComponents) return false;
@@ -19,9 +19,6 @@ bool isWithinLimits(const std::vector<PortMessage::Component>& components) {
 }
 
 }  // namespace
-
-PortException::PortException(std::string_view name, std::string_view reason)
-    : name_(name), reason_(reason) {}
 
 PortMessage::PortMessage(std::shared_ptr<Port> sendPort, std::vector<Component> components)
     : sendPort_(std::move(sendPort)), components_(std::move(components)) {}
@@ -41,7 +38,13 @@ void PortMessage::sendBeforeDate(std::chrono::steady_clock::time_point deadline)
         throw PortException(NSInvalidSendPortException, kInvalidSendPortReason);
     }
     Port::Implementation& port = sendPort_->implementation();
-    switch (port.sender->send(msgid_, components_, deadline)) {
+    PortSender::Outcome outcome = PortSender::Outcome::TimedOut;
+    try {
+        outcome = port.sender->send(msgid_, components_, deadline);
+    } catch (const std::bad_alloc&) {
+        KULogVariadic("Port %@: no memory to send", port.sender->name());
+    }
+    switch (outcome) {
     case PortSender::Outcome::Sent:
         return;
     case PortSender::Outcome::TimedOut:

@@ -1,6 +1,9 @@
 #include <algorithm>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <new>
+#include <type_traits>
 #include <utility>
 
 #include <dirent.h>
@@ -63,15 +66,18 @@ void logOnChange(std::string_view format, std::string_view name, const Error& er
     KULogVariadic(format, name, error);
 }
 
-}  // namespace
-
-PortNameServer& PortNameServer::systemDefaultPortNameServer() {
-    static PortNameServer* const server = new PortNameServer;
-    return *server;
+// The function's answer, or an empty one when there is no memory for it.
+template <class Function>
+std::invoke_result_t<Function> orNothing(std::string_view name, Function function) {
+    try {
+        return function();
+    } catch (const std::bad_alloc&) {
+        KULogVariadic("Port %@: no memory", name);
+        return std::invoke_result_t<Function>();
+    }
 }
 
-bool PortNameServer::registerPort(const std::shared_ptr<Port>& port, std::string_view name) {
-    if (!port || !port->isValid() || !port->implementation().receiver) return false;
+bool registerHere(const std::shared_ptr<Port>& port, std::string_view name) {
     auto claimed = PortRegistration::claim(name);
     if (!claimed) {
         if (!claimed.error().is(UtiliaErrorCode::Busy)) {
@@ -79,14 +85,15 @@ bool PortNameServer::registerPort(const std::shared_ptr<Port>& port, std::string
         }
         return false;
     }
-    port->implementation().receiver->add(std::move(claimed).value());
     LocalPorts& ports = localPorts();
     const std::lock_guard guard(ports.mutex);
+    // Last of what may fail: a name that is served but not known here could not be given up.
     ports.receiving.insert_or_assign(std::string(name), port);
+    port->implementation().receiver->add(std::move(claimed).value());
     return true;
 }
 
-std::shared_ptr<Port> PortNameServer::portForName(std::string_view name) {
+std::shared_ptr<Port> openSender(std::string_view name) {
     if (auto kept = keptSender(name); kept && kept->isValid()) {
         Port::Implementation& implementation = kept->implementation();
         if (!implementation.sender->isHungUp()) return kept;
@@ -106,6 +113,47 @@ std::shared_ptr<Port> PortNameServer::portForName(std::string_view name) {
     return port;
 }
 
+struct CloseFolder {
+    void operator()(DIR* folder) const { closedir(folder); }
+};
+
+std::vector<PortNameServer::Registration> listRegistrations() {
+    const auto folder = PortFolder::open();
+    if (!folder) {
+        logOnChange("The registrations%@ cannot be listed: %@", "", folder.error());
+        return {};
+    }
+    std::vector<PortNameServer::Registration> found;
+    const std::unique_ptr<DIR, CloseFolder> list(opendir(folder->path().c_str()));
+    if (!list) return found;
+    const std::string suffix = PortFolder::lockName("");
+    while (const dirent* entry = readdir(list.get())) {
+        const std::string file = entry->d_name;
+        if (file.size() <= suffix.size() || !file.ends_with(suffix)) continue;
+        const PortLockState lock = readPortLock(*folder, file);
+        found.push_back({file.substr(0, file.size() - suffix.size()), lock.isHeld, lock.holder});
+    }
+    std::sort(found.begin(), found.end(),
+              [](const auto& a, const auto& b) { return a.name < b.name; });
+    return found;
+}
+
+}  // namespace
+
+PortNameServer& PortNameServer::systemDefaultPortNameServer() {
+    static PortNameServer* const server = new PortNameServer;
+    return *server;
+}
+
+bool PortNameServer::registerPort(const std::shared_ptr<Port>& port, std::string_view name) {
+    if (!port || !port->isValid() || !port->implementation().receiver) return false;
+    return orNothing(name, [&] { return registerHere(port, name); });
+}
+
+std::shared_ptr<Port> PortNameServer::portForName(std::string_view name) {
+    return orNothing(name, [&] { return openSender(name); });
+}
+
 void PortNameServer::removePortForName(std::string_view name) {
     std::shared_ptr<Port> holder;
     {
@@ -116,29 +164,13 @@ void PortNameServer::removePortForName(std::string_view name) {
         holder = found->second.lock();
         ports.receiving.erase(found);
     }
-    if (holder) holder->implementation().receiver->removeName(name);
+    if (!holder) return;
+    // Takes in connections, which needs memory.
+    orNothing(name, [&] { holder->implementation().receiver->removeName(name); });
 }
 
 std::vector<PortNameServer::Registration> PortNameServer::registrations() const {
-    const auto folder = PortFolder::open();
-    if (!folder) {
-        logOnChange("The registrations%@ cannot be listed: %@", "", folder.error());
-        return {};
-    }
-    std::vector<Registration> found;
-    DIR* const list = opendir(folder->path().c_str());
-    if (!list) return found;
-    const std::string suffix = PortFolder::lockName("");
-    while (const dirent* entry = readdir(list)) {
-        const std::string file = entry->d_name;
-        if (file.size() <= suffix.size() || !file.ends_with(suffix)) continue;
-        const PortLockState lock = readPortLock(*folder, file);
-        found.push_back({file.substr(0, file.size() - suffix.size()), lock.isHeld, lock.holder});
-    }
-    closedir(list);
-    std::sort(found.begin(), found.end(),
-              [](const auto& a, const auto& b) { return a.name < b.name; });
-    return found;
+    return orNothing("registrations", listRegistrations);
 }
 
 }  // namespace utilia::platform

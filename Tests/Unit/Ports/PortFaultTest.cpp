@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -104,6 +105,62 @@ TEST_F(PortFaults, NeitherBreakNorLeakWhicheverCallFails) {
             });
         EXPECT_GT(runs, 0u);
     }
+}
+
+// GLib ends the process when it gets no memory, so what only our own code asks for is refused here.
+TEST_F(PortFaults, AnswerWithoutMemoryAsIfTheNameWereNotThere) {
+    PortUnderTest port("a");
+    for (const std::string* text : {&small, &large}) {
+        std::shared_ptr<Port> sender;
+        std::vector<PortMessage::Component> components;
+        std::optional<PortMessage> message;
+        const std::size_t runs = forEachFault(
+            test::memoryFaults(),
+            [&] {
+                message.reset();
+                if (sender) sender->invalidate();
+                sender = nullptr;
+                // The receiver sees the end of what came in before.
+                for (int turn = 0; turn < 20; ++turn) RunLoop::currentRunLoop().runFor(0ns);
+                components = {bytesOf(*text)};
+            },
+            [&] {
+                sender = names().portForName("a");
+                if (!sender) return;
+                message.emplace(sender, std::move(components));
+                try {
+                    message->sendBeforeDate(Clock::now() + 1h);
+                } catch (const PortException& thrown) {
+                    EXPECT_EQ(thrown.name(), NSPortTimeoutException);
+                }
+            },
+            [&](const FaultRun&) {
+                test::sendText(names().portForName("a"), 1, *text);
+                EXPECT_TRUE(runUntil([&] {
+                    return !port.messages().empty() && !port.messages().back().components.empty() &&
+                           port.messages().back().components[0] == *text;
+                }));
+                port.messages().clear();
+            });
+        EXPECT_GT(runs, 0u);
+    }
+}
+
+TEST_F(PortFaults, ANameThatCannotBeTakenForLackOfMemoryIsFreeAgain) {
+    PortUnderTest other("other");
+    const auto port = Port::port();
+    bool isRegistered = false;
+    const std::size_t runs = forEachFault(
+        test::memoryFaults(), [&] { names().removePortForName("a"); },
+        [&] { isRegistered = names().registerPort(port, "a"); },
+        [&](const FaultRun&) {
+            names().removePortForName("a");
+            const auto next = Port::port();
+            EXPECT_TRUE(names().registerPort(next, "a"));
+            names().removePortForName("a");
+        });
+    EXPECT_GT(runs, 0u);
+    EXPECT_TRUE(isRegistered) << "the last run is the one without a fault";
 }
 
 TEST_F(PortFaults, ASmallMessageCostsItsSenderOneCallAndNoMemory) {
