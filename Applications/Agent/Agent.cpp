@@ -7,6 +7,7 @@
 #include "Applications/Agent/ToolReport.h"
 #include "Common/Platform/Bundle.h"
 #include "Common/Platform/Workspace.h"
+#include "Common/UtiliaCommon/UtiliaCommon.h"
 
 namespace utilia::agent {
 namespace {
@@ -70,7 +71,9 @@ bool Agent::applicationShouldHandleReopen(bool, const std::vector<std::string>& 
 void Agent::silentUpdateResources() { print("a tool asks to fetch its resources anew"); }
 
 void Agent::execute(const std::vector<std::string>& arguments) {
-    const std::string verb = arguments.empty() ? "show" : arguments[0];
+    // What UtiliaCommon::showAgentUI() asks for; to a terminal program it is the same as no command.
+    const bool isWithoutCommand = arguments.empty() || arguments[0] == kShowUIArgument;
+    const std::string verb = isWithoutCommand ? "show" : arguments[0];
     if (arguments.size() <= 1 && verb == "quit") {
         Application::sharedApplication().terminate();
     } else if (arguments.size() <= 1 && verb == "show") {

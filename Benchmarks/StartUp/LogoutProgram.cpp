@@ -6,6 +6,7 @@
 #include "Common/Platform/Image.h"
 #include "Common/Platform/RunLoop.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
+#include "Common/UtiliaCommon/UtiliaCommon.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ std::shared_ptr<utilia::platform::Image> icon(std::uint8_t shade) {
 int main() {
     auto& application = utilia::platform::Application::sharedApplication();
     application.finishLaunching();
-    utilia::ToolDataClientProvider client;
+    utilia::ToolDataClientProvider& client = utilia::UtiliaCommon::toolDataClientProvider();
     client.setToolIcon(icon(0));
     client.setMenuIcon(icon(128));
     client.setMenuText("Ready");

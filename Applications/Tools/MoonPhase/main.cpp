@@ -12,6 +12,7 @@
 #include "Common/Platform/Application.h"
 #include "Common/Platform/RunLoop.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
+#include "Common/UtiliaCommon/UtiliaCommon.h"
 
 namespace {
 
@@ -74,7 +75,7 @@ private:
                                       std::to_string(std::lround(moon.litPart() * 100)) + " % lit");
     }
 
-    utilia::ToolDataClientProvider client_;
+    utilia::ToolDataClientProvider& client_ = utilia::UtiliaCommon::toolDataClientProvider();
     bool tellsFullMoon_ = false;
     utilia::Handle refresh_;
 };

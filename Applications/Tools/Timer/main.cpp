@@ -10,6 +10,7 @@
 #include "Common/Platform/Application.h"
 #include "Common/Platform/RunLoop.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
+#include "Common/UtiliaCommon/UtiliaCommon.h"
 
 namespace {
 
@@ -65,7 +66,7 @@ private:
     }
 
     static constexpr const char* kHeld = " (held)";
-    utilia::ToolDataClientProvider client_;
+    utilia::ToolDataClientProvider& client_ = utilia::UtiliaCommon::toolDataClientProvider();
     int seconds_ = 0;
     bool isHeld_ = false;
     utilia::Handle tick_;

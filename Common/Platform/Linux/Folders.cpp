@@ -85,6 +85,7 @@ Result<void> makeFolders(const std::string& path, const FileAttributes& attribut
     // Down to the deepest folder that exists, then up again; usually the first step is the only
     // one.
     std::size_t length = path.size();
+    bool isOnTheWayDown = false;
     for (;;) {
         const std::string part = path.substr(0, length);
         if (mkdir(part.c_str(), attributes.posixPermissions.value_or(0777)) == 0) {
@@ -95,14 +96,17 @@ Result<void> makeFolders(const std::string& path, const FileAttributes& attribut
             if (stat(part.c_str(), &found) != 0) return Error::posix(errno, "stat", part);
             if (!S_ISDIR(found.st_mode))
                 return Error::posix(length == path.size() ? EEXIST : ENOTDIR, "mkdir", part);
-        } else if (errno == ENOENT && part.find_last_of('/') != std::string::npos &&
-                   part.find_last_of('/') > 0) {
+        } else if (errno == ENOENT && !isOnTheWayDown &&
+                   part.find_last_of('/') != std::string::npos && part.find_last_of('/') > 0) {
             length = part.find_last_of('/');
             continue;
         } else {
+            // ENOENT below a folder that exists: a file system that makes none (/proc), or the
+            // folder was removed meanwhile.
             return Error::posix(errno, "mkdir", part);
         }
         if (length == path.size()) return {};
+        isOnTheWayDown = true;
         length = std::min(path.find('/', length + 1), path.size());
     }
 }

@@ -86,6 +86,10 @@ TEST_F(FileManagerTest, AnExistingFolderIsSuccessAndAFileIsNot) {
     EXPECT_TRUE(FileManager::createDirectoryAtPath("").error().isPosix(ENOENT));
 }
 
+TEST_F(FileManagerTest, AFolderInAFileSystemThatMakesNoneIsAnError) {
+    EXPECT_TRUE(FileManager::createDirectoryAtPath("/proc/nowhere/below").error().isPosix(ENOENT));
+}
+
 TEST_F(FileManagerTest, RemovesAFolderWithItsContentAndNeverFollowsALink) {
     fs::create_directories(at("outside/kept"));
     fs::create_directories(at("gone/a/b"));
