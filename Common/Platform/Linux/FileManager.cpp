@@ -36,8 +36,14 @@ std::optional<std::string> folderOrLog(Result<std::string> folder, std::atomic<b
 template <class Function>
 std::invoke_result_t<Function> withCocoaError(Error::FileAccess access, std::string_view call,
                                               std::string_view path, Function function) {
-    auto result = orOutOfMemory(call, path, std::move(function));
-    if (!result) return Error::cocoa(result.error(), access);
+    auto result = orOutOfMemory(call, path, [&] {
+        auto done = function();
+        if (!done) done = Error::cocoa(done.error(), access);
+        return done;
+    });
+    // Memory ran out.
+    if (!result && result.error().domain == kPosixErrorDomain)
+        return Error::cocoa(result.error(), access);
     return result;
 }
 
@@ -203,6 +209,8 @@ Result<Data> FileManager::contentsAtPath(std::string_view path, std::size_t maxi
 }
 
 Result<Data> FileManager::dataWithContentsOfFile(std::string_view path, std::size_t maximumSize) {
+    if (path.empty())
+        return Error::cocoa(CocoaErrorCode::FileReadInvalidFileName, "read: there is no path");
     return withCocoaError(Error::FileAccess::Reading, "read", path,
                           [&] { return FileInput::contents(std::string(path), maximumSize); });
 }

@@ -32,6 +32,8 @@ enum UtiliaFaultCall {
     kUtiliaFaultReceive,        // recv, recvmsg
     kUtiliaFaultPoll,           // poll
     kUtiliaFaultSetAttribute,   // setxattr, fsetxattr
+    kUtiliaFaultMode,           // chmod, fchmod
+    kUtiliaFaultOwner,          // fchownat
     kUtiliaFaultMemory,         // malloc, calloc, realloc
     kUtiliaFaultCallCount,
 };

@@ -163,7 +163,7 @@ const char* utiliaFaultCallName(int call) {
         "unlink",          "link",    "ftruncate",    "fstat", "stat",   "flock",
         "mkdir",           "mmap",    "memfd_create", "fcntl", "socket", "bind",
         "listen",          "connect", "accept4",      "send",  "recv",   "poll",
-        "setxattr",        "malloc"};
+        "setxattr",        "chmod",   "chown",        "malloc"};
     return call >= 0 && call < kUtiliaFaultCallCount ? kNames[call] : "?";
 }
 
@@ -358,6 +358,19 @@ int mkdir(const char* path, mode_t mode) noexcept {
 
 int mkdirat(int folder, const char* path, mode_t mode) noexcept {
     return attempt(kUtiliaFaultMkdir, -1, [&] { return UTILIA_NEXT(mkdirat)(folder, path, mode); });
+}
+
+int chmod(const char* path, mode_t mode) noexcept {
+    return attempt(kUtiliaFaultMode, -1, [&] { return UTILIA_NEXT(chmod)(path, mode); });
+}
+
+int fchmod(int file, mode_t mode) noexcept {
+    return attempt(kUtiliaFaultMode, -1, [&] { return UTILIA_NEXT(fchmod)(file, mode); });
+}
+
+int fchownat(int folder, const char* path, uid_t owner, gid_t group, int flags) noexcept {
+    return attempt(kUtiliaFaultOwner, -1,
+                   [&] { return UTILIA_NEXT(fchownat)(folder, path, owner, group, flags); });
 }
 
 int setxattr(const char* path, const char* name, const void* value, size_t size,

@@ -1,11 +1,14 @@
 #include "Common/Foundation/Error.h"
 
 #include <cerrno>
+#include <map>
+#include <string>
 
 #include <gtest/gtest.h>
 
 #include "Common/Foundation/Handle.h"
 #include "Common/Foundation/Result.h"
+#include "Tests/Support/TestVectors.h"
 
 using namespace utilia;
 
@@ -40,6 +43,50 @@ TEST(Error, KeepsDomainsApart) {
     EXPECT_FALSE(cocoa.isPosix(3840));
     EXPECT_NE(Error::posix(1, "open", "x"),
               Error::utilia(UtiliaErrorCode::Busy, "open x: Operation not permitted"));
+}
+
+TEST(Error, HasTheFileCodesOfTheOriginalPlatform) {
+    const std::map<std::string, int> numbers{{"EACCES", EACCES}, {"EFBIG", EFBIG},
+                                             {"EISDIR", EISDIR}, {"ENOTDIR", ENOTDIR},
+                                             {"EIO", EIO},       {"EMFILE", EMFILE},
+                                             {"EPERM", EPERM},   {"ENAMETOOLONG", ENAMETOOLONG},
+                                             {"ENOSPC", ENOSPC}, {"EDQUOT", EDQUOT},
+                                             {"EROFS", EROFS},   {"EEXIST", EEXIST},
+                                             {"EXDEV", EXDEV},   {"ENOTEMPTY", ENOTEMPTY}};
+    for (const auto& vector : test::testVectors("error-codes")) {
+        SCOPED_TRACE(vector.at("id").get<std::string>());
+        const int number = numbers.at(vector.at("input").at("errno").get<std::string>());
+        const auto access = vector.at("input").at("direction") == "read"
+                                ? Error::FileAccess::Reading
+                                : Error::FileAccess::Writing;
+        const Error error = Error::cocoa(Error::posix(number, "open", "/x"), access);
+        EXPECT_EQ(error.domain, vector.at("expected").at("domain").get<std::string>());
+        EXPECT_EQ(error.code, vector.at("expected").at("code").get<int>());
+        EXPECT_EQ(error.underlyingPosixCode, number);
+    }
+}
+
+TEST(Error, HasTheFileCodesThatDependOnTheDirection) {
+    const auto code = [](int number, Error::FileAccess access) {
+        return Error::cocoa(Error::posix(number, "open", "/x"), access).code;
+    };
+    EXPECT_EQ(code(ENOENT, Error::FileAccess::Reading), 260);
+    EXPECT_EQ(code(ENOENT, Error::FileAccess::Writing), 4);
+    EXPECT_EQ(code(EPERM, Error::FileAccess::Reading), 257);
+    EXPECT_EQ(code(ENAMETOOLONG, Error::FileAccess::Reading), 258);
+    EXPECT_EQ(code(EEXIST, Error::FileAccess::Reading), 256);
+    EXPECT_EQ(code(ENOSPC, Error::FileAccess::Reading), 256);
+    EXPECT_EQ(code(EFBIG, Error::FileAccess::Writing), 512);
+}
+
+TEST(Error, LeavesAnErrorOfAnotherDomainAsItIs) {
+    const Error refused = Error::utilia(UtiliaErrorCode::Refused, "too large");
+    EXPECT_EQ(Error::cocoa(refused, Error::FileAccess::Reading), refused);
+}
+
+TEST(Error, PrintsLikeAnErrorObject) {
+    EXPECT_EQ(Error::cocoa(Error::posix(ENOSPC, "write", "/x"), Error::FileAccess::Writing).text(),
+              "Error Domain=NSCocoaErrorDomain Code=640 \"write /x: No space left on device\"");
 }
 
 TEST(Result, HoldsAValueOrAnError) {

@@ -20,6 +20,19 @@ TEST(Value, KnowsItsType) {
     EXPECT_EQ(Value(Date{}).type(), Value::Type::Date);
     EXPECT_EQ(Value(Array{}).type(), Value::Type::Array);
     EXPECT_EQ(Value(Dictionary{}).type(), Value::Type::Dictionary);
+    EXPECT_EQ(Value(nullptr).type(), Value::Type::Null);
+}
+
+TEST(Value, NullEqualsItselfAloneAndConvertsToNothing) {
+    const Value null(nullptr);
+    EXPECT_TRUE(null.isNull());
+    EXPECT_EQ(null, Value(nullptr));
+    EXPECT_NE(null, Value(false));
+    EXPECT_NE(null, Value(0));
+    EXPECT_FALSE(Value("").isNull());
+    EXPECT_FALSE(null.boolValue());
+    EXPECT_EQ(null.longLongValue(), 0);
+    EXPECT_EQ(null.string(), nullptr);
 }
 
 TEST(Value, NeverConfusesBooleanIntegerAndReal) {

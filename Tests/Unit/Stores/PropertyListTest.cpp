@@ -296,7 +296,7 @@ TEST(PropertyList, RefusesToWriteWhatItCouldNotRead) {
     for (const Value& value : {Value("a\0b"s), Value("\xFF"), Value(Dictionary{{"\xC0\x80", 1}}),
                                Value(Dictionary{{"\0"s, 1}}), Value(Date{std::nan("")}),
                                Value(Array{Date{std::numeric_limits<double>::infinity()}}),
-                               Value(Data(kPropertyListMaximumSize + 1))}) {
+                               Value(Data(kPropertyListMaximumSize + 1)), Value(Array{nullptr})}) {
         for (const auto format : {PropertyListFormat::Binary, PropertyListFormat::Xml}) {
             const auto bytes = dataFromPropertyList(value, format);
             ASSERT_FALSE(bytes);
