@@ -84,6 +84,8 @@ public:
     // What a file or folder is given, the rest stays. A group name that no group has is left out silently. Never
     // follows a link at the path itself. Cocoa errors.
     static Result<void> setAttributes(const FileAttributes& attributes, std::string_view path);
+    // True when there is certainly nothing at the path, not even a link that leads nowhere.
+    static bool isNothingAtPath(std::string_view path);
     // Of the item itself, also when it is a link. Cocoa errors.
     static Result<ItemStatus> attributesOfItemAtPath(std::string_view path);
     // Renames within a file system; what exists at the new path is never replaced. Cocoa errors.

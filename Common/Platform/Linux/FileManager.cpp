@@ -146,6 +146,11 @@ bool FileManager::isDirectoryAtPath(std::string_view path) {
     return stat(std::string(path).c_str(), &found) == 0 && S_ISDIR(found.st_mode);
 }
 
+bool FileManager::isNothingAtPath(std::string_view path) {
+    struct stat found {};
+    return lstat(std::string(path).c_str(), &found) != 0 && (errno == ENOENT || errno == ENOTDIR);
+}
+
 bool FileManager::isWritableFileAtPath(std::string_view path) {
     return access(std::string(path).c_str(), W_OK) == 0;
 }

@@ -51,8 +51,7 @@ void KAVAdminStorage::moveToBackupThePath(std::string_view path) {
 
 std::optional<Dictionary> KAVAdminStorage::createAtPath(std::string_view path,
                                                         std::int64_t* error) {
-    // Also a link that leads nowhere is something.
-    if (FileManager::attributesOfItemAtPath(path)) moveToBackupThePath(path);
+    if (!FileManager::isNothingAtPath(path)) moveToBackupThePath(path);
     Error failure;
     if (const std::string folder = stringByDeletingLastPathComponent(path);
         !FileManager::isDirectoryAtPath(folder) &&
