@@ -51,9 +51,10 @@ public:
     // Success also when the item has gone in the meantime.
     Result<void> remove(const LoginItem& item) const;
 
-    // Makes the application start at login: switches on an entry that it has, or adds one. Fails
-    // with NotFound when there is no such application, with Refused when its path cannot be
-    // written into an entry, with Busy when another process changes the list for more than 2 s.
+    // Makes the application start at login: answers an item that it has, switches on an entry that
+    // is off, or adds one. Fails with NotFound when there is no such application, with Refused
+    // when its path cannot be written into an entry or its file names are taken, with Busy when
+    // another process changes the list for more than 2 s.
     Result<LoginItem> insertAtEnd(std::string_view url) const;
 
 private:

@@ -292,6 +292,11 @@ Result<LoginItem> LoginItems::insertAtEnd(std::string_view url) const {
 Result<LoginItem> LoginItems::insert(const std::string& url) const {
     const auto added = NewEntry::forApplication(url);
     if (!added) return added.error();
+    const auto items = snapshot();
+    if (!items) return items.error();
+    for (const LoginItem& each : *items) {
+        if (each.url_ == added->application) return each;
+    }
     const auto entries = entriesIn(userFolder_, systemFolders_);
     if (!entries) return entries.error();
     if (auto made = makeFolders(userFolder_, 0700); !made) return std::move(made).error();
