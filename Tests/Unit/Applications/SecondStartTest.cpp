@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -104,6 +105,22 @@ TEST_F(SecondStart, AfterTheFirstWasKilledIsTheFirstAgain) {
     first.kill();
     auto second = start(bundle_);
     EXPECT_EQ(processOf(reports_.waitForLine()), second.pid());
+}
+
+TEST_F(SecondStart, RightAfterAKillAtAnyMomentIsTheFirstAgain) {
+    for (int i = 0; i < 60; ++i) {
+        SCOPED_TRACE(i);
+        auto killed = start(bundle_);
+        // While it is loaded, while it launches, or while it runs.
+        (void)killed.waitForExit(std::chrono::milliseconds(i % 20));
+        killed.kill();
+        auto next = start(bundle_);
+        auto line = reports_.waitForLine();
+        if (processOf(line) == killed.pid()) line = reports_.waitForLine();
+        ASSERT_EQ(processOf(line), next.pid());
+        EXPECT_TRUE(next.isRunning());
+        next.kill();
+    }
 }
 
 TEST_F(SecondStart, WhileTheFirstEndsIsTheFirstAgain) {
