@@ -144,6 +144,8 @@ QWidget* QuestionWindow::makeMessage(int width) {
     messageLabel_->setAlignment(leading() | Qt::AlignTop);
     messageLabel_->setTextInteractionFlags(Qt::TextSelectableByMouse |
                                            Qt::TextSelectableByKeyboard);
+    // Selecting with the keyboard begins with getting there.
+    messageLabel_->setFocusPolicy(Qt::StrongFocus);
     messageLabel_->setFixedSize(width, messageLabel_->heightForWidth(width));
     return withinHeight(messageLabel_, screenSize().height() / 2);
 }

@@ -10,6 +10,7 @@
 #include <grp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -76,6 +77,7 @@ ChildProcess ChildProcess::program(const std::string& path, std::vector<std::str
             _exit(126);
         }
         if (options.ownSession) setsid();
+        if (options.diesWithTest) prctl(PR_SET_PDEATHSIG, SIGKILL);
         redirect(options.standardOutput, STDOUT_FILENO);
         redirect(options.standardError, STDERR_FILENO);
         if (options.network && !options.network->enter()) _exit(123);

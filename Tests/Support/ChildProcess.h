@@ -26,7 +26,8 @@ struct ChildProcessOptions {
     uid_t user = static_cast<uid_t>(-1);  // run as this user (needs root)
     // The child's own /etc (PrivateMounts.h); must live until the child has started.
     const PrivateMounts* mounts = nullptr;
-    bool ownSession = false;  // without the terminal that the tests are run from
+    bool ownSession = false;    // without the terminal that the tests are run from
+    bool diesWithTest = false;  // by SIGKILL, for programs that do not look at the channel
     // The child's own network (PrivateNetwork.h); must live until the child has started.
     const PrivateNetwork* network = nullptr;
 };

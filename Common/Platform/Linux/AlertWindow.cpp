@@ -98,12 +98,13 @@ Result<std::string> receiveAnswer(int socket, const Child& child) {
     if (pollThrough(sources.data(), count, -1) < 0) {
         return Error::posix(errno, "poll", "the answer of utilia-alert");
     }
-    // What it said before it ended still counts.
+    // What it said before it ended still counts, also when it has not read the question: then the
+    // end of its side is an error that comes first.
     std::string packet(kAnswerLimit, '\0');
     ssize_t size;
     do {
         size = recv(socket, packet.data(), packet.size(), MSG_DONTWAIT);
-    } while (size < 0 && errno == EINTR);
+    } while (size < 0 && (errno == EINTR || errno == ECONNRESET));
     packet.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
     return packet;
 }
