@@ -149,8 +149,8 @@ TEST(Localization, FollowsTheVariablesInTheirOrder) {
         {{{"LANG", "C.UTF-8"}}, "en"},
         {{{"LANG", ""}}, "en"},
         {{{"LANGUAGE", ":::"}}, "en"},
-        {{{"LANGUAGE", "../de:/etc:.:..:de.lproj/../de"}}, "en"},
-        {{{"LANGUAGE", std::string(100'000, ':') + "de"}}, "de"},
+        {{{"LANGUAGE", "../de:/etc:.:..:xx.lproj/../de"}}, "en"},
+        {{{"LANGUAGE", std::string(100'000, ':') + "de"}}, "en"},
         {{{"LANGUAGE", manyLanguages() + "de"}}, "en"},
         {{{"LANGUAGE", std::string(100'000, 'x')}}, "en"},
     };
