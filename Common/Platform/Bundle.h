@@ -21,6 +21,9 @@ class UTILIA_EXPORT Bundle final {
 public:
     // The bundle of the running program; null when the program lies in none. Its path is read once.
     static const Bundle* mainBundle();
+    // The one of the two bundles that a process knows, its main bundle and the framework's, which has this identifier;
+    // null for any other.
+    static const Bundle* bundleWithIdentifier(std::string_view identifier);
     // The framework's own bundle, found beside the library; null when it is missing.
     static const Bundle* frameworkBundle();
     // Empty when there is no such folder.
@@ -37,6 +40,8 @@ public:
     std::optional<std::string> executablePath() const;
     // Contents/Linux/NAME when it is there and executable. Names with "/" answer empty.
     std::optional<std::string> pathForAuxiliaryExecutable(std::string_view name) const;
+    // Where its resources lie, whether or not that folder exists: Resources, of an application Contents/Resources.
+    std::string resourcePath() const;
     // Resources/NAME.TYPE (of an application: Contents/Resources/…) when it exists; an empty type adds nothing.
     std::optional<std::string> pathForResource(std::string_view name, std::string_view type) const;
 

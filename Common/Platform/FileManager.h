@@ -90,6 +90,18 @@ public:
     static Result<ItemStatus> attributesOfItemAtPath(std::string_view path);
     // Renames within a file system; what exists at the new path is never replaced. Cocoa errors.
     static Result<void> moveItemAtPath(std::string_view path, std::string_view newPath);
+    // Moves a file to where another one is, or none yet: at any moment the whole old one or the whole new one is there,
+    // also for those who run it, and from another file system too. On success the file is gone from its old place, its
+    // data is on the disk, and it has its own metadata and no set-user-ID bits of another owner. On failure everything is
+    // as it was. Links are neither moved nor followed to the folder of `item`, though what lies there may be one and is
+    // replaced itself.
+    //
+    // `posixPermissions` are the file's, if they can be given, before it has its new place. `backupItemName` is what the
+    // old file is called meanwhile where a system cannot replace it in one step; this one can, and never makes a backup.
+    // Cocoa errors.
+    static Result<void> replaceItemAtURL(std::string_view item, std::string_view withItemAtURL,
+                                         std::string_view backupItemName,
+                                         std::optional<std::uint32_t> posixPermissions = {});
     // A file, or a folder with its content; never follows links.
     static Result<void> removeItemAtPath(std::string_view path);
 

@@ -156,6 +156,13 @@ const Bundle* Bundle::frameworkBundle() {
     return bundle;
 }
 
+const Bundle* Bundle::bundleWithIdentifier(std::string_view identifier) {
+    for (const Bundle* const bundle : {mainBundle(), frameworkBundle()}) {
+        if (bundle && bundle->bundleIdentifier() == identifier) return bundle;
+    }
+    return nullptr;
+}
+
 std::unique_ptr<Bundle> Bundle::bundleWithPath(std::string_view path) {
     if (path.find('\0') != std::string_view::npos) return nullptr;
     auto resolved = resolvedPath(std::string(path));
@@ -191,6 +198,8 @@ std::optional<std::string> Bundle::pathForAuxiliaryExecutable(std::string_view n
     if (!isRegularFile(path) || !FileManager::isExecutableFileAtPath(path)) return std::nullopt;
     return path;
 }
+
+std::string Bundle::resourcePath() const { return implementation_->contents + "/Resources"; }
 
 std::optional<std::string> Bundle::pathForResource(std::string_view name,
                                                    std::string_view type) const {

@@ -18,6 +18,7 @@
 #include "Common/Platform/Linux/FileAccess.h"
 #include "Common/Platform/Linux/FileInput.h"
 #include "Common/Platform/Linux/FileOutput.h"
+#include "Common/Platform/Linux/FileReplacement.h"
 #include "Common/Platform/Linux/Folders.h"
 #include "Common/Platform/Linux/OutOfMemory.h"
 #include "Common/Platform/UniqueFd.h"
@@ -190,6 +191,14 @@ Result<ItemStatus> FileManager::attributesOfItemAtPath(std::string_view path) {
 Result<void> FileManager::moveItemAtPath(std::string_view path, std::string_view newPath) {
     return withCocoaError(Error::FileAccess::Writing, "rename", path, [&] {
         return renameWithoutReplacement(std::string(path), std::string(newPath));
+    });
+}
+
+Result<void> FileManager::replaceItemAtURL(std::string_view item, std::string_view withItemAtURL,
+                                           std::string_view /*backupItemName*/,
+                                           std::optional<std::uint32_t> posixPermissions) {
+    return withCocoaError(Error::FileAccess::Writing, "rename", item, [&] {
+        return replaceFile(std::string(item), std::string(withItemAtURL), posixPermissions);
     });
 }
 

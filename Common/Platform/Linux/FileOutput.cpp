@@ -88,7 +88,8 @@ FileOutput::FileOutput(std::string target, std::string staging)
 
 FileOutput::FileOutput(FileOutput&& other) noexcept
     : target_(std::move(other.target_)), staging_(std::move(other.staging_)),
-      file_(std::move(other.file_)), isNamed_(std::exchange(other.isNamed_, false)) {}
+      file_(std::move(other.file_)), isNamed_(std::exchange(other.isNamed_, false)),
+      isSynced_(other.isSynced_) {}
 
 FileOutput::~FileOutput() {
     if (isNamed_) unlink(staging_.c_str());
@@ -144,12 +145,28 @@ Result<void> FileOutput::write(std::span<const std::uint8_t> bytes) {
     return {};
 }
 
-Result<void> FileOutput::publish() {
+Result<void> FileOutput::sync() {
+    if (isSynced_) return {};
     int result;
     do {
         result = fdatasync(file_.get());
     } while (result != 0 && errno == EINTR);
     if (result != 0) return Error::posix(errno, "fdatasync", target_);
+    isSynced_ = true;
+    return {};
+}
+
+Result<void> FileOutput::finishWriting() {
+    if (auto synced = sync(); !synced) return synced;
+    const std::string self = "/proc/self/fd/" + std::to_string(file_.get());
+    UniqueFd same(openUninterrupted(self.c_str(), O_PATH | O_CLOEXEC, 0));
+    if (!same) return Error::posix(errno, "open", target_);
+    file_ = std::move(same);
+    return {};
+}
+
+Result<void> FileOutput::publish() {
+    if (auto synced = sync(); !synced) return synced;
     if (!isNamed_) {
         if (auto named = giveName(); !named) return named;
     }

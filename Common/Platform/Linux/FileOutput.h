@@ -32,7 +32,11 @@ public:
 
     // All bytes, or an error; a short write is an error (the disk is full, or a limit is reached).
     Result<void> write(std::span<const std::uint8_t> bytes);
-    // Syncs the data, then renames. The folder is not synced: after a power failure the old content
+    // Ends the writing: syncs the data and gives up the right to write, because a program cannot be
+    // run while somebody has it open for that. Until publish() the descriptor is good for nothing
+    // else.
+    Result<void> finishWriting();
+    // Syncs the data if that is not done, then renames. The folder is not synced: after a power failure the old content
     // may be back.
     Result<void> publish();
 
@@ -44,11 +48,13 @@ private:
 
     bool createNamed(mode_t mode);  // errno says why not
     Result<void> giveName();
+    Result<void> sync();
 
     std::string target_;
     std::string staging_;  // the name that it has, or will have before the rename
     UniqueFd file_;
     bool isNamed_ = false;
+    bool isSynced_ = false;
 };
 
 }  // namespace utilia::platform

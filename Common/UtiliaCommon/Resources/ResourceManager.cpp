@@ -1,0 +1,165 @@
+#include "Common/UtiliaCommon/Resources/ResourceManager.h"
+
+#include <cstdio>
+
+#include "Common/Foundation/PathFunctions.h"
+#include "Common/Foundation/Unicode.h"
+#include "Common/Foundation/Value.h"
+#include "Common/Logging/Log.h"
+#include "Common/Platform/FileManager.h"
+#include "Common/UtiliaCommon/Resources/SharedResource.h"
+#include "Common/UtiliaCommon/Resources/VersionManager.h"
+#include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
+
+// Neither choosing nor installing holds the store's lock for longer than one field takes, and the
+// files are under no lock at all. What keeps a reader safe is the order of things: a copy is whole
+// and executable before it gets its name, it gets its name before the record tells of it, and its
+// path is recorded before its version. So whoever reads a new version finds at least that file; who
+// reads an old one may be given a newer file, which does no harm.
+
+namespace utilia {
+namespace {
+
+using platform::Bundle;
+using platform::FileManager;
+
+constexpr std::string_view kResourcesFolder = "Resources";
+constexpr std::uint32_t kExecutablePermissions = 0755;
+
+struct InstalledCopy {
+    std::string path;
+    IndexPath version;
+};
+
+// The installed copy, if it is newer than that version and can be used.
+std::optional<InstalledCopy> newerCopy(const SharedResource& record, const IndexPath& internal) {
+    auto version = record.version();
+    if (!version || *version <= internal) return std::nullopt;
+    auto path = record.path();
+    if (!path || !FileManager::isExecutableFileAtPath(*path)) return std::nullopt;
+    return InstalledCopy{*std::move(path), *std::move(version)};
+}
+
+// Whether a text from outside can be one component of a path inside the container, and a key of the
+// record as well.
+bool isUsableName(std::string_view text) {
+    return !text.empty() && text != "." && text != ".." &&
+           text.find('/') == std::string_view::npos && text.find('\0') == std::string_view::npos &&
+           isValidUtf8(text);
+}
+
+// What an installation came to, and the line that tells of it.
+struct Failure {
+    const char* format;
+    Error error;
+};
+
+std::string backupItemName(std::string_view resourceName) {
+    char time[64];
+    std::snprintf(time, sizeof time, "%f", Date::now().secondsSinceReferenceDate);
+    return std::string(resourceName).append("_").append(time).append(".bak");
+}
+
+// Makes the folders one after the other, because a link in the place of one leads somewhere else.
+Result<void> makeFolder(const std::string& container, std::string_view bundleId) {
+    std::string folder = container;
+    for (const std::string_view component : {kResourcesFolder, bundleId}) {
+        folder = stringByAppendingPathComponent(folder, component);
+        if (auto made = FileManager::createDirectoryAtPath(folder, platform::FileAttributes{});
+            !made) {
+            return made;
+        }
+        const auto status = FileManager::attributesOfItemAtPath(folder);
+        if (!status) return status.error();
+        if (status->type != platform::ItemStatus::Type::Directory) {
+            return Error::cocoa(CocoaErrorCode::FileWriteUnknown,
+                                folder + ": a link may not lead out of the container");
+        }
+    }
+    return {};
+}
+
+std::optional<Failure> install(std::string_view file, const SharedResource& record,
+                               const std::optional<IndexPath>& version, std::int64_t type) {
+    constexpr const char* kNoDirectory = "Error while creating directory: %@";
+    if (!isUsableName(record.name()) || !isUsableName(record.bundleId())) {
+        return Failure{
+            "The resource is not installed: %@",
+            Error::utilia(UtiliaErrorCode::Refused,
+                          "a name or bundle identifier that is empty, \".\" or \"..\", "
+                          "or holds a slash, NUL or bytes that are no text, cannot name a file")};
+    }
+    const auto container =
+        FileManager::containerURLForSecurityApplicationGroupIdentifier(kAppGroupIdentifier);
+    if (!container) {
+        return Failure{kNoDirectory,
+                       Error::utilia(UtiliaErrorCode::Unavailable, "there is no group container")};
+    }
+    if (auto made = makeFolder(*container, record.bundleId()); !made)
+        return Failure{kNoDirectory, std::move(made).error()};
+
+    std::string destination = stringByAppendingPathComponent(*container, kResourcesFolder);
+    destination = stringByAppendingPathComponent(destination, record.bundleId());
+    destination = stringByAppendingPathComponent(destination, record.name());
+    const bool isExecutable = type == kExecutableResourceType;
+    // With its mode already, so that nobody finds a program that cannot be run.
+    const auto replaced = FileManager::replaceItemAtURL(
+        destination, file, backupItemName(record.name()),
+        isExecutable ? std::optional(kExecutablePermissions) : std::nullopt);
+    if (!replaced) return Failure{"Error while replacing resource: %@", replaced.error()};
+    if (isExecutable) {
+        const auto set =
+            FileManager::setAttributes({.posixPermissions = kExecutablePermissions}, destination);
+        if (!set) return Failure{"Error while setting attributes: %@", set.error()};
+    }
+    record.setPath(destination);
+    record.setVersion(version);
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::string ResourceManager::getMostActualResourcePath(std::string_view resourceName,
+                                                       const Bundle& forBundle) {
+    const IndexPath internal = VersionManager::versionFromBundle(&forBundle);
+    const auto bundleId = forBundle.bundleIdentifier();
+    // A bundle that does not say who it is has no records.
+    auto shared =
+        bundleId ? newerCopy(SharedResource(resourceName, *bundleId), internal) : std::nullopt;
+    if (KUIsExtendedLoggingOn()) {
+        KULogVariadic(shared ? "Using shared resource %@ with version %@"
+                             : "Using internal resource %@ with version %@",
+                      resourceName, (shared ? shared->version : internal).description());
+    }
+    if (shared) return std::move(shared->path);
+    return stringByAppendingPathComponent(forBundle.resourcePath(), resourceName);
+}
+
+IndexPath ResourceManager::getMostActualResourceVersion(std::string_view resourceName,
+                                                        std::string_view forBundleId) {
+    IndexPath internal =
+        VersionManager::versionFromBundle(Bundle::bundleWithIdentifier(forBundleId));
+    auto shared = newerCopy(SharedResource(resourceName, forBundleId), internal);
+    return shared ? std::move(shared->version) : std::move(internal);
+}
+
+void ResourceManager::addResourceFile(std::string_view fileURL, std::string_view withName,
+                                      const std::optional<IndexPath>& withVersion,
+                                      std::int64_t withResourceType, std::string_view forBundleId) {
+    const auto failure =
+        install(fileURL, SharedResource(withName, forBundleId), withVersion, withResourceType);
+    if (failure) KULogVariadic(failure->format, failure->error.text());
+}
+
+Result<void> ResourceManager::tryToAddResourceFile(std::string_view fileURL,
+                                                   std::string_view withName,
+                                                   const std::optional<IndexPath>& withVersion,
+                                                   std::int64_t withResourceType,
+                                                   std::string_view forBundleId) {
+    auto failure =
+        install(fileURL, SharedResource(withName, forBundleId), withVersion, withResourceType);
+    if (failure) return std::move(failure->error);
+    return {};
+}
+
+}  // namespace utilia

@@ -1,0 +1,66 @@
+#include "Common/UtiliaCommon/Resources/SharedResource.h"
+
+#include "Common/Platform/UserDefaults.h"
+#include "Common/UtiliaCommon/Resources/VersionManager.h"
+#include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
+
+namespace utilia {
+namespace {
+
+std::optional<std::string> textOf(const std::optional<Value>& value) {
+    const std::string* const text = value ? value->string() : nullptr;
+    return text ? std::optional<std::string>(*text) : std::nullopt;
+}
+
+}  // namespace
+
+SharedResource::SharedResource(std::string_view name, std::string_view bundleId)
+    : name_(name), bundleId_(bundleId) {}
+
+std::optional<Value> SharedResource::getValueForKey(std::string_view key) const {
+    std::optional<Value> value;
+    accessAppGroupPlist([&](platform::UserDefaults& suite) {
+        const auto all = suite.dictionaryForKey(kResourcesKey);
+        const Value* const ofBundle = all ? all->find(bundleId_) : nullptr;
+        if (!ofBundle || !ofBundle->dictionary()) return;
+        const Value* const record = ofBundle->dictionary()->find(name_);
+        if (!record || !record->dictionary()) return;
+        if (const Value* const found = record->dictionary()->find(key)) value = *found;
+    });
+    return value;
+}
+
+void SharedResource::updateValue(std::optional<Value> value, std::string_view forKey) const {
+    accessAppGroupPlist([&](platform::UserDefaults& suite) {
+        Dictionary all = suite.dictionaryForKey(kResourcesKey).value_or(Dictionary());
+        Dictionary ofBundle = all.dictionary(bundleId_).value_or(Dictionary());
+        Dictionary record = ofBundle.dictionary(name_).value_or(Dictionary());
+        if (value) {
+            record.set(forKey, std::move(*value));
+        } else {
+            record.remove(forKey);
+        }
+        ofBundle.set(name_, std::move(record));
+        all.set(bundleId_, std::move(ofBundle));
+        suite.setObject(std::move(all), kResourcesKey);
+        suite.synchronize();
+    });
+}
+
+std::optional<std::string> SharedResource::path() const {
+    return textOf(getValueForKey(kResourcePathKey));
+}
+
+void SharedResource::setPath(const std::optional<std::string>& path) const {
+    updateValue(path ? std::optional<Value>(*path) : std::nullopt, kResourcePathKey);
+}
+
+std::optional<IndexPath> SharedResource::version() const {
+    return VersionManager::versionWithString(textOf(getValueForKey(kResourceVersionKey)));
+}
+
+void SharedResource::setVersion(const std::optional<IndexPath>& version) const {
+    updateValue(VersionManager::versionToStringReportForm(version), kResourceVersionKey);
+}
+
+}  // namespace utilia
