@@ -41,18 +41,6 @@ bool isAgentsPortThere() {
                        [](const auto& port) { return port.isLive && port.name == kAgentPortName; });
 }
 
-ToolLauncher::Step stepFor(const std::string& tool) {
-    ToolLauncher::Step step{.bundleIdentifier = tool};
-    const auto path = Workspace::URLForApplicationWithBundleIdentifier(tool);
-    if (isRunning(tool)) {
-        step.fate = Fate::Running;
-    } else if (!path) {
-        step.fate = Fate::NotInstalled;
-    }
-    step.needsAgent = path && needsAgent(*path);
-    return step;
-}
-
 void logWhatIsPassedOver(const ToolLauncher::Step& step) {
     switch (step.fate) {
     case Fate::Running:
@@ -80,6 +68,28 @@ void startTool(const std::string& tool) {
 }
 
 }  // namespace
+
+// As the tools themselves see it when they start: only the white-list stops one.
+bool ToolLauncher::isRestricted(const std::string& tool) const {
+    bool isInSet = false;
+    bool isLeftOut = false;
+    return toolSets_ && !toolSets_->isToolAllowedWithBundleId(tool, &isInSet, &isLeftOut) &&
+           isInSet && isLeftOut;
+}
+
+ToolLauncher::Step ToolLauncher::stepFor(const std::string& tool) const {
+    Step step{.bundleIdentifier = tool};
+    const auto path = Workspace::URLForApplicationWithBundleIdentifier(tool);
+    if (isRunning(tool)) {
+        step.fate = Fate::Running;
+    } else if (!path) {
+        step.fate = Fate::NotInstalled;
+    } else if (isRestricted(tool)) {
+        step.fate = Fate::Restricted;
+    }
+    step.needsAgent = path && needsAgent(*path);
+    return step;
+}
 
 std::vector<ToolLauncher::Step> ToolLauncher::plan() const {
     std::vector<Step> steps;

@@ -3,9 +3,13 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "Common/UtiliaCommon/AdminSettings/ToolSets.h"
 
 namespace utilia::launcher {
 
@@ -36,8 +40,11 @@ public:
         friend bool operator==(const Step&, const Step&) = default;
     };
 
-    ToolLauncher() : ToolLauncher(Limits()) {}
-    explicit ToolLauncher(Limits limits) : limits_(limits) {}
+    // Without tool sets every tool is allowed.
+    explicit ToolLauncher(std::shared_ptr<const ToolSets> toolSets = nullptr)
+        : ToolLauncher(std::move(toolSets), Limits()) {}
+    ToolLauncher(std::shared_ptr<const ToolSets> toolSets, Limits limits)
+        : toolSets_(std::move(toolSets)), limits_(limits) {}
 
     // What run() would do now, a step for each tool of the list.
     std::vector<Step> plan() const;
@@ -54,6 +61,10 @@ private:
     bool prepareAgent();
     void startTools(const std::vector<std::string>& tools);
 
+    bool isRestricted(const std::string& tool) const;
+    Step stepFor(const std::string& tool) const;
+
+    const std::shared_ptr<const ToolSets> toolSets_;
     const Limits limits_;
     std::mutex mutex_;
     std::condition_variable stopping_;

@@ -8,6 +8,7 @@
 
 namespace {
 
+using utilia::ToolSets;
 using utilia::launcher::ToolLauncher;
 
 constexpr std::string_view kHelp =
@@ -35,8 +36,13 @@ const char* describe(ToolLauncher::Fate fate) {
     return "";
 }
 
+std::shared_ptr<ToolSets> toolSets() {
+    auto shared = ToolSets::sharedInstance();
+    return shared ? shared : ToolSets::createSharedInstance();
+}
+
 void printPlan() {
-    for (const auto& step : ToolLauncher().plan()) {
+    for (const auto& step : ToolLauncher(toolSets()).plan()) {
         std::cout << describe(step.fate) << step.bundleIdentifier
                   << (step.needsAgent ? " (needs the agent)" : "") << "\n";
     }
@@ -46,7 +52,7 @@ void printPlan() {
 int startTools() {
     auto& application = utilia::platform::Application::sharedApplication();
     application.finishLaunching();  // a second start ends here
-    ToolLauncher launcher;
+    ToolLauncher launcher(toolSets());
     std::thread worker([&] {
         launcher.run();
         utilia::platform::MainQueue::async([&] { application.terminate(); });

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Applications/utiliactl/ExtendedLoggingCommand.h"
+#include "Applications/utiliactl/LoginCommand.h"
 #include "Applications/utiliactl/PortNameCommand.h"
 #include "Applications/utiliactl/PortsCommand.h"
 #include "Applications/utiliactl/ScheduleCommand.h"
@@ -55,6 +56,7 @@ ExitStatus runProgram(int argc, char** argv) {
     commands.push_back(std::make_unique<PortNameCommand>());
     commands.push_back(std::make_unique<StoreCommand>());
     commands.push_back(std::make_unique<ScheduleCommand>());
+    commands.push_back(std::make_unique<LoginCommand>());
     commands.push_back(std::make_unique<ToolsCommand>());
     commands.push_back(std::make_unique<ExtendedLoggingCommand>());
     std::vector<const CLI::App*> declared;

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Common/Platform/LoginItems.h"
 #include "Common/Platform/Port.h"
 #include "Common/Platform/UniqueFd.h"
 #include "Common/Platform/Workspace.h"
@@ -194,7 +195,7 @@ TEST_F(ToolLauncherTest, StartsWhatIsThereAndSaysWhatItPassesOver) {
     const auto child = start(running);
     nextReports(2);
     list({"First", "Gone", "Running", "Second"});
-    ToolLauncher({.launchesAtOnce = 1}).run();
+    ToolLauncher(nullptr, {.launchesAtOnce = 1}).run();
     EXPECT_THAT(nextReports(4),
                 ElementsAre("begin com.korvane.utilia.First", "up com.korvane.utilia.First",
                             "begin com.korvane.utilia.Second", "up com.korvane.utilia.Second"));
@@ -210,7 +211,7 @@ TEST_F(ToolLauncherTest, AToolThatFailsIsLoggedAndTheOthersStartAllTheSame) {
     install("Good");
     openGate();
     list({"Failing", "Good"});
-    ToolLauncher({.launchesAtOnce = 1}).run();
+    ToolLauncher(nullptr, {.launchesAtOnce = 1}).run();
     EXPECT_TRUE(isRunning("Good"));
     ASSERT_EQ(log_.lines().size(), 1u);
     EXPECT_THAT(log_.lines()[0],
@@ -227,7 +228,7 @@ TEST_F(ToolLauncherTest, OfFiftyToolsOnlyAFewAreOnTheirWayUpAtOnce) {
         install(names.back());
     }
     list(names);
-    ToolLauncher launcher({.launchesAtOnce = kAtOnce});
+    ToolLauncher launcher(nullptr, {.launchesAtOnce = kAtOnce});
     std::thread runner([&] { launcher.run(); });
 
     // All that may start has started, and is stuck at the gate.
@@ -254,7 +255,7 @@ TEST_F(ToolLauncherTest, TheAgentIsUpBeforeAToolThatNeedsItIsStarted) {
     install("Plain");
     install("Needy", "listedTool", agentNeeded());
     list({"Plain", "Needy"});
-    ToolLauncher launcher({.launchesAtOnce = 1, .agentWait = std::chrono::seconds(60)});
+    ToolLauncher launcher(nullptr, {.launchesAtOnce = 1, .agentWait = std::chrono::seconds(60)});
     std::thread runner([&] { launcher.run(); });
     EXPECT_THAT(nextReports(1), ElementsAre("begin agent"));
     openGate();
@@ -282,7 +283,7 @@ TEST_F(ToolLauncherTest, AnAgentWithoutAPortIsWaitedForNoLongerThanTheLimit) {
     installAgent();
     install("Needy", "listedTool", agentNeeded());
     list({"Needy"});
-    ToolLauncher launcher({.agentWait = std::chrono::milliseconds(50)});
+    ToolLauncher launcher(nullptr, {.agentWait = std::chrono::milliseconds(50)});
     std::thread runner([&] { launcher.run(); });
     // The agent never gets past the gate while this waits: the tool begins without its port.
     EXPECT_THAT(nextReports(2), ElementsAre("begin agent", "begin com.korvane.utilia.Needy"));
@@ -311,7 +312,7 @@ TEST_F(ToolLauncherTest, WithoutAnAgentThoseThatNeedItAreNotStarted) {
 TEST_F(ToolLauncherTest, AStoppedLauncherStartsNothingMore) {
     for (const char* name : {"First", "Second", "Third"}) install(name);
     list({"First", "Second", "Third"});
-    ToolLauncher launcher({.launchesAtOnce = 1});
+    ToolLauncher launcher(nullptr, {.launchesAtOnce = 1});
     std::thread runner([&] { launcher.run(); });
     EXPECT_THAT(nextReports(1), ElementsAre("begin com.korvane.utilia.First"));
     launcher.stop();
@@ -378,6 +379,42 @@ TEST_F(ToolLauncherApplication, StartsTheListAfterTheAgentAndEnds) {
     EXPECT_NE(second, std::string::npos) << log;
     EXPECT_LT(first, second);
     EXPECT_EQ(contentOf(home_.path() / "out"), "");
+}
+
+TEST_F(ToolLauncherApplication, DoesNotStartWhatTheAdministratorDoesNotAllow) {
+    mounts_.writeSettings(R"({"WhiteToolsList": ["Timer"]})");
+    install("FreeMemory");
+    install("Timer");
+    install("NoToolOfTheCatalogue");
+    openGate();
+    list({"FreeMemory", "Timer", "NoToolOfTheCatalogue"});
+    auto dryRun = launch({"--dry-run"});
+    EXPECT_EQ(dryRun.waitForExit(), 0);
+    EXPECT_EQ(contentOf(home_.path() / "out"),
+              "restricted     com.korvane.utilia.FreeMemory\n"
+              "start          com.korvane.utilia.Timer\n"
+              "start          com.korvane.utilia.NoToolOfTheCatalogue\n");
+    auto launcher = launch();
+    EXPECT_EQ(launcher.waitForExit(), 0);
+    EXPECT_FALSE(isRunning("FreeMemory"));
+    EXPECT_TRUE(isRunning("Timer"));
+    EXPECT_TRUE(isRunning("NoToolOfTheCatalogue"));
+    EXPECT_THAT(errors(), HasSubstr("Tool com.korvane.utilia.FreeMemory is not started: the "
+                                    "administrator does not allow it."));
+}
+
+TEST_F(ToolLauncherApplication, IsStartedByTheEntryThatTheListPutsThere) {
+    install("Plain");
+    openGate();
+    ASSERT_TRUE(UtiliaToolLauncher::addToolToLaunchAtLogin(identifierOf("Plain")));
+    const auto items = platform::LoginItems::create()->snapshot();
+    ASSERT_EQ(items->size(), 1u);
+    test::ChildProcessOptions options;
+    options.mounts = &mounts_;
+    auto session = ChildProcess::program(UTILIA_GIO, {"launch", (*items)[0].path()}, options);
+    EXPECT_EQ(session.waitForExit(), 0);
+    EXPECT_THAT(nextReports(2),
+                ElementsAre("begin com.korvane.utilia.Plain", "up com.korvane.utilia.Plain"));
 }
 
 TEST_F(ToolLauncherApplication, EndsInAnOrderlyWayWithTheSession) {

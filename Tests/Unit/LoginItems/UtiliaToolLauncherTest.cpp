@@ -1,6 +1,8 @@
 #include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
 
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 
 #include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
 #include "Tests/Support/ChildRole.h"
@@ -179,6 +181,20 @@ TEST_F(UtiliaToolLauncherTest, AMigrationThatFailsIsNotTriedAgain) {
     fs::remove(home_.config() / "autostart");
     UtiliaToolLauncher::migrate();
     EXPECT_THAT(log_.lines(), IsEmpty());
+}
+
+std::string contentOf(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+TEST_F(UtiliaToolLauncherTest, ThePreferencesAreTheBytesOfTheFormatsPage) {
+    UtiliaToolLauncher::migrate();
+    UtiliaToolLauncher::addToolToLaunchAtLogin(kTool);
+    EXPECT_EQ(contentOf(UtiliaToolLauncher::getDefaults()->path()),
+              contentOf(UTILIA_TEST_DATA "/launch-at-login.plist"));
 }
 
 UTILIA_CHILD_ROLE(tellDefaults) {
