@@ -27,18 +27,11 @@ constexpr std::size_t kMaximumFileSize = 64u << 20;
 constexpr std::string_view kTemplateSuffix = "Template";
 
 const UtiliaIconsModule* loadCodec() {
-    const auto symbol = moduleSymbol("Icons", kUtiliaIconsSymbol);
-    if (!symbol) {
-        KULogVariadic("Images cannot be used: %s", symbol.error().description);
-        return nullptr;
-    }
-    const auto* module = static_cast<const UtiliaIconsModule*>(*symbol);
-    if (module->version != kUtiliaIconsVersion) {
-        KULogVariadic("Images cannot be used: module Icons: version %u instead of %u",
-                      module->version, kUtiliaIconsVersion);
-        return nullptr;
-    }
-    return module;
+    const auto module =
+        moduleTable<UtiliaIconsModule>("Icons", kUtiliaIconsSymbol, kUtiliaIconsVersion);
+    if (module) return *module;
+    KULogVariadic("Images cannot be used: %s", module.error().description);
+    return nullptr;
 }
 
 // The Icons module, loaded on the first ask; null, with one log line per process, when there is

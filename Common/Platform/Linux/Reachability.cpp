@@ -19,18 +19,6 @@
 namespace utilia::platform {
 namespace {
 
-Result<const UtiliaDesktopModule*> loadModule() {
-    const auto symbol = moduleSymbol("Desktop", kUtiliaDesktopSymbol);
-    if (!symbol) return symbol.error();
-    const auto* module = static_cast<const UtiliaDesktopModule*>(*symbol);
-    if (module->version != kUtiliaDesktopVersion) {
-        return Error::utilia(UtiliaErrorCode::Unavailable,
-                             "module Desktop: version " + std::to_string(module->version) +
-                                 " instead of " + std::to_string(kUtiliaDesktopVersion));
-    }
-    return module;
-}
-
 // What the owner and the changes on their way to him share.
 struct Watched {
     Reachability::Changed changed;
@@ -73,7 +61,8 @@ Result<std::unique_ptr<Reachability>> Reachability::create(std::string_view host
     return orOutOfMemory("watch", "a host", [&]() -> Result<std::unique_ptr<Reachability>> {
         const auto name = lookupHostName(host);
         if (!name) return Error::utilia(UtiliaErrorCode::Refused, "this is no name of a host");
-        const auto module = loadModule();
+        const auto module = moduleTable<UtiliaDesktopModule>("Desktop", kUtiliaDesktopSymbol,
+                                                             kUtiliaDesktopVersion);
         if (!module) return module.error();
         auto implementation = std::unique_ptr<Implementation>(
             new Implementation{*module, std::make_shared<Watched>(Watched{std::move(changed)})});

@@ -1,15 +1,11 @@
 #include "Common/Platform/Linux/Modules/Desktop/NetworkThread.h"
 
-#include <array>
+#include "Common/Platform/Linux/Modules/Desktop/ModuleThread.h"
+
 #include <cerrno>
-#include <csignal>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include <glib-unix.h>
-#include <pthread.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 // Nothing is taken from GIO's monitor of the network: the one of a process reports to whoever asked
@@ -22,21 +18,6 @@ namespace {
 
 // An interface that comes up is a dozen changes.
 constexpr gint64 kChangesSettle = 100'000;  // microseconds
-
-// GLib ends the process when it gets no descriptor for a context of its own. Its contexts here, and
-// those of the connection to the bus, need these.
-int descriptorsMissing() {
-    std::array<int, 6> reserve;
-    int error = 0;
-    for (int& each : reserve) {
-        each = eventfd(0, EFD_CLOEXEC);
-        if (each < 0) error = errno;
-    }
-    for (const int each : reserve) {
-        if (each >= 0) close(each);
-    }
-    return error;
-}
 
 }  // namespace
 
@@ -77,24 +58,12 @@ int NetworkThread::start(const char** what) {
             std::make_unique<NetworkManagerWatch>([this] { networkChanged_->fireSoon(); });
     }
     *what = "start thread";
-    // A new thread inherits the mask of its maker: the host's signals must not arrive on it.
-    sigset_t every;
-    sigset_t before;
-    sigfillset(&every);
-    pthread_sigmask(SIG_SETMASK, &every, &before);
-    int error = 0;
-    try {
-        std::thread([this] { run(); }).detach();
-        process_ = getpid();
-    } catch (const std::system_error& thrown) {
-        error = thrown.code().value();
-    }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    const int error = startThread("utilia-network", [this] { run(); });
+    if (error == 0) process_ = getpid();
     return error;
 }
 
 void NetworkThread::run() {
-    pthread_setname_np(pthread_self(), "utilia-network");
     g_main_context_push_thread_default(network_.context);
     GSource* const changes = g_unix_fd_source_new(network_.changes.descriptor(), G_IO_IN);
     g_source_set_callback(changes, G_SOURCE_FUNC(&NetworkThread::readChanges), this, nullptr);

@@ -1,0 +1,143 @@
+#include <chrono>
+#include <fstream>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "Common/Platform/DistributedNotificationCenter.h"
+#include "Common/Platform/RunLoop.h"
+#include "Tests/Support/ChildScript.h"
+
+// Processes that post and observe.
+
+using namespace utilia;
+using namespace utilia::platform;
+using namespace utilia::test;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::string millisecondsOf(const std::function<void()>& work) {
+    const auto start = Clock::now();
+    work();
+    return std::to_string(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
+}
+
+bool isLoaded(std::string_view library) {
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find(library) != std::string::npos) return true;
+    }
+    return false;
+}
+
+struct Observation {
+    int calls = 0;
+    bool wasOnMainThread = true;
+    Handle handle;
+};
+
+// "observe" NAME ID, "end" ID, "calls" ID, "wait" ID CALLS, "post" NAME and so on; those that may
+// wait answer the milliseconds that they took.
+UTILIA_CHILD_ROLE(notifier) {
+    std::map<std::string, Observation> observations;
+    const auto mainThread = std::this_thread::get_id();
+    auto& center = DistributedNotificationCenter::defaultCenter();
+    ChildScript script(self);
+    const auto observe = [&](const std::string& name, const std::string& id) {
+        Observation& made = observations[id];
+        made.handle = center.addObserver(name, [&made, mainThread] {
+            ++made.calls;
+            made.wasOnMainThread &= std::this_thread::get_id() == mainThread;
+        });
+    };
+    script.on("observe", [&](const auto& arguments) {
+        return millisecondsOf([&] { observe(arguments[0], arguments[1]); });
+    });
+    script.on("observe-on-another-thread", [&](const auto& arguments) {
+        std::thread([&] { observe(arguments[0], arguments[1]); }).join();
+        return "";
+    });
+    script.on("observe-and-throw", [&](const auto& arguments) {
+        static Handle handle;
+        handle = center.addObserver(arguments[0], [] { throw std::runtime_error("observer"); });
+        return "";
+    });
+    script.on("end", [&](const auto& arguments) {
+        observations[arguments[0]].handle.reset();
+        return "";
+    });
+    script.on("calls", [&](const auto& arguments) {
+        const Observation& observation = observations[arguments[0]];
+        return std::to_string(observation.calls) +
+               (observation.wasOnMainThread ? "" : " elsewhere");
+    });
+    script.on("wait", [&](const auto& arguments) {
+        const Observation& observation = observations[arguments[0]];
+        ChildScript::waitUntil([&] { return observation.calls >= std::stoi(arguments[1]); });
+        return std::to_string(observation.calls);
+    });
+    script.on("post", [&](const auto& arguments) {
+        return millisecondsOf([&] { center.post(arguments[0]); });
+    });
+    // Answers whether an observer was called before the post returned.
+    script.on("post-and-look", [&](const auto& arguments) {
+        const int before = observations[arguments[1]].calls;
+        center.post(arguments[0]);
+        return observations[arguments[1]].calls == before ? "later" : "at once";
+    });
+    script.on("post-from-threads", [&](const auto& arguments) {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < std::stoi(arguments[1]); ++i) {
+            threads.emplace_back([&] {
+                for (int j = 0; j < std::stoi(arguments[2]); ++j) center.post(arguments[0]);
+            });
+        }
+        for (auto& thread : threads) thread.join();
+        return "";
+    });
+    // The main loop does not turn until the test lets it.
+    script.on("hold-main-loop-until", [&](const auto& arguments) {
+        while (access(arguments[0].c_str(), F_OK) != 0) usleep(1000);
+        return "";
+    });
+    script.on("is-loaded",
+              [](const auto& arguments) { return isLoaded(arguments[0]) ? "yes" : "no"; });
+    script.on("post-in-forked-child", [&](const auto& arguments) {
+        return millisecondsOf([&] {
+            const pid_t child = fork();
+            if (child == 0) {
+                center.post(arguments[0]);
+                _exit(0);
+            }
+            int status = 0;
+            waitpid(child, &status, 0);
+        });
+    });
+    script.on("take-all-descriptors", [](const auto&) {
+        // Bounded, so that using them up is quick.
+        const rlimit limit{256, 256};
+        setrlimit(RLIMIT_NOFILE, &limit);
+        while (open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0) {
+        }
+        return "";
+    });
+    return script.run();
+}
+
+// Posts and ends at once.
+UTILIA_CHILD_ROLE(postAndExit) {
+    DistributedNotificationCenter::defaultCenter().post(self.arguments[0]);
+    _exit(0);
+}
+
+}  // namespace
