@@ -33,6 +33,12 @@ inline constexpr std::string_view kSchedulerDateKey = "date";                   
 inline constexpr std::string_view kSchedulerIntervalKey = "interval";            // seconds
 inline constexpr std::string_view kSchedulerLaunchAtLoginKey = "launchAtLogin";  // boolean
 
+// The distributed notification that tells the agent to look at the records again. The functions
+// here never post it; ToolScheduler and AgentScheduler do, for the changes that the agent must act
+// on. Contract: never rename.
+inline constexpr std::string_view kAgentUpdateSchedulerNotification =
+    "com.apple.utilia.agentUpdateScheduler";
+
 using AccessBlock = std::function<void(platform::UserDefaults& suite)>;
 using ReadBlock = std::function<void(const Dictionary& record)>;
 using UpdateBlock = std::function<void(Dictionary& record)>;

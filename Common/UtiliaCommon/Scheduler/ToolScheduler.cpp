@@ -1,0 +1,37 @@
+#include "Common/UtiliaCommon/Scheduler/ToolScheduler.h"
+
+#include "Common/Platform/DistributedNotificationCenter.h"
+#include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
+
+namespace utilia {
+namespace {
+
+void tellAgent() {
+    platform::DistributedNotificationCenter::defaultCenter().post(
+        kAgentUpdateSchedulerNotification);
+}
+
+}  // namespace
+
+void ToolScheduler::scheduleAtLogin(bool launchAtLogin) {
+    updateSchedulerForThisTool([launchAtLogin](Dictionary& record) {
+        record.set(kSchedulerLaunchAtLoginKey, launchAtLogin);
+    });
+}
+
+void ToolScheduler::scheduleAtDate(Date date, double withRepeat) {
+    updateSchedulerForThisTool([date, withRepeat](Dictionary& record) {
+        record.set(kSchedulerLaunchAtDateKey, true);
+        record.set(kSchedulerDateKey, date);
+        record.set(kSchedulerIntervalKey, withRepeat);
+    });
+    tellAgent();
+}
+
+void ToolScheduler::cancelDateSchedule() {
+    updateSchedulerForThisTool(
+        [](Dictionary& record) { record.set(kSchedulerLaunchAtDateKey, false); });
+    tellAgent();
+}
+
+}  // namespace utilia
