@@ -219,6 +219,19 @@ TEST_F(ToolLauncherTest, AToolThatFailsIsLoggedAndTheOthersStartAllTheSame) {
     EXPECT_THAT(log_.lines()[0], testing::EndsWith("ended with status 3"));
 }
 
+TEST_F(ToolLauncherTest, AToolThatCrashedIsStartedAgain) {
+    const TestBundle crashed = install("Crashed");
+    openGate();
+    auto child = start(crashed);
+    list({"Crashed"});
+    EXPECT_EQ(ToolLauncher().plan().at(0).fate, Fate::Running);
+    child.kill();
+    EXPECT_EQ(ToolLauncher().plan().at(0).fate, Fate::Start);
+    ToolLauncher().run();
+    EXPECT_TRUE(isRunning("Crashed"));
+    EXPECT_THAT(log_.lines(), IsEmpty());
+}
+
 TEST_F(ToolLauncherTest, OfFiftyToolsOnlyAFewAreOnTheirWayUpAtOnce) {
     constexpr std::size_t kTools = 50;
     constexpr std::size_t kAtOnce = 4;
@@ -415,6 +428,28 @@ TEST_F(ToolLauncherApplication, IsStartedByTheEntryThatTheListPutsThere) {
     EXPECT_EQ(session.waitForExit(), 0);
     EXPECT_THAT(nextReports(2),
                 ElementsAre("begin com.korvane.utilia.Plain", "up com.korvane.utilia.Plain"));
+}
+
+// Every process that loads the framework does it before its own code runs.
+TEST_F(ToolLauncherApplication, LoadingTheFrameworkMigratesOnce) {
+    test::TestBundleOptions options;
+    options.name = "Hide Menu Icons";
+    options.bundleIdentifier = "com.example.legacy";
+    options.folder = home_.path() / "old";
+    const TestBundle legacy(home_, options);
+    ASSERT_TRUE(platform::LoginItems::create()->insertAtEnd(legacy.path()));
+    auto first = launch({"--help"});
+    EXPECT_EQ(first.waitForExit(), 0);
+    EXPECT_THAT(errors(), HasSubstr("Tool com.korvane.utilia.HideMenuIcons is migrated to "
+                                    "UtiliaToolLauncher."));
+    EXPECT_TRUE(UtiliaToolLauncher::isToolInLaunchAtLogin("com.korvane.utilia.HideMenuIcons"));
+    EXPECT_EQ(UtiliaToolLauncher::findAppInLoginItems("Hide Menu Icons.app"), std::nullopt);
+    EXPECT_EQ(UtiliaToolLauncher::findAppInLoginItems("Utilia Tool Launcher.app"),
+              bundle_.string());
+    fs::remove(home_.path() / "err");
+    auto second = launch({"--help"});
+    EXPECT_EQ(second.waitForExit(), 0);
+    EXPECT_EQ(errors(), "");
 }
 
 TEST_F(ToolLauncherApplication, EndsInAnOrderlyWayWithTheSession) {

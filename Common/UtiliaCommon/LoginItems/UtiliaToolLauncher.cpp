@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Logging/Log.h"
 #include "Common/Platform/Bundle.h"
+#include "Common/Platform/FileLock.h"
+#include "Common/Platform/FileManager.h"
 #include "Common/Platform/LoginItems.h"
 #include "Common/Platform/Workspace.h"
 #include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
@@ -28,6 +31,19 @@ constexpr std::array kLegacyTools{
     LegacyTool{"Clipboard History.app", "com.korvane.utilia.ClipboardHistory"},
 };
 
+// At the first login after an update fifty tools find the migration undone at the same moment. The
+// list is read, changed and stored without a lock, so one of them does it and the others go on.
+enum class Turn { Ours, SomebodyElses };
+Turn takeTurn(std::optional<platform::FileLock>& lock) {
+    const auto folder = platform::FileManager::runtimeFolder();
+    if (!folder) return Turn::Ours;
+    auto taken = platform::FileLock::acquire(
+        stringByAppendingPathComponent(*folder, "tool-launcher-migration.lock"),
+        platform::FileLock::Mode::Exclusive, std::chrono::milliseconds(0));
+    if (taken) lock = *std::move(taken);
+    return !taken && taken.error().is(UtiliaErrorCode::Busy) ? Turn::SomebodyElses : Turn::Ours;
+}
+
 bool contains(const Array& list, const Value& bundleIdentifier) {
     return std::find(list.begin(), list.end(), bundleIdentifier) != list.end();
 }
@@ -45,7 +61,10 @@ std::shared_ptr<UserDefaults> UtiliaToolLauncher::getDefaults() {
 
 void UtiliaToolLauncher::migrate() {
     const auto defaults = getDefaults();
-    if (defaults->boolForKey(kToolLauncherMigratedKey)) {
+    std::optional<platform::FileLock> turn;
+    // Asked again once it is our turn: somebody may have done it in between.
+    if (defaults->boolForKey(kToolLauncherMigratedKey) || takeTurn(turn) == Turn::SomebodyElses ||
+        defaults->boolForKey(kToolLauncherMigratedKey)) {
         if (KUIsExtendedLoggingOn())
             KULogVariadic("Migration of autostarted tools has been already done.");
         return;

@@ -183,6 +183,51 @@ TEST_F(UtiliaToolLauncherTest, AMigrationThatFailsIsNotTriedAgain) {
     EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
+UTILIA_CHILD_ROLE(migrateTools) {
+    const TestLog log;
+    self.say("ready");
+    self.waitForLine();
+    UtiliaToolLauncher::migrate();
+    std::string lines;
+    for (const std::string& line : log.lines()) lines += line + "|";
+    self.say(lines);
+    return 0;
+}
+
+TEST_F(UtiliaToolLauncherTest, ManyProcessesThatMigrateAtTheSameTimeDoItOnce) {
+    std::vector<TestBundle> legacies;
+    for (const char* name : {"FreeMemoryLauncher", "Hide Menu Icons", "Clipboard History"}) {
+        legacies.push_back(legacyIn(home_, "old", name));
+        ASSERT_TRUE(CommonAuxiliary::sharedInstance().addAppToLoginItems(legacies.back().path()));
+    }
+    std::vector<test::ChildProcess> children;
+    for (int i = 0; i < 12; ++i) children.push_back(test::ChildProcess::role("migrateTools"));
+    for (auto& child : children) ASSERT_EQ(child.waitForLine(), "ready");
+    for (auto& child : children) child.say("go");
+    std::vector<std::string> said;
+    for (auto& child : children) said.push_back(child.waitForLine().value_or("(none)"));
+    std::sort(said.begin(), said.end());
+    EXPECT_EQ(said.back(), "Tool com.korvane.utilia.FreeMemory is migrated to UtiliaToolLauncher.|"
+                           "Tool com.korvane.utilia.HideMenuIcons is migrated to "
+                           "UtiliaToolLauncher.|"
+                           "Tool com.korvane.utilia.ClipboardHistory is migrated to "
+                           "UtiliaToolLauncher.|");
+    said.pop_back();
+    EXPECT_THAT(said, testing::Each(""));
+    EXPECT_EQ(list(), (Array{"com.korvane.utilia.FreeMemory", "com.korvane.utilia.HideMenuIcons",
+                             "com.korvane.utilia.ClipboardHistory"}));
+    for (const TestBundle& legacy : legacies)
+        EXPECT_FALSE(CommonAuxiliary::sharedInstance().findAppInLoginItems(legacy.path()));
+    EXPECT_TRUE(isLauncherAnItem());
+}
+
+TEST_F(UtiliaToolLauncherTest, MigratesAlsoWithoutARuntimeFolderForItsLock) {
+    setenv("XDG_RUNTIME_DIR", (home_.path() / "absent").c_str(), 1);
+    UtiliaToolLauncher::migrate();
+    EXPECT_EQ(log_.count("No tools were migrated to UtiliaToolLauncher."), 1u);
+    EXPECT_TRUE(UtiliaToolLauncher::getDefaults()->boolForKey(kToolLauncherMigratedKey));
+}
+
 std::string contentOf(const fs::path& path) {
     std::ifstream file(path, std::ios::binary);
     std::ostringstream text;
