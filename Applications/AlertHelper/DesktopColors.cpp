@@ -88,6 +88,9 @@ void DesktopColors::follow() {
         std::atomic<uint> scheme{kNoPreference};
     };
     const auto first = std::make_shared<First>();
+    // The bus library finds the types of a slot by their names, and learns its own with the first
+    // message only.
+    qRegisterMetaType<QDBusVariant>();
     const auto talk = [this, address, first] {
         QDBusConnection bus =
             QDBusConnection::connectToBus(address, QStringLiteral("utilia-alert"));
