@@ -5,6 +5,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <stdexcept>
 
 #include <dlfcn.h>
@@ -172,6 +173,56 @@ std::size_t forEachFault(std::span<const Fault> table, const std::function<void(
                          const std::function<void(const FaultRun&)>& check) {
     return forEachFault(
         table, [] {}, operation, check);
+}
+
+std::size_t forFaultPairs(std::span<const Fault> table, std::size_t pairs,
+                          const std::function<void()>& prepare,
+                          const std::function<void()>& operation,
+                          const std::function<void(const FaultPair&)>& check) {
+    // Which faults an undisturbed run would meet, and how often; what handles a first fault may make
+    // a few calls more.
+    struct Candidate {
+        const Fault* fault;
+        unsigned calls;
+    };
+    constexpr unsigned kMoreCalls = 2;
+    std::vector<Candidate> candidates;
+    prepare();
+    operation();
+    const std::size_t descriptors = openDescriptors();
+    for (const Fault& fault : table) {
+        prepare();
+        const ArmedFault counted(fault, kMostCalls);
+        operation();
+        if (counted.calls() > 0) candidates.push_back({&fault, counted.calls()});
+    }
+    if (candidates.empty()) return 0;
+    std::minstd_rand draw(1);
+    const auto drawRun = [&] {
+        const auto& [fault, calls] = candidates[draw() % candidates.size()];
+        const bool isOnce = fault->isOnceOnly || draw() % 2 == 0;
+        return FaultRun{*fault, 1 + static_cast<unsigned>(draw() % (calls + kMoreCalls)),
+                        isOnce ? FaultRepetition::Once : FaultRepetition::ForEver};
+    };
+    std::size_t runs = 0;
+    for (std::size_t i = 0; i < pairs; ++i) {
+        const FaultPair pair{drawRun(), drawRun()};
+        SCOPED_TRACE(pair.first.description() + "; " + pair.second.description());
+        prepare();
+        bool wereBothHit = false;
+        {
+            const ArmedFault first(pair.first.fault, pair.first.ordinal, pair.first.repetition);
+            const ArmedFault second(pair.second.fault, pair.second.ordinal, pair.second.repetition);
+            operation();
+            wereBothHit = first.hits() > 0 && second.hits() > 0;
+        }
+        EXPECT_LE(openDescriptors(), descriptors) << "descriptors were left behind";
+        if (!wereBothHit) continue;
+        ++runs;
+        check(pair);
+        if (testing::Test::HasFatalFailure()) return runs;
+    }
+    return runs;
 }
 
 std::size_t forEachKillPoint(unsigned repetitions, const std::function<void()>& operation,

@@ -98,6 +98,18 @@ std::size_t forEachFault(std::span<const Fault> table, const std::function<void(
 std::size_t forEachFault(std::span<const Fault> table, const std::function<void()>& operation,
                          const std::function<void(const FaultRun&)>& check);
 
+// Two faults at a time, since what handles a first one is seldom tried itself: `pairs` of them, drawn
+// by a generator that always begins alike from those of the table that the operation meets, each once
+// or for ever. `check` is told both after every run in which both were hit. Answers how many those were.
+struct FaultPair {
+    FaultRun first;
+    FaultRun second;
+};
+std::size_t forFaultPairs(std::span<const Fault> table, std::size_t pairs,
+                          const std::function<void()>& prepare,
+                          const std::function<void()>& operation,
+                          const std::function<void(const FaultPair&)>& check);
+
 // The end of a process before (false) or after (true) its `ordinal`-th system call.
 struct KillPoint {
     unsigned ordinal = 0;

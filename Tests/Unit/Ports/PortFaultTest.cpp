@@ -107,6 +107,20 @@ TEST_F(PortFaults, NeitherBreakNorLeakWhicheverCallFails) {
     }
 }
 
+TEST_F(PortFaults, NeitherBreakNorLeakWhicheverTwoCallsFail) {
+    Cycle cycle(small, large);
+    const std::size_t runs = forFaultPairs(
+        test::socketFaults(), 1000, [] {}, [&] { cycle.run(); },
+        [&](const test::FaultPair&) {
+            EXPECT_LE(cycle.arrived.size(), static_cast<std::size_t>(cycle.sent));
+            for (const std::string& text : cycle.arrived)
+                EXPECT_TRUE(text == small || text == large);
+            cycle.run();
+            EXPECT_EQ(cycle.arrived, (std::vector{small, large, small})) << "the next one works";
+        });
+    EXPECT_GT(runs, 100u);
+}
+
 // GLib ends the process when it gets no memory, so what only our own code asks for is refused here.
 TEST_F(PortFaults, AnswerWithoutMemoryAsIfTheNameWereNotThere) {
     PortUnderTest port("a");

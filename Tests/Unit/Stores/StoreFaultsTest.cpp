@@ -88,6 +88,29 @@ protected:
     test::TestLog log_;
 };
 
+TEST_F(StoreFaults, AnUpdateIsInTheFileOrIsReportedAsFailedUnderTwoFaultsToo) {
+    const auto defaults = UserDefaults::initWithSuiteName(kGroup);
+    std::int64_t acknowledged = 0;
+    std::int64_t attempted = 0;
+    bool isWritten = false;
+    const std::size_t runs = test::forFaultPairs(
+        test::storageFaults(), 2000, [] {},
+        [&] {
+            defaults->setObject(++attempted, "number");
+            isWritten = defaults->synchronize();
+            if (isWritten) acknowledged = attempted;
+        },
+        [&](const test::FaultPair&) {
+            EXPECT_EQ(UserDefaults::initWithSuiteName(kGroup)->integerForKey("number"),
+                      acknowledged);
+            defaults->setObject(++attempted, "number");
+            EXPECT_TRUE(defaults->synchronize()) << "the next call without a fault succeeds";
+            acknowledged = attempted;
+            EXPECT_EQ(strangersIn(home_.groupContainer() / "Library/Preferences"), 0u);
+        });
+    EXPECT_GT(runs, 100u);
+}
+
 TEST_F(StoreFaults, AnUpdateIsInTheFileOrIsReportedAsFailed) {
     updateUnderEachFault(test::storageFaults());
 }
