@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "Common/Logging/Log.h"
+#include "Common/Logging/MemoryGuard.h"
 
 namespace utilia {
 namespace {
@@ -13,6 +14,11 @@ constexpr std::size_t kMostReasons = 64;
 }  // namespace
 
 void RepeatedLines::log(std::string_view reason, std::string_view line) {
+    // A reason that cannot be kept is logged each time.
+    unlessOutOfMemory(line, [&] { logOnce(reason, line); });
+}
+
+void RepeatedLines::logOnce(std::string_view reason, std::string_view line) {
     const auto now = std::chrono::steady_clock::now();
     const auto found = records_.find(reason);
     if (found == records_.end()) {

@@ -29,6 +29,8 @@ private:
         std::uint64_t unlogged = 0;
     };
 
+    void logOnce(std::string_view reason, std::string_view line);
+
     const std::chrono::nanoseconds interval_;
     std::map<std::string, Record, std::less<>> records_;
 };

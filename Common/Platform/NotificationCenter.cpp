@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <exception>
 #include <mutex>
 #include <string>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "Common/Logging/Log.h"
+#include "Common/Logging/MemoryGuard.h"
 
 namespace utilia::platform {
 namespace {
@@ -16,6 +18,7 @@ namespace {
 struct Observer {
     std::string name;
     const void* object = nullptr;
+    std::uint64_t number = 0;
     std::function<void(const void*)> call;
     std::atomic<bool> isActive = true;
 };
@@ -35,16 +38,26 @@ void notify(const Observer& observer, const void* object) noexcept {
 
 struct NotificationCenter::State {
     std::mutex mutex;
-    std::vector<std::shared_ptr<Observer>> observers;  // in the order of their registration
+    std::vector<std::shared_ptr<Observer>> observers;  // in the order of their numbers
+    std::uint64_t nextNumber = 0;
 
-    std::vector<std::shared_ptr<Observer>> observersOf(std::string_view name, const void* object) {
+    // The first one from `from` on, and before `end`, that observes this; null when there is none.
+    std::shared_ptr<Observer> observerOf(std::string_view name, const void* object,
+                                         std::uint64_t from, std::uint64_t end) {
         const std::lock_guard guard(mutex);
-        std::vector<std::shared_ptr<Observer>> found;
-        for (const auto& observer : observers) {
-            if (observer->name != name) continue;
-            if (!observer->object || observer->object == object) found.push_back(observer);
+        auto each = std::lower_bound(
+            observers.begin(), observers.end(), from,
+            [](const auto& observer, std::uint64_t number) { return observer->number < number; });
+        for (; each != observers.end() && (*each)->number < end; ++each) {
+            if ((*each)->name != name) continue;
+            if (!(*each)->object || (*each)->object == object) return *each;
         }
-        return found;
+        return nullptr;
+    }
+
+    std::uint64_t next() {
+        const std::lock_guard guard(mutex);
+        return nextNumber;
     }
 
     void remove(const std::shared_ptr<Observer>& observer) {
@@ -64,27 +77,35 @@ NotificationCenter::~NotificationCenter() = default;
 
 Handle NotificationCenter::addObserver(std::string_view name, const void* object,
                                        std::function<void(const void* object)> observer) {
-    auto added = std::make_shared<Observer>();
-    added->name = name;
-    added->object = object;
-    added->call = std::move(observer);
-    {
+    return unlessOutOfMemory("Notifications", [&] {
+        auto added = std::make_shared<Observer>();
+        added->name = name;
+        added->object = object;
+        added->call = std::move(observer);
+        // Made first: an observer that nobody could end must not be registered.
+        Handle handle([state = std::weak_ptr(state_), added] {
+            if (const auto living = state.lock()) {
+                living->remove(added);
+            } else {
+                added->isActive = false;
+            }
+        });
         const std::lock_guard guard(state_->mutex);
+        added->number = state_->nextNumber;
         state_->observers.push_back(added);
-    }
-    return Handle([state = std::weak_ptr(state_), added] {
-        if (const auto living = state.lock()) {
-            living->remove(added);
-        } else {
-            added->isActive = false;
-        }
+        ++state_->nextNumber;
+        return handle;
     });
 }
 
 void NotificationCenter::post(std::string_view name, const void* object) {
-    // The list keeps its observers alive, so that one may end itself, or the centre, from its own
-    // call.
-    for (const auto& observer : state_->observersOf(name, object)) {
+    // One observer may end itself, the others, or the centre. It takes no memory to find the next
+    // one: ports that end and applications that terminate have to be told of in any case.
+    const auto state = state_;
+    const std::uint64_t end = state->next();
+    std::uint64_t from = 0;
+    while (const auto observer = state->observerOf(name, object, from, end)) {
+        from = observer->number + 1;
         if (observer->isActive) notify(*observer, object);
     }
 }

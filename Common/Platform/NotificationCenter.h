@@ -22,6 +22,7 @@ public:
     ~NotificationCenter();
 
     // `object` limits the observation to posts of that object; null hears all. It is only compared, never followed.
+    // Out of memory the handle is empty, and nothing is observed, with one log line.
     Handle addObserver(std::string_view name, const void* object,
                        std::function<void(const void* object)> observer);
     void post(std::string_view name, const void* object);

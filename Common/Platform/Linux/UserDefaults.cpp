@@ -2,11 +2,12 @@
 
 #include <algorithm>
 #include <charconv>
-#include <new>
+#include <utility>
 #include <vector>
 
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Logging/Log.h"
+#include "Common/Logging/MemoryGuard.h"
 #include "Common/Platform/Bundle.h"
 #include "Common/Platform/Linux/Folders.h"
 #include "Common/Platform/Linux/PreferencesDomain.h"
@@ -34,16 +35,7 @@ std::string ownIdentifier() {
     return bundle ? bundle->bundleIdentifier().value_or("") : "";
 }
 
-// No exception leaves the library, and this is where one could: memory may run out anywhere below.
-template <class Answer, class Function>
-Answer guarded(Answer otherwise, Function function) noexcept {
-    try {
-        return function();
-    } catch (const std::bad_alloc&) {
-        KULogVariadic("Preferences: out of memory");
-        return otherwise;
-    }
-}
+constexpr std::string_view kWhat = "Preferences";
 
 std::string numberText(double number) {
     char text[32];
@@ -63,6 +55,7 @@ struct UserDefaults::Implementation {
     // Keys of a suite whose last read failed. Who sets one of them next has made its value without
     // knowing the stored one, in which other processes keep their share.
     mutable std::vector<std::string> unread;
+    mutable bool isAnyUnread = false;  // there was no memory to read one, or to note its key
 
     const PreferencesDomain::Change* pendingChange(std::string_view key) const {
         const auto found = std::find_if(pending.begin(), pending.end(),
@@ -73,11 +66,12 @@ struct UserDefaults::Implementation {
     std::optional<Value> value(std::string_view key) const {
         if (const auto* change = pendingChange(key)) return change->value;
         if (!domain) return std::nullopt;
+        const bool wasAnyUnread = std::exchange(isAnyUnread, writing == Writing::Gathered);
         auto found = domain->value(key);
         std::erase(unread, key);
-        if (found) return *std::move(found);
-        if (writing == Writing::Gathered) unread.emplace_back(key);
-        return std::nullopt;
+        if (!found && writing == Writing::Gathered) unread.emplace_back(key);
+        isAnyUnread = wasAnyUnread;
+        return found ? *std::move(found) : std::nullopt;
     }
 
     void set(std::string_view key, std::optional<Value> value) {
@@ -99,9 +93,11 @@ struct UserDefaults::Implementation {
 
     bool dropUninformed() {
         const auto dropped = std::erase_if(pending, [this](const auto& change) {
-            return std::find(unread.begin(), unread.end(), change.key) != unread.end();
+            return isAnyUnread ||
+                   std::find(unread.begin(), unread.end(), change.key) != unread.end();
         });
         unread.clear();
+        isAnyUnread = false;
         if (dropped > 0) {
             KULogVariadic(
                 "A change of the preferences %@ is not written: it was made while they could not "
@@ -121,20 +117,24 @@ UserDefaults& UserDefaults::standardUserDefaults() {
 }
 
 std::unique_ptr<UserDefaults> UserDefaults::initWithDomain(std::string_view bundleIdentifier) {
-    if (!isDomainName(bundleIdentifier)) return nullptr;
-    auto implementation = std::make_unique<Implementation>();
-    implementation->path = fileIn(preferencesFolderPath(), bundleIdentifier);
-    implementation->domain = PreferencesDomain::at(implementation->path);
-    return std::unique_ptr<UserDefaults>(new UserDefaults(std::move(implementation)));
+    return unlessOutOfMemory(kWhat, [&]() -> std::unique_ptr<UserDefaults> {
+        if (!isDomainName(bundleIdentifier)) return nullptr;
+        auto implementation = std::make_unique<Implementation>();
+        implementation->path = fileIn(preferencesFolderPath(), bundleIdentifier);
+        implementation->domain = PreferencesDomain::at(implementation->path);
+        return std::unique_ptr<UserDefaults>(new UserDefaults(std::move(implementation)));
+    });
 }
 
 std::unique_ptr<UserDefaults> UserDefaults::initWithSuiteName(std::string_view name) {
-    if (!isDomainName(name) || name == kGlobalDomain || name == ownIdentifier()) return nullptr;
-    auto implementation = std::make_unique<Implementation>();
-    implementation->path = fileIn(groupContainerPath(name) + "/Library/Preferences", name);
-    implementation->domain = PreferencesDomain::at(implementation->path);
-    implementation->writing = Implementation::Writing::Gathered;
-    return std::unique_ptr<UserDefaults>(new UserDefaults(std::move(implementation)));
+    return unlessOutOfMemory(kWhat, [&]() -> std::unique_ptr<UserDefaults> {
+        if (!isDomainName(name) || name == kGlobalDomain || name == ownIdentifier()) return nullptr;
+        auto implementation = std::make_unique<Implementation>();
+        implementation->path = fileIn(groupContainerPath(name) + "/Library/Preferences", name);
+        implementation->domain = PreferencesDomain::at(implementation->path);
+        implementation->writing = Implementation::Writing::Gathered;
+        return std::unique_ptr<UserDefaults>(new UserDefaults(std::move(implementation)));
+    });
 }
 
 UserDefaults::UserDefaults(std::unique_ptr<Implementation> implementation)
@@ -143,7 +143,7 @@ UserDefaults::UserDefaults(std::unique_ptr<Implementation> implementation)
 UserDefaults::~UserDefaults() { synchronize(); }
 
 std::optional<Value> UserDefaults::objectForKey(std::string_view key) const {
-    return guarded(std::optional<Value>(), [&] { return implementation_->value(key); });
+    return unlessOutOfMemory(kWhat, [&] { return implementation_->value(key); });
 }
 
 std::optional<Array> UserDefaults::arrayForKey(std::string_view key) const {
@@ -158,19 +158,23 @@ std::optional<Dictionary> UserDefaults::dictionaryForKey(std::string_view key) c
 }
 
 std::optional<Data> UserDefaults::dataForKey(std::string_view key) const {
-    const auto value = objectForKey(key);
-    return value && value->data() ? std::optional<Data>(*value->data()) : std::nullopt;
+    return unlessOutOfMemory(kWhat, [&] {
+        const auto value = objectForKey(key);
+        return value && value->data() ? std::optional<Data>(*value->data()) : std::nullopt;
+    });
 }
 
 std::optional<std::string> UserDefaults::stringForKey(std::string_view key) const {
-    const auto value = objectForKey(key);
-    if (!value) return std::nullopt;
-    if (const auto* text = value->string()) return *text;
-    if (const auto* number = value->integer()) return std::to_string(*number);
-    if (const auto* number = value->largeInteger()) return std::to_string(*number);
-    if (const auto* number = value->real()) return numberText(*number);
-    if (const auto* number = value->boolean()) return *number ? "1" : "0";
-    return std::nullopt;
+    return unlessOutOfMemory(kWhat, [&]() -> std::optional<std::string> {
+        const auto value = objectForKey(key);
+        if (!value) return std::nullopt;
+        if (const auto* text = value->string()) return *text;
+        if (const auto* number = value->integer()) return std::to_string(*number);
+        if (const auto* number = value->largeInteger()) return std::to_string(*number);
+        if (const auto* number = value->real()) return numberText(*number);
+        if (const auto* number = value->boolean()) return *number ? "1" : "0";
+        return std::nullopt;
+    });
 }
 
 bool UserDefaults::boolForKey(std::string_view key) const {
@@ -189,7 +193,7 @@ double UserDefaults::doubleForKey(std::string_view key) const {
 }
 
 Dictionary UserDefaults::dictionaryRepresentation() const {
-    return guarded(Dictionary(), [&] {
+    return unlessOutOfMemory(kWhat, [&] {
         Dictionary all =
             implementation_->domain ? implementation_->domain->content() : Dictionary();
         PreferencesDomain::change(all, implementation_->pending);
@@ -198,7 +202,7 @@ Dictionary UserDefaults::dictionaryRepresentation() const {
 }
 
 void UserDefaults::setObject(Value value, std::string_view forKey) {
-    const bool isKept = guarded(false, [&] {
+    const bool isKept = unlessOutOfMemory(kWhat, [&] {
         if (auto checked = checkPropertyList(Dictionary{{std::string(forKey), value}}); !checked) {
             KULogVariadic("A value for the preferences %@ is refused: %@", path(),
                           checked.error().description);
@@ -212,13 +216,13 @@ void UserDefaults::setObject(Value value, std::string_view forKey) {
 
 void UserDefaults::removeObjectForKey(std::string_view key) {
     const bool isKept =
-        guarded(false, [&] { return implementation_->set(key, std::nullopt), true; });
+        unlessOutOfMemory(kWhat, [&] { return implementation_->set(key, std::nullopt), true; });
     if (!isKept) implementation_->hasLostSet = true;
 }
 
 bool UserDefaults::synchronize() {
     const bool isComplete = !std::exchange(implementation_->hasLostSet, false);
-    return guarded(false, [&] { return implementation_->write(); }) && isComplete;
+    return unlessOutOfMemory(kWhat, [&] { return implementation_->write(); }) && isComplete;
 }
 
 const std::string& UserDefaults::path() const { return implementation_->path; }

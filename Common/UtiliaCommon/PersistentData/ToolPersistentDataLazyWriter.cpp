@@ -1,6 +1,7 @@
 #include "Common/UtiliaCommon/PersistentData/ToolPersistentDataLazyWriter.h"
 
 #include "Common/Foundation/PathFunctions.h"
+#include "Common/Logging/MemoryGuard.h"
 #include "Common/Platform/Bundle.h"
 #include "Common/Platform/FileManager.h"
 #include "Common/Platform/NotificationCenter.h"
@@ -16,14 +17,20 @@ namespace {
 using platform::Bundle;
 using platform::FileManager;
 
+constexpr std::string_view kWhat = "What the tool leaves behind";
+
 std::string mainBundleFileName() {
-    const Bundle* const main = Bundle::mainBundle();
-    return main ? lastPathComponent(main->bundlePath()) : std::string();
+    return unlessOutOfMemory(kWhat, [] {
+        const Bundle* const main = Bundle::mainBundle();
+        return main ? lastPathComponent(main->bundlePath()) : std::string();
+    });
 }
 
 std::string mainBundleIdentifier() {
-    const Bundle* const main = Bundle::mainBundle();
-    return main ? main->bundleIdentifier().value_or(std::string()) : std::string();
+    return unlessOutOfMemory(kWhat, [] {
+        const Bundle* const main = Bundle::mainBundle();
+        return main ? main->bundleIdentifier().value_or(std::string()) : std::string();
+    });
 }
 
 void writeIcon(const std::shared_ptr<platform::Image>& icon, const std::optional<std::string>& path,
@@ -56,11 +63,15 @@ ToolPersistentDataLazyWriter::~ToolPersistentDataLazyWriter() = default;
 void ToolPersistentDataLazyWriter::appWillExit() {
     // Without a bundle there is no name under which anybody would look for the data.
     if (toolId().empty() || toolName().empty()) return;
-    if (recordDiffersFromStore()) writeRecord();
+    // Each by itself: what there is no memory for keeps nothing else from being stored.
+    unlessOutOfMemory(kWhat, [this] {
+        if (recordDiffersFromStore()) writeRecord();
+    });
     if (isPermanent_) {
-        writeIcons();
+        unlessOutOfMemory(kWhat, [this] { writeToolIcon(); });
+        unlessOutOfMemory(kWhat, [this] { writeMenuIcon(); });
     } else {
-        removeIcons();
+        unlessOutOfMemory(kWhat, [this] { removeIcons(); });
     }
 }
 
@@ -86,8 +97,11 @@ void ToolPersistentDataLazyWriter::writeRecord() const {
     });
 }
 
-void ToolPersistentDataLazyWriter::writeIcons() const {
+void ToolPersistentDataLazyWriter::writeToolIcon() const {
     writeIcon(toolIcon_, getToolIconPath(), {});
+}
+
+void ToolPersistentDataLazyWriter::writeMenuIcon() const {
     if (!menuIcon_) return;
     const FileManager::ExtendedAttribute isTemplate{
         std::string(kTemplateAttribute),

@@ -37,7 +37,8 @@ public:
 private:
     bool recordDiffersFromStore() const;
     void writeRecord() const;
-    void writeIcons() const;
+    void writeToolIcon() const;
+    void writeMenuIcon() const;
     void removeIcons() const;
 
     bool isPermanent_ = false;

@@ -22,7 +22,7 @@ inline constexpr std::string_view kMenuIconKind = "Menu";
 
 // What a tool has left behind for the agent to show while it is not running: whether it is
 // permanent, its menu text and its icons. Every answer is read afresh; nothing is an error, what is
-// missing is empty.
+// missing is empty, and so is what there is no memory for (with one log line).
 //
 // The flags and the text lie in the shared store under the tool's entry; the icons are TIFF files
 // in the group container's Library/Caches/Icons. Documentation/Formats/PresentationData.md has

@@ -18,6 +18,9 @@
 // The lock is taken once per call and does not nest: a block that calls any function here waits for
 // itself for ever. Debug builds end the process with a message instead.
 //
+// Out of memory, a block that cannot be given what it asks for is not run, and what it set is not
+// stored, with one log line; what was stored before stays.
+//
 // Threads: any; blocks run on the calling thread.
 
 namespace utilia {

@@ -5,6 +5,8 @@
 #include <mutex>
 #include <utility>
 
+#include "Common/Logging/MemoryGuard.h"
+
 namespace utilia {
 
 // A callback that one thread may install while another calls it. The call works on the callback
@@ -13,16 +15,19 @@ class AtomicBlock final {
 public:
     using Function = std::function<void()>;
 
+    // Out of memory, the callback from before stays.
     void set(Function function) {
-        auto held = function ? std::make_shared<const Function>(std::move(function)) : nullptr;
-        const std::lock_guard guard(mutex_);
-        function_.swap(held);
+        unlessOutOfMemory("A block", [&] {
+            auto held = function ? std::make_shared<const Function>(std::move(function)) : nullptr;
+            const std::lock_guard guard(mutex_);
+            function_.swap(held);
+        });
     }
 
-    // Empty when none is installed.
+    // Empty when none is installed, or it cannot be copied.
     Function get() const {
         const auto held = copy();
-        return held ? *held : Function();
+        return unlessOutOfMemory("A block", [&] { return held ? *held : Function(); });
     }
 
     // Answers whether there was one to call.

@@ -8,6 +8,7 @@
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Logging/CallbackGuard.h"
 #include "Common/Logging/Log.h"
+#include "Common/Logging/MemoryGuard.h"
 #include "Common/Platform/NotificationCenter.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataServerProvider.h"
 
@@ -17,6 +18,8 @@ namespace {
 using platform::NotificationCenter;
 using platform::PortMessage;
 using platform::PortNameServer;
+
+constexpr std::string_view kWhat = "The channel to a tool";
 
 // As a URL gives it: both ends form their texts from this one.
 std::string withoutTrailingSlashes(std::string_view path) {
@@ -35,19 +38,25 @@ struct ToolDataAgentProvider::Observers {
     std::map<std::uint64_t, std::shared_ptr<const Observer>> all;
 };
 
-ToolDataAgentProvider::ToolDataAgentProvider() : observers_(std::make_shared<Observers>()) {}
+ToolDataAgentProvider::ToolDataAgentProvider() = default;
 
 // The port server holds every listed proxy, so a proxy that ends is not listed any more.
 ToolDataAgentProvider::~ToolDataAgentProvider() = default;
 
 void ToolDataAgentProvider::setupWithToolURL(std::string_view toolURL, std::string_view bundleId,
                                              std::optional<std::string> canonicalName) {
-    name_ = withoutTrailingSlashes(toolURL);
-    canonicalName_ = std::move(canonicalName);
-    canonicalPath_ = canonicalToolPath(name_, canonicalName_);
-    bundleId_ = bundleId;
-    persist_ = std::make_shared<ToolPersistentDataReader>(lastPathComponent(name_), bundleId);
-    ToolDataServerProvider::sharedInstance().addTool(shared_from_this());
+    const bool isSetUp = unlessOutOfMemory(kWhat, [&] {
+        std::string name = withoutTrailingSlashes(toolURL);
+        std::string canonicalPath = canonicalToolPath(name, canonicalName);
+        std::string identifier(bundleId);
+        persist_ = std::make_shared<ToolPersistentDataReader>(lastPathComponent(name), identifier);
+        name_ = std::move(name);
+        canonicalName_ = std::move(canonicalName);
+        canonicalPath_ = std::move(canonicalPath);
+        bundleId_ = std::move(identifier);
+        return true;
+    });
+    if (isSetUp) ToolDataServerProvider::sharedInstance().addTool(shared_from_this());
 }
 
 bool ToolDataAgentProvider::matches(std::string_view toolPath) const {
@@ -57,12 +66,18 @@ bool ToolDataAgentProvider::matches(std::string_view toolPath) const {
 bool ToolDataAgentProvider::ensureToolPortOpen() {
     if (toolPort_) return true;
     const auto self = weak_from_this().lock();
-    toolPort_ =
-        PortNameServer::systemDefaultPortNameServer().portForName(toolPortName(canonicalPath_));
-    if (!toolPort_) return false;
-    toolPortInvalid_ = NotificationCenter::defaultCenter().addObserver(
-        platform::NSPortDidBecomeInvalidNotification, toolPort_.get(),
+    auto port = unlessOutOfMemory(kWhat, [this] {
+        return PortNameServer::systemDefaultPortNameServer().portForName(
+            toolPortName(canonicalPath_));
+    });
+    if (!port) return false;
+    auto invalid = NotificationCenter::defaultCenter().addObserver(
+        platform::NSPortDidBecomeInvalidNotification, port.get(),
         [this](const void*) { portDied(); });
+    // A port whose end would go unnoticed is not held.
+    if (!invalid) return false;
+    toolPort_ = std::move(port);
+    toolPortInvalid_ = std::move(invalid);
     changed(Property::ToolPort);
     sendToolIconNeeded();
     sendMenuIconNeeded();
@@ -146,19 +161,22 @@ bool ToolDataAgentProvider::sendCommand(AgentMessage id,
                                         std::optional<PortMessage::Component> params) {
     const auto self = weak_from_this().lock();
     if (!ensureToolPortOpen()) return false;
-    std::vector<PortMessage::Component> components;
-    if (params) components.push_back(*params);
-    PortMessage message(toolPort_, std::move(components));
-    message.setMsgid(static_cast<std::uint32_t>(id));
-    try {
-        message.sendBeforeDate(std::chrono::steady_clock::now() + sendTimeout(id));
-    } catch (const platform::PortException& exception) {
-        // Says "Agent port" of a tool's port. It always has, and people search their logs for it.
-        KULogVariadic("Failed to send Command to Agent port. Exception: %@ Reason: %@",
-                      exception.name(), exception.reason());
-        return false;
-    }
-    return true;
+    return unlessOutOfMemory(kWhat, [&] {
+        std::vector<PortMessage::Component> components;
+        if (params) components.push_back(*params);
+        PortMessage message(toolPort_, std::move(components));
+        message.setMsgid(static_cast<std::uint32_t>(id));
+        try {
+            message.sendBeforeDate(std::chrono::steady_clock::now() + sendTimeout(id));
+        } catch (const platform::PortException& exception) {
+            // Says "Agent port" of a tool's port. It always has, and people search their logs for
+            // it.
+            KULogVariadic("Failed to send Command to Agent port. Exception: %@ Reason: %@",
+                          exception.name(), exception.reason());
+            return false;
+        }
+        return true;
+    });
 }
 
 void ToolDataAgentProvider::requestStatus() {
@@ -178,27 +196,33 @@ void ToolDataAgentProvider::setPermanentIcons() {
 }
 
 Handle ToolDataAgentProvider::observe(Observer observer) {
-    const std::uint64_t id = observers_->next++;
-    observers_->all.emplace(id, std::make_shared<const Observer>(std::move(observer)));
-    return Handle([weak = std::weak_ptr(observers_), id] {
-        if (const auto observers = weak.lock()) observers->all.erase(id);
+    return unlessOutOfMemory(kWhat, [&] {
+        if (!observers_) observers_ = std::make_shared<Observers>();
+        const std::uint64_t id = observers_->next;
+        // Made first: an observer that nobody could end must not be told anything.
+        Handle handle([weak = std::weak_ptr(observers_), id] {
+            if (const auto observers = weak.lock()) observers->all.erase(id);
+        });
+        observers_->all.emplace(id, std::make_shared<const Observer>(std::move(observer)));
+        ++observers_->next;
+        return handle;
     });
 }
 
 void ToolDataAgentProvider::changed(Property property) {
-    if (observers_->all.empty()) return;
-    // An observer may end any handle; one that was ended is not called any more.
+    if (!observers_) return;
+    // An observer may end any handle, and observe anew: one that was ended is not called any more,
+    // a new one not yet.
     const auto self = weak_from_this().lock();
     const auto observers = observers_;
-    std::vector<std::uint64_t> ids;
-    ids.reserve(observers->all.size());
-    for (const auto& [id, observer] : observers->all) ids.push_back(id);
-    for (const std::uint64_t id : ids) {
-        const auto found = observers->all.find(id);
-        if (found == observers->all.end()) continue;
-        const auto observer = found->second;
+    const std::uint64_t end = observers->next;
+    auto each = observers->all.begin();
+    while (each != observers->all.end() && each->first < end) {
+        const std::uint64_t id = each->first;
+        const auto observer = each->second;
         // One that throws keeps neither the others nor the tool's further proxies from the news.
         runGuarded("An observer of a tool", [&] { (*observer)(property); });
+        each = observers->all.upper_bound(id);
     }
 }
 

@@ -26,6 +26,8 @@ namespace utilia {
 //
 // The shared port server holds a proxy from its set-up until ToolDataServerProvider::removeTool().
 //
+// Out of memory, what a call was to set up, send or observe is left out, with one log line.
+//
 // Threads: the agent's main thread.
 class UTILIA_EXPORT ToolDataAgentProvider final
     : public std::enable_shared_from_this<ToolDataAgentProvider> {

@@ -5,6 +5,7 @@
 
 #include "Common/Foundation/StringHash.h"
 #include "Common/Logging/Log.h"
+#include "Common/Logging/MemoryGuard.h"
 #include "Common/Platform/Application.h"
 #include "Common/Platform/FileManager.h"
 #include "Common/Platform/NotificationCenter.h"
@@ -26,6 +27,7 @@ using platform::Port;
 using platform::PortMessage;
 using platform::PortNameServer;
 
+constexpr std::string_view kWhat = "The channel to the agent";
 constexpr std::string_view kToolCapabilitiesKey = "ToolCapabilities";
 constexpr std::string_view kCanonicalNameKey = "CanonicalName";
 
@@ -43,18 +45,11 @@ std::optional<std::string> declaredCanonicalName(const Bundle* bundle) {
 }  // namespace
 
 ToolDataClientProvider::ToolDataClientProvider() {
-    const std::string path = mainBundlePath();
-    toolId_.assign(path.begin(), path.end());
-    portName_ = std::string(kToolPortNamePrefix) +
-                hexadecimal(portNameHashFromBundle(Bundle::mainBundle()));
-    servicePort_ = Port::port();
-    servicePort_->setDelegate(this);
-    PortNameServer::systemDefaultPortNameServer().registerPort(servicePort_, portName_);
-    servicePort_->scheduleInRunLoop();
-    persist_ = std::make_unique<ToolPersistentDataLazyWriter>();
+    unlessOutOfMemory(kWhat, [this] { openServicePort(); });
+    persist_.emplace();
     if (persist_->isPermanent()) {
         toolStatus_ = kToolStatusPermanent;
-        menuText_ = persist_->menuText();
+        unlessOutOfMemory(kWhat, [this] { menuText_ = persist_->menuText(); });
     }
     if (Application::sharedApplication().isFinishedLaunching()) {
         appDidFinishLaunching();
@@ -63,6 +58,17 @@ ToolDataClientProvider::ToolDataClientProvider() {
             platform::NSApplicationDidFinishLaunchingNotification, nullptr,
             [this](const void*) { appDidFinishLaunching(); });
     }
+}
+
+void ToolDataClientProvider::openServicePort() {
+    const std::string path = mainBundlePath();
+    toolId_.assign(path.begin(), path.end());
+    portName_ = std::string(kToolPortNamePrefix) +
+                hexadecimal(portNameHashFromBundle(Bundle::mainBundle()));
+    servicePort_ = Port::port();
+    servicePort_->setDelegate(this);
+    PortNameServer::systemDefaultPortNameServer().registerPort(servicePort_, portName_);
+    servicePort_->scheduleInRunLoop();
 }
 
 ToolDataClientProvider::~ToolDataClientProvider() {
@@ -85,7 +91,9 @@ void ToolDataClientProvider::setAgentPort(std::shared_ptr<Port> agentPort) {
 }
 
 std::uint64_t ToolDataClientProvider::portNameHashFromBundle(const Bundle* bundle) {
-    return stringHash(canonicalToolPath(mainBundlePath(), declaredCanonicalName(bundle)));
+    return unlessOutOfMemory(kWhat, [&] {
+        return stringHash(canonicalToolPath(mainBundlePath(), declaredCanonicalName(bundle)));
+    });
 }
 
 void ToolDataClientProvider::appDidFinishLaunching() {
@@ -113,9 +121,12 @@ void ToolDataClientProvider::setMenuIcon(std::shared_ptr<platform::Image> menuIc
 }
 
 void ToolDataClientProvider::setMenuText(std::optional<std::string> menuText) {
-    persist_->setMenuText(menuText);
-    menuText_ = std::move(menuText);
-    if (menuIconNeeded_) sendMenuText();
+    const bool isKept = unlessOutOfMemory(kWhat, [&] {
+        persist_->setMenuText(menuText);
+        menuText_ = std::move(menuText);
+        return true;
+    });
+    if (isKept && menuIconNeeded_) sendMenuText();
 }
 
 void ToolDataClientProvider::setToolStatus(std::uint64_t toolStatus) {
@@ -125,44 +136,54 @@ void ToolDataClientProvider::setToolStatus(std::uint64_t toolStatus) {
 }
 
 void ToolDataClientProvider::sendToolIcon() {
-    if (!checkAgentPort()) return;
-    const auto tiff = toolIcon_ ? toolIcon_->TIFFRepresentation() : std::nullopt;
-    std::vector<PortMessage::Component> components{toolId_};
-    if (tiff) components.emplace_back(*tiff);
-    send(ToolMessage::ToolIcon, std::move(components),
-         "Failed to send Icon to Agent port. Exception: %@ Reason: %@");
+    unlessOutOfMemory(kWhat, [this] {
+        if (!checkAgentPort()) return;
+        const auto tiff = toolIcon_ ? toolIcon_->TIFFRepresentation() : std::nullopt;
+        std::vector<PortMessage::Component> components{toolId_};
+        if (tiff) components.emplace_back(*tiff);
+        send(ToolMessage::ToolIcon, std::move(components),
+             "Failed to send Icon to Agent port. Exception: %@ Reason: %@");
+    });
 }
 
 void ToolDataClientProvider::sendMenuIcon() {
-    if (!menuIcon_ || !checkAgentPort()) return;
-    const auto tiff = menuIcon_->TIFFRepresentation();
-    if (!tiff) {
-        KULogVariadic("The menu icon has no picture to send.");
-        return;
-    }
-    const auto isTemplate = encodeFlag(menuIcon_->isTemplate());
-    send(ToolMessage::MenuIcon, {toolId_, *tiff, isTemplate},
-         "Failed to send Menu Icon to Agent port. Exception: %@ Reason: %@");
+    unlessOutOfMemory(kWhat, [this] {
+        if (!menuIcon_ || !checkAgentPort()) return;
+        const auto tiff = menuIcon_->TIFFRepresentation();
+        if (!tiff) {
+            KULogVariadic("The menu icon has no picture to send.");
+            return;
+        }
+        const auto isTemplate = encodeFlag(menuIcon_->isTemplate());
+        send(ToolMessage::MenuIcon, {toolId_, *tiff, isTemplate},
+             "Failed to send Menu Icon to Agent port. Exception: %@ Reason: %@");
+    });
 }
 
 void ToolDataClientProvider::sendMenuText() {
-    if (!menuText_ || !checkAgentPort()) return;
-    send(ToolMessage::MenuText, {toolId_, encodeText(*menuText_)},
-         "Failed to send Menu text to Agent port. Exception: %@ Reason: %@");
+    unlessOutOfMemory(kWhat, [this] {
+        if (!menuText_ || !checkAgentPort()) return;
+        send(ToolMessage::MenuText, {toolId_, encodeText(*menuText_)},
+             "Failed to send Menu text to Agent port. Exception: %@ Reason: %@");
+    });
 }
 
 void ToolDataClientProvider::sendStatus() {
-    if (!checkAgentPort()) return;
-    const auto status = encodeStatus(toolStatus_);
-    send(ToolMessage::Status, {toolId_, status},
-         "Failed to send Status to Agent port. Exception: %@ Reason: %@");
+    unlessOutOfMemory(kWhat, [this] {
+        if (!checkAgentPort()) return;
+        const auto status = encodeStatus(toolStatus_);
+        send(ToolMessage::Status, {toolId_, status},
+             "Failed to send Status to Agent port. Exception: %@ Reason: %@");
+    });
 }
 
 void ToolDataClientProvider::updateResources() {
-    if (!checkAgentPort()) return;
-    if (KUIsExtendedLoggingOn()) KULogVariadic("Push Agent to update resources");
-    send(ToolMessage::UpdateResources, {toolId_},
-         "Failed to send command to update resources to Agent port. Exception: %@ Reason: %@");
+    unlessOutOfMemory(kWhat, [this] {
+        if (!checkAgentPort()) return;
+        if (KUIsExtendedLoggingOn()) KULogVariadic("Push Agent to update resources");
+        send(ToolMessage::UpdateResources, {toolId_},
+             "Failed to send command to update resources to Agent port. Exception: %@ Reason: %@");
+    });
 }
 
 void ToolDataClientProvider::send(ToolMessage id, std::vector<PortMessage::Component> components,
@@ -179,11 +200,15 @@ void ToolDataClientProvider::send(ToolMessage id, std::vector<PortMessage::Compo
 
 bool ToolDataClientProvider::checkAgentPort() {
     if (agentPort_) return true;
-    agentPort_ = PortNameServer::systemDefaultPortNameServer().portForName(kAgentPortName);
-    if (!agentPort_) return false;
-    agentPortInvalid_ = NotificationCenter::defaultCenter().addObserver(
-        platform::NSPortDidBecomeInvalidNotification, agentPort_.get(),
+    auto port = PortNameServer::systemDefaultPortNameServer().portForName(kAgentPortName);
+    if (!port) return false;
+    auto invalid = NotificationCenter::defaultCenter().addObserver(
+        platform::NSPortDidBecomeInvalidNotification, port.get(),
         [this](const void*) { portDidBecomeInvalid(); });
+    // A port whose end would go unnoticed is not held.
+    if (!invalid) return false;
+    agentPort_ = std::move(port);
+    agentPortInvalid_ = std::move(invalid);
     isAgentConnected_ = true;
     return true;
 }
@@ -204,25 +229,27 @@ bool ToolDataClientProvider::launchAgentIfNeeded() {
     constexpr int kTurns = 50;
     constexpr std::chrono::milliseconds kTurn(100);
     if (checkAgentPort()) return true;
-    if (auto launched = platform::Workspace::launchAppWithBundleIdentifier(
+    const bool isLaunched = unlessOutOfMemory(kWhat, [] {
+        const auto launched = platform::Workspace::launchAppWithBundleIdentifier(
             kAgentBundleIdentifier, platform::WorkspaceLaunchOptions::Async);
-        !launched) {
-        KULogVariadic("The agent cannot be launched: %@", launched.error());
-        return false;
-    }
+        if (!launched) KULogVariadic("The agent cannot be launched: %@", launched.error());
+        return static_cast<bool>(launched);
+    });
+    if (!isLaunched) return false;
     auto& loop = platform::RunLoop::currentRunLoop();
     for (int turn = 0; turn < kTurns && !checkAgentPort(); ++turn) loop.runFor(kTurn);
     return checkAgentPort();
 }
 
 void ToolDataClientProvider::handlePortMessage(const PortMessage& message) {
-    const auto decoded = decodeAgentMessage(message.msgid(), message.components());
-    if (!decoded) {
-        const std::string& why = decoded.error().description;
+    const auto decoded = unlessOutOfMemory(kWhat, [&]() -> std::optional<DecodedAgentMessage> {
+        const auto checked = decodeAgentMessage(message.msgid(), message.components());
+        if (checked) return *checked;
+        const std::string& why = checked.error().description;
         refusals_.log(why, "A message from the agent is dropped: " + why);
-        return;
-    }
-    applyAgentMessage(*decoded);
+        return std::nullopt;
+    });
+    if (decoded) applyAgentMessage(*decoded);
 }
 
 void ToolDataClientProvider::applyAgentMessage(const DecodedAgentMessage& decoded) {
@@ -270,8 +297,10 @@ void ToolDataClientProvider::clickMenuIcon() {
 std::optional<std::string> ToolDataClientProvider::requestAccessToDirectory(std::string_view path,
                                                                             std::string_view,
                                                                             std::uint64_t) const {
-    if (!FileManager::isWritableFileAtPath(path)) return std::nullopt;
-    return std::string(path);
+    return unlessOutOfMemory(kWhat, [&]() -> std::optional<std::string> {
+        if (!FileManager::isWritableFileAtPath(path)) return std::nullopt;
+        return std::string(path);
+    });
 }
 
 std::string ToolDataClientProvider::getToolSpecialDirectory(ToolSpecialDirectory directory) const {
@@ -283,7 +312,7 @@ std::string ToolDataClientProvider::getToolSpecialDirectory(ToolSpecialDirectory
                       "ToolDataProvider/ToolDataClientProvider");
         std::abort();
     }
-    return FileManager::desktopDirectory();
+    return unlessOutOfMemory(kWhat, [] { return FileManager::desktopDirectory(); });
 }
 
 }  // namespace utilia

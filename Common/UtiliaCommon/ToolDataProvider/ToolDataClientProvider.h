@@ -29,7 +29,9 @@ enum class ToolSpecialDirectory : std::uint64_t { ToolDesktopDirectory = 0 };
 // What is set here reaches two places: `persist`, which stores it when the tool ends, and the
 // agent, as far as there is one and it has asked. Nothing has to be there first. A failing send
 // costs one log line and is not tried again. Only an agent that does not read holds a sender up,
-// and for no longer than the message's time-out (0.1 s to 30 s).
+// and for no longer than the message's time-out (0.1 s to 30 s). Out of memory, what a call was to
+// set, send or answer is left out, with one log line; a provider that is made then may lack its
+// port (servicePort() is null), or stand for no tool.
 //
 // Threads: the thread that made it, whose run loop serves the port (the main thread in practice);
 // blocks and handlers are called there. The three blocks may be installed from any thread.
@@ -132,6 +134,7 @@ private:
     void applyAgentMessage(const DecodedAgentMessage& message);
     void turnToolOff();
     void clickMenuIcon();
+    void openServicePort();
     void send(ToolMessage message, std::vector<platform::PortMessage::Component> components,
               std::string_view failureFormat);
 
@@ -139,7 +142,7 @@ private:
     std::string portName_;
     std::shared_ptr<platform::Port> servicePort_;
     std::shared_ptr<platform::Port> agentPort_;
-    std::unique_ptr<ToolPersistentDataLazyWriter> persist_;
+    std::optional<ToolPersistentDataLazyWriter> persist_;  // never empty after the construction
     bool isAgentConnected_ = false;
     bool toolIconNeeded_ = false;
     bool menuIconNeeded_ = false;

@@ -1,9 +1,12 @@
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataServerProvider.h"
 
-#include <algorithm>
+#include <cstddef>
+#include <new>
+#include <utility>
 
 #include "Common/Logging/CallbackGuard.h"
 #include "Common/Logging/Log.h"
+#include "Common/Logging/MemoryGuard.h"
 #include "Common/Platform/Application.h"
 #include "Common/Platform/Image.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataAgentProvider.h"
@@ -15,6 +18,8 @@ using platform::Image;
 using platform::Port;
 using platform::PortMessage;
 using platform::PortNameServer;
+
+constexpr std::string_view kWhat = "The channel to the tools";
 
 void silentUpdateResources() {
     if (auto* const delegate = platform::Application::sharedApplication().delegate()) {
@@ -28,47 +33,70 @@ void silentUpdateResources() {
 }  // namespace
 
 ToolDataServerProvider& ToolDataServerProvider::sharedInstance() {
-    static ToolDataServerProvider* const instance = new ToolDataServerProvider;
+    // Never destroyed, and there also when there is no memory for it.
+    alignas(ToolDataServerProvider) static std::byte place[sizeof(ToolDataServerProvider)];
+    static ToolDataServerProvider* const instance = new (place) ToolDataServerProvider;
     return *instance;
 }
 
-ToolDataServerProvider::ToolDataServerProvider()
-    : servicePort_(Port::port()), tools_(std::make_shared<const Tools>()) {
-    servicePort_->setDelegate(this);
-    PortNameServer::systemDefaultPortNameServer().registerPort(servicePort_, kAgentPortName);
-    servicePort_->scheduleInRunLoop();
+ToolDataServerProvider::ToolDataServerProvider() {
+    unlessOutOfMemory(kWhat, [this] {
+        servicePort_ = Port::port();
+        servicePort_->setDelegate(this);
+        PortNameServer::systemDefaultPortNameServer().registerPort(servicePort_, kAgentPortName);
+        servicePort_->scheduleInRunLoop();
+    });
 }
 
 ToolDataServerProvider::~ToolDataServerProvider() {
+    if (!servicePort_) return;
     servicePort_->invalidate();
     servicePort_->removeFromRunLoop();
     servicePort_->setDelegate(nullptr);
 }
 
+ToolDataServerProvider::Tools ToolDataServerProvider::tools() const {
+    return unlessOutOfMemory(kWhat, [this] { return tools_ ? *tools_ : Tools(); });
+}
+
 void ToolDataServerProvider::addTool(std::shared_ptr<ToolDataAgentProvider> tool) {
-    Tools tools = *tools_;
-    tools.push_back(std::move(tool));
-    tools_ = std::make_shared<const Tools>(std::move(tools));
+    unlessOutOfMemory(kWhat, [&] {
+        auto tools = tools_ ? std::make_shared<Tools>(*tools_) : std::make_shared<Tools>();
+        tools->push_back(std::move(tool));
+        tools_ = std::move(tools);
+    });
 }
 
 void ToolDataServerProvider::removeTool(const std::shared_ptr<ToolDataAgentProvider>& tool) {
-    Tools tools = *tools_;
-    std::erase(tools, tool);
-    tools_ = std::make_shared<const Tools>(std::move(tools));
+    if (!tools_) return;
+    // What goes may be held by nothing but the list, and the argument may lie in it.
+    const auto removed = tool;
+    if (tools_.use_count() == 1) {
+        std::erase(*tools_, removed);
+        return;
+    }
+    unlessOutOfMemory(kWhat, [&] {
+        auto tools = std::make_shared<Tools>(*tools_);
+        std::erase(*tools, removed);
+        tools_ = std::move(tools);
+    });
 }
 
 void ToolDataServerProvider::handlePortMessage(const PortMessage& message) {
-    const auto decoded = decodeToolMessage(message.msgid(), message.components());
-    if (!decoded) {
-        const std::string& why = decoded.error().description;
-        refusals_.log(why, "A message from a tool is dropped: " + why);
-        return;
-    }
-    // The list as it is now: what a proxy tells its observers may add and remove proxies.
-    const auto tools = tools_;
-    for (const auto& tool : *tools) {
-        if (tool->matches(decoded->toolPath)) apply(*decoded, *tool);
-    }
+    unlessOutOfMemory(kWhat, [&] {
+        const auto decoded = decodeToolMessage(message.msgid(), message.components());
+        if (!decoded) {
+            const std::string& why = decoded.error().description;
+            refusals_.log(why, "A message from a tool is dropped: " + why);
+            return;
+        }
+        // The list as it is now: what a proxy tells its observers may add and remove proxies.
+        const auto tools = tools_;
+        if (!tools) return;
+        for (const auto& tool : *tools) {
+            if (tool->matches(decoded->toolPath)) apply(*decoded, *tool);
+        }
+    });
 }
 
 std::shared_ptr<Image> ToolDataServerProvider::decodeImage(MessageBytes bytes,

@@ -91,6 +91,7 @@ std::optional<ColourModel> colourModelOf(TIFF* tiff) {
 bool readPalette(TIFF* tiff, PixelLayout& layout) {
     std::uint16_t *red = nullptr, *green = nullptr, *blue = nullptr;
     if (layout.bits > 8 || !TIFFGetField(tiff, TIFFTAG_COLORMAP, &red, &green, &blue)) return false;
+    if (!red || !green || !blue) return false;
     layout.palette = {red, green, blue};
     // Some writers fill the map with 8-bit values.
     const std::size_t entries = std::size_t{1} << layout.bits;
@@ -120,6 +121,8 @@ std::optional<PixelLayout> layoutOf(TIFF* tiff) {
     std::uint16_t extraCount = 0;
     std::uint16_t* extras = nullptr;
     if (!TIFFGetField(tiff, TIFFTAG_EXTRASAMPLES, &extraCount, &extras)) extraCount = 0;
+    // Without memory for the list, libtiff counts on.
+    if (extraCount > 0 && !extras) return std::nullopt;
     for (unsigned i = 0; i < extraCount && layout.colourSamples() + i < layout.samples; ++i) {
         if (extras[i] != EXTRASAMPLE_ASSOCALPHA && extras[i] != EXTRASAMPLE_UNASSALPHA) continue;
         layout.alpha =
