@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "Benchmarks/Messages/MessageMeasures.h"
+#include "Benchmarks/StartUp/ConstructorMeasures.h"
 #include "Benchmarks/StartUp/LogoutMeasures.h"
 #include "Benchmarks/StartUp/StartUpMeasures.h"
 #include "Benchmarks/Stores/StoreMeasures.h"
@@ -83,6 +84,7 @@ std::vector<Measurement> allMeasurements() {
     }
     all.push_back({"store", "cached read", "utilia", measureCachedRead});
     all.push_back({"startup", "start", "in turns", measureStart});
+    all.push_back({"startup", "before main", "in turns", measureConstructor});
     all.push_back({"startup", "logout", "in turns", measureLogout});
     return all;
 }

@@ -2,24 +2,16 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
+#include <filesystem>
 
 #include <spawn.h>
 #include <unistd.h>
 
+#include "Benchmarks/StartUp/Installation.h"
+
 namespace utilia::bench {
 namespace {
-
-// The programs lie beside this one.
-std::string pathOf(const std::string& program) {
-    char own[PATH_MAX];
-    const ssize_t length = readlink("/proc/self/exe", own, sizeof own - 1);
-    check(length, "readlink");
-    const std::string path(own, static_cast<std::size_t>(length));
-    return path.substr(0, path.rfind('/') + 1) + "utilia-start-" + program;
-}
 
 double startOnce(const std::string& path) {
     char* const arguments[] = {const_cast<char*>(path.c_str()), nullptr};
@@ -35,17 +27,23 @@ double startOnce(const std::string& path) {
 
 Figures measureStart(const Settings& settings) {
     const std::string names[] = {"empty", "framework"};
+    const Installation installation(std::filesystem::path(settings.folder) / "prefix");
+    const std::string programs[] = {installation.addProgram("utilia-start-empty"),
+                                    installation.addProgram("utilia-start-framework")};
+    // The first start of a user does what no other does.
+    startOnce(programs[1]);
     std::vector<double> milliseconds[2];
     const int rounds = std::max(10, static_cast<int>(settings.seconds * 300));
     for (int i = 0; i < rounds; ++i) {
         for (const std::size_t which : {0u, 1u})
-            milliseconds[which].push_back(startOnce(pathOf(names[which])));
+            milliseconds[which].push_back(startOnce(programs[which]));
     }
     Figures figures;
     for (const std::size_t which : {0u, 1u})
         figures.emplace_back(names[which] + "_ms", percentile(milliseconds[which], 50));
-    for (const std::string& name : names) {
-        FILE* description = popen((pathOf(name) + " describe").c_str(), "r");
+    for (const std::size_t which : {0u, 1u}) {
+        const std::string& name = names[which];
+        FILE* description = popen((programs[which] + " describe").c_str(), "r");
         if (!description) fail("popen");
         double objects = 0, privateKilobytes = 0;
         if (std::fscanf(description, "%lf %lf", &objects, &privateKilobytes) != 2)

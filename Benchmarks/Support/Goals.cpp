@@ -115,6 +115,8 @@ void addStartGoals(std::vector<Goal>& goals) {
     goals.push_back({"startup", "shared objects", Goal::AtMost, 9, "", start("framework_objects")});
     goals.push_back({"startup", "more private memory than an empty program", Goal::AtMost, 64,
                      " KiB", difference(start("framework_kib"), start("empty_kib"))});
+    goals.push_back({"startup", "what runs before main, with a white-list of 50 names",
+                     Goal::AtMost, 200, " µs", value("before main", "in turns", "constructor_us")});
     goals.push_back({"startup", "logout of a permanent tool with two icons of 512 pixels",
                      Goal::AtMost, 100, " ms", value("logout", "in turns", "tool_ms")});
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 
 #include "Common/Platform/Linux/BinaryPropertyListReader.h"
 #include "Common/Platform/PropertyListSerialization.h"
@@ -27,6 +28,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             if (++looks > 16) break;
             const auto one = readBinaryPropertyListKey({data, size}, key);
             if (!one || !*one || !(**one == held)) std::abort();
+            // Through windows it is the same, or not to be had.
+            const auto fetch = [&](std::size_t offset, std::span<std::uint8_t> into) {
+                if (offset > size || into.size() > size - offset) std::abort();
+                std::memcpy(into.data(), data + offset, into.size());
+                return true;
+            };
+            const auto fetched = readBinaryPropertyListKey(size, fetch, key);
+            if (fetched && (!*fetched || !(**fetched == held))) std::abort();
         }
     }
     const auto binary = dataFromPropertyList(*value, PropertyListFormat::Binary);

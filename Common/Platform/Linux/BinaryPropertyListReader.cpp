@@ -1,5 +1,7 @@
 #include "Common/Platform/Linux/BinaryPropertyListReader.h"
 
+#include <algorithm>
+#include <array>
 #include <bit>
 #include <cmath>
 #include <cstring>
@@ -25,9 +27,59 @@ namespace {
 
 constexpr std::size_t kTrailerSize = 32;
 
+// The bytes of the file: all of them, or some windows on them that move.
+class Bytes final {
+public:
+    explicit Bytes(std::span<const std::uint8_t> all)
+        : size_(all.size()), windows_{{{0, all}, {}, {}}} {}
+    Bytes(std::size_t size, const BinaryPropertyListFetch& fetch) : size_(size), fetch_(&fetch) {}
+    Bytes(const Bytes&) = delete;
+    Bytes& operator=(const Bytes&) = delete;
+
+    std::size_t size() const { return size_; }
+
+    // `count` bytes that lie inside the file, until the next call; null when they cannot be had.
+    const std::uint8_t* at(std::size_t begin, std::size_t count) {
+        for (const Window& window : windows_) {
+            if (begin >= window.begin && begin - window.begin <= window.bytes.size() &&
+                count <= window.bytes.size() - (begin - window.begin)) {
+                return window.bytes.data() + (begin - window.begin);
+            }
+        }
+        return fetch_ ? move(begin, count) : nullptr;
+    }
+
+private:
+    struct Window {
+        std::size_t begin = 0;
+        std::span<const std::uint8_t> bytes;
+    };
+
+    const std::uint8_t* move(std::size_t begin, std::size_t count) {
+        if (count > kBinaryPropertyListWindow || count > size_ || begin > size_ - count)
+            return nullptr;
+        const std::size_t length = std::min(kBinaryPropertyListWindow, size_);
+        const std::size_t first = std::min(begin, size_ - length);
+        const std::span<std::uint8_t> room(rooms_[next_].data(), length);
+        Window& window = windows_[next_];
+        next_ = (next_ + 1) % windows_.size();
+        window.bytes = {};
+        if (!(*fetch_)(first, room)) return nullptr;
+        window = {first, room};
+        return room.data() + (begin - first);
+    }
+
+    const std::size_t size_;
+    const BinaryPropertyListFetch* const fetch_ = nullptr;
+    // The offset table, the dictionary and its keys lie in three places.
+    std::array<Window, 3> windows_;
+    std::array<std::array<std::uint8_t, kBinaryPropertyListWindow>, 3> rooms_;
+    std::size_t next_ = 0;
+};
+
 class Reader final {
 public:
-    explicit Reader(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
+    explicit Reader(Bytes& bytes) : bytes_(bytes) {}
 
     Result<Value> read() {
         std::optional<Value> top;
@@ -39,6 +91,11 @@ public:
     Result<std::optional<Value>> readKey(std::string_view key) {
         std::optional<Value> found;
         if (!readTrailer() || !findKey(key, found)) return corrupt();
+        // A number that was not had may have become the answer.
+        if (isOutOfReach_) {
+            wrong_ = kOutOfReach;
+            return corrupt();
+        }
         return found;
     }
 
@@ -51,13 +108,14 @@ private:
     bool readTrailer() {
         if (bytes_.size() < kBinaryPropertyListMagic.size() + kTrailerSize)
             return fail("cut short");
-        if (std::memcmp(bytes_.data(), kBinaryPropertyListMagic.data(),
-                        kBinaryPropertyListMagic.size()) != 0) {
+        const std::uint8_t* const magic = bytes_.at(0, kBinaryPropertyListMagic.size());
+        if (!magic || std::memcmp(magic, kBinaryPropertyListMagic.data(),
+                                  kBinaryPropertyListMagic.size()) != 0) {
             return fail("unknown header");
         }
         const std::size_t trailer = bytes_.size() - kTrailerSize;
-        offsetSize_ = bytes_[trailer + 6];
-        referenceSize_ = bytes_[trailer + 7];
+        offsetSize_ = number(trailer + 6, 1);
+        referenceSize_ = number(trailer + 7, 1);
         count_ = number(trailer + 8, 8);
         top_ = number(trailer + 16, 8);
         table_ = number(trailer + 24, 8);
@@ -77,7 +135,7 @@ private:
         const std::uint64_t offset = number(table_ + index * offsetSize_, offsetSize_);
         if (offset < kBinaryPropertyListMagic.size() || offset >= table_)
             return refuse("an object is outside");
-        const std::uint8_t marker = bytes_[offset];
+        const unsigned marker = markerAt(offset);
         const std::size_t body = offset + 1;
         switch (marker >> 4) {
         case 0x0:
@@ -140,26 +198,30 @@ private:
     std::optional<Value> data(std::size_t offset) {
         const auto items = itemsAt(offset, 1);
         if (!items || !spend(items->count)) return std::nullopt;
-        const auto begin = bytes_.begin() + static_cast<std::ptrdiff_t>(items->body);
-        return Value(Data(begin, begin + static_cast<std::ptrdiff_t>(items->count)));
+        const std::uint8_t* const begin = bytes_.at(items->body, items->count);
+        if (!begin) return refuse(kOutOfReach);
+        return Value(Data(begin, begin + items->count));
     }
 
     std::optional<std::string> text(std::size_t offset) {
-        const bool wide = bytes_[offset] >> 4 == 0x6;
+        const bool wide = markerAt(offset) >> 4 == 0x6;
         const auto items = itemsAt(offset, wide ? 2 : 1);
         if (!items) return std::nullopt;
         if (!wide) {
             if (!spend(items->count)) return std::nullopt;
-            std::string ascii(reinterpret_cast<const char*>(bytes_.data()) + items->body,
-                              items->count);
+            const std::uint8_t* const begin = bytes_.at(items->body, items->count);
+            if (!begin) return refuse(kOutOfReach);
+            std::string ascii(reinterpret_cast<const char*>(begin), items->count);
             for (const char c : ascii) {
                 if (static_cast<signed char>(c) <= 0) return refuse("text with NUL or not ASCII");
             }
             return ascii;
         }
+        const std::uint8_t* const begin = bytes_.at(items->body, 2 * items->count);
+        if (!begin) return refuse(kOutOfReach);
         std::u16string units(items->count, u'\0');
         for (std::size_t i = 0; i < items->count; ++i) {
-            units[i] = static_cast<char16_t>(number(items->body + 2 * i, 2));
+            units[i] = static_cast<char16_t>(begin[2 * i] << 8 | begin[2 * i + 1]);
         }
         if (!isWellFormed(units)) return refuse("text with NUL or half a surrogate pair");
         std::string converted = utf8FromUtf16(units);
@@ -212,7 +274,7 @@ private:
         const std::uint64_t offset = number(table_ + top_ * offsetSize_, offsetSize_);
         if (offset < kBinaryPropertyListMagic.size() || offset >= table_)
             return fail("an object is outside");
-        if (bytes_[offset] >> 4 != 0xD) return fail("no dictionary");
+        if (markerAt(offset) >> 4 != 0xD) return fail("no dictionary");
         const auto items = containerAt(offset, 0, 2);
         if (!items) return false;
         std::optional<std::size_t> place;
@@ -234,7 +296,7 @@ private:
         const std::uint64_t offset = number(table_ + index * offsetSize_, offsetSize_);
         if (offset < kBinaryPropertyListMagic.size() || offset >= table_)
             return refuse("an object is outside");
-        const unsigned type = bytes_[offset] >> 4;
+        const unsigned type = markerAt(offset) >> 4;
         if (type != 0x5 && type != 0x6) return refuse("a dictionary key that is not text");
         return text(offset);
     }
@@ -262,10 +324,10 @@ private:
     // Where the items of text, data or a container begin, and how many there are: in the marker, or
     // behind it as an integer object. All of them lie inside the object area.
     std::optional<Items> itemsAt(std::size_t offset, std::size_t itemSize) {
-        Items items{offset + 1, bytes_[offset] & 0x0Fu};
+        Items items{offset + 1, markerAt(offset) & 0x0Fu};
         if (items.count == 0x0F) {
             if (!inside(items.body, 1)) return std::nullopt;
-            const std::uint8_t marker = bytes_[items.body];
+            const unsigned marker = markerAt(items.body);
             if (marker >> 4 != 0x1 || (marker & 0x0F) > 3)
                 return refuse("a length that is not an integer");
             const std::size_t size = std::size_t{1} << (marker & 0x0F);
@@ -289,10 +351,22 @@ private:
                fail("an object is longer than the file");
     }
 
-    // Big-endian; the caller has shown that the bytes are there.
-    std::uint64_t number(std::size_t begin, std::size_t size) const {
+    // Of an unknown type, when it cannot be had.
+    unsigned markerAt(std::size_t offset) {
+        const std::uint8_t* const marker = bytes_.at(offset, 1);
+        return marker ? *marker : 0x70;
+    }
+
+    // Big-endian; the caller has shown that the bytes are there. The largest number, which is out
+    // of every bound, when they cannot be had.
+    std::uint64_t number(std::size_t begin, std::size_t size) {
+        const std::uint8_t* const digits = bytes_.at(begin, size);
+        if (!digits) {
+            isOutOfReach_ = true;
+            return ~std::uint64_t{0};
+        }
         std::uint64_t result = 0;
-        for (std::size_t i = 0; i < size; ++i) result = result << 8 | bytes_[begin + i];
+        for (std::size_t i = 0; i < size; ++i) result = result << 8 | digits[i];
         return result;
     }
 
@@ -312,7 +386,10 @@ private:
         return false;
     }
 
-    const std::span<const std::uint8_t> bytes_;
+    static constexpr const char* kOutOfReach = "a part of it cannot be had";
+
+    Bytes& bytes_;
+    bool isOutOfReach_ = false;
     std::size_t offsetSize_ = 0;
     std::size_t referenceSize_ = 0;
     std::uint64_t count_ = 0;
@@ -325,12 +402,21 @@ private:
 }  // namespace
 
 Result<Value> readBinaryPropertyList(std::span<const std::uint8_t> bytes) {
-    return Reader(bytes).read();
+    Bytes all(bytes);
+    return Reader(all).read();
 }
 
 Result<std::optional<Value>> readBinaryPropertyListKey(std::span<const std::uint8_t> bytes,
                                                        std::string_view key) {
-    return Reader(bytes).readKey(key);
+    Bytes all(bytes);
+    return Reader(all).readKey(key);
+}
+
+Result<std::optional<Value>> readBinaryPropertyListKey(std::size_t size,
+                                                       const BinaryPropertyListFetch& fetch,
+                                                       std::string_view key) {
+    Bytes windows(size, fetch);
+    return Reader(windows).readKey(key);
 }
 
 }  // namespace utilia::platform

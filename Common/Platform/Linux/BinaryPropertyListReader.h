@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -21,6 +23,16 @@ Result<Value> readBinaryPropertyList(std::span<const std::uint8_t> bytes);
 // what it answers is what the whole list would hold there if it can be read at all. Fails as
 // readBinaryPropertyList() does, also for a list that is no dictionary.
 Result<std::optional<Value>> readBinaryPropertyListKey(std::span<const std::uint8_t> bytes,
+                                                       std::string_view key);
+
+// The same for bytes that are fetched as they are needed, a few hundred at a time and some of them
+// more than once. Fails as well when `fetch` does, and for a value or key of more than
+// kBinaryPropertyListWindow bytes.
+using BinaryPropertyListFetch =
+    std::function<bool(std::size_t offset, std::span<std::uint8_t> into)>;
+inline constexpr std::size_t kBinaryPropertyListWindow = 512;
+Result<std::optional<Value>> readBinaryPropertyListKey(std::size_t size,
+                                                       const BinaryPropertyListFetch& fetch,
                                                        std::string_view key);
 
 }  // namespace utilia::platform

@@ -119,12 +119,16 @@ struct Bundle::Implementation {
     std::once_flag localizationOnce;
     Localization localization;
 
-    explicit Implementation(std::string resolved) : path(std::move(resolved)), contents(path) {
-        infoPath = path + "/Resources/Info.plist";
-        if (mayBeFolder(path + "/Contents")) {
-            contents = path + "/Contents";
-            infoPath = contents + "/Info.plist";
-        }
+    enum class Layout { Contents, AtTheTop };
+
+    Implementation(std::string resolved, Layout layout)
+        : path(std::move(resolved)),
+          contents(layout == Layout::Contents ? path + "/Contents" : path),
+          infoPath(contents +
+                   (layout == Layout::Contents ? "/Info.plist" : "/Resources/Info.plist")) {}
+
+    static Layout layoutOf(const std::string& path) {
+        return mayBeFolder(path + "/Contents") ? Layout::Contents : Layout::AtTheTop;
     }
 
     const Localization& chosenLocalization() {
@@ -142,8 +146,11 @@ Bundle::~Bundle() = default;
 const Bundle* Bundle::mainBundle() {
     static const Bundle* const bundle = [] {
         const auto program = programOfProcess("self");
-        const auto path = program ? bundlePathOfProgram(*program) : std::nullopt;
-        return path ? bundleWithPath(*path).release() : nullptr;
+        auto path = program ? bundlePathOfProgram(*program) : std::nullopt;
+        // What the kernel names is resolved already.
+        return path ? new Bundle(std::make_unique<Implementation>(*std::move(path),
+                                                                  Implementation::Layout::Contents))
+                    : nullptr;
     }();
     return bundle;
 }
@@ -167,8 +174,9 @@ std::unique_ptr<Bundle> Bundle::bundleWithPath(std::string_view path) {
     if (path.find('\0') != std::string_view::npos) return nullptr;
     auto resolved = resolvedPath(std::string(path));
     if (!resolved || !isFolder(*resolved)) return nullptr;
+    const auto layout = Implementation::layoutOf(*resolved);
     return std::unique_ptr<Bundle>(
-        new Bundle(std::make_unique<Implementation>(std::move(*resolved))));
+        new Bundle(std::make_unique<Implementation>(std::move(*resolved), layout)));
 }
 
 const std::string& Bundle::bundlePath() const { return implementation_->path; }

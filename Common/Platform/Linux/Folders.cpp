@@ -34,6 +34,10 @@ Result<void> checkPrivate(const std::string& path) {
 }
 
 Result<std::string> privateFolder(std::string path) {
+    // Nearly always it is there, and making a folder waits for all who make one beside it.
+    auto found = checkPrivate(path);
+    if (found) return path;
+    if (!found.error().isPosix(ENOENT)) return std::move(found).error();
     if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
         return Error::posix(errno, "mkdir", path);
     if (auto checked = checkPrivate(path); !checked) return std::move(checked).error();

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <span>
 #include <vector>
 
 #include <dirent.h>
@@ -46,9 +47,10 @@ Result<std::shared_ptr<const PreferencesVersion>> readVersion(const std::string&
 }
 
 // False when the file is shorter than it was, or cannot be read.
-bool readFully(int file, std::uint8_t* bytes, std::size_t size) {
-    for (std::size_t filled = 0; filled < size;) {
-        const ssize_t n = pread(file, bytes + filled, size - filled, static_cast<off_t>(filled));
+bool readFully(int file, std::size_t offset, std::span<std::uint8_t> into) {
+    for (std::size_t filled = 0; filled < into.size();) {
+        const ssize_t n = pread(file, into.data() + filled, into.size() - filled,
+                                static_cast<off_t>(offset + filled));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
         filled += static_cast<std::size_t>(n);
@@ -113,10 +115,13 @@ std::optional<PreferencesFile::Glance>
 PreferencesFile::glance(std::shared_ptr<const PreferencesVersion> version, std::string_view key) {
     const auto size = static_cast<std::uint64_t>(version->status.st_size);
     if (size > kPropertyListMaximumSize) return std::nullopt;
-    // Not filled with zeros first: for a start of some microseconds that counts.
-    const std::unique_ptr<std::uint8_t[]> bytes(new std::uint8_t[size]);
-    if (!readFully(version->file.get(), bytes.get(), size)) return std::nullopt;
-    auto value = readBinaryPropertyListKey({bytes.get(), size}, key);
+    const int file = version->file.get();
+    auto value = readBinaryPropertyListKey(
+        size,
+        [file](std::size_t offset, std::span<std::uint8_t> into) {
+            return readFully(file, offset, into);
+        },
+        key);
     if (!value) return std::nullopt;
     return Glance{std::move(version), *std::move(value)};
 }

@@ -18,10 +18,7 @@ using GText = std::unique_ptr<gchar, GFree>;
 
 char lowerCase(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
-bool isAscii(std::string_view text) {
-    return std::all_of(text.begin(), text.end(),
-                       [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-}
+bool isAscii(char c) { return static_cast<unsigned char>(c) < 0x80; }
 
 // GLib takes text that is UTF-8 and ends at a NUL.
 bool isFoldable(std::string_view text) {
@@ -40,8 +37,18 @@ std::string folded(std::string_view text) {
 }  // namespace
 
 bool isCaseInsensitiveEqual(std::string_view left, std::string_view right) {
-    // What nearly every call is about costs no memory.
-    if ((isAscii(left) && isAscii(right)) || !isFoldable(left) || !isFoldable(right)) {
+    // What nearly every call is about costs no memory, and a start asks a thousand times. Two ASCII
+    // letters that differ stay different, whatever comes behind them.
+    std::size_t same = 0;
+    while (same < left.size() && same < right.size() && isAscii(left[same]) &&
+           lowerCase(left[same]) == lowerCase(right[same])) {
+        ++same;
+    }
+    const bool leftGoesOn = same < left.size();
+    const bool rightGoesOn = same < right.size();
+    if ((!leftGoesOn || isAscii(left[same])) && (!rightGoesOn || isAscii(right[same])))
+        return !leftGoesOn && !rightGoesOn;
+    if (!isFoldable(left) || !isFoldable(right)) {
         return std::equal(left.begin(), left.end(), right.begin(), right.end(),
                           [](char a, char b) { return lowerCase(a) == lowerCase(b); });
     }

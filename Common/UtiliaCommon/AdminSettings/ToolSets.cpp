@@ -107,14 +107,17 @@ std::optional<ToolSets::Identifiers> ToolSets::loadWhiteList() {
     const Value subset(kKAVWhiteToolsList_BusinessToolsetValue);
     if (std::find(entries->begin(), entries->end(), subset) != entries->end())
         return businessPredefinedSet();
-    const Identifiers catalogue = fullSet();
+    // Identifiers differ in what follows their common beginning, so that this is what is compared:
+    // every tool of the product does it at each start.
     Identifiers result;
     for (const Value& entry : *entries) {
         const std::string* const name = entry.string();
-        std::string identifier;
-        if (name &&
-            isFoundCaseInsensitveString(bundleIdentifierOf(*name), catalogue, &identifier)) {
-            result.push_back(std::move(identifier));
+        const auto tools = toolCatalogue();
+        const auto found = std::find_if(tools.begin(), tools.end(), [&](const CatalogueTool& tool) {
+            return name && platform::isCaseInsensitiveEqual(tool.shortName, *name);
+        });
+        if (found != tools.end()) {
+            result.push_back(bundleIdentifierOf(found->shortName));
         } else if (KUIsExtendedLoggingOn()) {
             KULogVariadic("Wrong toolname in white-list - '%@'. Will be ignored", entryText(entry));
         }

@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -93,6 +95,69 @@ TEST(BinaryPropertyList, OneKeyIsFoundWithoutTheOthers) {
     EXPECT_TRUE(look({{0xD2, 1, 1, 2, 3}, {0x51, 'k'}, {0x10, 1}, {0x10, 2}}, "k") == Value(2))
         << "the last value of a key that stands twice";
     EXPECT_FALSE(look({{0xD0}}, "k"));
+}
+
+// A fetch from memory that fails from the given call on, and counts.
+struct Fetching {
+    const Data& bytes;
+    int failsAt = -1;
+    int calls = 0;
+    std::size_t longest = 0;
+
+    BinaryPropertyListFetch function() {
+        return [this](std::size_t offset, std::span<std::uint8_t> into) {
+            longest = std::max(longest, into.size());
+            if (calls++ == failsAt || offset > bytes.size() || into.size() > bytes.size() - offset)
+                return false;
+            std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(offset), into.size(),
+                        into.begin());
+            return true;
+        };
+    }
+};
+
+TEST(BinaryPropertyList, OneKeyIsFoundThroughWindows) {
+    Dictionary list;
+    for (int i = 0; i < 300; ++i) {
+        list.set("key " + std::to_string(i), i);
+        list.set("text " + std::to_string(i), std::string(200, 'x') + std::to_string(i));
+    }
+    list.set("long", std::string(kBinaryPropertyListWindow + 1, 'x'));
+    list.set("euro", "\u20ac");
+    list.set("parts", Array{1, Dictionary{{"a", 2.5}}, true});
+    const Data bytes = *dataFromPropertyList(list, PropertyListFormat::Binary);
+    for (const auto& [key, held] : list) {
+        Fetching fetching{bytes};
+        const auto found = readBinaryPropertyListKey(bytes.size(), fetching.function(), key);
+        EXPECT_LE(fetching.longest, kBinaryPropertyListWindow);
+        if (key == "long") {
+            EXPECT_FALSE(found) << "more than a window";
+            continue;
+        }
+        ASSERT_TRUE(found) << key << ": " << found.error().description;
+        ASSERT_TRUE(*found) << key;
+        EXPECT_TRUE(**found == held) << key;
+    }
+    Fetching fetching{bytes};
+    const auto absent = readBinaryPropertyListKey(bytes.size(), fetching.function(), "none");
+    ASSERT_TRUE(absent);
+    EXPECT_FALSE(*absent);
+}
+
+TEST(BinaryPropertyList, OneKeyIsRefusedWhenAWindowCannotBeHad) {
+    Dictionary list;
+    for (int i = 0; i < 40; ++i)
+        list.set(std::string(100, 'k') + std::to_string(i), std::to_string(i));
+    list.set("number", 0x7000'0000'0000);
+    const Data bytes = *dataFromPropertyList(list, PropertyListFormat::Binary);
+    Fetching whole{bytes};
+    ASSERT_TRUE(readBinaryPropertyListKey(bytes.size(), whole.function(), "number"));
+    ASSERT_GT(whole.calls, 3);
+    for (int i = 0; i < whole.calls; ++i) {
+        Fetching failing{bytes, i};
+        const auto found = readBinaryPropertyListKey(bytes.size(), failing.function(), "number");
+        EXPECT_FALSE(found) << i;
+    }
 }
 
 TEST(BinaryPropertyList, OneKeyIsRefusedWhereItCannotBeTold) {
