@@ -1,6 +1,7 @@
 #include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
 
 #include <filesystem>
+#include <fstream>
 
 #include "Common/Platform/LoginItems.h"
 #include "Tests/Support/TemporaryHome.h"
@@ -38,6 +39,16 @@ protected:
         return urls;
     }
 
+    void writeEntry(const std::string& name, const std::string& program) const {
+        fs::create_directories(home_.config() / "autostart");
+        std::ofstream(home_.config() / "autostart" / (name + ".desktop"))
+            << "[Desktop Entry]\nType=Application\nName=x\nExec=\"" << program << "\"\n";
+    }
+    std::size_t filesInFolder() const {
+        const fs::directory_iterator all(home_.config() / "autostart");
+        return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+    }
+
     TemporaryHome home_;
     TestLog log_;
     CommonAuxiliary auxiliary_;
@@ -65,6 +76,27 @@ TEST_F(CommonAuxiliaryTest, AnItemOfTheSameNameAtAnotherPathIsReplaced) {
     ASSERT_TRUE(auxiliary_.addAppToLoginItems(other_.path()));
     EXPECT_TRUE(auxiliary_.addAppToLoginItems(here_.path()));
     EXPECT_THAT(items(), ElementsAre(other_.path(), here_.path()));
+}
+
+TEST_F(CommonAuxiliaryTest, AnItemAtTheSameURLStaysAndOthersOfItsNameGo) {
+    // Before and after the right one: the walk goes on to its end.
+    for (const auto& [name, program] :
+         {std::pair{"a", there_.program()}, {"b", here_.program()}, {"c", there_.program()}}) {
+        writeEntry(name, program);
+    }
+    EXPECT_TRUE(auxiliary_.addAppToLoginItems(here_.path()));
+    EXPECT_THAT(items(), ElementsAre(here_.path()));
+    EXPECT_EQ(filesInFolder(), 3u) << "nothing is inserted, and foreign entries are kept";
+}
+
+TEST_F(CommonAuxiliaryTest, ItemsWithoutURLAreNobodys) {
+    writeEntry("a", "/bin/true");
+    writeEntry("b", "/nowhere/Sample Tool.app/Contents/Linux/tool");
+    EXPECT_TRUE(auxiliary_.addAppToLoginItems(here_.path()));
+    EXPECT_TRUE(auxiliary_.removeAppFromLoginItems(here_.path()));
+    EXPECT_FALSE(auxiliary_.findAppInLoginItems(std::nullopt));
+    EXPECT_FALSE(auxiliary_.findAppInLoginItems("/nowhere/Sample Tool.app"));
+    EXPECT_THAT(items(), ElementsAre("(none)", "(none)"));
 }
 
 TEST_F(CommonAuxiliaryTest, FindingNeedsTheExactURL) {
