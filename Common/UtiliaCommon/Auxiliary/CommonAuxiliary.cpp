@@ -6,6 +6,11 @@
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Logging/Log.h"
 #include "Common/Platform/LoginItems.h"
+#include "Common/Platform/Workspace.h"
+#include "Common/UtiliaCommon/LocalizedTexts.h"
+#include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
+#include "Common/UtiliaCommon/Resources/VersionManager.h"
+#include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 
 namespace utilia {
 namespace {
@@ -39,6 +44,12 @@ bool isOfSameName(const std::optional<std::string>& itemURL,
 void remove(const List& list, const LoginItem& item) {
     if (const auto removed = list.items.remove(item); !removed)
         KULogVariadic("Login items: %@", removed.error());
+}
+
+bool isRunningTool(const Value& bundleIdentifier) {
+    const std::string* const text = bundleIdentifier.string();
+    return text &&
+           !platform::RunningApplication::runningApplicationsWithBundleIdentifier(*text).empty();
 }
 
 }  // namespace
@@ -79,6 +90,68 @@ bool CommonAuxiliary::findAppInLoginItems(const std::optional<std::string>& url)
     const auto list = openList();
     return list && std::any_of(list->snapshot.begin(), list->snapshot.end(),
                                [&](const auto& item) { return isSame(item.resolvedURL(), url); });
+}
+
+std::optional<std::string>
+CommonAuxiliary::getLocalizedUpdateDescriptionForVersion(const std::optional<IndexPath>& version) {
+    const auto descriptions =
+        UtiliaToolLauncher::getDefaults()->dictionaryForKey(kUpdateDescriptionsKey);
+    if (!descriptions) return std::nullopt;
+    const auto texts = descriptions->dictionary(VersionManager::versionToStringReportForm(version));
+    if (!texts) return std::nullopt;
+    if (auto text = texts->string(localizedText(kLanguageCodeText))) return text;
+    return texts->string(kEnglishDescriptionKey);
+}
+
+void CommonAuxiliary::saveUpdateDescription(const std::optional<Dictionary>& description,
+                                            const std::optional<IndexPath>& forVersion) {
+    const auto defaults = UtiliaToolLauncher::getDefaults();
+    const std::string key = VersionManager::versionToStringReportForm(forVersion);
+    Dictionary descriptions =
+        defaults->dictionaryForKey(kUpdateDescriptionsKey).value_or(Dictionary());
+    if (description) {
+        descriptions.set(key, *description);
+    } else {
+        descriptions.remove(key);
+    }
+    defaults->setObject(std::move(descriptions), kUpdateDescriptionsKey);
+    defaults->synchronize();
+}
+
+void CommonAuxiliary::pauseToolsSuggestions(bool pause, std::string_view byTool) {
+    accessAppGroupPlist([pause, byTool](platform::UserDefaults& suite) {
+        Array list = suite.arrayForKey(kToolsSuggestionsPausedByKey).value_or(Array());
+        const auto* const found = std::find(list.begin(), list.end(), Value(byTool));
+        const bool isPausing = found != list.end();
+        if (pause == isPausing) return;
+        if (pause) {
+            list.append(Value(byTool));
+        } else {
+            list.removeAt(static_cast<std::size_t>(found - list.begin()));
+        }
+        suite.setObject(std::move(list), kToolsSuggestionsPausedByKey);
+        suite.synchronize();
+    });
+}
+
+bool CommonAuxiliary::areToolsSuggestionsPaused() {
+    bool isPaused = false;
+    accessAppGroupPlist([&isPaused](platform::UserDefaults& suite) {
+        const Array list = suite.arrayForKey(kToolsSuggestionsPausedByKey).value_or(Array());
+        if (list.empty()) return;
+        Array running;
+        for (const Value& tool : list) {
+            if (isRunningTool(tool)) running.append(tool);
+        }
+        isPaused = !running.empty();
+        if (!isPaused) {
+            suite.removeObjectForKey(kToolsSuggestionsPausedByKey);
+        } else if (running.size() < list.size()) {
+            suite.setObject(std::move(running), kToolsSuggestionsPausedByKey);
+        }
+        suite.synchronize();
+    });
+    return isPaused;
 }
 
 }  // namespace utilia
