@@ -10,6 +10,7 @@
 #include "Common/Platform/Workspace.h"
 #include "Tests/Process/StartUp/StartUpFixture.h"
 #include "Tests/Support/ReportPipe.h"
+#include "Tests/Support/VirtualDisplay.h"
 
 namespace utilia::test {
 namespace {
@@ -285,6 +286,41 @@ TEST_F(StartUp, LaunchesTheAgentThatAToolNeeds) {
         ::kill(static_cast<pid_t>(running.processIdentifier()), SIGTERM);
     EXPECT_EQ(reports.waitForLine(), "will-terminate");
     EXPECT_EQ(reports.waitForLine(), "main returns");
+}
+
+// ---- in front of somebody
+
+TEST_F(StartUp, ShowsAWindowBeforeTheMainOfARestrictedTool) {
+    const VirtualDisplay display(home_.path());
+    allowOnly({"MoonPhase"});
+    ChildProcess process = start(timer_, {}, {.environment = display.environment()});
+    display.waitForWindow("Timer");
+    EXPECT_TRUE(process.isRunning());
+    EXPECT_FALSE(wasEverListed(kListed));
+    display.press({"Return"});
+    const Course course = courseOf(process);
+    EXPECT_THAT(course.lines, IsEmpty());
+    EXPECT_EQ(course.status, 0);
+    EXPECT_EQ(countInLog(kRestrictedLine), 1u);
+    EXPECT_FALSE(wasEverListed(kListed));
+}
+
+TEST_F(StartUp, GoesOnInMainWhenTheUserLaunchesTheAgent) {
+    const VirtualDisplay display(home_.path());
+    ReportPipe reports(home_.runtime());
+    const TestBundle agent = tool("Agent", kAgent);
+    agent.install("agent", {"report=" + reports.path()});
+    const TestBundle bound = tool("Timer", kListed, needingTheAgent());
+    ChildProcess process = start(bound, {"no-loop"}, {.environment = display.environment()});
+    display.waitForWindow("Timer");
+    display.press({"Return"});
+    EXPECT_EQ(process.waitForLine(), "main");
+    EXPECT_EQ(process.waitForExit(), 7);
+    EXPECT_EQ(reports.waitForLine(), "main") << "of the agent";
+    EXPECT_EQ(reports.waitForLine(), "first turn");
+    for (const auto& running : RunningApplication::runningApplicationsWithBundleIdentifier(kAgent))
+        ::kill(static_cast<pid_t>(running.processIdentifier()), SIGTERM);
+    EXPECT_EQ(reports.waitForLine(), "will-terminate");
 }
 
 // ---- the migration of login items
