@@ -113,6 +113,18 @@ class CheckLayers(unittest.TestCase):
                 self.add(path, line + "\n#endif")
                 self.assert_found(path, "condition")
 
+    def test_finds_ends_of_the_process(self):
+        path = "Common/UtiliaCommon/LoginItems/List.cpp"
+        for line in ("void f() { std::exit(0); }", "void f() { ::_exit(1); }", "void f() { quick_exit (2); }"):
+            with self.subTest(line=line):
+                self.add(path, line)
+                self.assert_found(path, "end")
+
+    def test_lets_the_facade_end_the_process(self):
+        self.write("Common/UtiliaCommon/UtiliaCommon.cpp", "void f() { std::exit(0); }\n")
+        self.add("Common/UtiliaCommon/LoginItems/List.cpp", "void g() { self.exit(); onExit(); terminateAndExit(g); }")
+        self.assert_passes()
+
     def test_keeps_internal_headers_in_their_folder(self):
         path = "Common/UtiliaCommon/LoginItems/List.cpp"
         self.add(path, '#include "Common/UtiliaCommon/Scheduler/RecordInternal.h"')
