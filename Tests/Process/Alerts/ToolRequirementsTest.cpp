@@ -35,11 +35,13 @@ using testing::IsEmpty;
 
 constexpr const char* kAgent = "com.korvane.utilia";
 
-// Says 1 or 0, and whether it was brought to the front before: "2" more.
+// Says 1 or 0, and 2 more when it was brought to the front before there was a question.
 UTILIA_CHILD_ROLE(checkRequirements) {
     return test::sayAnswer(self, [&self] {
         int answer = 0;
-        platform::Application::sharedApplication().setActivateHandler([&answer] { answer += 2; });
+        platform::Application::sharedApplication().setActivateHandler([&] {
+            if (!fs::exists(self.arguments.at(1))) answer += 2;
+        });
         const std::string& flag = self.arguments.at(0);
         const bool canRun = flag == "default" ? ToolRequirements::checkToolCanRun()
                                               : ToolRequirements::checkToolCanRun(flag == "yes");
@@ -79,7 +81,7 @@ protected:
     }
 
     AskingTool check(const TestBundle& tool, const std::string& flag) {
-        return AskingTool(tool, "checkRequirements", {flag}, {{"DISPLAY", ":a-display"}});
+        return AskingTool(tool, "checkRequirements", {flag, asked()}, {{"DISPLAY", ":a-display"}});
     }
     void installAgent() {
         agent_ = std::make_unique<TestBundle>(
@@ -139,6 +141,7 @@ TEST_F(ToolRequirementsTest, AToolNeedsTheAgentByTheRulesOfBooleans) {
     answer_ = 1;
     for (const Value& value : {Value(true), Value(1), Value("YES"), Value("true"), Value("1")}) {
         const Dictionary info{{"ToolCapabilities", Dictionary{{"NeedAgentForWork", value}}}};
+        fs::remove(asked());
         AskingTool tool = check(toolWith(info), "no");
         EXPECT_EQ(tool.answer(), 2) << "asked, and the answer was Quit";
     }
