@@ -16,7 +16,8 @@ int main() {
     if (!bundle || !Bundle::frameworkBundle()) return 1;
     std::cout << "application " << bundle->bundleIdentifier().value_or("(nil)") << '\n'
               << "bundle " << bundle->bundlePath() << '\n'
-              << "framework " << Bundle::frameworkBundle()->bundlePath() << '\n';
+              << "framework " << Bundle::frameworkBundle()->bundlePath() << '\n'
+              << "language " << Bundle::frameworkBundle()->localizedStringForKey("en") << '\n';
 
     // Icons need the module, which is found beside the library.
     const auto drawn = Image::initWithBitmap({2, 1, {255, 0, 0, 255, 0, 255, 0, 128}});
