@@ -24,11 +24,8 @@ using test::ChildProcess;
 using test::PortUnderTest;
 using test::runUntil;
 using test::runUntilLine;
-using test::runUntilSaid;
 using test::sendText;
 using Clock = std::chrono::steady_clock;
-
-constexpr std::uint32_t kLastMessage = 9999;
 
 PortNameServer& names() { return PortNameServer::systemDefaultPortNameServer(); }
 
@@ -63,8 +60,6 @@ UTILIA_CHILD_ROLE(receiver) {
                 if (message.msgid != 0) isOrdered = isOrdered && message.msgid == ++expected;
             }
             self.say(std::to_string(expected) + (isOrdered ? " in order" : " out of order"));
-        } else if (line == "serve") {
-            RunLoop::currentRunLoop().run();
         }
     }
 }
@@ -89,50 +84,6 @@ UTILIA_CHILD_ROLE(registerAndFork) {
         for (;;) pause();
     }
     self.say(std::to_string(child));
-    self.waitForLine();
-    return 0;
-}
-
-// Sends until it is told to end, finding its receiver again whenever it is gone.
-UTILIA_CHILD_ROLE(sendForEver) {
-    constexpr auto kWait = 500ms;
-    auto longest = Clock::duration::zero();
-    std::shared_ptr<Port> port;
-    const auto sendOne = [&](std::uint32_t msgid, std::string_view text) {
-        if (!port || !port->isValid()) port = names().portForName("a");
-        if (!port) {
-            RunLoop::currentRunLoop().runFor(1ms);
-            return false;
-        }
-        const auto before = Clock::now();
-        bool isSent = true;
-        try {
-            PortMessage message(port, {bytesOf(text)});
-            message.setMsgid(msgid);
-            message.sendBeforeDate(before + kWait);
-        } catch (const PortException&) {
-            isSent = false;
-        }
-        longest = std::max(longest, Clock::now() - before);
-        return isSent;
-    };
-    self.say("sending");
-    const std::string large(100'000, 'x');
-    bool isToEnd = false;
-    const int flags = fcntl(test::kChildChannel, F_GETFL);
-    fcntl(test::kChildChannel, F_SETFL, flags | O_NONBLOCK);
-    for (unsigned i = 0; !isToEnd; ++i) {
-        sendOne(1, i % 10 == 0 ? std::string_view(large) : std::string_view("small"));
-        char ignored = 0;
-        isToEnd = read(test::kChildChannel, &ignored, 1) > 0;
-    }
-    fcntl(test::kChildChannel, F_SETFL, flags);
-    // The connection that it has may be a dead one's; the one after is not.
-    bool isSent = false;
-    for (int attempt = 0; attempt < 3 && !isSent; ++attempt)
-        isSent = sendOne(kLastMessage, "the last");
-    self.say(isSent ? "sent the last" : "could not send the last");
-    self.say(longest < kWait + 10s ? "all ended in time" : "one send took too long");
     self.waitForLine();
     return 0;
 }
@@ -314,35 +265,6 @@ TEST_F(PortProcesses, FreeTheNameOfAnOwnerWhoseForkedChildLives) {
     PortUnderTest next("a");
     EXPECT_TRUE(next.isRegistered);
     kill(grandchild, SIGKILL);
-}
-
-TEST_F(PortProcesses, FindTheirReceiverAgainHoweverOftenItIsKilled) {
-    constexpr int kSenders = 10;
-    constexpr int kRestarts = 50;
-    std::vector<ChildProcess> senders;
-    for (int i = 0; i < kSenders; ++i) senders.push_back(ChildProcess::role("sendForEver"));
-    for (auto& sender : senders) ASSERT_EQ(sender.waitForLine(), "sending");
-    for (int i = 0; i < kRestarts; ++i) {
-        ChildProcess receiver = ChildProcess::role("receiver", {"a"});
-        ASSERT_EQ(receiver.waitForLine(), "registered")
-            << "the name of a killed owner is free at once";
-        receiver.say("serve");
-    }
-    struct CountingDelegate : PortDelegate {
-        void handlePortMessage(const PortMessage& message) override {
-            lastOnes += message.msgid() == kLastMessage;
-        }
-        int lastOnes = 0;
-    } counting;
-    PortUnderTest last("a");
-    ASSERT_TRUE(last.isRegistered);
-    last.port->setDelegate(&counting);
-    for (auto& sender : senders) sender.say("!");
-    for (auto& sender : senders) {
-        EXPECT_TRUE(runUntilSaid(sender, "sent the last"));
-        EXPECT_TRUE(runUntilSaid(sender, "all ended in time"));
-    }
-    EXPECT_TRUE(runUntil([&] { return counting.lastOnes == kSenders; }));
 }
 
 }  // namespace
