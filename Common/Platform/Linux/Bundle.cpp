@@ -1,11 +1,18 @@
 #include "Common/Platform/Bundle.h"
 
+#include <array>
 #include <cerrno>
+#include <cinttypes>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
 #include <mutex>
 #include <utility>
 
+#include <link.h>
+#include <sys/auxv.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -84,6 +91,40 @@ std::optional<std::string> programOfProcess(std::string_view process) {
     return std::string(target, static_cast<std::size_t>(length));
 }
 
+namespace {
+
+struct CloseFile {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+// A program that is given to the loader to run ("ld-linux.so PROGRAM") is not what the kernel says
+// this process executes. It is what the loader mapped first, and the kernel tells the file of a
+// mapping as reliably. Such a start is recognised by the loader having no place of its own beside
+// the program, and costs a look through all mappings.
+std::optional<std::string> programOfThisProcess() {
+    if (getauxval(AT_BASE) != 0) return programOfProcess("self");
+    const void* program = nullptr;
+    dl_iterate_phdr(
+        [](dl_phdr_info* first, std::size_t, void* found) {
+            *static_cast<const void**>(found) = first->dlpi_phdr;
+            return 1;
+        },
+        &program);
+    const auto address = reinterpret_cast<std::uintptr_t>(program);
+    const std::unique_ptr<std::FILE, CloseFile> maps(std::fopen("/proc/self/maps", "re"));
+    std::array<char, PATH_MAX + 128> line;
+    while (maps && std::fgets(line.data(), line.size(), maps.get())) {
+        std::uintptr_t begin = 0, end = 0;
+        if (std::sscanf(line.data(), "%" SCNxPTR "-%" SCNxPTR, &begin, &end) != 2) continue;
+        if (address < begin || address >= end) continue;
+        const char* const path = std::strchr(line.data(), '/');
+        return path ? std::optional(std::string(path, std::strcspn(path, "\n"))) : std::nullopt;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
 std::optional<std::string> bundlePathOfProgram(std::string_view program) {
     constexpr std::string_view kProgramFolder = "/Contents/Linux";
     constexpr std::string_view kApplicationSuffix = ".app";
@@ -145,7 +186,7 @@ Bundle::~Bundle() = default;
 
 const Bundle* Bundle::mainBundle() {
     static const Bundle* const bundle = [] {
-        const auto program = programOfProcess("self");
+        const auto program = programOfThisProcess();
         auto path = program ? bundlePathOfProgram(*program) : std::nullopt;
         // What the kernel names is resolved already.
         return path ? new Bundle(std::make_unique<Implementation>(*std::move(path),

@@ -4,6 +4,8 @@
 #include <thread>
 #include <vector>
 
+#include <dlfcn.h>
+#include <sys/auxv.h>
 #include <sys/stat.h>
 
 #include "Common/Platform/Linux/BundleInternal.h"
@@ -99,6 +101,25 @@ TEST(MainBundle, HasNoSymbolicLinksInItsPath) {
               bundle.path());
     EXPECT_EQ(mainBundleOf(home.path() / "Other.app/Contents/Linux/tool"), bundle.path());
     EXPECT_EQ(mainBundleOf(home.path() / "program-link"), bundle.path());
+}
+
+// The loader of this program, which can be told to run any other.
+std::string pathOfLoader() {
+    Dl_info found{};
+    const auto base = getauxval(AT_BASE);
+    return dladdr(reinterpret_cast<const void*>(base), &found) ? found.dli_fname : "";
+}
+
+TEST(MainBundle, OfAProgramThatIsGivenToTheLoaderIsThatPrograms) {
+    const TemporaryHome home;
+    const TestBundle bundle(home);
+    const std::string loader = pathOfLoader();
+    ASSERT_TRUE(fs::exists(loader)) << loader;
+    auto child = test::ChildProcess::program(
+        loader, {bundle.program(), test::kChildRoleSwitch, "tellMainBundle"});
+    EXPECT_EQ(child.waitForLine(), bundle.path());
+    EXPECT_EQ(child.waitForLine(), "com.korvane.utilia.SampleTool");
+    EXPECT_EQ(child.waitForLine(), bundle.program());
 }
 
 TEST(MainBundle, KeepsItsPathWhenTheFolderMoves) {
