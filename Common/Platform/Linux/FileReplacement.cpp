@@ -147,7 +147,7 @@ Result<void> copyContent(const Source& source, FileOutput& output) {
     }
 }
 
-Result<void> moveToOtherFileSystem(const std::string& target, const Source& source, mode_t mode) {
+Result<void> copyAndRemove(const std::string& target, const Source& source, mode_t mode) {
     if (!source.isReadable()) return Error::posix(EACCES, "open", source.path());
     const std::string sourceFolder = folderOf(source.path());
     if (faccessat(AT_FDCWD, sourceFolder.c_str(), W_OK | X_OK, AT_EACCESS) != 0)
@@ -168,10 +168,27 @@ Result<void> moveToOtherFileSystem(const std::string& target, const Source& sour
     return {};
 }
 
-Result<void> checkFolder(const std::string& path) {
+// The file system of a folder that is not behind a link.
+Result<dev_t> fileSystemOf(const std::string& path) {
     const UniqueFd folder(open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!folder) return Error::posix(errno, "open", path);
-    return {};
+    struct stat found {};
+    if (fstat(folder.get(), &found) != 0) return Error::posix(errno, "stat", path);
+    return found.st_dev;
+}
+
+Result<void> move(const std::string& target, const Source& source, bool isSameFileSystem,
+                  std::optional<mode_t> mode) {
+    struct stat old {};
+    if (lstat(target.c_str(), &old) == 0 && isSameItem(old, source.status()))
+        return joinNames(target, source);
+    if (isSameFileSystem) {
+        if (auto synced = source.sync(); !synced) return synced;
+        if (rename(source.path().c_str(), target.c_str()) == 0) return {};
+        // Between two mounts of one file system.
+        if (errno != EXDEV) return Error::posix(errno, "rename", target);
+    }
+    return copyAndRemove(target, source, mode.value_or(source.mode()));
 }
 
 }  // namespace
@@ -180,20 +197,13 @@ Result<void> replaceFile(const std::string& target, const std::string& source,
                          std::optional<mode_t> mode) {
     const auto file = Source::open(source);
     if (!file) return file.error();
-    if (auto checked = checkFolder(folderOf(target)); !checked) return checked;
+    const auto fileSystem = fileSystemOf(folderOf(target));
+    if (!fileSystem) return fileSystem.error();
     const bool changesMode = mode && *mode != file->mode();
     if (changesMode) file->giveMode(*mode);
-    const auto replaced = [&]() -> Result<void> {
-        struct stat old {};
-        if (lstat(target.c_str(), &old) == 0 && isSameItem(old, file->status()))
-            return joinNames(target, *file);
-        if (auto synced = file->sync(); !synced) return synced;
-        if (rename(source.c_str(), target.c_str()) == 0) return {};
-        if (errno != EXDEV) return Error::posix(errno, "rename", target);
-        return moveToOtherFileSystem(target, *file, mode.value_or(file->mode()));
-    }();
-    if (!replaced && changesMode) file->giveMode(file->mode());
-    return replaced;
+    auto moved = move(target, *file, *fileSystem == file->status().st_dev, mode);
+    if (!moved && changesMode) file->giveMode(file->mode());
+    return moved;
 }
 
 }  // namespace utilia::platform
