@@ -9,6 +9,7 @@
 #include "Applications/utiliactl/LoginCommand.h"
 #include "Applications/utiliactl/PortNameCommand.h"
 #include "Applications/utiliactl/PortsCommand.h"
+#include "Applications/utiliactl/ResourcesCommand.h"
 #include "Applications/utiliactl/ScheduleCommand.h"
 #include "Applications/utiliactl/StoreCommand.h"
 #include "Applications/utiliactl/ToolsCommand.h"
@@ -57,6 +58,7 @@ ExitStatus runProgram(int argc, char** argv) {
     commands.push_back(std::make_unique<StoreCommand>());
     commands.push_back(std::make_unique<ScheduleCommand>());
     commands.push_back(std::make_unique<LoginCommand>());
+    commands.push_back(std::make_unique<ResourcesCommand>());
     commands.push_back(std::make_unique<ToolsCommand>());
     commands.push_back(std::make_unique<ExtendedLoggingCommand>());
     std::vector<const CLI::App*> declared;

@@ -86,8 +86,9 @@ std::optional<Failure> install(std::string_view file, const SharedResource& reco
         return Failure{
             "The resource is not installed: %@",
             Error::utilia(UtiliaErrorCode::Refused,
-                          "a name or bundle identifier that is empty, \".\" or \"..\", "
-                          "or holds a slash, NUL or bytes that are no text, cannot name a file")};
+                          record.name() + " of " + record.bundleId() +
+                              ": a name or bundle identifier that is empty, \".\" or \"..\", or "
+                              "holds a slash, NUL or bytes that are no text, cannot name a file")};
     }
     const auto container =
         FileManager::containerURLForSecurityApplicationGroupIdentifier(kAppGroupIdentifier);

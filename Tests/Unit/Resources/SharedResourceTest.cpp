@@ -5,8 +5,7 @@
 #include "Common/Platform/UserDefaults.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Tests/Support/FaultInjection.h"
-#include "Tests/Support/TemporaryHome.h"
-#include "Tests/Support/TestLog.h"
+#include "Tests/Unit/Resources/ResourceFixture.h"
 
 namespace utilia {
 namespace {
@@ -166,6 +165,29 @@ TEST_F(SharedResources, ChangeNothingThatAPropertyListCannotHold) {
     SharedResource("name", std::string_view("id\0", 3)).setPath("/b");
     EXPECT_EQ(stored(), before);
     EXPECT_EQ(log_.lines().size(), 4u);
+}
+
+constexpr const char* kExamplePath =
+    "/data/korvane-utilia/Group Containers/7QK2M9ZD4R.com.korvane.utilia/Resources/"
+    "com.korvane.utilia.Clock/converter";
+
+TEST_F(SharedResources, WriteTheDocumentedExample) {
+    const SharedResource example("converter", "com.korvane.utilia.Clock");
+    example.setPath(kExamplePath);
+    example.setVersion(IndexPath{5, 1, 2, 3456});
+    std::string path;
+    accessAppGroupPlist([&](UserDefaults& suite) { path = suite.path(); });
+    EXPECT_EQ(test::contentOf(path), test::contentOf(UTILIA_TEST_DATA "/shared-resources.plist"));
+}
+
+TEST_F(SharedResources, ReadTheDocumentedExample) {
+    std::filesystem::path path;
+    accessAppGroupPlist([&](UserDefaults& suite) { path = suite.path(); });
+    std::filesystem::create_directories(path.parent_path());
+    std::filesystem::copy_file(UTILIA_TEST_DATA "/shared-resources.plist", path);
+    const SharedResource example("converter", "com.korvane.utilia.Clock");
+    EXPECT_EQ(example.path(), kExamplePath);
+    EXPECT_EQ(example.version(), (IndexPath{5, 1, 2, 3456}));
 }
 
 // Whatever fails, the other field and the other records stay, and the next call works.
