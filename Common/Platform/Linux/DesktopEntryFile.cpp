@@ -9,9 +9,11 @@
 
 // Keys are read by GLib's parser, which is that of most desktops. It cannot write a file back as it
 // was, so changes are made on the text: lines of one key in the group "Desktop Entry" come and go,
-// found by the rules of that same parser, and the outcome is parsed again. A new line goes right
-// behind the group's heading. There it is sure to begin on a line of its own, and taking it away
-// again leaves the file as it was before, also one whose last line has no end.
+// found by the rules of that same parser, and the outcome is parsed again. A file that the two see
+// differently is not changed.
+//
+// A new line goes right behind the group's heading. There it is sure to begin on a line of its own,
+// and taking it away again leaves the file as it was before, also one whose last line has no end.
 
 namespace utilia::platform {
 namespace {
@@ -31,13 +33,22 @@ Error refused(const std::string& path, std::string_view why) {
 }
 
 constexpr bool isBlank(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f';
 }
 
 std::string_view trimmed(std::string_view text) {
     while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
     while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
     return text;
+}
+
+// GLib takes the heading also with damaged bytes behind it.
+bool isHeading(std::string_view content) {
+    return content.starts_with(kHeading) &&
+           std::all_of(
+               content.begin() + std::ptrdiff_t{kHeading.size()}, content.end(), [](char c) {
+                   return c == ' ' || c == '\t' || (static_cast<unsigned char>(c) & 0xc0) == 0x80;
+               });
 }
 
 // The text up to the next line's begin, and the rest.
@@ -57,12 +68,12 @@ std::string edited(std::string_view rest, std::string_view key, std::string_view
         const std::string_view line = takeLine(rest);
         const std::string_view content = trimmed(line);
         if (content.starts_with('[')) {
-            isInGroup = content == kHeading;
+            isInGroup = isHeading(content);
         } else if (isInGroup && trimmed(content.substr(0, content.find('='))) == key) {
             continue;
         }
         result += line;
-        if (!isInGroup || added.empty() || content != kHeading) continue;
+        if (!isInGroup || added.empty() || !content.starts_with('[')) continue;
         if (!line.ends_with('\n')) result += '\n';
         result += added;
         added = {};
@@ -107,6 +118,10 @@ std::optional<std::string> DesktopEntryFile::string(const char* key) const {
     return value ? std::optional<std::string>(value.get()) : std::nullopt;
 }
 
+bool DesktopEntryFile::has(const char* key) const {
+    return g_key_file_has_key(keys_->file.get(), kGroup, key, nullptr) != FALSE;
+}
+
 bool DesktopEntryFile::boolean(const char* key, bool otherwise) const {
     GError* error = nullptr;
     const gboolean value = g_key_file_get_boolean(keys_->file.get(), kGroup, key, &error);
@@ -132,11 +147,17 @@ bool DesktopEntryFile::isShownIn(std::string_view desktops) const {
 
 Result<DesktopEntryFile> DesktopEntryFile::withBoolean(std::string_view key, bool value) const {
     const std::string line = std::string(key) + (value ? "=true\n" : "=false\n");
-    return parse(path_, edited(text_, key, line));
+    auto changed = parse(path_, edited(text_, key, line));
+    if (changed && changed->boolean(std::string(key).c_str(), !value) != value)
+        return refused(path_, "cannot be changed");
+    return changed;
 }
 
 Result<DesktopEntryFile> DesktopEntryFile::without(std::string_view key) const {
-    return parse(path_, edited(text_, key, {}));
+    auto changed = parse(path_, edited(text_, key, {}));
+    if (changed && changed->has(std::string(key).c_str()))
+        return refused(path_, "cannot be changed");
+    return changed;
 }
 
 std::string desktopEntryString(std::string_view text) {

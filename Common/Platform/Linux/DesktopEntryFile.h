@@ -36,11 +36,13 @@ public:
     // A key of the group "Desktop Entry"; empty, or `otherwise`, when it is absent or malformed.
     std::optional<std::string> string(const char* key) const;
     bool boolean(const char* key, bool otherwise) const;
+    bool has(const char* key) const;
     // Whether OnlyShowIn and NotShowIn let the entry show in a session of these desktops (the
     // value of $XDG_CURRENT_DESKTOP: names, separated by colons).
     bool isShownIn(std::string_view desktops) const;
 
-    // The same file with the key set, and without it. Only lines of that key differ.
+    // The same file with the key set, and without it. Only lines of that key differ. Refused for a
+    // file without the group.
     Result<DesktopEntryFile> withBoolean(std::string_view key, bool value) const;
     Result<DesktopEntryFile> without(std::string_view key) const;
 

@@ -98,6 +98,8 @@ TEST(DesktopEntryFile, OnlyTheLinesOfTheKeyChange) {
          "[Desktop Entry]\nHidden=true\nA=1\n[Other]\nHidden=false\n"},
         {"the group twice", "[Desktop Entry]\nA=1\n[Other]\n[Desktop Entry]\nHidden=false\n",
          "[Desktop Entry]\nHidden=true\nA=1\n[Other]\n[Desktop Entry]\n"},
+        {"damaged heading", "[Desktop Entry]\x81 \x82\nHidden=0\n[Desktop Entry]\nHidden=0\n",
+         "[Desktop Entry]\x81 \x82\nHidden=true\n[Desktop Entry]\n"},
         {"no line end", "[Desktop Entry]", "[Desktop Entry]\nHidden=true\n"},
     };
     for (const auto& row : table) {
@@ -106,6 +108,16 @@ TEST(DesktopEntryFile, OnlyTheLinesOfTheKeyChange) {
         EXPECT_EQ(marked->text(), row.after) << row.what;
         EXPECT_TRUE(marked->boolean("Hidden", false)) << row.what;
         EXPECT_FALSE(marked->without("Hidden")->boolean("Hidden", false)) << row.what;
+    }
+}
+
+TEST(DesktopEntryFile, AFileThatHasNoPlaceForAMarkIsNotChanged) {
+    for (const char* text : {"[Other]\nHidden=true\n", "# nothing\n"}) {
+        const auto file = fileWith(text);
+        const auto marked = file.withBoolean("Hidden", true);
+        ASSERT_FALSE(marked) << text;
+        EXPECT_EQ(marked.error().description, "entry.desktop: cannot be changed");
+        EXPECT_EQ(file.without("Hidden")->text(), text);
     }
 }
 
