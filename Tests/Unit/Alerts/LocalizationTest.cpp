@@ -99,7 +99,8 @@ TEST(Catalogues, NameTheirOwnLanguage) {
 
 TEST(Catalogues, KeepThePlaceOfTheNameAndTheNameOfTheProduct) {
     for (const std::string& language : languages()) {
-        const auto text = catalogOf(language).find(kAgentRequiredText);
+        const MessageCatalog catalog = catalogOf(language);
+        const auto text = catalog.find(kAgentRequiredText);
         ASSERT_TRUE(text) << language;
         const std::string filled = textWithName(*text, kAgentRequiredText, "Timer");
         EXPECT_THAT(filled, HasSubstr("Timer")) << language;
