@@ -83,6 +83,13 @@ std::vector<Measurement> allMeasurements() {
                        }});
     }
     all.push_back({"store", "cached read", "utilia", measureCachedRead});
+    for (const int records : {10, 100, 1000}) {
+        all.push_back({"store", "list of schedules in memory", std::to_string(records) + " records",
+                       [records](const Settings& settings) {
+                           const MemoryFolder memory;
+                           return measureScheduleList(records, memory.settings(settings));
+                       }});
+    }
     all.push_back({"startup", "start", "in turns", measureStart});
     all.push_back({"startup", "before main", "in turns", measureConstructor});
     all.push_back({"startup", "logout", "in turns", measureLogout});

@@ -1,12 +1,18 @@
 #pragma once
 
 #include <iosfwd>
+#include <string>
 
 #include <CLI/CLI.hpp>
 
 #include "Common/Foundation/Result.h"
 
 namespace utilia::control {
+
+// A check of an option: that something is given.
+inline std::string refuseEmpty(const std::string& text) {
+    return text.empty() ? "must not be empty" : "";
+}
 
 // One subcommand of the control program.
 class Command {

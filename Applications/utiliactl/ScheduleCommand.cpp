@@ -1,10 +1,14 @@
 #include "Applications/utiliactl/ScheduleCommand.h"
 
+#include <optional>
 #include <ostream>
+#include <vector>
 
+#include "Applications/utiliactl/DateArgument.h"
 #include "Applications/utiliactl/JsonText.h"
 #include "Applications/utiliactl/PlainText.h"
 #include "Applications/utiliactl/SharedStore.h"
+#include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 
 namespace utilia::control {
@@ -37,33 +41,113 @@ std::string plain(const Json& value) {
     return value.dump();
 }
 
-}  // namespace
-
-CLI::App* ScheduleCommand::declare(CLI::App& program) {
-    CLI::App* const command =
-        program.add_subcommand("schedule", "Shows when tools are to be started.");
-    command->require_subcommand(1);
-    command->add_subcommand("list", "Lists the scheduler records, the last updated one last.")
-        ->add_flag("--json", json_, "Answer as JSON");
-    return command;
-}
-
-Result<void> ScheduleCommand::run(std::ostream& out) {
-    const auto content = readSharedStore();
-    if (!content) return content.error();
-    Json list = Json::array();
+std::string recordsAsTable(const Json& records) {
     std::vector<std::vector<std::string>> rows;
-    for (const Value& value : content->array(kSchedulerKey).value_or(Array())) {
-        if (!value.dictionary()) continue;
-        Json record = recordAsJson(*value.dictionary());
+    for (const Json& record : records) {
         std::vector<std::string> row;
         for (const auto& [key, field] : record.items()) row.push_back(plain(field));
         rows.push_back(std::move(row));
-        list.push_back(std::move(record));
     }
-    out << (json_ ? textOfJson(list)
-                  : table({"BUNDLE IDENTIFIER", "NAME", "AT DATE", "DATE", "INTERVAL", "AT LOGIN"},
-                          rows, "No tool is scheduled."));
+    return table({"BUNDLE IDENTIFIER", "NAME", "AT DATE", "DATE", "INTERVAL", "AT LOGIN"}, rows,
+                 "No tool is scheduled.");
+}
+
+std::optional<Dictionary> recordOf(const std::string& tool, const std::string& name) {
+    std::optional<Dictionary> found;
+    readSchedulerPlist(tool, name, [&found](const Dictionary& record) { found = record; });
+    return found;
+}
+
+// What is logged on the way says why.
+Error notStored() {
+    return Error::utilia(UtiliaErrorCode::Unavailable, "the schedule cannot be stored");
+}
+
+// The record as `list` would show it.
+void answer(std::ostream& out, const Dictionary& record, bool asJson) {
+    const Json json = recordAsJson(record);
+    out << (asJson ? textOfJson(json) : recordsAsTable(Json::array({json})));
+}
+
+}  // namespace
+
+CLI::App* ScheduleCommand::declare(CLI::App& program) {
+    CLI::App* const command = program.add_subcommand(
+        "schedule", "Shows and changes when tools are to be started, as the agent does.");
+    command->require_subcommand(1);
+    const auto addTool = [this](CLI::App* subcommand) {
+        subcommand->add_option("BUNDLE_ID", tool_, "The tool's bundle identifier")
+            ->required()
+            ->check(refuseEmpty);
+        subcommand->add_option("NAME", name_, "The tool's name in its record, such as Timer")
+            ->required()
+            ->check(refuseEmpty);
+    };
+
+    CLI::App* const list =
+        command->add_subcommand("list", "Lists the scheduler records, the last updated one last.");
+    list->callback([this] { chosen_ = &ScheduleCommand::list; });
+    CLI::App* const add =
+        command->add_subcommand("add", "Has a tool started once at a date, and tells the agent.");
+    add->footer("DATE is one of\n"
+                "  2026-11-21                   the beginning of that day, where you are\n"
+                "  2026-11-21T10:00[:30[.5]]    where you are; a blank may stand for the T\n"
+                "  2026-11-21T10:00+01:00       in that zone: Z, +HH, +HHMM or +HH:MM, or with -\n"
+                "  +90, +90s, +15m, +2h, +1d    from now\n"
+                "Of a local time that comes twice the first is meant; one that does not come is "
+                "refused. A date in the past is stored as any other.");
+    add->add_option("DATE", date_, "When; see below")
+        ->required()
+        ->check([](const std::string& text) {
+            const auto date = dateFromText(text, Date::now());
+            return date ? std::string() : date.error().description;
+        });
+    addTool(add);
+    add->callback([this] { chosen_ = &ScheduleCommand::add; });
+    CLI::App* const cancel =
+        command->add_subcommand("cancel", "Takes the date out of a tool's record.");
+    cancel->footer("As when the agent cancels, nobody is told, and a tool without a record gets "
+                   "one that only names it.");
+    addTool(cancel);
+    cancel->callback([this] { chosen_ = &ScheduleCommand::cancel; });
+    for (CLI::App* const each : {list, add, cancel})
+        each->add_flag("--json", json_, "Answer as JSON");
+    return command;
+}
+
+Result<void> ScheduleCommand::run(std::ostream& out) { return (this->*chosen_)(out); }
+
+Result<void> ScheduleCommand::list(std::ostream& out) const {
+    const auto content = readSharedStore();
+    if (!content) return content.error();
+    Json records = Json::array();
+    for (const Value& value : content->array(kSchedulerKey).value_or(Array())) {
+        if (value.dictionary()) records.push_back(recordAsJson(*value.dictionary()));
+    }
+    out << (json_ ? textOfJson(records) : recordsAsTable(records));
+    return {};
+}
+
+Result<void> ScheduleCommand::add(std::ostream& out) const {
+    const auto date = dateFromText(date_, Date::now());
+    if (!date) return date.error();
+    AgentScheduler::scheduleToolAtDate(*date, tool_, name_);
+    const auto record = recordOf(tool_, name_);
+    const Value* const stored = record ? record->find(kSchedulerDateKey) : nullptr;
+    if (!stored || *stored != Value(*date) || !record->boolean(kSchedulerLaunchAtDateKey))
+        return notStored();
+    answer(out, *record, json_);
+    return {};
+}
+
+Result<void> ScheduleCommand::cancel(std::ostream& out) const {
+    AgentScheduler::cancelScheduleByName(name_, tool_);
+    const auto record = recordOf(tool_, name_);
+    if (!record || record->contains(kSchedulerDateKey) ||
+        record->contains(kSchedulerLaunchAtDateKey)) {
+        return notStored();
+    }
+    answer(out, *record, json_);
     return {};
 }
 

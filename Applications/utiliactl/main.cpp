@@ -5,6 +5,7 @@
 #include <sstream>
 #include <vector>
 
+#include "Applications/utiliactl/DescriptionsCommand.h"
 #include "Applications/utiliactl/ExtendedLoggingCommand.h"
 #include "Applications/utiliactl/LoginCommand.h"
 #include "Applications/utiliactl/PortNameCommand.h"
@@ -12,6 +13,7 @@
 #include "Applications/utiliactl/ResourcesCommand.h"
 #include "Applications/utiliactl/ScheduleCommand.h"
 #include "Applications/utiliactl/StoreCommand.h"
+#include "Applications/utiliactl/SuggestionsCommand.h"
 #include "Applications/utiliactl/ToolsCommand.h"
 
 namespace {
@@ -60,6 +62,8 @@ ExitStatus runProgram(int argc, char** argv) {
     commands.push_back(std::make_unique<LoginCommand>());
     commands.push_back(std::make_unique<ResourcesCommand>());
     commands.push_back(std::make_unique<ToolsCommand>());
+    commands.push_back(std::make_unique<DescriptionsCommand>());
+    commands.push_back(std::make_unique<SuggestionsCommand>());
     commands.push_back(std::make_unique<ExtendedLoggingCommand>());
     std::vector<const CLI::App*> declared;
     for (const auto& command : commands) declared.push_back(command->declare(program));

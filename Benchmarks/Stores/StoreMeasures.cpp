@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "Benchmarks/Stores/PeerStores.h"
+#include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 
 // The framework's store is filled through its own calls, with the records that it keeps in earnest.
@@ -194,6 +195,52 @@ Figures measureCachedRead(const Settings& settings) {
         statTime = static_cast<double>(end - between) / 1e3 / rounds;
     });
     return {{"read_us", readTime}, {"stat_us", statTime}, {"over_stat_us", readTime - statTime}};
+}
+
+namespace {
+
+// Written at once: one update for each would take a quarter of an hour.
+void storeSchedules(int records) {
+    accessAppGroupPlist([records](platform::UserDefaults& suite) {
+        Array all;
+        for (int record = 0; record < records; ++record) {
+            all.append(Dictionary{{std::string(kSchedulerBundleIdKey), bundleIdentifier(record)},
+                                  {std::string(kSchedulerNameKey), toolName(record)},
+                                  {std::string(kSchedulerLaunchAtDateKey), true},
+                                  {std::string(kSchedulerDateKey), Date{700'000'000.25 + record}},
+                                  {std::string(kSchedulerIntervalKey), 0}});
+        }
+        suite.setObject(std::move(all), kSchedulerKey);
+    });
+}
+
+double microsecondsToList(int records) {
+    int found = 0;
+    double dates = 0;
+    const std::uint64_t before = nanoseconds();
+    AgentScheduler::enumerateTools([&](const auto& bundleId, const auto& name, const auto& date) {
+        found += bundleId && name && date;
+        dates += date->secondsSinceReferenceDate;
+    });
+    const std::uint64_t after = nanoseconds();
+    if (found != records || dates < 700e6 * records) throw std::runtime_error("a tool is missing");
+    return static_cast<double>(after - before) / 1e3;
+}
+
+}  // namespace
+
+Figures measureScheduleList(int records, const Settings& settings) {
+    const int rounds = std::max(5, static_cast<int>(settings.seconds * 60));
+    std::vector<double> fresh, again;
+    for (int round = 0; round < rounds; ++round) {
+        waitFor(inChild([records] { storeSchedules(records); }));
+        fresh.push_back(microsecondsToList(records));
+        again.push_back(microsecondsToList(records));
+    }
+    const double list = percentile(fresh, 50);
+    return {{"list_us", list},
+            {"read_again_us", percentile(again, 50)},
+            {"per_record_us", list / records}};
 }
 
 }  // namespace utilia::bench

@@ -35,4 +35,9 @@ private:
 // its file: read_us, stat_us.
 Figures measureCachedRead(const Settings& settings);
 
+// Listing all scheduled tools, as the agent does, of so many records, with a file that another
+// process has just replaced (fresh) and one that this process has read already: list_us,
+// read_again_us, and list_us for each record in per_record_us.
+Figures measureScheduleList(int records, const Settings& settings);
+
 }  // namespace utilia::bench

@@ -106,6 +106,12 @@ void addStoreGoals(std::vector<Goal>& goals) {
                      value("8 tight writers", "utilia", "lost")});
     goals.push_back({"store", "read of an unchanged domain: over a stat", Goal::AtMost, 1, " µs",
                      value("cached read", "utilia", "over_stat_us")});
+    const auto perRecord = [](const char* records) {
+        return value("list of schedules in memory", records, "per_record_us");
+    };
+    goals.push_back({"store", "listing 1000 schedules: a record's time against that of 100",
+                     Goal::AtMost, 1.25, " ×",
+                     ratio(perRecord("1000 records"), perRecord("100 records"))});
 }
 
 void addStartGoals(std::vector<Goal>& goals) {

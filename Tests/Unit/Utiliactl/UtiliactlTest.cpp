@@ -83,6 +83,16 @@ TEST_F(Utiliactl, TellsItsVersionAndHelp) {
                                                     {"store", "get"},
                                                     {"schedule"},
                                                     {"schedule", "list"},
+                                                    {"schedule", "add"},
+                                                    {"schedule", "cancel"},
+                                                    {"descriptions"},
+                                                    {"descriptions", "save"},
+                                                    {"descriptions", "show"},
+                                                    {"descriptions", "remove"},
+                                                    {"suggestions"},
+                                                    {"suggestions", "pause"},
+                                                    {"suggestions", "resume"},
+                                                    {"suggestions", "status"},
                                                     {"tools"},
                                                     {"extended-logging"}}) {
         std::vector<std::string> arguments = command;
