@@ -62,4 +62,20 @@ unsigned utiliaFaultCalls(int slot);
 unsigned utiliaFaultHits(int slot);
 // "rename" for kUtiliaFaultRename.
 const char* utiliaFaultCallName(int call);
+
+// A call that has changed files, after it succeeded.
+struct UtiliaFileChange {
+    int call = 0;                 // kUtiliaFaultOpen, Write, Sync, Rename, Link, Unlink or Truncate
+    int file = -1;                // open, write (-1: one of another kind), sync and truncate
+    int folder = -1;              // `path` is relative to it
+    const char* path = nullptr;   // opened or removed; the new name for rename and link
+    int fromFolder = -1;          // `from` is relative to it
+    const char* from = nullptr;   // the old name, for rename and link
+    int flags = 0;                // of open
+    const void* bytes = nullptr;  // written
+    unsigned long size = 0;       // written, or what is left by a truncate
+};
+
+// From now on each change that the calling thread makes is told to the observer; null ends that.
+void utiliaFaultObserve(void (*observer)(const struct UtiliaFileChange* change));
 }

@@ -91,6 +91,43 @@ auto attempt(UtiliaFaultCall call, std::invoke_result_t<Function> failure, Funct
     return result;
 }
 
+std::atomic<void (*)(const UtiliaFileChange*)> fileObserver{nullptr};
+std::atomic<long> observedThread{0};
+
+// Tells of a call that has succeeded, and answers its result.
+template <class Result>
+Result observed(Result result, const UtiliaFileChange& change) {
+    const auto observer = fileObserver.load(std::memory_order_acquire);
+    if (!observer || result < 0 || observedThread.load() != threadId()) return result;
+    const int error = errno;
+    observer(&change);
+    errno = error;
+    return result;
+}
+
+int observedOpen(int file, int folder, const char* path, int flags) {
+    return observed(
+        file,
+        {.call = kUtiliaFaultOpen, .file = file, .folder = folder, .path = path, .flags = flags});
+}
+
+ssize_t observedWrite(ssize_t written, int file, const void* bytes) {
+    return observed(written, {.call = kUtiliaFaultWrite,
+                              .file = file,
+                              .bytes = bytes,
+                              .size = static_cast<unsigned long>(written)});
+}
+
+// A write that is not told in detail; whoever records changes must not take it for none.
+constexpr UtiliaFileChange kUnknownWrite{.call = kUtiliaFaultWrite, .file = -1};
+
+int observedMove(int result, UtiliaFaultCall call, int fromFolder, const char* from, int folder,
+                 const char* path) {
+    return observed(
+        result,
+        {.call = call, .folder = folder, .path = path, .fromFolder = fromFolder, .from = from});
+}
+
 // The definition behind this library's, looked up once.
 template <class Function>
 Function next(std::atomic<void*>& cache, const char* name) {
@@ -153,6 +190,11 @@ void utiliaFaultDisarm(int slot) {
     slots[slot].isTaken = false;
 }
 
+void utiliaFaultObserve(void (*observer)(const UtiliaFileChange*)) {
+    observedThread = threadId();
+    fileObserver.store(observer, std::memory_order_release);
+}
+
 unsigned utiliaFaultCalls(int slot) { return slots[slot].calls; }
 
 unsigned utiliaFaultHits(int slot) { return slots[slot].hits; }
@@ -174,7 +216,9 @@ int open(const char* path, int flags, ...) {
     va_start(arguments, flags);
     const mode_t mode = modeArgument(flags, arguments);
     va_end(arguments);
-    return attempt(kUtiliaFaultOpen, -1, [&] { return UTILIA_NEXT(open)(path, flags, mode); });
+    return observedOpen(
+        attempt(kUtiliaFaultOpen, -1, [&] { return UTILIA_NEXT(open)(path, flags, mode); }),
+        AT_FDCWD, path, flags);
 }
 
 int open64(const char* path, int flags, ...) {
@@ -182,7 +226,9 @@ int open64(const char* path, int flags, ...) {
     va_start(arguments, flags);
     const mode_t mode = modeArgument(flags, arguments);
     va_end(arguments);
-    return attempt(kUtiliaFaultOpen, -1, [&] { return UTILIA_NEXT(open64)(path, flags, mode); });
+    return observedOpen(
+        attempt(kUtiliaFaultOpen, -1, [&] { return UTILIA_NEXT(open64)(path, flags, mode); }),
+        AT_FDCWD, path, flags);
 }
 
 int openat(int folder, const char* path, int flags, ...) {
@@ -190,8 +236,9 @@ int openat(int folder, const char* path, int flags, ...) {
     va_start(arguments, flags);
     const mode_t mode = modeArgument(flags, arguments);
     va_end(arguments);
-    return attempt(kUtiliaFaultOpen, -1,
-                   [&] { return UTILIA_NEXT(openat)(folder, path, flags, mode); });
+    return observedOpen(attempt(kUtiliaFaultOpen, -1,
+                                [&] { return UTILIA_NEXT(openat)(folder, path, flags, mode); }),
+                        folder, path, flags);
 }
 
 int openat64(int folder, const char* path, int flags, ...) {
@@ -199,8 +246,9 @@ int openat64(int folder, const char* path, int flags, ...) {
     va_start(arguments, flags);
     const mode_t mode = modeArgument(flags, arguments);
     va_end(arguments);
-    return attempt(kUtiliaFaultOpen, -1,
-                   [&] { return UTILIA_NEXT(openat64)(folder, path, flags, mode); });
+    return observedOpen(attempt(kUtiliaFaultOpen, -1,
+                                [&] { return UTILIA_NEXT(openat64)(folder, path, flags, mode); }),
+                        folder, path, flags);
 }
 
 // What _FORTIFY_SOURCE makes of the calls.
@@ -237,13 +285,17 @@ ssize_t pread64(int file, void* buffer, size_t size, off_t at) {
 }
 
 ssize_t write(int file, const void* buffer, size_t size) {
-    return transfer(kUtiliaFaultWrite, size,
-                    [&](size_t part) { return UTILIA_NEXT(write)(file, buffer, part); });
+    return observedWrite(
+        transfer(kUtiliaFaultWrite, size,
+                 [&](size_t part) { return UTILIA_NEXT(write)(file, buffer, part); }),
+        file, buffer);
 }
 
 ssize_t pwrite(int file, const void* buffer, size_t size, off_t at) {
-    return transfer(kUtiliaFaultWrite, size,
-                    [&](size_t part) { return UTILIA_NEXT(pwrite)(file, buffer, part, at); });
+    const ssize_t written = transfer(kUtiliaFaultWrite, size, [&](size_t part) {
+        return UTILIA_NEXT(pwrite)(file, buffer, part, at);
+    });
+    return observed(written, kUnknownWrite);
 }
 
 ssize_t pwrite64(int file, const void* buffer, size_t size, off_t at) {
@@ -253,66 +305,83 @@ ssize_t pwrite64(int file, const void* buffer, size_t size, off_t at) {
 ssize_t writev(int file, const iovec* pieces, int count) {
     // A short one writes half of the first piece.
     const size_t first = count > 0 ? pieces[0].iov_len : 0;
-    return transfer(kUtiliaFaultWrite, first, [&](size_t part) {
+    const ssize_t written = transfer(kUtiliaFaultWrite, first, [&](size_t part) {
         if (part == first) return UTILIA_NEXT(writev)(file, pieces, count);
         const iovec half{pieces[0].iov_base, part};
         return UTILIA_NEXT(writev)(file, &half, 1);
     });
+    return observed(written, kUnknownWrite);
 }
 
 ssize_t pwritev(int file, const iovec* pieces, int count, off_t at) {
     // A short one writes half of the first piece.
     const size_t first = count > 0 ? pieces[0].iov_len : 0;
-    return transfer(kUtiliaFaultWrite, first, [&](size_t part) {
+    const ssize_t written = transfer(kUtiliaFaultWrite, first, [&](size_t part) {
         if (part == first) return UTILIA_NEXT(pwritev)(file, pieces, count, at);
         const iovec half{pieces[0].iov_base, part};
         return UTILIA_NEXT(pwritev)(file, &half, 1, at);
     });
+    return observed(written, kUnknownWrite);
 }
 
 int fsync(int file) {
-    return attempt(kUtiliaFaultSync, -1, [&] { return UTILIA_NEXT(fsync)(file); });
+    return observed(attempt(kUtiliaFaultSync, -1, [&] { return UTILIA_NEXT(fsync)(file); }),
+                    {.call = kUtiliaFaultSync, .file = file});
 }
 
 int fdatasync(int file) {
-    return attempt(kUtiliaFaultSync, -1, [&] { return UTILIA_NEXT(fdatasync)(file); });
+    return observed(attempt(kUtiliaFaultSync, -1, [&] { return UTILIA_NEXT(fdatasync)(file); }),
+                    {.call = kUtiliaFaultSync, .file = file});
 }
 
 int rename(const char* from, const char* to) noexcept {
-    return attempt(kUtiliaFaultRename, -1, [&] { return UTILIA_NEXT(rename)(from, to); });
+    return observedMove(
+        attempt(kUtiliaFaultRename, -1, [&] { return UTILIA_NEXT(rename)(from, to); }),
+        kUtiliaFaultRename, AT_FDCWD, from, AT_FDCWD, to);
 }
 
 int renameat(int fromFolder, const char* from, int toFolder, const char* to) noexcept {
-    return attempt(kUtiliaFaultRename, -1,
-                   [&] { return UTILIA_NEXT(renameat)(fromFolder, from, toFolder, to); });
+    return observedMove(
+        attempt(kUtiliaFaultRename, -1,
+                [&] { return UTILIA_NEXT(renameat)(fromFolder, from, toFolder, to); }),
+        kUtiliaFaultRename, fromFolder, from, toFolder, to);
 }
 
 int renameat2(int fromFolder, const char* from, int toFolder, const char* to,
               unsigned flags) noexcept {
-    return attempt(kUtiliaFaultRename, -1,
-                   [&] { return UTILIA_NEXT(renameat2)(fromFolder, from, toFolder, to, flags); });
+    return observedMove(
+        attempt(kUtiliaFaultRename, -1,
+                [&] { return UTILIA_NEXT(renameat2)(fromFolder, from, toFolder, to, flags); }),
+        kUtiliaFaultRename, fromFolder, from, toFolder, to);
 }
 
 int unlink(const char* path) noexcept {
-    return attempt(kUtiliaFaultUnlink, -1, [&] { return UTILIA_NEXT(unlink)(path); });
+    return observed(attempt(kUtiliaFaultUnlink, -1, [&] { return UTILIA_NEXT(unlink)(path); }),
+                    {.call = kUtiliaFaultUnlink, .folder = AT_FDCWD, .path = path});
 }
 
 int unlinkat(int folder, const char* path, int flags) noexcept {
-    return attempt(kUtiliaFaultUnlink, -1,
-                   [&] { return UTILIA_NEXT(unlinkat)(folder, path, flags); });
+    return observed(
+        attempt(kUtiliaFaultUnlink, -1, [&] { return UTILIA_NEXT(unlinkat)(folder, path, flags); }),
+        {.call = kUtiliaFaultUnlink, .folder = folder, .path = path});
 }
 
 int link(const char* from, const char* to) noexcept {
-    return attempt(kUtiliaFaultLink, -1, [&] { return UTILIA_NEXT(link)(from, to); });
+    return observedMove(attempt(kUtiliaFaultLink, -1, [&] { return UTILIA_NEXT(link)(from, to); }),
+                        kUtiliaFaultLink, AT_FDCWD, from, AT_FDCWD, to);
 }
 
 int linkat(int fromFolder, const char* from, int toFolder, const char* to, int flags) noexcept {
-    return attempt(kUtiliaFaultLink, -1,
-                   [&] { return UTILIA_NEXT(linkat)(fromFolder, from, toFolder, to, flags); });
+    return observedMove(
+        attempt(kUtiliaFaultLink, -1,
+                [&] { return UTILIA_NEXT(linkat)(fromFolder, from, toFolder, to, flags); }),
+        kUtiliaFaultLink, fromFolder, from, toFolder, to);
 }
 
 int ftruncate(int file, off_t size) noexcept {
-    return attempt(kUtiliaFaultTruncate, -1, [&] { return UTILIA_NEXT(ftruncate)(file, size); });
+    return observed(
+        attempt(kUtiliaFaultTruncate, -1, [&] { return UTILIA_NEXT(ftruncate)(file, size); }),
+        {.call = kUtiliaFaultTruncate, .file = file, .size = static_cast<unsigned long>(size)});
 }
 
 int ftruncate64(int file, off64_t size) noexcept { return ftruncate(file, size); }
