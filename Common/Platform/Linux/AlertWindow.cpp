@@ -117,10 +117,13 @@ private:
 };
 
 Error endedWithoutAnswer(const siginfo_t& info) {
-    const std::string how = info.si_code == CLD_EXITED ? "with status " : "by signal ";
-    return Error::utilia(UtiliaErrorCode::NotFound, std::string(kHelper) +
-                                                        " ended without an answer, " + how +
-                                                        std::to_string(info.si_status));
+    std::string text = std::string(kHelper) + " ended without an answer";
+    // A host that ignores SIGCHLD has the kernel reap its children, and nobody learns how they ended.
+    if (info.si_pid != 0) {
+        text += info.si_code == CLD_EXITED ? ", with status " : ", by signal ";
+        text += std::to_string(info.si_status);
+    }
+    return Error::utilia(UtiliaErrorCode::NotFound, std::move(text));
 }
 
 }  // namespace

@@ -226,6 +226,13 @@ TEST_F(AlertWindow, GoesOnWhenSignalsInterruptTheWait) {
     EXPECT_THAT(tool.log(), IsEmpty());
 }
 
+TEST_F(AlertWindow, CountsAsTheLastButtonAlsoWhereTheKernelReapsChildren) {
+    AskingTool tool = ask("askWithSignals");
+    kill(display_.processOfWindow(display_.waitForWindow(kTool)), SIGKILL);
+    EXPECT_EQ(tool.answer(), 1001);
+    EXPECT_THAT(tool.log(), ElementsAre(testing::EndsWith("utilia-alert ended without an answer")));
+}
+
 TEST_F(AlertWindow, HasDefaultSignalsWhateverItsToolHas) {
     AskingTool tool = ask("askWithSignals");
     const int helper = display_.processOfWindow(display_.waitForWindow(kTool));
