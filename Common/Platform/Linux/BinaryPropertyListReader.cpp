@@ -8,6 +8,8 @@
 #include <limits>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "Common/Foundation/Unicode.h"
 #include "Common/Platform/Linux/PropertyListRules.h"
@@ -26,8 +28,13 @@ namespace utilia::platform {
 namespace {
 
 constexpr std::size_t kTrailerSize = 32;
+// As many windows as one for each of these parts of the file, but not fewer than that many, cost
+// about as much as the whole file does.
+constexpr std::size_t kPartForEachWindow = 4096;
+constexpr std::size_t kFewWindows = 32;
 
-// The bytes of the file: all of them, or some windows on them that move.
+// The bytes of the file: all of them, or some windows on them that move, until a value turns out to
+// be so large that all of them are wanted after all.
 class Bytes final {
 public:
     explicit Bytes(std::span<const std::uint8_t> all)
@@ -58,6 +65,8 @@ private:
     const std::uint8_t* move(std::size_t begin, std::size_t count) {
         if (count > kBinaryPropertyListWindow || count > size_ || begin > size_ - count)
             return nullptr;
+        if (++moves_ > std::max(kFewWindows, size_ / kPartForEachWindow))
+            return fetchAll() ? whole_.data() + begin : nullptr;
         const std::size_t length = std::min(kBinaryPropertyListWindow, size_);
         const std::size_t first = std::min(begin, size_ - length);
         const std::span<std::uint8_t> room(rooms_[next_].data(), length);
@@ -69,8 +78,19 @@ private:
         return room.data() + (begin - first);
     }
 
+    bool fetchAll() {
+        const auto* const fetch = std::exchange(fetch_, nullptr);
+        whole_.resize(size_);
+        const bool isFetched = (*fetch)(0, whole_);
+        windows_ = {};
+        if (isFetched) windows_[0] = {0, whole_};
+        return isFetched;
+    }
+
     const std::size_t size_;
-    const BinaryPropertyListFetch* const fetch_ = nullptr;
+    const BinaryPropertyListFetch* fetch_ = nullptr;  // null when there is no more to fetch
+    std::size_t moves_ = 0;
+    std::vector<std::uint8_t> whole_;
     // The offset table, the dictionary and its keys lie in three places.
     std::array<Window, 3> windows_;
     std::array<std::array<std::uint8_t, kBinaryPropertyListWindow>, 3> rooms_;

@@ -26,8 +26,9 @@ Result<std::optional<Value>> readBinaryPropertyListKey(std::span<const std::uint
                                                        std::string_view key);
 
 // The same for bytes that are fetched as they are needed, a few hundred at a time and some of them
-// more than once. Fails as well when `fetch` does, and for a value or key of more than
-// kBinaryPropertyListWindow bytes.
+// more than once; and then all of them, when that has taken as long as fetching all takes. Fails as
+// well when `fetch` does, and may fail for a value or key of more than kBinaryPropertyListWindow
+// bytes.
 using BinaryPropertyListFetch =
     std::function<bool(std::size_t offset, std::span<std::uint8_t> into)>;
 inline constexpr std::size_t kBinaryPropertyListWindow = 512;
