@@ -111,11 +111,14 @@ std::unique_ptr<UtiliaCommon> UtiliaCommon::init() {
 
 void UtiliaCommon::showRestrictionAlertAndExit() const {
     KULogVariadic("Tool with bundleId %@ is restricted.", mainBundleIdentifier());
-    platform::Alert alert;
-    alert.setMessageText(localizedText(kRestrictedText));
-    alert.setAlertStyle(platform::AlertStyle::Critical);
-    alert.addButtonWithTitle(localizedText(kOkText));
-    alert.runModal();
+    // Whatever becomes of the alert, the tool does not run.
+    runGuarded("The alert", [] {
+        platform::Alert alert;
+        alert.setMessageText(localizedText(kRestrictedText));
+        alert.setAlertStyle(platform::AlertStyle::Critical);
+        alert.addButtonWithTitle(localizedText(kOkText));
+        alert.runModal();
+    });
     endAsRefused();
 }
 

@@ -70,7 +70,7 @@ TEST_F(StartUp, RunsNoCheckForTheAgentInWhateverLetterCase) {
         SCOPED_TRACE(identifier);
         const TestBundle agent =
             tool(std::string("Agent ") + identifier, identifier, needingTheAgent());
-        expectToRun(agent, {"--show-ui"});
+        expectToRun(agent);
         const Course course = courseOf(agent, {std::string("listed=") + identifier, "no-loop"});
         EXPECT_THAT(course.lines, ElementsAre("main", "listed"));
     }
@@ -366,6 +366,38 @@ TEST_F(StartUp, KnowsTheHelpersOfItsOwnFramework) {
     std::filesystem::remove_all(framework());
     EXPECT_THAT(courseOf(timer_, {"helper=utilia-alert", "no-loop"}).lines,
                 ElementsAre("main", "none"));
+}
+
+TEST_F(StartUp, AsksAnAgentThatDoesNotRunToShowItself) {
+    ReportPipe reports(home_.path());
+    EXPECT_EQ(courseOf(timer_, {"show-agent", "no-loop"}).status, 7) << "none is installed";
+    // A launch by path knows nothing of the desktop entry's arguments.
+    const TestBundle agent = tool("Agent", kAgent, {{"ReportPipe", reports.path()}});
+    agent.install("agent");
+    EXPECT_EQ(courseOf(timer_, {"show-agent", "no-loop"}).status, 7);
+    EXPECT_EQ(reports.waitForLine(), "main") << "only the second one launched it";
+    EXPECT_EQ(reports.waitForLine(), "shows itself");
+    EXPECT_EQ(reports.waitForLine(), "first turn");
+    for (const auto& running : RunningApplication::runningApplicationsWithBundleIdentifier(kAgent))
+        ::kill(static_cast<pid_t>(running.processIdentifier()), SIGTERM);
+    EXPECT_EQ(reports.waitForLine(), "will-terminate");
+    EXPECT_THAT(log(), IsEmpty());
+}
+
+TEST_F(StartUp, AsksAnAgentThatRunsToShowItself) {
+    const TestBundle agent = tool("Agent", kAgent);
+    agent.install("agent");
+    ChildProcess running = start(agent);
+    ASSERT_EQ(running.waitForLine(), "main");
+    ASSERT_EQ(running.waitForLine(), "first turn");
+    EXPECT_EQ(courseOf(timer_, {"show-agent", "no-loop"}).status, 7);
+    EXPECT_EQ(running.waitForLine(), "reopen|--show-ui");
+    EXPECT_THAT(log(), IsEmpty());
+}
+
+TEST_F(StartUp, HasOneClientWhoeverAsksForItFirst) {
+    EXPECT_THAT(courseOf(timer_, {"many-clients", "no-loop"}).lines,
+                ElementsAre("main", "one client"));
 }
 
 // ---- what a start costs others

@@ -1,7 +1,10 @@
 // A tool of the product as it is installed: it loads the shared library, which checks it before
 // main. Tells what becomes of it, in lines on the channel of ChildProcess; a word "report=PATH"
-// among its arguments sends them to a named pipe instead. Other words that it knows:
+// among its arguments, or "ReportPipe" in its Info.plist, sends them to a named pipe instead. Other words that it knows:
 //
+//   --show-ui       says that it was asked to show itself
+//   show-agent      asks the agent to show itself
+//   many-clients    asks for its connection with the agent from many threads at once
 //   client          has a connection with the agent, and something to keep
 //   no-loop         returns from main at once, with status 7
 //   ignore-quit     runs a loop of its own, and does nothing when it is asked to quit
@@ -12,18 +15,21 @@
 // Without them it runs until it is terminated.
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <set>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include "Common/Platform/Application.h"
+#include "Common/Platform/Bundle.h"
 #include "Common/Platform/NotificationCenter.h"
 #include "Common/Platform/RunLoop.h"
 #include "Common/Platform/Workspace.h"
@@ -75,6 +81,24 @@ void tellWhatIsOpen() {
     say("threads " + std::to_string(threads));
 }
 
+void askFromManyThreads() {
+    std::atomic<bool> go{false};
+    std::vector<const void*> clients(16);
+    std::vector<std::thread> threads;
+    for (const void*& client : clients) {
+        threads.emplace_back([&go, &client] {
+            while (!go) std::this_thread::yield();
+            client = &UtiliaCommon::toolDataClientProvider();
+        });
+    }
+    go = true;
+    for (std::thread& thread : threads) thread.join();
+    const bool isOne = std::all_of(clients.begin(), clients.end(), [&](const void* client) {
+        return client && client == clients.front();
+    });
+    say(isOne ? "one client" : "several clients");
+}
+
 int serve(Application& application, bool ignoresQuit) {
     if (!ignoresQuit) return application.run();
     application.setQuitHandler([] { say("asked to quit"); });
@@ -96,11 +120,16 @@ int main(int argc, char** argv) {
         }
         return std::string();
     };
-    if (const std::string pipe = valueOf("report="); !pipe.empty())
-        channel = open(pipe.c_str(), O_WRONLY | O_CLOEXEC);
+    std::string pipe = valueOf("report=");
+    if (const auto* const bundle = utilia::platform::Bundle::mainBundle(); bundle && pipe.empty())
+        pipe = bundle->infoDictionary().string("ReportPipe").value_or("");
+    if (!pipe.empty()) channel = open(pipe.c_str(), O_WRONLY | O_CLOEXEC);
 
     say("main");
     if (!UtiliaCommon::utiliaCommon()) say("no facade");
+    if (has("--show-ui")) say("shows itself");
+    if (has("show-agent")) UtiliaCommon::utiliaCommon()->showAgentUI();
+    if (has("many-clients")) askFromManyThreads();
     if (has("look")) tellWhatIsOpen();
     if (const std::string identifier = valueOf("listed="); !identifier.empty())
         say(listing(identifier));
