@@ -25,6 +25,10 @@ public:
 
     // Writes the answer to `out`; nothing of it is shown when this fails.
     virtual Result<void> run(std::ostream& out) = 0;
+
+    // Asked after a run that succeeded: whether its answer, which is shown, reports something that
+    // is wrong. The program then ends as if it had failed.
+    virtual bool hasFoundErrors() const { return false; }
 };
 
 }  // namespace utilia::control

@@ -5,9 +5,11 @@
 #include <sstream>
 #include <vector>
 
+#include "Applications/utiliactl/AdminCommand.h"
 #include "Applications/utiliactl/DescriptionsCommand.h"
 #include "Applications/utiliactl/ExtendedLoggingCommand.h"
 #include "Applications/utiliactl/LoginCommand.h"
+#include "Applications/utiliactl/PolicyCommand.h"
 #include "Applications/utiliactl/PortNameCommand.h"
 #include "Applications/utiliactl/PortsCommand.h"
 #include "Applications/utiliactl/ResourcesCommand.h"
@@ -38,7 +40,7 @@ ExitStatus runCommand(Command& command) {
         std::fflush(stdout) != 0) {
         return failed(Error::posix(errno, "write", "standard output"));
     }
-    return ExitStatus::Done;
+    return command.hasFoundErrors() ? ExitStatus::Failed : ExitStatus::Done;
 }
 
 ExitStatus runProgram(int argc, char** argv) {
@@ -65,6 +67,8 @@ ExitStatus runProgram(int argc, char** argv) {
     commands.push_back(std::make_unique<DescriptionsCommand>());
     commands.push_back(std::make_unique<SuggestionsCommand>());
     commands.push_back(std::make_unique<ExtendedLoggingCommand>());
+    commands.push_back(std::make_unique<AdminCommand>());
+    commands.push_back(std::make_unique<PolicyCommand>());
     std::vector<const CLI::App*> declared;
     for (const auto& command : commands) declared.push_back(command->declare(program));
 

@@ -59,6 +59,8 @@ public:
     static std::optional<std::string> administratorsGroup();
     // Empty when there is no such group.
     static std::optional<std::uint32_t> idOfGroup(std::string_view name);
+    // Whether a user belongs to a group, by his account or by the group's list.
+    static bool isUserInGroup(std::uint32_t userId, std::uint32_t groupId);
 
     // What the user knows a file by, extension included: for an application the "CFBundleDisplayName" of its
     // Info.plist with ".app", for everything else, also when it does not exist, the last component of its path.

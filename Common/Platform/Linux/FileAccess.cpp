@@ -1,11 +1,13 @@
 #include "Common/Platform/Linux/FileAccess.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <vector>
 
 #include <fcntl.h>
 #include <grp.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -115,6 +117,22 @@ std::optional<gid_t> groupId(const std::string& name) {
             return found ? std::optional<gid_t>(entry.gr_gid) : std::nullopt;
         }
     }
+}
+
+bool isMember(uid_t user, gid_t group) {
+    std::vector<char> buffer(16'384);
+    passwd account{};
+    passwd* found = nullptr;
+    if (getpwuid_r(user, &account, buffer.data(), buffer.size(), &found) != 0 || !found)
+        return false;
+    std::vector<gid_t> groups(64);
+    int count = static_cast<int>(groups.size());
+    if (getgrouplist(account.pw_name, account.pw_gid, groups.data(), &count) < 0) {
+        groups.resize(static_cast<std::size_t>(count));
+        if (getgrouplist(account.pw_name, account.pw_gid, groups.data(), &count) < 0) return false;
+    }
+    groups.resize(static_cast<std::size_t>(count));
+    return std::find(groups.begin(), groups.end(), group) != groups.end();
 }
 
 }  // namespace utilia::platform

@@ -29,5 +29,6 @@ Result<void> overwriteFile(const std::string& path, std::span<const std::uint8_t
 
 // Empty when there is no such group.
 std::optional<gid_t> groupId(const std::string& name);
+bool isMember(uid_t user, gid_t group);
 
 }  // namespace utilia::platform

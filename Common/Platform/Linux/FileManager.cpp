@@ -133,6 +133,10 @@ std::optional<std::uint32_t> FileManager::idOfGroup(std::string_view name) {
     return groupId(std::string(name));
 }
 
+bool FileManager::isUserInGroup(std::uint32_t userId, std::uint32_t groupId) {
+    return isMember(userId, groupId);
+}
+
 std::string FileManager::desktopDirectory() {
     return configuredDesktop().value_or(stringByAppendingPathComponent(homeFolder(), "Desktop"));
 }

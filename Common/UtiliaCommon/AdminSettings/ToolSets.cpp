@@ -96,7 +96,11 @@ std::optional<ToolSets::Identifiers> ToolSets::loadWhiteList() {
     std::int64_t error = 0;
     const auto settings = KAVAdminStorage::init(kKAVOpenExisting, &error);
     if (!settings) return std::nullopt;
-    const Value* const value = settings->currentAsRawData().find(kKAVWhiteToolsListKey);
+    return whiteListFromSettings(settings->currentAsRawData());
+}
+
+std::optional<ToolSets::Identifiers> ToolSets::whiteListFromSettings(const Dictionary& settings) {
+    const Value* const value = settings.find(kKAVWhiteToolsListKey);
     if (!value) return std::nullopt;
     const Array* const entries = value->array();
     if (!entries) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Common/Foundation/Export.h"
+#include "Common/Foundation/Value.h"
 #include "Common/Platform/Bundle.h"
 
 // The catalogue of the product's tools, and which of them the administrator allows on this machine.
@@ -47,6 +48,8 @@ public:
     // The administrator's white-list in bundle identifiers as the catalogue spells them; empty when
     // nothing is restricted. Entries that name no tool are dropped, with a verbose log line each.
     static std::optional<Identifiers> loadWhiteList();
+    // The same from settings that are read already.
+    static std::optional<Identifiers> whiteListFromSettings(const Dictionary& settings);
 
     ToolSets();
 
