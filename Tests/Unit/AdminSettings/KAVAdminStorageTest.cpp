@@ -286,6 +286,15 @@ TEST_F(AdminStorage, ContentsThatWereResetCannotBeChangedButSaved) {
     }));
 }
 
+// Documentation/Formats/AdminSettings.md shows this text.
+TEST_F(AdminStorage, WritesTheDocumentedExample) {
+    const Dictionary settings{{std::string(kKAVUpdatesDisabled), true},
+                              {std::string(kKAVWhiteToolsListKey), Array{"Timer", "moonphase"}}};
+    EXPECT_EQ(KAVAdminStorage::dataFromDict(settings, nullptr),
+              bytesOf("{\n  \"UpdatesDisabled\" : true,\n  \"WhiteToolsList\" : [\n    \"Timer\",\n"
+                      "    \"moonphase\"\n  ]\n}"));
+}
+
 TEST_F(AdminStorage, ParsesWithTheDocumentedErrors) {
     std::int64_t error = 77;
     EXPECT_EQ(KAVAdminStorage::dictFromData(bytesOf("{\"a\": 1}"), &error), (Dictionary{{"a", 1}}));
