@@ -14,6 +14,9 @@
 #include "Common/Platform/Linux/FileInput.h"
 #include "Common/Platform/Linux/MessageCatalog.h"
 #include "Common/UtiliaCommon/LocalizedTexts.h"
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/ChildRole.h"
+#include "Tests/Support/PrivateMounts.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestLog.h"
 
@@ -171,6 +174,30 @@ TEST(Localization, DoesNotDependOnTheLocaleOfTheHost) {
     const auto bundle = framework();
     EXPECT_EQ(bundle->localizedStringForKey("Quit"), "Beenden");
     EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C") << "and leaves it as it is";
+}
+
+// A host that never calls setlocale(), on a system that has generated no locale: nothing but C is
+// there, and the languages come from the variables alone.
+UTILIA_CHILD_ROLE(tellQuit) {
+    self.say(setlocale(LC_ALL, nullptr));
+    self.say(newlocale(LC_ALL_MASK, "de_DE.UTF-8", nullptr) ? "has German" : "has no German");
+    self.say(framework()->localizedStringForKey("Quit"));
+    self.say(setlocale(LC_ALL, nullptr));
+    return 0;
+}
+
+TEST(Localization, NeedsNoLocaleOfTheSystem) {
+    test::PrivateMounts mounts;
+    constexpr std::size_t kEmpty = 4096;
+    mounts.limitSpace("/usr/lib/locale", kEmpty);
+    auto host = test::ChildProcess::role(
+        "tellQuit", {},
+        {.environment = {{"LANG", "de_DE.UTF-8"}, {"LANGUAGE", "\x01"}, {"LC_ALL", "\x01"}},
+         .mounts = &mounts});
+    EXPECT_EQ(host.waitForLine(), "C");
+    EXPECT_EQ(host.waitForLine(), "has no German");
+    EXPECT_EQ(host.waitForLine(), "Beenden");
+    EXPECT_EQ(host.waitForLine(), "C");
 }
 
 TEST(Localization, StaysWithTheFirstChoice) {
