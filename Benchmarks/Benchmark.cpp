@@ -18,6 +18,7 @@
 #include "Benchmarks/StartUp/ConstructorMeasures.h"
 #include "Benchmarks/StartUp/LogoutMeasures.h"
 #include "Benchmarks/StartUp/StartUpMeasures.h"
+#include "Benchmarks/Stores/ResourceMeasures.h"
 #include "Benchmarks/Stores/StoreMeasures.h"
 #include "Benchmarks/Support/Goals.h"
 #include "Benchmarks/Support/Results.h"
@@ -89,7 +90,11 @@ std::vector<Measurement> allMeasurements() {
                            const MemoryFolder memory;
                            return measureScheduleList(records, memory.settings(settings));
                        }});
+        all.push_back(
+            {"store", "choosing a resource in memory", std::to_string(records) + " records",
+             [=](const Settings& settings) { return measureResourceChoice(records, settings); }});
     }
+    all.push_back({"store", "versions", "utilia", measureVersions});
     all.push_back({"startup", "start", "in turns", measureStart});
     all.push_back({"startup", "before main", "in turns", measureConstructor});
     all.push_back({"startup", "logout", "in turns", measureLogout});

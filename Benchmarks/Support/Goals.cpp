@@ -112,6 +112,15 @@ void addStoreGoals(std::vector<Goal>& goals) {
     goals.push_back({"store", "listing 1000 schedules: a record's time against that of 100",
                      Goal::AtMost, 1.25, " ×",
                      ratio(perRecord("1000 records"), perRecord("100 records"))});
+    const auto choice = [](const char* records, const char* metric) {
+        return value("choosing a resource in memory", records, metric);
+    };
+    goals.push_back(
+        {"store", "choosing a resource: ten times the records", Goal::AtMost, 12, " ×",
+         ratio(choice("1000 records", "changed_us"), choice("100 records", "changed_us"))});
+    goals.push_back(
+        {"store", "recording a version: ten times the records", Goal::AtMost, 12, " ×",
+         ratio(choice("1000 records", "update_us"), choice("100 records", "update_us"))});
 }
 
 void addStartGoals(std::vector<Goal>& goals) {

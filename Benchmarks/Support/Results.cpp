@@ -21,6 +21,7 @@ std::string title(const std::string& metric) {
     std::replace(name.begin(), name.end(), '_', ' ');
     if (unit == "us") return name + ", µs";
     if (unit == "ms") return name + ", ms";
+    if (unit == "ns") return name + ", ns";
     if (unit == "kib") return name + ", KiB";
     if (unit == "objects") return name + ", shared objects";
     if (metric == "per_s") return "per second";
