@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -70,7 +71,9 @@ public:
     // A file of another owner keeps its mode; whoever asked for another one finds out afterwards.
     void giveMode(mode_t mode) const {
         // By its name in /proc, which needs no right to the content.
-        (void)chmod(("/proc/self/fd/" + std::to_string(file_.get())).c_str(), mode);
+        char self[32];
+        std::snprintf(self, sizeof self, "/proc/self/fd/%d", file_.get());
+        (void)chmod(self, mode);
     }
 
     // What cannot be opened for reading cannot be synced.
@@ -89,6 +92,26 @@ private:
     UniqueFd file_;
     struct stat status_ {};
     bool isReadable_ = false;
+};
+
+// A mode that a file has for as long as this lives, and keeps if it is told so.
+class TrialMode final {
+public:
+    TrialMode(const Source& source, std::optional<mode_t> mode)
+        : source_(source), isGiven_(mode && *mode != source.mode()) {
+        if (isGiven_) source_.giveMode(*mode);
+    }
+    TrialMode(const TrialMode&) = delete;
+    TrialMode& operator=(const TrialMode&) = delete;
+    ~TrialMode() {
+        if (isGiven_) source_.giveMode(source_.mode());
+    }
+
+    void keep() { isGiven_ = false; }
+
+private:
+    const Source& source_;
+    bool isGiven_;
 };
 
 bool isSameItem(const struct stat& left, const struct stat& right) {
@@ -199,10 +222,9 @@ Result<void> replaceFile(const std::string& target, const std::string& source,
     if (!file) return file.error();
     const auto fileSystem = fileSystemOf(folderOf(target));
     if (!fileSystem) return fileSystem.error();
-    const bool changesMode = mode && *mode != file->mode();
-    if (changesMode) file->giveMode(*mode);
+    TrialMode trial(*file, mode);
     auto moved = move(target, *file, *fileSystem == file->status().st_dev, mode);
-    if (!moved && changesMode) file->giveMode(file->mode());
+    if (moved) trial.keep();
     return moved;
 }
 

@@ -1,11 +1,12 @@
 #include "Common/UtiliaCommon/Resources/ResourceManager.h"
 
 #include <cstdio>
+#include <new>
 
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Foundation/Unicode.h"
 #include "Common/Foundation/Value.h"
-#include "Common/Logging/Log.h"
+#include "Common/Logging/MemoryGuard.h"
 #include "Common/Platform/FileManager.h"
 #include "Common/UtiliaCommon/Resources/SharedResource.h"
 #include "Common/UtiliaCommon/Resources/VersionManager.h"
@@ -23,6 +24,7 @@ namespace {
 using platform::Bundle;
 using platform::FileManager;
 
+constexpr std::string_view kWhat = "A shared resource";
 constexpr std::string_view kResourcesFolder = "Resources";
 constexpr std::uint32_t kExecutablePermissions = 0755;
 
@@ -33,6 +35,8 @@ struct InstalledCopy {
 
 // The installed copy, if it is newer than that version and can be used.
 std::optional<InstalledCopy> newerCopy(const SharedResource& record, const IndexPath& internal) {
+    // Every version has a component, unless there was no memory for it.
+    if (internal.length() == 0) return std::nullopt;
     auto version = record.version();
     if (!version || *version <= internal) return std::nullopt;
     auto path = record.path();
@@ -118,12 +122,9 @@ std::optional<Failure> install(std::string_view file, const SharedResource& reco
     return std::nullopt;
 }
 
-}  // namespace
-
-std::string ResourceManager::getMostActualResourcePath(std::string_view resourceName,
-                                                       const Bundle& forBundle) {
-    const IndexPath internal = VersionManager::versionFromBundle(&forBundle);
-    const auto bundleId = forBundle.bundleIdentifier();
+std::string choosePath(std::string_view resourceName, const Bundle& bundle) {
+    const IndexPath internal = VersionManager::versionFromBundle(&bundle);
+    const auto bundleId = bundle.bundleIdentifier();
     // A bundle that does not say who it is has no records.
     auto shared =
         bundleId ? newerCopy(SharedResource(resourceName, *bundleId), internal) : std::nullopt;
@@ -133,23 +134,34 @@ std::string ResourceManager::getMostActualResourcePath(std::string_view resource
                       resourceName, (shared ? shared->version : internal).description());
     }
     if (shared) return std::move(shared->path);
-    return stringByAppendingPathComponent(forBundle.resourcePath(), resourceName);
+    return stringByAppendingPathComponent(bundle.resourcePath(), resourceName);
+}
+
+}  // namespace
+
+std::string ResourceManager::getMostActualResourcePath(std::string_view resourceName,
+                                                       const Bundle& forBundle) {
+    return unlessOutOfMemory(kWhat, [&] { return choosePath(resourceName, forBundle); });
 }
 
 IndexPath ResourceManager::getMostActualResourceVersion(std::string_view resourceName,
                                                         std::string_view forBundleId) {
-    IndexPath internal =
-        VersionManager::versionFromBundle(Bundle::bundleWithIdentifier(forBundleId));
-    auto shared = newerCopy(SharedResource(resourceName, forBundleId), internal);
-    return shared ? std::move(shared->version) : std::move(internal);
+    return unlessOutOfMemory(kWhat, [&] {
+        IndexPath internal =
+            VersionManager::versionFromBundle(Bundle::bundleWithIdentifier(forBundleId));
+        auto shared = newerCopy(SharedResource(resourceName, forBundleId), internal);
+        return shared ? std::move(shared->version) : std::move(internal);
+    });
 }
 
 void ResourceManager::addResourceFile(std::string_view fileURL, std::string_view withName,
                                       const std::optional<IndexPath>& withVersion,
                                       std::int64_t withResourceType, std::string_view forBundleId) {
-    const auto failure =
-        install(fileURL, SharedResource(withName, forBundleId), withVersion, withResourceType);
-    if (failure) KULogVariadic(failure->format, failure->error.text());
+    unlessOutOfMemory(kWhat, [&] {
+        const auto failure =
+            install(fileURL, SharedResource(withName, forBundleId), withVersion, withResourceType);
+        if (failure) KULogVariadic(failure->format, failure->error.text());
+    });
 }
 
 Result<void> ResourceManager::tryToAddResourceFile(std::string_view fileURL,
@@ -157,10 +169,14 @@ Result<void> ResourceManager::tryToAddResourceFile(std::string_view fileURL,
                                                    const std::optional<IndexPath>& withVersion,
                                                    std::int64_t withResourceType,
                                                    std::string_view forBundleId) {
-    auto failure =
-        install(fileURL, SharedResource(withName, forBundleId), withVersion, withResourceType);
-    if (failure) return std::move(failure->error);
-    return {};
+    try {
+        auto failure =
+            install(fileURL, SharedResource(withName, forBundleId), withVersion, withResourceType);
+        if (failure) return std::move(failure->error);
+        return {};
+    } catch (const std::bad_alloc&) {
+        return Error::utilia(UtiliaErrorCode::Unavailable, "out of memory");
+    }
 }
 
 }  // namespace utilia

@@ -24,6 +24,8 @@ inline constexpr std::int64_t kExecutableResourceType = 1;
 // copy if it is newer than its own and this process may execute it; whatever kind of resource it is,
 // one that may not be executed is not used. Its own copy has the version of its bundle.
 //
+// Out of memory, the answer is empty and what is not yet done is left out, with one log line.
+//
 // Threads: any; never inside a block of accessAppGroupPlist.
 class UTILIA_EXPORT ResourceManager final {
 public:

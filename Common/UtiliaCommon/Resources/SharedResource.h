@@ -23,6 +23,8 @@ inline constexpr std::string_view kResourceVersionKey = "Version";    // string,
 // two changes, and who reads in between sees the new one of the first and the old one of the second.
 // Documentation/Formats/SharedResources.md has the layout.
 //
+// Out of memory, nothing is answered and nothing changed, with one log line.
+//
 // Threads: any; never inside a block of accessAppGroupPlist.
 class UTILIA_EXPORT SharedResource final {
 public:
@@ -48,8 +50,12 @@ public:
     void setVersion(const std::optional<IndexPath>& version) const;
 
 private:
-    const std::string name_;
-    const std::string bundleId_;
+    std::optional<Value> stored(std::string_view key) const;
+    void store(std::optional<Value> value, std::string_view key) const;
+
+    std::string name_;
+    std::string bundleId_;
+    bool isNamed_ = false;  // else there was no memory for the names
 };
 
 }  // namespace utilia

@@ -19,6 +19,8 @@ namespace utilia {
 // is missing is printed as kNotFound, and no version at all as four zeros. So a version of another
 // length than four does not read back as itself.
 //
+// Out of memory, answers are empty, with one log line: no version, a version without components, "".
+//
 // Threads: any.
 class UTILIA_EXPORT VersionManager final {
 public:

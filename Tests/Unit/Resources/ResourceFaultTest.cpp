@@ -63,6 +63,7 @@ protected:
     void giveNext() {
         fs::remove(given());
         writeFile(given(), content(++number_));
+        version_ = IndexPath{9, 0, 0, number_};
     }
     void installGiven() {
         ResourceManager::addResourceFile(given().string(), kName, IndexPath{9, 0, 0, number_}, 1,
@@ -97,6 +98,7 @@ protected:
 
     const test::TemporaryFolder elsewhere_;
     std::uint64_t number_ = 0;
+    std::optional<IndexPath> version_;
 };
 
 INSTANTIATE_TEST_SUITE_P(From, ResourceFaults, testing::Bool(), [](const auto& from) {
@@ -149,6 +151,59 @@ TEST_P(ResourceFaults, FailingCallsLeaveTheOldCopyOrTheNewOne) {
         });
     EXPECT_GT(runs, failed);
     EXPECT_GT(failed, 0u);
+}
+
+TEST_P(ResourceFaults, MissingMemoryLeavesTheOldCopyOrTheNewOne) {
+    installNextInPeace();
+    const std::string file = given().string();
+    const std::size_t runs = test::forEachFault(
+        test::memoryFaults(),
+        [&] {
+            installNextInPeace();
+            giveNext();
+            log_.clear();
+        },
+        [&] {
+            try {
+                ResourceManager::addResourceFile(file, kName, version_, 1, kBundleId);
+            } catch (const std::exception& thrown) {
+                ADD_FAILURE() << "left the library: " << thrown.what();
+            }
+        },
+        [&](const FaultRun&) {
+            expectWhole();
+            expectNoStrangers();
+            if (numberOf(installed()) == number_ - 1) {
+                EXPECT_EQ(modeOf(given()), 0644u);
+                EXPECT_FALSE(log_.lines().empty());
+            }
+        });
+    EXPECT_EQ(runs > 0, !test::memoryFaults().empty());
+}
+
+TEST_P(ResourceFaults, MissingMemoryNeverHasAnOlderCopyChosen) {
+    giveNext();
+    ResourceManager::addResourceFile(given().string(), kName, IndexPath{5, 1, 2, 3456}, 1,
+                                     kBundleId);
+    std::string path;
+    IndexPath version;
+    const std::size_t runs = test::forEachFault(
+        test::memoryFaults(),
+        [&] {
+            try {
+                path = ResourceManager::getMostActualResourcePath(kName, *bundle_);
+                version = ResourceManager::getMostActualResourceVersion(kName, kBundleId);
+            } catch (const std::exception& thrown) {
+                ADD_FAILURE() << "left the library: " << thrown.what();
+            }
+        },
+        [&](const FaultRun&) {
+            EXPECT_TRUE(path.empty() || path == internal().string()) << path;
+            EXPECT_TRUE(version == (IndexPath{5, 1, 2, 3456}) || version == IndexPath{0} ||
+                        version == IndexPath());
+            log_.clear();
+        });
+    EXPECT_EQ(runs > 0, !test::memoryFaults().empty());
 }
 
 TEST_P(ResourceFaults, AModeThatCannotBeSetKeepsTheRecord) {
