@@ -23,10 +23,10 @@ class UTILIA_EXPORT DistributedNotificationCenter final {
 public:
     static DistributedNotificationCenter& defaultCenter();
 
-    // Returns when the bus knows of the observer, so that whatever is posted from then on is heard,
-    // and at most 200 ms later. The handle may be ended on any thread; on another than the main one
-    // the end may meet a call that is under way. Failures are logged once; without the module, and
-    // for what is no name, the observer is never called.
+    // Waits until the bus knows of the observer, at most 200 ms; whatever is posted after that is
+    // heard. The handle may be ended on any thread; on another than the main one the end may meet a
+    // call that is under way. Failures are logged once; without the module, and for what is no
+    // name, the observer is never called.
     Handle addObserver(std::string_view name, std::function<void()> observer);
 
     // Returns when the notification is with the bus, so that the process may end at once: at most
