@@ -186,6 +186,15 @@ TEST_F(AgentSchedulerTest, UpgradingWithAnEmptyListReplacesToo) {
     EXPECT_EQ(agent.ask("has-legacy"), "no");
 }
 
+TEST_F(AgentSchedulerTest, UpgradingLeavesWhatIsNoListAlone) {
+    store(Array{clock({})});
+    auto agent = startTool();
+    agent.ask("set-legacy-text");
+    agent.ask("upgrade");
+    EXPECT_EQ(records(), (Array{clock({})}));
+    EXPECT_EQ(agent.ask("has-legacy"), "yes");
+}
+
 TEST_F(AgentSchedulerTest, UpgradingHappensOnce) {
     auto agent = startTool();
     agent.ask("set-legacy", {"first"});

@@ -63,6 +63,10 @@ UTILIA_CHILD_ROLE(scheduler) {
         platform::UserDefaults::standardUserDefaults().setObject(legacy, "AgentScheduler");
         return "";
     });
+    script.on("set-legacy-text", [](const auto&) {
+        platform::UserDefaults::standardUserDefaults().setObject("text", "AgentScheduler");
+        return "";
+    });
     script.on("has-legacy", [](const auto&) {
         return platform::UserDefaults::standardUserDefaults().objectForKey("AgentScheduler") ? "yes"
                                                                                              : "no";

@@ -57,6 +57,14 @@ TEST_F(DescriptionsCommandTest, SavesTheTextsOfAFileAsTheyAre) {
               (json{{"en", "Two\nlines"}, {"ja", "\u6708"}}));
 }
 
+TEST_F(DescriptionsCommandTest, SavesTheTextsOfStandardInput) {
+    auto shell = test::ChildProcess::program(
+        "/bin/sh", {"-c", R"(printf '{"en": "Piped"}' | "$0" descriptions save "$1" --json -)",
+                    UTILIA_CONTROL_PROGRAM, kVersion});
+    EXPECT_EQ(shell.waitForExit(), 0);
+    EXPECT_EQ(stored(), "Piped");
+}
+
 TEST_F(DescriptionsCommandTest, SavingReplacesAllLanguagesAndRemovingAll) {
     answer({"descriptions", "save", kVersion, "--language", "en=Old", "--language", "de=Alt"});
     answer({"descriptions", "save", kVersion, "--language", "en=New"});
