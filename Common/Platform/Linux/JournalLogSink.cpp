@@ -139,10 +139,12 @@ std::shared_ptr<LogSink> makeJournalLogSink(const std::string& socketPath,
 
     // Connecting a datagram socket asks whether somebody has bound the path, and never waits.
     const UniqueFd probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    UniqueFd sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!probe || !sender) return nullptr;
-    if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    if (!probe ||
+        connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         return nullptr;
+    }
+    UniqueFd sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!sender) return nullptr;
     return std::make_shared<JournalLogSink>(std::move(sender), address, processName);
 }
 
