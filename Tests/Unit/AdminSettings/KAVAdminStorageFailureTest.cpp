@@ -179,5 +179,31 @@ TEST_F(AdminStorage, NoFailingCallLosesADamagedFile) {
     }));
 }
 
+// A file that is written in place can be met half-written, or empty; a reader restricts nothing then,
+// and the next writer begins anew without losing it.
+TEST_F(AdminStorage, AWriterKilledAtAnyCallIsStoodByReadersAndWriters) {
+    EXPECT_TRUE(mounts_.run([] {
+        const TestLog log;
+        const auto write = [] {
+            std::int64_t error = 0;
+            if (const auto storage = KAVAdminStorage::init(kOpenOrCreate, &error)) {
+                storage->setBool(true, "Key");
+                storage->saveToDisk();
+            }
+        };
+        std::size_t damaged = 0;
+        const std::size_t points = test::forEachKillPoint(1, write, [&](const test::KillPoint&) {
+            const std::int64_t code = codeOfOpening();
+            EXPECT_TRUE(code == 0 || code == 260 || code == 3840) << code;
+            damaged += code == 3840 ? 1 : 0;
+            EXPECT_EQ(codeOfOpening(kOpenOrCreate), 0);
+            fs::remove_all(kFolder);
+        });
+        EXPECT_GT(points, 10u);
+        EXPECT_GT(damaged, 0u) << "the file is emptied before it is filled";
+        EXPECT_THAT(log.lines(), ElementsAre());
+    }));
+}
+
 }  // namespace
 }  // namespace utilia
