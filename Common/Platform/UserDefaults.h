@@ -24,8 +24,8 @@ namespace utilia::platform {
 // Failures are logged once, with the file's name. After a failed write the file is as before, and what a suite has
 // gathered waits for another synchronize(). Damage costs no data that could be saved: the unreadable file is kept,
 // renamed to tell the time at which it was found, and the backup (".bak") stands in for it if that one can be read.
-// A value that is set in a suite after its key could not be read is dropped, with one log line: it would replace what
-// its maker has not seen.
+// A value that is set through an object after its key could not be read is dropped, with one log line: it would replace
+// what its maker has not seen.
 //
 // Threads: only the one that uses the object; other objects for the same domain may be used on other threads.
 class UTILIA_EXPORT UserDefaults final {

@@ -52,8 +52,8 @@ struct UserDefaults::Implementation {
     Writing writing = Writing::Through;
     std::vector<PreferencesDomain::Change> pending;
     bool hasLostSet = false;  // there was no memory to keep it
-    // Keys of a suite whose last read failed. Who sets one of them next has made its value without
-    // knowing the stored one, in which other processes keep their share.
+    // Keys whose last read failed. Who sets one of them next has made its value without knowing the
+    // stored one, in which other processes keep their share.
     mutable std::vector<std::string> unread;
     mutable bool isAnyUnread = false;  // there was no memory to read one, or to note its key
 
@@ -66,10 +66,10 @@ struct UserDefaults::Implementation {
     std::optional<Value> value(std::string_view key) const {
         if (const auto* change = pendingChange(key)) return change->value;
         if (!domain) return std::nullopt;
-        const bool wasAnyUnread = std::exchange(isAnyUnread, writing == Writing::Gathered);
+        const bool wasAnyUnread = std::exchange(isAnyUnread, true);
         auto found = domain->value(key);
         std::erase(unread, key);
-        if (!found && writing == Writing::Gathered) unread.emplace_back(key);
+        if (!found) unread.emplace_back(key);
         isAnyUnread = wasAnyUnread;
         return found ? *std::move(found) : std::nullopt;
     }
@@ -80,7 +80,9 @@ struct UserDefaults::Implementation {
         } else {
             pending.push_back({std::string(key), std::move(value)});
         }
-        if (writing == Writing::Through) write();
+        if (writing == Writing::Gathered) return;
+        if (dropUninformed()) hasLostSet = true;
+        write();
     }
 
     bool write() {

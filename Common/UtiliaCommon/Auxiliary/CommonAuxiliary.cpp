@@ -1,10 +1,12 @@
 #include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
 
 #include <algorithm>
+#include <string_view>
 #include <vector>
 
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Logging/Log.h"
+#include "Common/Logging/MemoryGuard.h"
 #include "Common/Platform/LoginItems.h"
 #include "Common/Platform/Workspace.h"
 #include "Common/UtiliaCommon/LocalizedTexts.h"
@@ -17,6 +19,8 @@ namespace {
 
 using platform::LoginItem;
 using platform::LoginItems;
+
+constexpr std::string_view kWhat = "Login items";
 
 struct List {
     LoginItems items;
@@ -60,36 +64,43 @@ CommonAuxiliary& CommonAuxiliary::sharedInstance() {
 }
 
 bool CommonAuxiliary::addAppToLoginItems(const std::optional<std::string>& url) {
-    const auto list = openList();
-    if (!list) return false;
-    bool isFound = false;
-    for (const LoginItem& item : list->snapshot) {
-        if (isSame(item.resolvedURL(), url)) {
-            isFound = true;
-        } else if (isOfSameName(item.resolvedURL(), url)) {
-            remove(*list, item);
+    return unlessOutOfMemory(kWhat, [&] {
+        const auto list = openList();
+        if (!list) return false;
+        bool isFound = false;
+        for (const LoginItem& item : list->snapshot) {
+            if (isSame(item.resolvedURL(), url)) {
+                isFound = true;
+            } else if (isOfSameName(item.resolvedURL(), url)) {
+                remove(*list, item);
+            }
         }
-    }
-    if (isFound) return true;
-    if (!url) return false;
-    const auto inserted = list->items.insertAtEnd(*url);
-    if (!inserted) KULogVariadic("Login items: %@", inserted.error());
-    return inserted.has_value();
+        if (isFound) return true;
+        if (!url) return false;
+        const auto inserted = list->items.insertAtEnd(*url);
+        if (!inserted) KULogVariadic("Login items: %@", inserted.error());
+        return inserted.has_value();
+    });
 }
 
 bool CommonAuxiliary::removeAppFromLoginItems(const std::optional<std::string>& url) {
-    const auto list = openList();
-    if (!list) return false;
-    for (const LoginItem& item : list->snapshot) {
-        if (isOfSameName(item.resolvedURL(), url)) remove(*list, item);
-    }
-    return true;
+    return unlessOutOfMemory(kWhat, [&] {
+        const auto list = openList();
+        if (!list) return false;
+        for (const LoginItem& item : list->snapshot) {
+            if (isOfSameName(item.resolvedURL(), url)) remove(*list, item);
+        }
+        return true;
+    });
 }
 
 bool CommonAuxiliary::findAppInLoginItems(const std::optional<std::string>& url) {
-    const auto list = openList();
-    return list && std::any_of(list->snapshot.begin(), list->snapshot.end(),
-                               [&](const auto& item) { return isSame(item.resolvedURL(), url); });
+    return unlessOutOfMemory(kWhat, [&] {
+        const auto list = openList();
+        if (!list) return false;
+        return std::any_of(list->snapshot.begin(), list->snapshot.end(),
+                           [&](const LoginItem& item) { return isSame(item.resolvedURL(), url); });
+    });
 }
 
 std::optional<std::string>

@@ -27,7 +27,7 @@ class UTILIA_EXPORT UtiliaToolLauncher final {
 public:
     UtiliaToolLauncher() = delete;
 
-    // The agent's preferences. Never null.
+    // The agent's preferences. Null only where memory runs out.
     static std::shared_ptr<platform::UserDefaults> getDefaults();
 
     // Takes tools that are login items themselves, as some once were, over into the list. Done once
@@ -37,8 +37,8 @@ public:
     // Adds the tool, unless the list has it, and makes sure of the login item in any case. Answers
     // whether the launcher is a login item now; the tool stays in the list even if it is not.
     static bool addToolToLaunchAtLogin(std::string_view bundleIdentifier);
-    // Removes the tool, and the login item when no tool is left. False only when the login items
-    // cannot be read.
+    // Removes the tool, and the login item when no tool is left. False when the list cannot be
+    // stored, and when the login items cannot be read.
     static bool removeToolFromLaunchAtLogin(std::string_view bundleIdentifier);
     static bool isToolInLaunchAtLogin(std::string_view bundleIdentifier);
 

@@ -8,6 +8,7 @@
 
 #include "Common/Platform/LoginItems.h"
 #include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
+#include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
 #include "Tests/Support/FaultInjection.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestBundle.h"
@@ -114,6 +115,63 @@ TEST_F(LoginItemFaults, AnEntryOfTheSystemIsHiddenOrShows) {
             EXPECT_EQ(contentOf(copy), entry("Hidden=true\n")) << "the next call works";
         });
     EXPECT_GT(runs, 0u);
+}
+
+TEST_F(LoginItemFaults, TheListKeepsItsToolsWhateverFails) {
+    const auto list = [] {
+        return UtiliaToolLauncher::getDefaults()->arrayForKey(kLaunchAtLoginToolsKey);
+    };
+    const Array before{"a", "b"};
+    const std::size_t runs = forEachFault(
+        test::storageFaults(),
+        [&] { UtiliaToolLauncher::getDefaults()->setObject(before, kLaunchAtLoginToolsKey); },
+        [&] { UtiliaToolLauncher::addToolToLaunchAtLogin("c"); },
+        [&](const FaultRun&) {
+            EXPECT_TRUE(list() == before || list() == (Array{"a", "b", "c"}));
+            UtiliaToolLauncher::addToolToLaunchAtLogin("c");
+            EXPECT_EQ(list(), (Array{"a", "b", "c"})) << "the next call works";
+        });
+    EXPECT_GT(runs, 0u);
+}
+
+TEST_F(LoginItemFaults, TheLauncherStaysAnItemWhileTheListHasATool) {
+    test::TestBundleOptions options;
+    options.name = "Korvane Utilia";
+    options.bundleIdentifier = "com.korvane.utilia";
+    const TestBundle agent(home_, options);
+    agent.install("none");
+    options.name = "Utilia Tool Launcher";
+    options.bundleIdentifier = "com.korvane.utilia.ToolLauncher";
+    options.folder = fs::path(agent.path()) / "Contents/Applications";
+    const TestBundle launcher(home_, options);
+    const std::size_t runs = forEachFault(
+        test::storageFaults(), [] { UtiliaToolLauncher::addToolToLaunchAtLogin("a"); },
+        [] { UtiliaToolLauncher::removeToolFromLaunchAtLogin("a"); },
+        [&](const FaultRun&) {
+            EXPECT_TRUE(!UtiliaToolLauncher::isToolInLaunchAtLogin("a") ||
+                        auxiliary_.findAppInLoginItems(launcher.path()));
+            EXPECT_TRUE(UtiliaToolLauncher::removeToolFromLaunchAtLogin("a"));
+            EXPECT_FALSE(UtiliaToolLauncher::isToolInLaunchAtLogin("a"));
+            EXPECT_FALSE(auxiliary_.findAppInLoginItems(launcher.path()));
+        });
+    EXPECT_GT(runs, 0u);
+}
+
+// Entries are parsed by GLib, which ends the process where memory runs out; the list is not.
+TEST_F(LoginItemFaults, MissingMemoryIsAnAnswerOfNo) {
+    UtiliaToolLauncher::getDefaults()->setObject(Array{"a", "b"}, kLaunchAtLoginToolsKey);
+    forEachFault(
+        test::memoryFaults(), [] { UtiliaToolLauncher::isToolInLaunchAtLogin("a"); },
+        [](const FaultRun&) {
+            EXPECT_TRUE(UtiliaToolLauncher::isToolInLaunchAtLogin("a")) << "the next call works";
+        });
+    forEachFault(
+        test::memoryFaults(), [] { UtiliaToolLauncher::removeToolFromLaunchAtLogin("c"); },
+        [](const FaultRun&) {
+            EXPECT_TRUE(UtiliaToolLauncher::isToolInLaunchAtLogin("a"));
+            EXPECT_TRUE(UtiliaToolLauncher::isToolInLaunchAtLogin("b"));
+            UtiliaToolLauncher::getDefaults()->setObject(Array{"a", "b"}, kLaunchAtLoginToolsKey);
+        });
 }
 
 TEST_F(LoginItemFaults, AFullDiskIsOneLogLineAndTheOldList) {

@@ -188,6 +188,9 @@ TEST_F(StoreFileStates, WhatIsNoRegularFileIsNeitherReadNorReplaced) {
         EXPECT_EQ(log_.count(reason), 1u) << "one line for any number of reads";
         own->setObject(1, "key");
         EXPECT_FALSE(own->synchronize());
+        EXPECT_EQ(log_.count("is not written"), 1u) << "made without having seen the stored one";
+        own->setObject(2, "key");
+        EXPECT_FALSE(own->synchronize());
         EXPECT_EQ(log_.count("could not be written"), 1u);
         EXPECT_EQ(fs::symlink_status(file()).type(), type);
         EXPECT_TRUE(setAside().empty());
