@@ -196,7 +196,8 @@ TEST_F(SuggestionsPause, ToolsAndAgentAtTheSameTimeLoseNothing) {
         tools.emplace_back(bundles.back().role("auxiliary"));
     }
     for (int i = 0; i < kTools; ++i)
-        tools[i].tell("pause-and-resume", {"com.example.Tool" + std::to_string(i), "25"});
+        tools.at(static_cast<std::size_t>(i))
+            .tell("pause-and-resume", {"com.example.Tool" + std::to_string(i), "25"});
     for (int i = 0; i < 25; ++i) auxiliary_.areToolsSuggestionsPaused();
     for (auto& tool : tools) tool.answer();
     EXPECT_TRUE(auxiliary_.areToolsSuggestionsPaused());

@@ -22,13 +22,12 @@ TEST(Unicode, AcceptsTheFirstAndLastCharacterOfEachLength) {
 
 TEST(Unicode, RefusesWhatIsNoCharacter) {
     const char* const refused[] = {
-        "\x80",      // a continuation alone
-        "\xBF",      //
-        "\xC0\x80",  // overlong NUL
-        "\xC1\xBF",  // overlong, two bytes
-        "\xC2",      // ends early
-        "\xC2"
-        "A",                 // no continuation
+        "\x80",              // a continuation alone
+        "\xBF",              //
+        "\xC0\x80",          // overlong NUL
+        "\xC1\xBF",          // overlong, two bytes
+        "\xC2",              // ends early
+        "\xC2\x41",          // no continuation
         "\xE0\x9F\xBF",      // overlong, three bytes
         "\xE2\x82",          // ends early
         "\xED\xA0\x80",      // high surrogate

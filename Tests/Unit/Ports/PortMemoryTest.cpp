@@ -21,7 +21,8 @@ using test::bytesOf;
 
 std::string payload(std::size_t size, char first) {
     std::string text(size, '\0');
-    for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>(first + i % 23);
+    for (std::size_t i = 0; i < size; ++i)
+        text[i] = static_cast<char>(first + static_cast<int>(i % 23));
     return text;
 }
 

@@ -271,7 +271,7 @@ TEST_P(ResourceFaults, ALimitOfTheFileSizeLeavesTheOldCopy) {
     ASSERT_EQ(sigaction(SIGXFSZ, &ignored, &before), 0);
     rlimit old{};
     ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &old), 0);
-    for (const rlim_t size : {50'000, 131'072, 131'073, 199'999}) {
+    for (const rlim_t size : {50'000u, 131'072u, 131'073u, 199'999u}) {
         giveNext();
         log_.clear();
         const rlimit small{size, old.rlim_max};

@@ -218,7 +218,7 @@ TEST_F(ResourceInstallation, StoresNoVersionAsZeros) {
 }
 
 TEST_F(ResourceInstallation, MakesProgramsExecutableAndLeavesOtherFilesAsTheyAre) {
-    for (const mode_t mode : {0600, 0644, 0755, 0400, 0777}) {
+    for (const mode_t mode : {0600u, 0644u, 0755u, 0400u, 0777u}) {
         ResourceManager::addResourceFile(given("program", mode).string(), kName, kNewer, 1,
                                          kBundleId);
         EXPECT_EQ(modeOf(installed()), 0755u);
