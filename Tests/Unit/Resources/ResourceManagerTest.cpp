@@ -291,6 +291,19 @@ TEST_F(ResourceInstallation, StopsWhereTheFolderCannotBeMade) {
     expectNothingInstalled();
 }
 
+TEST_F(ResourceInstallation, StopsWithoutAGroupContainer) {
+    fs::create_directories(home_.groupContainer().parent_path());
+    writeFile(home_.groupContainer(), "in the way");
+    install("copy", kNewer);
+    EXPECT_EQ(log_.count("Error while creating directory: Error Domain=UtiliaErrorDomain Code=4 "
+                         "\"there is no group container\""),
+              1u);
+    EXPECT_EQ(contentOf(home_.path() / "given"), "copy");
+    EXPECT_EQ(chosenPath(), internal().string());
+    fs::remove(home_.groupContainer());
+    expectNothingInstalled();
+}
+
 TEST_F(ResourceInstallation, StopsWhereTheNameIsTooLongForTheFileSystem) {
     install("copy", kNewer);
     log_.clear();
