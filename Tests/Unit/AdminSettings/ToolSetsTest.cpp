@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <fstream>
 #include <set>
-#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -274,27 +273,6 @@ TEST_F(WhiteList, IsReadAgainOnlyWhenTheSharedInstanceIsCreatedAgain) {
         EXPECT_EQ(ToolSets::sharedInstance(), second);
         EXPECT_EQ(ask(*second, kMoonPhase), (Answer{true, true, false}));
         EXPECT_EQ(log.lines().size(), 1u);
-    }));
-}
-
-TEST_F(WhiteList, IsSafeToAskFromManyThreads) {
-    mounts_.writeSettings(R"({"WhiteToolsList": ["Timer"]})");
-    EXPECT_TRUE(mounts_.run([] {
-        const TestLog log;
-        ToolSets::createSharedInstance();
-        std::vector<std::thread> threads;
-        std::atomic<int> right = 0;
-        for (int i = 0; i < 4; ++i) {
-            threads.emplace_back([&] {
-                for (int n = 0; n < 200; ++n) {
-                    const auto sets = ToolSets::sharedInstance();
-                    right += sets->isToolAllowedWithBundleId(kTimer) &&
-                             !sets->isToolAllowedWithBundleId(kMoonPhase);
-                }
-            });
-        }
-        for (std::thread& thread : threads) thread.join();
-        EXPECT_EQ(right, 800);
     }));
 }
 
