@@ -36,7 +36,8 @@ std::string reasonOf(const Error& error) {
 
 std::string previousPath() { return KAVPathHelper::filePath() + ".previous"; }
 
-// Whoever may read the settings may read what they were, and nobody else.
+// Whoever may read the settings may read what they were. For a moment, or when the system refuses the
+// mode, that is the usual mode of a new file; settings are no secrets.
 Result<void> keepPrevious(const Data& bytes) {
     const std::string path = KAVPathHelper::filePath();
     const auto status = FileManager::attributesOfItemAtPath(path);

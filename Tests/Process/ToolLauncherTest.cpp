@@ -152,6 +152,7 @@ TEST_F(ToolLauncherTest, NobodyNeedsTheAgentSoNobodyStartsIt) {
 }
 
 TEST_F(ToolLauncherTest, AnAgentWithoutAPortIsWaitedForNoLongerThanTheLimit) {
+    EXPECT_EQ(ToolLauncher::Limits().agentWait, std::chrono::seconds(5));
     installAgent();
     install("Needy", "listedTool", agentNeeded());
     list({"Needy"});

@@ -6,7 +6,9 @@
 #include <utility>
 #include <vector>
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
+#include <sys/auxv.h>
 #include <sys/stat.h>
 
 #include "Common/Platform/UserDefaults.h"
@@ -74,8 +76,8 @@ TEST_F(StartUpSecurity, NoFolderOfTheUserHoldsSettings) {
     const std::string place = lenientPlace();
     for (const char* name :
          {"HOME", "XDG_CONFIG_HOME", "XDG_CONFIG_DIRS", "XDG_DATA_HOME", "XDG_DATA_DIRS",
-          "XDG_STATE_HOME", "XDG_CACHE_HOME", "TMPDIR", "SYSROOT", "DESTDIR", "PREFIX", "ROOT",
-          "UTILIA_SETTINGS", "UTILIA_CONFIG", "KORVANE_UTILIA_ETC"}) {
+          "XDG_STATE_HOME", "XDG_CACHE_HOME", "XDG_RUNTIME_DIR", "TMPDIR", "SYSROOT", "DESTDIR",
+          "PREFIX", "ROOT", "UTILIA_SETTINGS", "UTILIA_CONFIG", "KORVANE_UTILIA_ETC"}) {
         SCOPED_TRACE(name);
         expectRestricted({{name, place}});
         expectRestricted({{name, place + "/etc"}});
@@ -132,6 +134,12 @@ TEST_F(StartUpSecurity, AnEmptyEnvironmentDoesNotLetAToolThrough) {
     EXPECT_EQ(countInLog(kRestrictedLine), 1u);
 }
 
+// The loader of this program, which can be told to run any other.
+std::string pathOfLoader() {
+    Dl_info found{};
+    return dladdr(reinterpret_cast<const void*>(getauxval(AT_BASE)), &found) ? found.dli_fname : "";
+}
+
 TEST_F(StartUpSecurity, AToolThatIsStartedUnderAnotherNameIsTheSame) {
     allowOnly({"MoonPhase"});
     fs::create_symlink(timer_.program(), home_.path() / "link");
@@ -141,6 +149,7 @@ TEST_F(StartUpSecurity, AToolThatIsStartedUnderAnotherNameIsTheSame) {
         {home_.path() / "Other.app/Contents/Linux/tool", {}},
         {"/bin/bash", {"-c", "exec -a /somewhere/else \"$0\"", timer_.program()}},
         {"/bin/bash", {"-c", "exec -a '' \"$0\"", timer_.program()}},
+        {pathOfLoader(), {timer_.program()}},
     };
     for (const auto& [program, arguments] : starts) {
         SCOPED_TRACE(program);

@@ -8,6 +8,7 @@
 
 #include "Common/Platform/UserDefaults.h"
 #include "Common/Platform/Workspace.h"
+#include "Common/UtiliaCommon/PersistentData/ToolPersistentDataReader.h"
 #include "Tests/Process/StartUp/StartUpFixture.h"
 #include "Tests/Support/ReportPipe.h"
 #include "Tests/Support/VirtualDisplay.h"
@@ -164,7 +165,9 @@ TEST_F(StartUp, StoresWhatAToolKeepsWhenItIsShutOff) {
     const Course course = courseOf(timer_, {"--turn-off", "client"});
     EXPECT_THAT(course.lines, Contains("will-terminate"));
     EXPECT_EQ(course.status, 0);
-    EXPECT_TRUE(std::filesystem::exists(home_.groupContainer() / "Library/Preferences"));
+    const ToolPersistentDataReader stored("Timer.app", "com.korvane.utilia.Timer");
+    EXPECT_TRUE(stored.isPermanent());
+    EXPECT_EQ(stored.menuText(), "kept");
 }
 
 TEST_F(StartUp, EndsAToolThatIsShutOffAlsoWhenItsHostDoesNotQuit) {

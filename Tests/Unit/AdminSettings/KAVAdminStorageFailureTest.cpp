@@ -150,7 +150,7 @@ TEST_F(AdminStorage, SaysWhenTheSettingsCannotBeSaid) {
 
 TEST_F(AdminStorage, NoFailingCallLosesADamagedFile) {
     EXPECT_TRUE(mounts_.run([] {
-        const TestLog log;
+        TestLog log;
         std::vector<test::Fault> table(test::storageFaults().begin(), test::storageFaults().end());
         table.push_back({.call = kUtiliaFaultMode, .error = EPERM});
         table.push_back({.call = kUtiliaFaultOwner, .error = EPERM});
@@ -162,6 +162,7 @@ TEST_F(AdminStorage, NoFailingCallLosesADamagedFile) {
                 fs::remove_all(kFolder);
                 fs::create_directory(kFolder);
                 put(kFile, "damaged");
+                log.clear();
             },
             [&] { isOpen = KAVAdminStorage::init(kOpenOrCreate, &error) != nullptr; },
             [&](const test::FaultRun& run) {

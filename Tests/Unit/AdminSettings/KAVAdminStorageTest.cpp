@@ -340,7 +340,5 @@ TEST_F(AdminStorage, AnotherUserReadsWhatAllMayRead) {
         kNobody));
 }
 
-// Whatever fails while the file is made or replaced: what was there before is there still, in its
-// place or in a backup, and nothing is thrown.
 }  // namespace
 }  // namespace utilia
