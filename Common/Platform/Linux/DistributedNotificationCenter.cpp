@@ -35,12 +35,6 @@ namespace {
 constexpr std::uint32_t kPatience = 200;  // milliseconds
 constexpr int kMostWaiting = 64;
 
-struct Observer {
-    std::string name;
-    std::function<void()> call;
-    std::atomic<bool> isActive = true;
-};
-
 // "com.example.changed": interface "com.example", member "changed".
 struct Halves {
     explicit Halves(std::string_view name) {
@@ -51,6 +45,16 @@ struct Halves {
     }
     std::string interface;
     std::string member;
+};
+
+struct Observer {
+    Observer(std::string_view observed, std::function<void()> observer)
+        : name(observed), halves(observed), call(std::move(observer)) {}
+
+    const std::string name;
+    const Halves halves;  // kept, since ending an observer must not need memory
+    const std::function<void()> call;
+    std::atomic<bool> isActive = true;
 };
 
 const UtiliaNotificationsModule* loadModule() {
@@ -93,7 +97,7 @@ struct DistributedNotificationCenter::State {
             const std::lock_guard guard(mutex);
             std::erase(observers, observer);
         }
-        const Halves halves(observer->name);
+        const Halves& halves = observer->halves;
         if (isHeard) bus()->ignore(halves.interface.c_str(), halves.member.c_str());
     }
 
@@ -136,30 +140,32 @@ DistributedNotificationCenter& DistributedNotificationCenter::defaultCenter() {
 DistributedNotificationCenter::DistributedNotificationCenter() : state_(*new State) {}
 
 Handle DistributedNotificationCenter::addObserver(std::string_view name,
-                                                  std::function<void()> observer) try {
-    auto added = std::make_shared<Observer>();
-    added->name = name;
-    added->call = std::move(observer);
-    {
-        const std::lock_guard guard(state_.mutex);
-        state_.observers.push_back(added);
-    }
+                                                  std::function<void()> observer) {
+    std::shared_ptr<Observer> added;
     bool isHeard = false;
-    const auto address = sessionBusAddress();
-    if (const auto* module = address ? bus() : nullptr) {
-        const Halves halves(name);
-        std::array<char, kUtiliaNotificationsReasonSize> reason{};
-        const std::uint32_t progress =
-            module->observe(address->c_str(), halves.interface.c_str(), halves.member.c_str(),
-                            kPatience, &State::heardByModule, reason.data());
-        state_.report("observe", name, progress, reason.data());
-        isHeard = progress != UtiliaNotificationsRefused;
+    try {
+        added = std::make_shared<Observer>(name, std::move(observer));
+        {
+            const std::lock_guard guard(state_.mutex);
+            state_.observers.push_back(added);
+        }
+        const auto address = sessionBusAddress();
+        if (const auto* module = address ? bus() : nullptr) {
+            const Halves& halves = added->halves;
+            std::array<char, kUtiliaNotificationsReasonSize> reason{};
+            const std::uint32_t progress =
+                module->observe(address->c_str(), halves.interface.c_str(), halves.member.c_str(),
+                                kPatience, &State::heardByModule, reason.data());
+            isHeard = progress != UtiliaNotificationsRefused;
+            state_.report("observe", name, progress, reason.data());
+        }
+        return Handle([&state = state_, added, isHeard] { state.remove(added, isHeard); });
+    } catch (const std::bad_alloc&) {
+        // Nobody could end it.
+        if (added) state_.remove(added, isHeard);
+        KULogVariadic("Distributed notifications: out of memory");
+        return Handle();
     }
-    return Handle(
-        [&state = state_, added = std::move(added), isHeard] { state.remove(added, isHeard); });
-} catch (const std::bad_alloc&) {
-    KULogVariadic("Distributed notifications: out of memory");
-    return Handle();
 }
 
 void DistributedNotificationCenter::post(std::string_view name) try {

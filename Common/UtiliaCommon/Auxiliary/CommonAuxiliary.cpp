@@ -21,6 +21,8 @@ using platform::LoginItem;
 using platform::LoginItems;
 
 constexpr std::string_view kWhat = "Login items";
+constexpr std::string_view kDescriptions = "Update descriptions";
+constexpr std::string_view kSuggestions = "Tool suggestions";
 
 struct List {
     LoginItems items;
@@ -105,62 +107,73 @@ bool CommonAuxiliary::findAppInLoginItems(const std::optional<std::string>& url)
 
 std::optional<std::string>
 CommonAuxiliary::getLocalizedUpdateDescriptionForVersion(const std::optional<IndexPath>& version) {
-    const auto descriptions =
-        UtiliaToolLauncher::getDefaults()->dictionaryForKey(kUpdateDescriptionsKey);
-    if (!descriptions) return std::nullopt;
-    const auto texts = descriptions->dictionary(VersionManager::versionToStringReportForm(version));
-    if (!texts) return std::nullopt;
-    if (auto text = texts->string(localizedText(kLanguageCodeText))) return text;
-    return texts->string(kEnglishDescriptionKey);
+    return unlessOutOfMemory(kDescriptions, [&]() -> std::optional<std::string> {
+        const auto defaults = UtiliaToolLauncher::getDefaults();
+        const auto descriptions =
+            defaults ? defaults->dictionaryForKey(kUpdateDescriptionsKey) : std::nullopt;
+        if (!descriptions) return std::nullopt;
+        const auto texts =
+            descriptions->dictionary(VersionManager::versionToStringReportForm(version));
+        if (!texts) return std::nullopt;
+        if (auto text = texts->string(localizedText(kLanguageCodeText))) return text;
+        return texts->string(kEnglishDescriptionKey);
+    });
 }
 
 void CommonAuxiliary::saveUpdateDescription(const std::optional<Dictionary>& description,
                                             const std::optional<IndexPath>& forVersion) {
-    const auto defaults = UtiliaToolLauncher::getDefaults();
-    const std::string key = VersionManager::versionToStringReportForm(forVersion);
-    Dictionary descriptions =
-        defaults->dictionaryForKey(kUpdateDescriptionsKey).value_or(Dictionary());
-    if (description) {
-        descriptions.set(key, *description);
-    } else {
-        descriptions.remove(key);
-    }
-    defaults->setObject(std::move(descriptions), kUpdateDescriptionsKey);
-    defaults->synchronize();
+    unlessOutOfMemory(kDescriptions, [&] {
+        const auto defaults = UtiliaToolLauncher::getDefaults();
+        if (!defaults) return;
+        const std::string key = VersionManager::versionToStringReportForm(forVersion);
+        Dictionary descriptions =
+            defaults->dictionaryForKey(kUpdateDescriptionsKey).value_or(Dictionary());
+        if (description) {
+            descriptions.set(key, *description);
+        } else {
+            descriptions.remove(key);
+        }
+        defaults->setObject(std::move(descriptions), kUpdateDescriptionsKey);
+        defaults->synchronize();
+    });
 }
 
 void CommonAuxiliary::pauseToolsSuggestions(bool pause, std::string_view byTool) {
-    accessAppGroupPlist([pause, byTool](platform::UserDefaults& suite) {
-        Array list = suite.arrayForKey(kToolsSuggestionsPausedByKey).value_or(Array());
-        const auto* const found = std::find(list.begin(), list.end(), Value(byTool));
-        const bool isPausing = found != list.end();
-        if (pause == isPausing) return;
-        if (pause) {
-            list.append(Value(byTool));
-        } else {
-            list.removeAt(static_cast<std::size_t>(found - list.begin()));
-        }
-        suite.setObject(std::move(list), kToolsSuggestionsPausedByKey);
-        suite.synchronize();
+    unlessOutOfMemory(kSuggestions, [&] {
+        accessAppGroupPlist([pause, byTool](platform::UserDefaults& suite) {
+            Array list = suite.arrayForKey(kToolsSuggestionsPausedByKey).value_or(Array());
+            const auto* const found = std::find(list.begin(), list.end(), Value(byTool));
+            const bool isPausing = found != list.end();
+            if (pause == isPausing) return;
+            if (pause) {
+                list.append(Value(byTool));
+            } else {
+                list.removeAt(static_cast<std::size_t>(found - list.begin()));
+            }
+            suite.setObject(std::move(list), kToolsSuggestionsPausedByKey);
+            suite.synchronize();
+        });
     });
 }
 
 bool CommonAuxiliary::areToolsSuggestionsPaused() {
     bool isPaused = false;
-    accessAppGroupPlist([&isPaused](platform::UserDefaults& suite) {
-        const Array list = suite.arrayForKey(kToolsSuggestionsPausedByKey).value_or(Array());
-        if (list.empty()) return;
-        Array running;
-        for (const Value& tool : list) {
-            if (isRunningTool(tool)) running.append(tool);
-        }
-        isPaused = !running.empty();
-        if (!isPaused) {
-            suite.removeObjectForKey(kToolsSuggestionsPausedByKey);
-        } else if (running.size() < list.size()) {
-            suite.setObject(std::move(running), kToolsSuggestionsPausedByKey);
-        }
-        suite.synchronize();
+    unlessOutOfMemory(kSuggestions, [&isPaused] {
+        accessAppGroupPlist([&isPaused](platform::UserDefaults& suite) {
+            const Array list = suite.arrayForKey(kToolsSuggestionsPausedByKey).value_or(Array());
+            if (list.empty()) return;
+            Array running;
+            for (const Value& tool : list) {
+                if (isRunningTool(tool)) running.append(tool);
+            }
+            isPaused = !running.empty();
+            if (!isPaused) {
+                suite.removeObjectForKey(kToolsSuggestionsPausedByKey);
+            } else if (running.size() < list.size()) {
+                suite.setObject(std::move(running), kToolsSuggestionsPausedByKey);
+            }
+            suite.synchronize();
+        });
     });
     return isPaused;
 }

@@ -1,10 +1,13 @@
 #include "Common/UtiliaCommon/Scheduler/ToolScheduler.h"
 
+#include "Common/Logging/MemoryGuard.h"
 #include "Common/Platform/DistributedNotificationCenter.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 
 namespace utilia {
 namespace {
+
+constexpr std::string_view kWhat = "Scheduler";
 
 void tellAgent() {
     platform::DistributedNotificationCenter::defaultCenter().post(
@@ -14,24 +17,30 @@ void tellAgent() {
 }  // namespace
 
 void ToolScheduler::scheduleAtLogin(bool launchAtLogin) {
-    updateSchedulerForThisTool([launchAtLogin](Dictionary& record) {
-        record.set(kSchedulerLaunchAtLoginKey, launchAtLogin);
+    unlessOutOfMemory(kWhat, [&] {
+        updateSchedulerForThisTool([launchAtLogin](Dictionary& record) {
+            record.set(kSchedulerLaunchAtLoginKey, launchAtLogin);
+        });
     });
 }
 
 void ToolScheduler::scheduleAtDate(Date date, double withRepeat) {
-    updateSchedulerForThisTool([date, withRepeat](Dictionary& record) {
-        record.set(kSchedulerLaunchAtDateKey, true);
-        record.set(kSchedulerDateKey, date);
-        record.set(kSchedulerIntervalKey, withRepeat);
+    unlessOutOfMemory(kWhat, [&] {
+        updateSchedulerForThisTool([date, withRepeat](Dictionary& record) {
+            record.set(kSchedulerLaunchAtDateKey, true);
+            record.set(kSchedulerDateKey, date);
+            record.set(kSchedulerIntervalKey, withRepeat);
+        });
+        tellAgent();
     });
-    tellAgent();
 }
 
 void ToolScheduler::cancelDateSchedule() {
-    updateSchedulerForThisTool(
-        [](Dictionary& record) { record.set(kSchedulerLaunchAtDateKey, false); });
-    tellAgent();
+    unlessOutOfMemory(kWhat, [] {
+        updateSchedulerForThisTool(
+            [](Dictionary& record) { record.set(kSchedulerLaunchAtDateKey, false); });
+        tellAgent();
+    });
 }
 
 }  // namespace utilia

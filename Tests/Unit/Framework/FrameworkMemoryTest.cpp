@@ -10,7 +10,9 @@
 #include <malloc.h>
 
 #include "Common/Platform/RunLoop.h"
+#include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
 #include "Common/UtiliaCommon/PersistentData/ToolPersistentDataLazyWriter.h"
+#include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataAgentProvider.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
@@ -190,6 +192,79 @@ TEST_F(FrameworkMemory, AReadFindsTheRecordOrIsNotMade) {
             found = 0;
             read();
             EXPECT_EQ(found, 1);
+        });
+}
+
+TEST_F(FrameworkMemory, SchedulingChangesTheRecordOrNothing) {
+    const Date date = Date::now();
+    int found = 0;
+    const EnumerateToolsBlock count = [&](const auto&, const auto&, const auto&) { ++found; };
+    const auto scheduled = [&] {
+        found = 0;
+        AgentScheduler::enumerateTools(count);
+        return found;
+    };
+    forEachMissingMemory(
+        log_, [&] { AgentScheduler::cancelScheduleByName("Name", kBundleId); },
+        [&] { AgentScheduler::scheduleToolAtDate(date, kBundleId, "Name"); },
+        [&](const FaultRun&) {
+            EXPECT_LE(scheduled(), 1);
+            AgentScheduler::scheduleToolAtDate(date, kBundleId, "Name");
+            EXPECT_EQ(scheduled(), 1) << "the next call works";
+            EXPECT_EQ(schedule().size(), 1u);
+        });
+}
+
+TEST_F(FrameworkMemory, SchedulesAreListedAsAWholeOrNotAtAll) {
+    for (const char* id : {"a", "b"}) AgentScheduler::scheduleToolAtDate(Date::now(), id, "Name");
+    int found = 0;
+    const EnumerateToolsBlock count = [&](const auto&, const auto&, const auto&) { ++found; };
+    forEachMissingMemory(
+        log_, [&] { found = 0; }, [&] { AgentScheduler::enumerateTools(count); },
+        [&](const FaultRun&) {
+            EXPECT_TRUE(found == 0 || found == 2) << found;
+            found = 0;
+            AgentScheduler::enumerateTools(count);
+            EXPECT_EQ(found, 2) << "the next call works";
+        });
+}
+
+TEST_F(FrameworkMemory, APauseOfSuggestionsIsStoredOrNot) {
+    CommonAuxiliary& auxiliary = CommonAuxiliary::sharedInstance();
+    auxiliary.pauseToolsSuggestions(true, "other");
+    const auto paused = [] {
+        std::size_t count = 0;
+        accessAppGroupPlist([&](UserDefaults& suite) {
+            count = suite.arrayForKey(kToolsSuggestionsPausedByKey).value_or(Array()).size();
+        });
+        return count;
+    };
+    forEachMissingMemory(
+        log_, [&] { auxiliary.pauseToolsSuggestions(false, "tool"); },
+        [&] { auxiliary.pauseToolsSuggestions(true, "tool"); },
+        [&](const FaultRun&) {
+            EXPECT_GE(paused(), 1u);
+            auxiliary.pauseToolsSuggestions(true, "tool");
+            EXPECT_EQ(paused(), 2u) << "the next call works";
+        });
+}
+
+TEST_F(FrameworkMemory, AnUpdateDescriptionIsStoredOrNot) {
+    // As the functions take them: making an argument is its caller's affair.
+    const std::optional<IndexPath> version(IndexPath{5, 1, 2, 3456});
+    const std::optional<Dictionary> before(Dictionary{{"en", "before"}});
+    const std::optional<Dictionary> after(Dictionary{{"en", "after"}});
+    const auto text = [&] {
+        return CommonAuxiliary::getLocalizedUpdateDescriptionForVersion(version);
+    };
+    forEachMissingMemory(
+        log_, [&] { CommonAuxiliary::saveUpdateDescription(before, version); },
+        [&] { CommonAuxiliary::saveUpdateDescription(after, version); },
+        [&](const FaultRun&) {
+            const auto stored = text();
+            EXPECT_TRUE(stored == "before" || stored == "after") << stored.value_or("none");
+            CommonAuxiliary::saveUpdateDescription(after, version);
+            EXPECT_EQ(text(), "after") << "the next call works";
         });
 }
 
