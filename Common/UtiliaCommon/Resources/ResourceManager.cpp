@@ -1,6 +1,7 @@
 #include "Common/UtiliaCommon/Resources/ResourceManager.h"
 
-#include <cstdio>
+#include <array>
+#include <charconv>
 #include <new>
 
 #include "Common/Foundation/PathFunctions.h"
@@ -44,10 +45,13 @@ std::optional<InstalledCopy> newerCopy(const SharedResource& record, const Index
     return InstalledCopy{*std::move(path), *std::move(version)};
 }
 
+// What an installer that was killed leaves is named so, and is removed by the next one.
+constexpr std::string_view kTemporaryPrefix = ".utilia-";
+
 // Whether a text from outside can be one component of a path inside the container, and a key of the
 // record as well.
 bool isUsableName(std::string_view text) {
-    return !text.empty() && text != "." && text != ".." &&
+    return !text.empty() && text != "." && text != ".." && !text.starts_with(kTemporaryPrefix) &&
            text.find('/') == std::string_view::npos && text.find('\0') == std::string_view::npos &&
            isValidUtf8(text);
 }
@@ -59,9 +63,12 @@ struct Failure {
 };
 
 std::string backupItemName(std::string_view resourceName) {
-    char time[64];
-    std::snprintf(time, sizeof time, "%f", Date::now().secondsSinceReferenceDate);
-    return std::string(resourceName).append("_").append(time).append(".bak");
+    // As "%f" without a locale.
+    std::array<char, 64> time;
+    const auto written =
+        std::to_chars(time.data(), time.data() + time.size(), Date::now().secondsSinceReferenceDate,
+                      std::chars_format::fixed, 6);
+    return std::string(resourceName).append("_").append(time.data(), written.ptr).append(".bak");
 }
 
 // Makes the folders one after the other, because a link in the place of one leads somewhere else.
@@ -91,8 +98,9 @@ std::optional<Failure> install(std::string_view file, const SharedResource& reco
             "The resource is not installed: %@",
             Error::utilia(UtiliaErrorCode::Refused,
                           record.name() + " of " + record.bundleId() +
-                              ": a name or bundle identifier that is empty, \".\" or \"..\", or "
-                              "holds a slash, NUL or bytes that are no text, cannot name a file")};
+                              ": a name or bundle identifier that is empty, \".\" or \"..\", "
+                              "begins with \".utilia-\", or holds a slash, NUL or bytes that are "
+                              "no text, cannot name a file")};
     }
     const auto container =
         FileManager::containerURLForSecurityApplicationGroupIdentifier(kAppGroupIdentifier);

@@ -251,9 +251,9 @@ TEST_F(ResourceInstallation, KeepsResourcesOfOthers) {
 }
 
 TEST_F(ResourceInstallation, RefusesNamesThatCouldLeaveTheContainer) {
-    const std::string names[] = {"",     ".",          "..",    "../../escaped",
-                                 "/etc", "inner/name", "name/", std::string("a\0b", 3),
-                                 "\xFF"};
+    const std::string names[] = {"",     ".",           "..",    "../../escaped",
+                                 "/etc", "inner/name",  "name/", std::string("a\0b", 3),
+                                 "\xFF", ".utilia-12-3"};
     for (const std::string& name : names) {
         SCOPED_TRACE(testing::PrintToString(name));
         for (const auto& [resource, bundleId] :
