@@ -21,11 +21,16 @@ Result<Array> pausingTools() {
 
 // Has the tool in the list, or not in it; answers whether that is now so.
 Result<void> change(const std::string& tool, bool pause) {
-    CommonAuxiliary::sharedInstance().pauseToolsSuggestions(pause, tool);
-    const auto tools = pausingTools();
-    if (!tools) return tools.error();
-    const bool isListed = std::find(tools->begin(), tools->end(), Value(tool)) != tools->end();
-    if (isListed == pause) return {};
+    // A list that another program has made may hold a tool several times; each call takes one out.
+    for (std::ptrdiff_t before = -1;;) {
+        CommonAuxiliary::sharedInstance().pauseToolsSuggestions(pause, tool);
+        const auto tools = pausingTools();
+        if (!tools) return tools.error();
+        const std::ptrdiff_t listed = std::count(tools->begin(), tools->end(), Value(tool));
+        if ((listed > 0) == pause) return {};
+        if (pause || listed == before) break;
+        before = listed;
+    }
     return Error::utilia(UtiliaErrorCode::Unavailable, "the pause cannot be stored");
 }
 

@@ -168,7 +168,7 @@ TEST(NumericComparison, TakesWhatIsNoTextAsReplacementCharacters) {
                 -1);
 }
 
-// Every order is the same both ways round, and equal texts are equal to the same others.
+// Every order is the same both ways round, and what follows equal texts decides.
 TEST(NumericComparison, IsAnOrderOfRandomTexts) {
     constexpr const char* kPieces[] = {"0",       "1",      "10",     "09",     "a",
                                        "e",       "\u00E9", ".",      "-",      " ",
@@ -181,7 +181,7 @@ TEST(NumericComparison, IsAnOrderOfRandomTexts) {
         return result;
     };
     for (int i = 0; i < 20'000; ++i) {
-        const std::string a = text(), b = text(), c = text();
+        const std::string a = text(), b = text();
         ASSERT_EQ(compare(a, b), -compare(b, a)) << testing::PrintToString(a + "|" + b);
         ASSERT_EQ(compare(a, a), 0);
         if (compare(a, b) == 0 && a != b) {
@@ -191,7 +191,7 @@ TEST(NumericComparison, IsAnOrderOfRandomTexts) {
     }
 }
 
-// Ten megabytes of the worst, and the same twice as long: in time that grows no faster.
+// Ten megabytes of the worst. Anything worse than linear would take hours, not seconds.
 TEST(NumericText, TakesLinearTimeForHostileTexts) {
     constexpr std::size_t kSize = 10'000'000;
     const std::pair<const char*, std::string_view> hostile[] = {

@@ -1,6 +1,9 @@
 #include <nlohmann/json.hpp>
 
+#include "Common/Platform/UserDefaults.h"
 #include "Common/Platform/Workspace.h"
+#include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
+#include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Tests/Support/ChildRole.h"
 #include "Tests/Support/TestBundle.h"
 #include "Tests/Unit/Utiliactl/ControlProgram.h"
@@ -48,6 +51,16 @@ TEST_F(SuggestionsCommandTest, AreResumed) {
     EXPECT_EQ(answer({"suggestions", "resume", kTool}), "");
     EXPECT_EQ(status(), notPaused_);
     EXPECT_EQ(answer({"suggestions", "resume", kTool}), "") << "it need not be paused";
+}
+
+TEST_F(SuggestionsCommandTest, AreResumedAlsoWhenTheToolIsListedTwice) {
+    accessAppGroupPlist([](platform::UserDefaults& suite) {
+        suite.setObject(Array{kTool, "other", kTool}, kToolsSuggestionsPausedByKey);
+    });
+    EXPECT_EQ(answer({"suggestions", "resume", kTool}), "");
+    accessAppGroupPlist([](platform::UserDefaults& suite) {
+        EXPECT_EQ(suite.arrayForKey(kToolsSuggestionsPausedByKey), Array{"other"});
+    });
 }
 
 TEST_F(SuggestionsCommandTest, TheUserIsToldWhenThePauseWillNotLast) {
