@@ -1,9 +1,15 @@
 #include "Common/UtiliaCommon/Resources/SharedResource.h"
 
+#include <chrono>
+#include <string>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "Common/Platform/UserDefaults.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/ChildRole.h"
 #include "Tests/Support/FaultInjection.h"
 #include "Tests/Unit/Resources/ResourceFixture.h"
 
@@ -113,6 +119,36 @@ TEST_F(SharedResources, NeverDisturbOneAnother) {
     EXPECT_EQ(sibling.version(), (IndexPath{2, 0, 0, 2}));
     EXPECT_EQ(namesake.path(), "/timer/converter");
     EXPECT_EQ(namesake.version(), (IndexPath{3, 0, 0, 3}));
+}
+
+// Writes both fields of resources of its own, and one field of a record that all share.
+UTILIA_CHILD_ROLE(recordResources) {
+    const std::string own = self.arguments.at(0);
+    for (std::uint64_t i = 0; i < 100; ++i) {
+        const SharedResource resource("resource " + own + "-" + std::to_string(i % 5), kBundleId);
+        resource.setPath("/" + std::to_string(i));
+        resource.setVersion(IndexPath{1, 0, 0, i});
+        SharedResource("shared", kBundleId).updateValue(Value(static_cast<std::int64_t>(i)), own);
+    }
+    return 0;
+}
+
+TEST_F(SharedResources, LoseNoFieldThatAnotherProcessWritesAtTheSameTime) {
+    constexpr int kProcesses = 6;
+    std::vector<test::ChildProcess> writers;
+    for (int i = 0; i < kProcesses; ++i)
+        writers.push_back(test::ChildProcess::role("recordResources", {std::to_string(i)}));
+    for (test::ChildProcess& writer : writers)
+        EXPECT_EQ(writer.waitForExit(std::chrono::seconds(60)), 0);
+    for (int writer = 0; writer < kProcesses; ++writer) {
+        const std::string own = std::to_string(writer);
+        for (std::uint64_t i = 0; i < 5; ++i) {
+            const SharedResource resource("resource " + own + "-" + std::to_string(i), kBundleId);
+            EXPECT_EQ(resource.path(), "/" + std::to_string(95 + i));
+            EXPECT_EQ(resource.version(), (IndexPath{1, 0, 0, 95 + i}));
+        }
+        EXPECT_EQ(SharedResource("shared", kBundleId).getValueForKey(own), Value(99));
+    }
 }
 
 TEST_F(SharedResources, CarryOverWhatTheyDoNotKnow) {
