@@ -231,6 +231,27 @@ TEST_P(ResourceFaults, AModeThatCannotBeSetKeepsTheRecord) {
     installNextInPeace();
 }
 
+// A reader between the two would otherwise see a version whose file it cannot find.
+TEST_P(ResourceFaults, ThePathIsRecordedBeforeTheVersion) {
+    constexpr unsigned kMoreThanEnough = 8;
+    int pathsAlone = 0;
+    for (unsigned ordinal = 1; ordinal <= kMoreThanEnough; ++ordinal) {
+        const std::string name = "resource " + std::to_string(ordinal);
+        giveNext();
+        {
+            const test::ArmedFault fault(
+                {.call = kUtiliaFaultRename, .kind = kUtiliaFaultError, .error = EIO}, ordinal,
+                test::FaultRepetition::ForEver);
+            ResourceManager::addResourceFile(given().string(), name, IndexPath{9, 0, 0, number_}, 1,
+                                             kBundleId);
+        }
+        const SharedResource record(name, kBundleId);
+        EXPECT_TRUE(record.path() || !record.version()) << "rename " << ordinal;
+        pathsAlone += record.path() && !record.version();
+    }
+    EXPECT_GT(pathsAlone, 0);
+}
+
 TEST_P(ResourceFaults, DeathAtAnyCallLeavesTheOldCopyOrTheNewOne) {
     installNextInPeace();
     giveNext();
