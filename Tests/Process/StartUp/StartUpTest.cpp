@@ -200,6 +200,18 @@ TEST_F(StartUp, EndsARestrictedToolBeforeItsMain) {
     EXPECT_FALSE(wasEverListed(kListed));
 }
 
+TEST_F(StartUp, TellsAUserInHisLanguageThatAToolIsRestricted) {
+    allowOnly({"MoonPhase"});
+    answerAlerts("button 0");
+    const Course course = courseOf(timer_, {}, {.environment = {{"LANGUAGE", "de"}}});
+    EXPECT_THAT(course.lines, IsEmpty());
+    EXPECT_EQ(questions(),
+              "utilia-alert 1\n2\nde\nTimer\nDieses Tool kann aufgrund von Einschränkungen nicht "
+              "gestartet werden. Bitte wenden Sie sich für weitere Informationen an Ihren "
+              "Systemadministrator.\nOK\n");
+    EXPECT_EQ(countInLog(kRestrictedLine), 1u) << "the log stays as it is";
+}
+
 TEST_F(StartUp, EndsARestrictedToolAlsoWhereNobodyCanBeTold) {
     allowOnly({});
     const Course course = courseOf(timer_);
