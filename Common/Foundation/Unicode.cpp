@@ -7,6 +7,11 @@ namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
 
+bool isHighSurrogate(char16_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
+bool isLowSurrogate(char16_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
+
+}  // namespace
+
 void appendUtf8(std::string& text, char32_t character) {
     const auto put = [&text](char32_t byte) { text.push_back(static_cast<char>(byte)); };
     if (character < 0x80) {
@@ -25,11 +30,6 @@ void appendUtf8(std::string& text, char32_t character) {
         put(0x80 | (character & 0x3F));
     }
 }
-
-bool isHighSurrogate(char16_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
-bool isLowSurrogate(char16_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
-
-}  // namespace
 
 bool isValidUtf8(std::string_view text) {
     while (!text.empty()) {

@@ -24,25 +24,6 @@ namespace {
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
-void appendCharacter(std::string& text, unsigned character) {
-    const auto put = [&text](unsigned byte) { text.push_back(static_cast<char>(byte)); };
-    if (character < 0x80) {
-        put(character);
-    } else if (character < 0x800) {
-        put(0xC0 | character >> 6);
-        put(0x80 | (character & 0x3F));
-    } else if (character < 0x10000) {
-        put(0xE0 | character >> 12);
-        put(0x80 | (character >> 6 & 0x3F));
-        put(0x80 | (character & 0x3F));
-    } else {
-        put(0xF0 | character >> 18);
-        put(0x80 | (character >> 12 & 0x3F));
-        put(0x80 | (character >> 6 & 0x3F));
-        put(0x80 | (character & 0x3F));
-    }
-}
-
 std::optional<Value> integerFrom(std::string_view digits) {
     const char* const end = digits.data() + digits.size();
     if (std::int64_t number = 0; std::from_chars(digits.data(), end, number).ec == std::errc())
@@ -242,7 +223,7 @@ bool JSONReader::readUnicodeEscape(std::string& string) {
         failAt(begin, "half a surrogate pair stands alone");
         return false;
     }
-    appendCharacter(string, character);
+    appendUtf8(string, character);
     return true;
 }
 
