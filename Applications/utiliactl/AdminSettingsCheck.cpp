@@ -199,9 +199,12 @@ std::vector<Finding> checkSettingsFile() {
     platform::JSONNotes notes;
     const auto settings = readAdminSettings(&notes);
     if (!settings) {
-        findings.add(Severity::Error,
-                     "it cannot be used, so that nothing is restricted: " +
-                         settings.error().description.substr(path.size() + 2),
+        std::string reason = settings.error().description.substr(path.size() + 2);
+        // The finding says the place by itself.
+        const std::string place = "line " + std::to_string(notes.error.line) + ", column " +
+                                  std::to_string(notes.error.column) + ": ";
+        if (reason.starts_with(place)) reason.erase(0, place.size());
+        findings.add(Severity::Error, "it cannot be used, so that nothing is restricted: " + reason,
                      notes.error);
         return findings.take();
     }

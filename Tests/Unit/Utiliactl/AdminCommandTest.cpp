@@ -341,7 +341,7 @@ TEST_F(AdminCommand, NamesThePlaceOfAMistake) {
     EXPECT_EQ(plain.status, 1);
     EXPECT_EQ(plain.out, "error: " + kFile +
                              ": line 2, column 30: it cannot be used, so that nothing is "
-                             "restricted: line 2, column 30: a value is missing\n");
+                             "restricted: a value is missing\n");
     mounts_.writeSettings("{\"Own\": 1,\n \"Own\": 2}");
     const json answer = json::parse(run({"admin", "check", "--json"}).out);
     EXPECT_EQ(answer.at("findings").at(0),
