@@ -36,6 +36,7 @@ enum class UtiliaErrorCode : int {
     NotFound = 2,     // the thing asked for does not exist
     Refused = 3,      // the input is not acceptable: wrong form, too large, another user's
     Unavailable = 4,  // a module or service that is needed cannot be used
+    Cancelled = 5,    // the caller wanted no more of it
 };
 
 // Why something could not be done. Values, not exceptions, travel through this library.

@@ -15,7 +15,7 @@
 namespace utilia::platform {
 
 // Limits of what is decoded; anything beyond them is no image.
-inline constexpr std::uint32_t kImageMaximumSide = 65'500;         // pixels
+inline constexpr std::uint32_t kImageMaximumSide = 1'000'000;      // pixels
 inline constexpr std::uint64_t kImageMaximumPixels = 200'000'000;  // of one representation
 inline constexpr std::size_t kImageMaximumRepresentations = 32;
 
@@ -23,7 +23,8 @@ inline constexpr std::size_t kImageMaximumRepresentations = 32;
 struct UTILIA_EXPORT BitmapImageRep {
     std::uint32_t pixelsWide = 0;
     std::uint32_t pixelsHigh = 0;
-    Data rgba;  // pixelsWide * pixelsHigh * 4 bytes
+    Data rgba;                // pixelsWide * pixelsHigh * 4 bytes
+    Data colourProfile = {};  // the ICC profile of the colours (of class RGB); empty for sRGB
 };
 
 // A picture, such as an icon: one or more representations of it in different sizes, and whether it
@@ -60,6 +61,9 @@ public:
     std::size_t representationCount();
     // Pixels of a representation; fails when they are damaged, or past the count.
     Result<BitmapImageRep> representation(std::size_t index);
+    // The same without a copy where the image holds the pixels already. What is answered never
+    // changes, and lives on without the image.
+    Result<std::shared_ptr<const BitmapImageRep>> bitmap(std::size_t index);
     // Adds one more; answers false (and changes nothing) for pixels that initWithBitmap would
     // refuse, and for more representations than the limit.
     bool addRepresentation(BitmapImageRep bitmap);

@@ -55,7 +55,8 @@ bool isTemplateName(std::string_view path) {
 }  // namespace
 
 struct Image::Implementation {
-    using Representation = std::variant<UtiliaIconsDirectory, BitmapImageRep>;
+    using SharedBitmap = std::shared_ptr<const BitmapImageRep>;
+    using Representation = std::variant<UtiliaIconsDirectory, SharedBitmap>;
 
     std::string unreadPath;  // of a file that nobody asked for yet
     Data source;             // the bytes that the directories lie in
@@ -85,6 +86,13 @@ struct Image::Implementation {
         const std::string path = std::exchange(unreadPath, {});
         auto bytes = FileManager::contentsAtPath(path, kMaximumFileSize);
         if (bytes) read(*std::move(bytes));
+    }
+
+    Result<const Representation*> find(std::size_t index) {
+        load();
+        if (index < representations.size()) return &representations[index];
+        return Error::utilia(UtiliaErrorCode::NotFound,
+                             "representation " + std::to_string(index) + " of an image");
     }
 
     Result<BitmapImageRep> decode(const UtiliaIconsDirectory& directory) const try {
@@ -121,8 +129,8 @@ struct Image::Implementation {
                 {bitmap.rgba.data(), bitmap.pixelsWide, bitmap.pixelsHigh, compression});
         };
         for (const Representation& one : representations) {
-            if (const auto* bitmap = std::get_if<BitmapImageRep>(&one)) {
-                add(*bitmap, UtiliaIconsUncompressed);
+            if (const auto* held = std::get_if<SharedBitmap>(&one)) {
+                add(**held, UtiliaIconsUncompressed);
                 continue;
             }
             const auto& directory = std::get<UtiliaIconsDirectory>(one);
@@ -177,7 +185,8 @@ std::shared_ptr<Image> Image::initByReferencingFile(std::string_view path) {
 std::shared_ptr<Image> Image::initWithBitmap(BitmapImageRep bitmap) {
     if (!isWithinLimits(bitmap)) return nullptr;
     auto implementation = std::make_unique<Implementation>();
-    implementation->representations.emplace_back(std::move(bitmap));
+    implementation->representations.emplace_back(
+        std::make_shared<const BitmapImageRep>(std::move(bitmap)));
     return std::shared_ptr<Image>(new Image(std::move(implementation)));
 }
 
@@ -193,19 +202,27 @@ std::size_t Image::representationCount() {
 }
 
 Result<BitmapImageRep> Image::representation(std::size_t index) {
-    if (index >= representationCount()) {
-        return Error::utilia(UtiliaErrorCode::NotFound,
-                             "representation " + std::to_string(index) + " of an image");
-    }
-    const auto& one = implementation_->representations[index];
-    if (const auto* bitmap = std::get_if<BitmapImageRep>(&one)) return *bitmap;
-    return implementation_->decode(std::get<UtiliaIconsDirectory>(one));
+    const auto one = implementation_->find(index);
+    if (!one) return one.error();
+    if (const auto* held = std::get_if<Implementation::SharedBitmap>(*one)) return **held;
+    return implementation_->decode(std::get<UtiliaIconsDirectory>(**one));
+}
+
+Result<std::shared_ptr<const BitmapImageRep>> Image::bitmap(std::size_t index) {
+    const auto one = implementation_->find(index);
+    if (!one) return one.error();
+    if (const auto* held = std::get_if<Implementation::SharedBitmap>(*one)) return *held;
+    auto decoded = implementation_->decode(std::get<UtiliaIconsDirectory>(**one));
+    if (!decoded) return std::move(decoded).error();
+    return Implementation::SharedBitmap(
+        std::make_shared<const BitmapImageRep>(*std::move(decoded)));
 }
 
 bool Image::addRepresentation(BitmapImageRep bitmap) {
     if (!isWithinLimits(bitmap) || representationCount() >= kImageMaximumRepresentations)
         return false;
-    implementation_->representations.emplace_back(std::move(bitmap));
+    implementation_->representations.emplace_back(
+        std::make_shared<const BitmapImageRep>(std::move(bitmap)));
     implementation_->encoded.reset();
     return true;
 }
@@ -217,7 +234,12 @@ std::pair<std::uint32_t, std::uint32_t> largestSides(const Representations& repr
     std::pair<std::uint32_t, std::uint32_t> largest{0, 0};
     for (const auto& one : representations) {
         const auto sides = std::visit(
-            [](const auto& picture) { return std::pair(picture.pixelsWide, picture.pixelsHigh); },
+            [](const auto& picture) {
+                if constexpr (requires { picture->pixelsWide; })
+                    return std::pair(picture->pixelsWide, picture->pixelsHigh);
+                else
+                    return std::pair(picture.pixelsWide, picture.pixelsHigh);
+            },
             one);
         const auto area = [](const auto& pair) { return std::uint64_t{pair.first} * pair.second; };
         if (area(sides) > area(largest)) largest = sides;

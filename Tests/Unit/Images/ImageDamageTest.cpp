@@ -30,9 +30,9 @@ std::vector<std::pair<const char*, Data>> hostileFiles() {
     return {
         {"most pixels of all", sides(plain, 0xffffffff, 0xffffffff)},
         {"long and thin", sides(plain, 1, 0xffffffff)},
-        {"largest sides within the limit", sides(deflated, 65'500, 3'000)},
+        {"largest sides within the limit", sides(deflated, kImageMaximumSide, 200)},
         {"largest sides, one row a strip",
-         withEntry(sides(deflated, 65'500, 3'000), TIFFTAG_ROWSPERSTRIP, 1)},
+         withEntry(sides(deflated, kImageMaximumSide, 200), TIFFTAG_ROWSPERSTRIP, 1)},
         {"no row a strip", withEntry(plain, TIFFTAG_ROWSPERSTRIP, 0)},
         {"endless strip", withEntry(deflated, TIFFTAG_STRIPBYTECOUNTS, 0xffffffff)},
         {"no width", sides(plain, 0, 10)},
@@ -44,7 +44,7 @@ std::vector<std::pair<const char*, Data>> hostileFiles() {
         {"endless tiles", withEntry(withEntry(tiled, TIFFTAG_TILEWIDTH, 0xfffffff0),
                                     TIFFTAG_TILELENGTH, 0xfffffff0)},
         {"many padded tiles",
-         withEntry(withEntry(sides(tiled, 1, 65'500), TIFFTAG_TILEWIDTH, 1 << 20),
+         withEntry(withEntry(sides(tiled, 1, kImageMaximumSide), TIFFTAG_TILEWIDTH, 1 << 20),
                    TIFFTAG_TILELENGTH, 16)},
     };
 }

@@ -11,7 +11,7 @@ namespace utilia::platform::icons {
 namespace {
 
 // The most that libtiff may allocate at once. Its own needs are a row, a strip's bytes, and the
-// tables of a directory, which are the largest: 8 bytes for each of at most 65,500 strips of a few
+// tables of a directory, which are the largest: 8 bytes for each of at most 1,000,000 strips of 8
 // planes, or for each tile.
 constexpr tmsize_t kMaximumSingleAllocation = 64 << 20;
 
