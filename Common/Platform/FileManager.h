@@ -95,7 +95,8 @@ public:
     // Moves a file to where another one is, or none yet: at any moment the whole old one or the whole new one is there,
     // also for those who run it, and from another file system too. On success the file is gone from its old place, its
     // data is on the disk, and it has its own metadata and no set-user-ID bits of another owner. On failure everything is
-    // as it was. Links are neither moved nor followed to the folder of `item`, though what lies there may be one and is
+    // as it was. A file that this user may not read is moved without waiting for the disk, and not at all from another file
+    // system. Links are neither moved nor followed to the folder of `item`, though what lies there may be one and is
     // replaced itself.
     //
     // `posixPermissions` are the file's, if they can be given, before it has its new place. `backupItemName` is what the

@@ -108,7 +108,14 @@ struct DistributedNotificationCenter::State {
             if (count >= kMostWaiting) return;
             ++count;
         }
-        MainQueue::async([this, name] { deliver(name); });
+        try {
+            MainQueue::async([this, name] { deliver(name); });
+        } catch (...) {
+            // Lost calls that stayed counted would in the end shut out all others.
+            const std::lock_guard guard(mutex);
+            --waiting[name];
+            throw;
+        }
     }
 
     void deliver(const std::string& name) {

@@ -104,7 +104,7 @@ bool FileOutput::createNamed(mode_t mode) {
     return isNamed_;
 }
 
-Result<FileOutput> FileOutput::createFor(const std::string& target) {
+Result<FileOutput> FileOutput::createBeside(const std::string& target) {
     FileOutput output(target, {});
     const std::string folder = folderOf(target);
     removeLeftOvers(folder);
@@ -116,9 +116,14 @@ Result<FileOutput> FileOutput::createFor(const std::string& target) {
         } while (!output.createNamed(0666) && errno == EEXIST && ++attempt < kNameAttempts);
     }
     if (!output.file_) return Error::posix(errno, "create", target);
+    return output;
+}
+
+Result<FileOutput> FileOutput::createFor(const std::string& target) {
+    auto output = createBeside(target);
     struct stat existing {};
-    if (stat(target.c_str(), &existing) == 0 && S_ISREG(existing.st_mode) &&
-        fchmod(output.descriptor(), existing.st_mode & 07777) != 0) {
+    if (output && stat(target.c_str(), &existing) == 0 && S_ISREG(existing.st_mode) &&
+        fchmod(output->descriptor(), existing.st_mode & 07777) != 0) {
         return Error::posix(errno, "chmod", target);
     }
     return output;

@@ -17,9 +17,10 @@ namespace utilia::platform {
 class FileOutput final {
 public:
     // A file without name in the folder of `target` (with a name of its own where the file system
-    // has no such files). It gets the mode of the target, or 0666 less the umask when there is
-    // none. Files of this user that writers left in that folder when they were killed are removed
-    // first; those of living processes stay.
+    // has no such files), mode 0666 less the umask. Files of this user that writers left in that
+    // folder when they were killed are removed first; those of living processes stay.
+    static Result<FileOutput> createBeside(const std::string& target);
+    // The same with the mode of the target, where there is one.
     static Result<FileOutput> createFor(const std::string& target);
     // A file named `staging`, mode 0600, for writers that take turns by a lock: what a killed one
     // left under that name is removed first. Neither links nor other names of a file are followed

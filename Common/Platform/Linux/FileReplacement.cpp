@@ -170,17 +170,28 @@ Result<void> copyContent(const Source& source, FileOutput& output) {
     }
 }
 
-Result<void> copyAndRemove(const std::string& target, const Source& source, mode_t mode) {
+// A mode that was asked for is tried; whoever asked finds out afterwards. The source's own is not
+// for everybody, and a copy without it is none.
+Result<void> giveMode(const FileOutput& output, const std::string& target, const Source& source,
+                      std::optional<mode_t> asked) {
+    mode_t mode = asked.value_or(source.mode());
+    // A copy is this user's, and set-user-ID bits would now speak of him.
+    if (source.status().st_uid != geteuid()) mode &= 0777;
+    if (fchmod(output.descriptor(), mode) != 0 && !asked)
+        return Error::posix(errno, "chmod", target);
+    return {};
+}
+
+Result<void> copyAndRemove(const std::string& target, const Source& source,
+                           std::optional<mode_t> asked) {
     if (!source.isReadable()) return Error::posix(EACCES, "open", source.path());
     const std::string sourceFolder = folderOf(source.path());
     if (faccessat(AT_FDCWD, sourceFolder.c_str(), W_OK | X_OK, AT_EACCESS) != 0)
         return Error::posix(errno, "unlink", source.path());
-    auto output = FileOutput::createFor(target);
+    auto output = FileOutput::createBeside(target);
     if (!output) return std::move(output).error();
     if (auto copied = copyContent(source, *output); !copied) return copied;
-    // A copy is this user's, and set-user-ID bits would now speak of him.
-    if (source.status().st_uid != geteuid()) mode &= 0777;
-    if (fchmod(output->descriptor(), mode) != 0) return Error::posix(errno, "chmod", target);
+    if (auto given = giveMode(*output, target, source, asked); !given) return given;
     copyMetadata(source, output->descriptor());
     if (auto finished = output->finishWriting(); !finished) return finished;
     if (auto published = output->publish(); !published) return published;
@@ -211,7 +222,7 @@ Result<void> move(const std::string& target, const Source& source, bool isSameFi
         // Between two mounts of one file system.
         if (errno != EXDEV) return Error::posix(errno, "rename", target);
     }
-    return copyAndRemove(target, source, mode.value_or(source.mode()));
+    return copyAndRemove(target, source, mode);
 }
 
 }  // namespace

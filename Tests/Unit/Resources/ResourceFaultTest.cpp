@@ -214,19 +214,11 @@ TEST_P(ResourceFaults, AModeThatCannotBeSetKeepsTheRecord) {
         installGiven();
         EXPECT_GT(fault.hits(), 0u);
     }
-    if (isOtherFileSystem()) {
-        // The copy is made with its mode, or not at all.
-        EXPECT_THAT(log_.lines(), ElementsAre(StartsWith("Error while replacing resource: Error "
-                                                         "Domain=NSCocoaErrorDomain Code=513 ")));
-        EXPECT_EQ(numberOf(installed()), number_ - 1);
-        EXPECT_EQ(numberOf(given()), number_);
-    } else {
-        EXPECT_THAT(log_.lines(), ElementsAre(StartsWith("Error while setting attributes: Error "
-                                                         "Domain=NSCocoaErrorDomain Code=513 ")));
-        EXPECT_EQ(numberOf(installed()), number_) << "the new file is in place";
-        EXPECT_EQ(modeOf(installed()), 0644u);
-        EXPECT_FALSE(fs::exists(given()));
-    }
+    EXPECT_THAT(log_.lines(), ElementsAre(StartsWith("Error while setting attributes: Error "
+                                                     "Domain=NSCocoaErrorDomain Code=513 ")));
+    EXPECT_EQ(numberOf(installed()), number_) << "the new file is in place";
+    EXPECT_EQ(modeOf(installed()), 0644u);
+    EXPECT_FALSE(fs::exists(given()));
     EXPECT_EQ(record_.version(), (IndexPath{9, 0, 0, number_ - 1}));
     installNextInPeace();
 }
