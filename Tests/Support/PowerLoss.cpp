@@ -234,12 +234,14 @@ std::size_t
 PowerLossRecorder::forEachState(const std::function<void(const DiskState&)>& check) const {
     if (!notUnderstood_.empty()) throw std::runtime_error(notUnderstood_);
     std::unordered_set<std::string> seen;
+    const auto first = static_cast<std::size_t>(std::count_if(
+        names_.begin(), names_.end(), [](const NameChange& name) { return name.moment == 0; }));
     for (std::size_t moment = 0; moment <= changes_; ++moment) {
         const auto made = static_cast<std::size_t>(
             std::count_if(names_.begin(), names_.end(),
                           [&](const NameChange& name) { return name.moment <= moment; }));
         const auto losses = lossesAt(moment);
-        const std::size_t fewest = made > kMostNamesMissing ? made - kMostNamesMissing : 0;
+        const std::size_t fewest = std::max(first, made - std::min(made, kMostNamesMissing));
         for (std::size_t count = fewest; count <= made; ++count) {
             const auto names = namesAfter(count);
             for (const Loss& loss : losses) {

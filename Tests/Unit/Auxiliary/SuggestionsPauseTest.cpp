@@ -77,7 +77,7 @@ TEST_F(SuggestionsPause, AskingTwiceKeepsOneEntryAndItsPlaceAndWritesOnce) {
     EXPECT_EQ(stored(), (Array{"a", "b"}));
 }
 
-TEST_F(SuggestionsPause, TakingItBackRemovesTheEntryAndTheLastLeavesAnEmptyList) {
+TEST_F(SuggestionsPause, TakingBackTheLastLeavesAnEmptyListBecauseOnlyAQueryRemovesTheKey) {
     auxiliary_.pauseToolsSuggestions(true, "a");
     auxiliary_.pauseToolsSuggestions(true, "b");
     EXPECT_EQ(writes([&] { auxiliary_.pauseToolsSuggestions(false, "a"); }), 1);

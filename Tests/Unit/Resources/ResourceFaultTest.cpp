@@ -206,7 +206,7 @@ TEST_P(ResourceFaults, MissingMemoryNeverHasAnOlderCopyChosen) {
     EXPECT_EQ(runs > 0, !test::memoryFaults().empty());
 }
 
-TEST_P(ResourceFaults, AModeThatCannotBeSetKeepsTheRecord) {
+TEST_P(ResourceFaults, AModeThatCannotBeSetKeepsTheRecordBecauseTheNewCopyDoesNotRun) {
     installNextInPeace();
     giveNext();
     {
@@ -224,7 +224,7 @@ TEST_P(ResourceFaults, AModeThatCannotBeSetKeepsTheRecord) {
 }
 
 // A reader between the two would otherwise see a version whose file it cannot find.
-TEST_P(ResourceFaults, ThePathIsRecordedBeforeTheVersion) {
+TEST_P(ResourceFaults, ThePathIsRecordedFirstBecauseAVersionPromisesItsFile) {
     constexpr unsigned kMoreThanEnough = 8;
     int pathsAlone = 0;
     for (unsigned ordinal = 1; ordinal <= kMoreThanEnough; ++ordinal) {

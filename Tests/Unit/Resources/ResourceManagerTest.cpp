@@ -36,7 +36,7 @@ TEST_F(ResourceChoice, IsTheSharedCopyWhenItIsNewer) {
     EXPECT_EQ(chosenPath(), installed().string());
 }
 
-TEST_F(ResourceChoice, IsTheInternalCopyWhenVersionsAreEqual) {
+TEST_F(ResourceChoice, IsTheInternalCopyWhenVersionsAreEqualBecauseItCannotGoAway) {
     install("same", kSame);
     EXPECT_EQ(chosenPath(), internal().string());
 }
@@ -63,7 +63,7 @@ TEST_F(ResourceChoice, IsTheInternalCopyWhenTheSharedOneCannotBeExecuted) {
 }
 
 // Whatever its type: pictures and texts are shared by those who make them executable.
-TEST_F(ResourceChoice, LooksForTheExecutableBitOfEveryKindOfResource) {
+TEST_F(ResourceChoice, LooksForTheExecutableBitOfAllBecauseARecordTellsNoKind) {
     install("picture", kNewer, 0);
     EXPECT_EQ(chosenPath(), internal().string());
     ResourceManager::addResourceFile(given("picture", 0755).string(), kName, kNewer, 0, kBundleId);
@@ -125,7 +125,7 @@ TEST_F(ResourceChoice, IsLoggedOnlyWhileExtendedLoggingIsOn) {
                                  "0x[0-9a-f]+> \\{length = 4, path = 5 - 1 - 2 - 3457\\}")));
 }
 
-TEST_F(ResourceChoice, HasTheSharedVersionForABundleThatNobodyKnows) {
+TEST_F(ResourceChoice, HasTheSharedVersionForAnUnknownBundleBecauseThatCountsAsZero) {
     EXPECT_EQ(ResourceManager::getMostActualResourceVersion(kName, kBundleId), (IndexPath{0}));
     install("copy", {0, 0, 0, 0});
     EXPECT_EQ(ResourceManager::getMostActualResourceVersion(kName, kBundleId),
@@ -205,7 +205,7 @@ TEST_F(ResourceInstallation, ReplacesTheOldCopyAndLeavesNoBackup) {
     EXPECT_THAT(everything(), ElementsAre(kBundleId, std::string(kBundleId) + "/converter"));
 }
 
-TEST_F(ResourceInstallation, ComparesNoVersions) {
+TEST_F(ResourceInstallation, ComparesNoVersionsBecauseTheCallerHasDecided) {
     install("newer", kNewer);
     install("older", {1, 0, 0, 0});
     EXPECT_EQ(contentOf(installed()), "older");

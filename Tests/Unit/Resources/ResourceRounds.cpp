@@ -128,7 +128,7 @@ int run(long rounds) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    long rounds = 1000;
+    long rounds = 10'000;
     if (argc == 3 && std::strcmp(argv[1], "--rounds") == 0)
         rounds = std::strtol(argv[2], nullptr, 10);
     if ((argc != 1 && argc != 3) || rounds < kInstallers) {

@@ -66,19 +66,19 @@ TEST_F(SharedResources, StoreVersionsInReportForm) {
     EXPECT_EQ(resource_.path(), std::nullopt);
 }
 
-TEST_F(SharedResources, LeaveAnEmptyRecordWhenTheirLastFieldGoes) {
+TEST_F(SharedResources, LeaveAnEmptyRecordBecauseRecordsAreNeverDeleted) {
     resource_.setPath("/a/b");
     resource_.setPath(std::nullopt);
     EXPECT_EQ(stored(), Value(Dictionary{{kBundleId, Dictionary{{"converter", Dictionary()}}}}));
     EXPECT_EQ(resource_.path(), std::nullopt);
 }
 
-TEST_F(SharedResources, MakeARecordEvenForAFieldThatIsRemoved) {
+TEST_F(SharedResources, MakeARecordForAFieldThatIsRemovedBecauseEveryWriteMakesTheWay) {
     resource_.setPath(std::nullopt);
     EXPECT_EQ(stored(), Value(Dictionary{{kBundleId, Dictionary{{"converter", Dictionary()}}}}));
 }
 
-TEST_F(SharedResources, StoreNoVersionAsZeros) {
+TEST_F(SharedResources, StoreNoVersionAsZerosBecauseOnlyAPathCanBeTakenBack) {
     resource_.setVersion(IndexPath{1, 2, 3, 4});
     resource_.setVersion(std::nullopt);
     EXPECT_EQ(resource_.getValueForKey("Version"), Value("0.0.0-0"));

@@ -167,6 +167,18 @@ TEST(VersionManager, TakesNumbersInTheInfoPlistAsFarAsTheyMakeSense) {
     EXPECT_EQ(versionOf(info(5, "7")), (IndexPath{7}));
 }
 
+TEST(VersionManager, TakesAHostileInfoPlistAsFarAsItMakesSense) {
+    const std::string digits(1'000'000, '9');
+    EXPECT_EQ(versionOf(info(digits, digits)), (IndexPath{kNotFound, kNotFound}));
+    EXPECT_EQ(versionOf(info(std::string(1'000'000, '0') + "5", "-" + digits)),
+              (IndexPath{5, std::uint64_t{1} << 63}));
+    const IndexPath many = versionOf(info(std::string(1'000'000, '.'), ""));
+    EXPECT_EQ(many.length(), 1'000'002u);
+    EXPECT_EQ(VersionManager::versionToString(many), "0.0.0 (0)");
+    // Larger than any property list that is read.
+    EXPECT_EQ(versionOf(info(std::string(5'000'000, '1'), "1")), IndexPath{0});
+}
+
 TEST(VersionManager, PrintsTheVersionOfABundle) {
     const test::TemporaryHome home;
     const TestBundle files(home, {.info = info("5.1.2", "3456")});

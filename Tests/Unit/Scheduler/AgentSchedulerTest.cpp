@@ -88,7 +88,7 @@ TEST_F(AgentSchedulerTest, TheBlockRunsAfterTheLockIsReleasedSoThatItMayCallBack
     EXPECT_THAT(enumerated(), IsEmpty());
 }
 
-TEST_F(AgentSchedulerTest, CancellingTakesDateAndFlagOutAndKeepsTheRest) {
+TEST_F(AgentSchedulerTest, CancellingKeepsTheRestBecauseAStartAtLoginIsNotCancelled) {
     store(Array{clock({{"launchAtDate", true},
                        {"date", Date{1}},
                        {"interval", 60.0},
@@ -113,7 +113,7 @@ TEST_F(AgentSchedulerTest, CancellingWithoutARecordCreatesOneThatOnlyNamesTheToo
     EXPECT_EQ(records(), (Array{clock({})}));
 }
 
-TEST_F(AgentSchedulerTest, SchedulingStoresTheIntervalAsTheIntegerZero) {
+TEST_F(AgentSchedulerTest, SchedulingStoresTheIntegerZeroBecauseTheAgentRepeatsNothing) {
     AgentScheduler::scheduleToolAtDate(Date{1.5}, kBundleId, kName);
     EXPECT_EQ(records(),
               (Array{clock({{"launchAtDate", true}, {"date", Date{1.5}}, {"interval", 0}})}));
@@ -163,7 +163,7 @@ TEST_F(AgentSchedulerTest, UpgradingWithoutOldDataDoesNothing) {
     EXPECT_EQ(records(), (Array{clock({})}));
 }
 
-TEST_F(AgentSchedulerTest, UpgradingReplacesWhatIsThereAndDoesNotMerge) {
+TEST_F(AgentSchedulerTest, UpgradingReplacesBecauseTheOldListIsTheWholeList) {
     store(Array{clock({})});
     auto agent = startTool();
     agent.ask("set-legacy", {"first", "second"});

@@ -42,7 +42,7 @@ TEST_F(ToolSchedulerTest, SchedulingAtLoginPostsNothingBecauseTheAgentLooksWhenI
     EXPECT_THAT(takePosts(), IsEmpty());
 }
 
-TEST_F(ToolSchedulerTest, SchedulingAtADateStoresTheIntervalAsARealAlsoWhenItIsWhole) {
+TEST_F(ToolSchedulerTest, SchedulingAtADateStoresARealAlsoWhenItIsWholeBecauseItIsATime) {
     self_.ask("tool-at-date", {"700000000.25", "86400"});
     EXPECT_EQ(
         records(),
@@ -62,7 +62,7 @@ TEST_F(ToolSchedulerTest, SchedulingAtADatePostsOnceAfterTheRecordIsWrittenAndTh
     EXPECT_EQ(recordsWhenPosted().size(), 1u);
 }
 
-TEST_F(ToolSchedulerTest, CancellingSaysNoButKeepsDateAndIntervalAndPostsOnce) {
+TEST_F(ToolSchedulerTest, CancellingKeepsDateAndIntervalBecauseTheFlagDecidesAndPostsOnce) {
     self_.ask("tool-at-date", {"700000000", "60"});
     takePosts();
     self_.ask("tool-cancel");

@@ -161,6 +161,17 @@ TEST_F(ResourcesCommand, SaysWhyAFileIsNotInstalled) {
     EXPECT_FALSE(fs::exists(installed()));
 }
 
+TEST_F(ResourcesCommand, SaysWhenTheCopyIsInPlaceButCannotBeRecorded) {
+    fs::create_directories(home_.groupContainer() / "Library");
+    test::writeFile(home_.groupContainer() / "Library/Preferences", "no folder");
+    const Answer given = run({"install", fileToGive(), kName, "6.0.0-1", kBundleId});
+    EXPECT_EQ(given.status, 1);
+    EXPECT_EQ(given.out, "");
+    EXPECT_THAT(given.err, EndsWith("utiliactl: the copy is in its place, but its record cannot be "
+                                    "stored\n"));
+    EXPECT_EQ(contentOf(installed()), "new");
+}
+
 TEST_F(ResourcesCommand, AnswersWrongUsageWithStatus2) {
     for (const std::vector<std::string>& arguments :
          {std::vector<std::string>{},
