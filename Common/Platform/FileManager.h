@@ -52,6 +52,10 @@ public:
     // can be trusted; the reason is logged once per process.
     static std::optional<std::string> runtimeFolder();
 
+    // The user's Library folder, with no "/" at the end. It and its folder Logs are made (0700) on each ask as far as
+    // they are missing and can be made; where that fails the path is answered all the same.
+    static std::string libraryDirectory();
+
     // The machine-wide place for what belongs to all users, whether or not it exists.
     static std::string localApplicationSupportDirectory();
 

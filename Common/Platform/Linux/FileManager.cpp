@@ -120,6 +120,12 @@ std::string FileManager::displayNameAtPath(std::string_view path) {
     return given && !given->empty() ? *given + ".app" : fileName;
 }
 
+std::string FileManager::libraryDirectory() {
+    // Whoever puts something there meets the reason again, and can tell it.
+    (void)ensureLibraryFolder();
+    return libraryFolderPath();
+}
+
 std::string FileManager::localApplicationSupportDirectory() { return "/etc"; }
 
 std::optional<std::string> FileManager::administratorsGroup() {

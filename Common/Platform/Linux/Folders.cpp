@@ -126,6 +126,19 @@ std::string groupContainerPath(std::string_view groupIdentifier) {
     return stringByAppendingPathComponent(path, groupIdentifier);
 }
 
+std::string libraryFolderPath() {
+    const std::string product =
+        stringByAppendingPathComponent(xdgFolder("XDG_STATE_HOME", ".local/state"), kProductFolder);
+    return stringByAppendingPathComponent(product, "Library");
+}
+
+Result<std::string> ensureLibraryFolder() {
+    std::string path = libraryFolderPath();
+    if (auto made = makeFolders(stringByAppendingPathComponent(path, "Logs"), 0700); !made)
+        return std::move(made).error();
+    return path;
+}
+
 Result<std::string> ensurePreferencesFolder() {
     std::string path = preferencesFolderPath();
     if (auto made = makeFolders(path, 0700); !made) return std::move(made).error();

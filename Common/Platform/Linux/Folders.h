@@ -18,6 +18,7 @@ namespace utilia::platform {
 Result<std::string> ensurePreferencesFolder();  // $XDG_CONFIG_HOME/korvane-utilia
 Result<std::string> ensureGroupContainer(
     std::string_view groupIdentifier);      // $XDG_DATA_HOME/korvane-utilia/Group Containers/…
+Result<std::string> ensureLibraryFolder();  // $XDG_STATE_HOME/korvane-utilia/Library, with Logs
 Result<std::string> ensureRuntimeFolder();  // $XDG_RUNTIME_DIR/com.korvane.utilia
 Result<std::string> ensureRuntimeSubfolder(std::string_view name);  // a 0700 folder in it
 
@@ -34,6 +35,7 @@ std::vector<std::string> xdgFolders(const char* name, std::string_view otherwise
 // The same places without making anything.
 std::string preferencesFolderPath();
 std::string groupContainerPath(std::string_view groupIdentifier);
+std::string libraryFolderPath();
 
 // The folder with its missing parents. Each new one gets exactly `mode`, or 0777 less the umask
 // without one. An existing folder is left as it is; a file in its place is EEXIST, a file on the

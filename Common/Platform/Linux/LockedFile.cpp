@@ -1,0 +1,326 @@
+#include "Common/Platform/LockedFile.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include "Common/Platform/Linux/ForkGuard.h"
+#include "Common/Platform/Linux/OutOfMemory.h"
+#include "Common/Platform/Linux/SlowLockWatch.h"
+#include "Common/Platform/Linux/TemporaryFiles.h"
+
+// Linux cannot lock a file in the step that opens it. For a file that exists this costs nothing:
+// who was overtaken between open and flock finds out by isAtPath(). A new file is different, since
+// between its creation and its lock another process could already write into it. So it is made
+// without a name, locked, filled, and gets its name last. Where there are no files without a name,
+// it has a temporary one until then.
+//
+// As with every lock here, the descriptor is closed in a forked child, and the lock is given up by
+// LOCK_UN, which also reaches a copy that a child took before the descriptor was entered there.
+//
+// The object does not keep the file's path, which would cost every record of a log an allocation:
+// for a message the kernel is asked.
+
+namespace utilia::platform {
+namespace {
+
+constexpr int kOpenFlags = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+constexpr std::size_t kMostPieces = 64;
+constexpr int kNameAttempts = 100;
+
+int openUninterrupted(const char* path, int flags, mode_t mode = 0) {
+    int descriptor;
+    do {
+        descriptor = open(path, flags, mode);
+    } while (descriptor < 0 && errno == EINTR);
+    return descriptor;
+}
+
+int lockUninterrupted(int descriptor, int operation) {
+    int result;
+    do {
+        result = flock(descriptor, operation);
+    } while (result != 0 && errno == EINTR);
+    return result;
+}
+
+std::string procPath(int descriptor) { return "/proc/self/fd/" + std::to_string(descriptor); }
+
+std::string nameOf(int descriptor) {
+    std::array<char, 4096> name{};
+    const ssize_t length = readlink(procPath(descriptor).c_str(), name.data(), name.size());
+    return length > 0 ? std::string(name.data(), static_cast<std::size_t>(length))
+                      : "descriptor " + std::to_string(descriptor);
+}
+
+Error failed(const char* call, int descriptor, int error = errno) {
+    return Error::posix(error, call, nameOf(descriptor));
+}
+
+int operationFor(LockedFile::Lock lock) {
+    return lock == LockedFile::Lock::Shared ? LOCK_SH : LOCK_EX;
+}
+
+// 0, or -1 with errno set.
+int waitForLock(int descriptor, int operation) {
+    if (lockUninterrupted(descriptor, operation | LOCK_NB) == 0) return 0;
+    if (errno != EWOULDBLOCK) return -1;
+    const SlowLockWatch watch(descriptor, nameOf(descriptor));
+    return lockUninterrupted(descriptor, operation);
+}
+
+// Whole, in one step.
+Result<void> writeContent(int descriptor, std::span<const std::string_view> content,
+                          const std::string& path) {
+    if (content.empty()) return {};
+    if (content.size() > kMostPieces) return Error::posix(EINVAL, "write", path);
+    std::array<iovec, kMostPieces> pieces{};
+    std::size_t size = 0;
+    for (std::size_t i = 0; i < content.size(); ++i) {
+        pieces[i] = {const_cast<char*>(content[i].data()), content[i].size()};
+        size += content[i].size();
+    }
+    ssize_t written;
+    do {
+        written = writev(descriptor, pieces.data(), static_cast<int>(content.size()));
+    } while (written < 0 && errno == EINTR);
+    if (written < 0) return Error::posix(errno, "write", path);
+    if (static_cast<std::size_t>(written) != size) return Error::posix(ENOSPC, "write", path);
+    return {};
+}
+
+// Gives a file without name its name. False where that is not possible here, and another way is.
+Result<bool> linkUnnamed(int descriptor, const std::string& path) {
+    if (linkat(AT_FDCWD, procPath(descriptor).c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) ==
+        0)
+        return true;
+    if (errno == EEXIST) return Error::posix(EEXIST, "link", path);
+    return false;
+}
+
+// Exchanges the temporary name for the final one, unless that is taken.
+Result<void> renameUnlessTaken(const std::string& temporary, const std::string& path) {
+    if (renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0)
+        return {};
+    if (errno == EINVAL || errno == ENOSYS) {
+        if (link(temporary.c_str(), path.c_str()) == 0) {
+            unlink(temporary.c_str());
+            return {};
+        }
+    }
+    return Error::posix(errno, "rename", path);
+}
+
+Result<UniqueFd> lockNew(UniqueFd file, const std::string& path) {
+    if (lockUninterrupted(file.get(), LOCK_EX | LOCK_NB) != 0)
+        return Error::posix(errno, "flock", path);
+    return file;
+}
+
+Result<UniqueFd> createUnnamed(const std::string& path, mode_t mode,
+                               std::span<const std::string_view> content) {
+    UniqueFd file(openUninterrupted(folderOf(path).c_str(),
+                                    O_TMPFILE | O_WRONLY | O_APPEND | O_CLOEXEC, mode));
+    if (!file) {
+        if (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL) return UniqueFd();
+        return Error::posix(errno, "create", path);
+    }
+    auto locked = lockNew(std::move(file), path);
+    if (!locked) return locked;
+    if (auto written = writeContent(locked->get(), content, path); !written)
+        return std::move(written).error();
+    auto linked = linkUnnamed(locked->get(), path);
+    if (!linked) return std::move(linked).error();
+    return *linked ? std::move(locked) : UniqueFd();
+}
+
+Result<UniqueFd> createNamed(const std::string& path, mode_t mode,
+                             std::span<const std::string_view> content) {
+    removeLeftOvers(folderOf(path));
+    std::string temporary;
+    UniqueFd file;
+    for (int attempt = 0; !file && attempt < kNameAttempts; ++attempt) {
+        temporary = temporaryName(path);
+        file.reset(openUninterrupted(
+            temporary.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC,
+            mode));
+        if (!file && errno != EEXIST) break;
+    }
+    if (!file) return Error::posix(errno, "create", path);
+    auto done = [&]() -> Result<UniqueFd> {
+        auto locked = lockNew(std::move(file), path);
+        if (!locked) return locked;
+        if (auto written = writeContent(locked->get(), content, path); !written)
+            return std::move(written).error();
+        if (auto renamed = renameUnlessTaken(temporary, path); !renamed)
+            return std::move(renamed).error();
+        return locked;
+    }();
+    if (!done) unlink(temporary.c_str());
+    return done;
+}
+
+}  // namespace
+
+LockedFile::LockedFile(UniqueFd file) : file_(std::move(file)) {
+    ForkGuard::closeInChild(file_.get());
+}
+
+Result<LockedFile> LockedFile::open(const std::string& path, Access access, Lock lock) {
+    return orOutOfMemory("open", path, [&]() -> Result<LockedFile> {
+        const int mode = access == Access::Read ? O_RDONLY : O_WRONLY | O_APPEND;
+        UniqueFd file(openUninterrupted(path.c_str(), mode | kOpenFlags));
+        if (!file) return Error::posix(errno, "open", path);
+        LockedFile opened(std::move(file));
+        if (waitForLock(opened.file_.get(), operationFor(lock)) != 0)
+            return Error::posix(errno, "flock", path);
+        return opened;
+    });
+}
+
+Result<LockedFile> LockedFile::openOrCreate(const std::string& path, std::uint32_t mode) {
+    return orOutOfMemory("open", path, [&]() -> Result<LockedFile> {
+        UniqueFd file(openUninterrupted(path.c_str(), O_RDWR | O_CREAT | kOpenFlags,
+                                        static_cast<mode_t>(mode)));
+        if (!file) return Error::posix(errno, "open", path);
+        LockedFile opened(std::move(file));
+        if (waitForLock(opened.file_.get(), LOCK_EX) != 0)
+            return Error::posix(errno, "flock", path);
+        if (auto plain = opened.status(); !plain) return std::move(plain).error();
+        return opened;
+    });
+}
+
+Result<LockedFile> LockedFile::create(const std::string& path, std::uint32_t mode,
+                                      std::span<const std::string_view> content) {
+    return orOutOfMemory("create", path, [&]() -> Result<LockedFile> {
+        auto made = createUnnamed(path, static_cast<mode_t>(mode), content);
+        if (made && !*made) made = createNamed(path, static_cast<mode_t>(mode), content);
+        if (!made) return std::move(made).error();
+        return LockedFile(*std::move(made));
+    });
+}
+
+LockedFile& LockedFile::operator=(LockedFile&& other) noexcept {
+    if (this != &other) {
+        release();
+        file_ = std::move(other.file_);
+        reader_ = std::move(other.reader_);
+    }
+    return *this;
+}
+
+LockedFile::~LockedFile() { release(); }
+
+void LockedFile::release() {
+    reader_.reset();
+    if (!file_) return;
+    if (ForkGuard::forget(file_.get())) {
+        lockUninterrupted(file_.get(), LOCK_UN);
+        file_.reset();
+    } else {
+        file_.release();
+    }
+}
+
+UniqueFd LockedFile::takeDescriptor() {
+    if (file_) ForkGuard::forget(file_.get());
+    return std::move(file_);
+}
+
+Result<LockedFile::Status> LockedFile::status() const {
+    struct stat found {};
+    if (fstat(file_.get(), &found) != 0) return failed("stat", file_.get());
+    if (S_ISDIR(found.st_mode)) return failed("examine", file_.get(), EISDIR);
+    if (!S_ISREG(found.st_mode)) return failed("examine", file_.get(), EACCES);
+    if (found.st_uid != geteuid()) return failed("examine", file_.get(), EPERM);
+    return Status{static_cast<std::uint64_t>(found.st_size), found.st_dev, found.st_ino,
+                  (found.st_mode & S_IWUSR) != 0};
+}
+
+Result<bool> LockedFile::isAtPath(const std::string& path) const {
+    struct stat here {};
+    struct stat there {};
+    if (fstat(file_.get(), &here) != 0) return failed("stat", file_.get());
+    if (lstat(path.c_str(), &there) != 0) {
+        if (errno == ENOENT) return false;
+        return Error::posix(errno, "stat", path);
+    }
+    return here.st_dev == there.st_dev && here.st_ino == there.st_ino;
+}
+
+Result<void> LockedFile::lockExclusively() {
+    if (waitForLock(file_.get(), LOCK_EX) != 0) return failed("flock", file_.get());
+    return {};
+}
+
+Result<void> LockedFile::append(std::string_view bytes) {
+    ssize_t written;
+    do {
+        written = ::write(file_.get(), bytes.data(), bytes.size());
+    } while (written < 0 && errno == EINTR);
+    if (written < 0) return failed("write", file_.get());
+    if (static_cast<std::size_t>(written) != bytes.size())
+        return failed("write", file_.get(), ENOSPC);
+    return {};
+}
+
+Result<std::size_t> LockedFile::read(std::span<char> buffer) {
+    const int flags = fcntl(file_.get(), F_GETFL);
+    if (!reader_ && (flags & O_ACCMODE) == O_WRONLY) {
+        reader_.reset(openUninterrupted(procPath(file_.get()).c_str(), O_RDONLY | O_CLOEXEC));
+        if (!reader_) return failed("open", file_.get());
+    }
+    ssize_t length;
+    do {
+        length = ::read(reader_ ? reader_.get() : file_.get(), buffer.data(), buffer.size());
+    } while (length < 0 && errno == EINTR);
+    if (length < 0) return failed("read", file_.get());
+    return static_cast<std::size_t>(length);
+}
+
+Result<void> LockedFile::overwrite(std::uint64_t offset, std::string_view bytes) {
+    // With O_APPEND, Linux would write at the end whatever the offset.
+    const int flags = fcntl(file_.get(), F_GETFL);
+    if (flags < 0 || fcntl(file_.get(), F_SETFL, flags & ~O_APPEND) != 0)
+        return failed("fcntl", file_.get());
+    Result<void> result;
+    while (!bytes.empty()) {
+        const ssize_t written =
+            pwrite(file_.get(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) {
+            result = failed("write", file_.get(), written < 0 ? errno : EIO);
+            break;
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+        offset += static_cast<std::uint64_t>(written);
+    }
+    if (fcntl(file_.get(), F_SETFL, flags) != 0) return failed("fcntl", file_.get());
+    return result;
+}
+
+Result<void> LockedFile::makeReadOnly() {
+    struct stat found {};
+    if (fstat(file_.get(), &found) != 0) return failed("stat", file_.get());
+    if (fchmod(file_.get(), found.st_mode & 0444) != 0) return failed("chmod", file_.get());
+    return {};
+}
+
+Result<void> LockedFile::synchronize() {
+    int result;
+    do {
+        result = fsync(file_.get());
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) return failed("fsync", file_.get());
+    return {};
+}
+
+}  // namespace utilia::platform
