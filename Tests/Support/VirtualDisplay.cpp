@@ -110,10 +110,14 @@ std::string VirtualDisplay::waitForWindow(const std::string& title) const {
     const bool isInFront = eventually([&] {
         const auto found = run({"xdotool", "search", "--onlyvisible", "--name", "^" + title + "$"});
         window = found.status == 0 ? found.text.substr(0, found.text.find('\n')) : "";
-        return !window.empty() && run({"xdotool", "getwindowfocus"}).text == window;
+        return !window.empty() && focusedWindow() == window;
     });
     if (!isInFront) throw std::runtime_error("no window " + title + " comes to the front");
     return window;
+}
+
+std::string VirtualDisplay::focusedWindow() const {
+    return run({"xdotool", "getwindowfocus"}).text;
 }
 
 bool VirtualDisplay::hasWindow(const std::string& title) const {

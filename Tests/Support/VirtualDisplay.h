@@ -30,6 +30,8 @@ public:
 
     // Waits until a window of exactly this title shows and has the keyboard; answers its number.
     std::string waitForWindow(const std::string& title) const;
+    // The window with the keyboard; empty when none has it.
+    std::string focusedWindow() const;
     // Whether one shows now.
     bool hasWindow(const std::string& title) const;
     int processOfWindow(const std::string& window) const;
