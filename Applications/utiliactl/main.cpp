@@ -1,22 +1,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <iostream>
-#include <memory>
 #include <sstream>
-#include <vector>
 
-#include "Applications/utiliactl/AdminCommand.h"
-#include "Applications/utiliactl/DescriptionsCommand.h"
-#include "Applications/utiliactl/ExtendedLoggingCommand.h"
-#include "Applications/utiliactl/LoginCommand.h"
-#include "Applications/utiliactl/PolicyCommand.h"
-#include "Applications/utiliactl/PortNameCommand.h"
-#include "Applications/utiliactl/PortsCommand.h"
-#include "Applications/utiliactl/ResourcesCommand.h"
-#include "Applications/utiliactl/ScheduleCommand.h"
-#include "Applications/utiliactl/StoreCommand.h"
-#include "Applications/utiliactl/SuggestionsCommand.h"
-#include "Applications/utiliactl/ToolsCommand.h"
+#include "Applications/utiliactl/ControlProgram.h"
 
 namespace {
 
@@ -44,44 +31,15 @@ ExitStatus runCommand(Command& command) {
 }
 
 ExitStatus runProgram(int argc, char** argv) {
-    CLI::App program(
-        "Looks into what the agent and its tools share, and changes what a user may change.",
-        "utiliactl");
-    program.set_version_flag("--version", "utiliactl " UTILIA_VERSION);
-    program.require_subcommand(1);
-    program.failure_message([](const CLI::App*, const CLI::Error& error) {
-        return std::string("utiliactl: ") + error.what() + "\nRun \"utiliactl --help\" for more.\n";
-    });
-    program.footer("\"utiliactl SUBCOMMAND --help\" tells more about each of them.\n\nExit status: "
-                   "0 done, 1 it could not be done (the reason is on standard error), "
-                   "2 wrong usage.");
-
-    std::vector<std::unique_ptr<Command>> commands;
-    commands.push_back(std::make_unique<PortsCommand>());
-    commands.push_back(std::make_unique<PortNameCommand>());
-    commands.push_back(std::make_unique<StoreCommand>());
-    commands.push_back(std::make_unique<ScheduleCommand>());
-    commands.push_back(std::make_unique<LoginCommand>());
-    commands.push_back(std::make_unique<ResourcesCommand>());
-    commands.push_back(std::make_unique<ToolsCommand>());
-    commands.push_back(std::make_unique<DescriptionsCommand>());
-    commands.push_back(std::make_unique<SuggestionsCommand>());
-    commands.push_back(std::make_unique<ExtendedLoggingCommand>());
-    commands.push_back(std::make_unique<AdminCommand>());
-    commands.push_back(std::make_unique<PolicyCommand>());
-    std::vector<const CLI::App*> declared;
-    for (const auto& command : commands) declared.push_back(command->declare(program));
-
+    ControlProgram program;
     try {
-        program.parse(argc, argv);
+        program.options().parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         // Also how help and version are answered.
-        return program.exit(error) == 0 ? ExitStatus::Done : ExitStatus::WrongUsage;
+        return program.options().exit(error) == 0 ? ExitStatus::Done : ExitStatus::WrongUsage;
     }
-    for (std::size_t i = 0; i < commands.size(); ++i) {
-        if (declared[i]->parsed()) return runCommand(*commands[i]);
-    }
-    return ExitStatus::WrongUsage;
+    Command* const command = program.chosenCommand();
+    return command ? runCommand(*command) : ExitStatus::WrongUsage;
 }
 
 }  // namespace
