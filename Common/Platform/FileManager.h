@@ -111,6 +111,10 @@ public:
                                          std::optional<std::uint32_t> posixPermissions = {});
     // A file, or a folder with its content; never follows links.
     static Result<void> removeItemAtPath(std::string_view path);
+    // What lies in a folder and in the folders below it, by paths relative to it, each before what lies in it and
+    // otherwise in no certain order. Links are listed and not followed; folders below that cannot be read are listed
+    // without their content, and so are those more than 64 deep. Cocoa errors.
+    static Result<std::vector<std::string>> subpathsOfDirectoryAtPath(std::string_view path);
 
     // Fails for anything but a regular file of at most `maximumSize` bytes.
     static Result<Data> contentsAtPath(std::string_view path, std::size_t maximumSize);

@@ -57,6 +57,9 @@ public:
     // The timer lives until the handle ends. An interval of zero or less becomes 0.1 ms.
     static Handle scheduledTimer(std::chrono::nanoseconds interval, bool repeats,
                                  std::function<void()> fire);
+    // A repeating timer that first fires after `delay`, which may be zero, and keeps its phase from there.
+    static Handle repeatingTimer(std::chrono::nanoseconds delay, std::chrono::nanoseconds interval,
+                                 std::function<void()> fire);
     Timer() = delete;
 };
 

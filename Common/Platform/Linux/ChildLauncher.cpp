@@ -103,11 +103,14 @@ Result<Child> launchChild(const std::string& program, const ChildInput& input) {
 
     const std::string folder = workingFolder();
     SpawnActions actions;
+    int firstClosed = STDERR_FILENO + 1;
+    // A descriptor that has the number already loses close-on-exec by this.
+    if (input.kept >= 0) actions.add(posix_spawn_file_actions_adddup2, input.kept, firstClosed++);
     actions.add(posix_spawn_file_actions_addchdir_np, folder.c_str());
     actions.add(posix_spawn_file_actions_addopen, STDIN_FILENO, "/dev/null", O_RDONLY, mode_t{0});
     actions.add(posix_spawn_file_actions_addopen, STDOUT_FILENO, "/dev/null", O_WRONLY, mode_t{0});
     actions.add(posix_spawn_file_actions_addopen, STDERR_FILENO, "/dev/null", O_WRONLY, mode_t{0});
-    actions.add(posix_spawn_file_actions_addclosefrom_np, STDERR_FILENO + 1);
+    actions.add(posix_spawn_file_actions_addclosefrom_np, firstClosed);
     return spawn(program, actions, SpawnAttributes(POSIX_SPAWN_SETSID), argv.data(), envp.data());
 }
 

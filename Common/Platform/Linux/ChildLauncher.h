@@ -20,6 +20,7 @@ struct Child {
 struct ChildInput {
     std::vector<std::string> arguments;    // after the program's name
     std::vector<std::string> environment;  // NAME=VALUE
+    int kept = -1;  // a descriptor that the child and what it starts keep open, as number 3
 };
 
 // This process's environment. A launch that goes on in another thread takes it before, on the
@@ -27,7 +28,7 @@ struct ChildInput {
 std::vector<std::string> currentEnvironment();
 
 // Starts an application: in a session of its own, with default signals and an empty signal mask,
-// null standard streams, no other descriptor, and the user's home (or "/") as its working folder.
+// null standard streams, no other descriptor but `kept`, and the user's home (or "/") as its working folder.
 // `program` is absolute; it also becomes the first argument. Fails with the error of the start,
 // also when the program cannot be executed; with Refused for arguments that hold NUL.
 //

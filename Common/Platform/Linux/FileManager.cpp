@@ -93,6 +93,29 @@ std::optional<std::string> configuredDesktop() {
     return std::nullopt;
 }
 
+constexpr std::size_t kDeepestListed = 64;
+
+// Adds what lies in the folder; answers the errno of a folder that cannot be read.
+int listContent(UniqueFd folder, const std::string& prefix, std::size_t depth,
+                std::vector<std::string>& subpaths) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(fdopendir(folder.get()), &closedir);
+    if (!stream) return errno;
+    folder.release();
+    for (;;) {
+        errno = 0;
+        const dirent* const entry = readdir(stream.get());
+        if (!entry) return errno;
+        const std::string_view name = entry->d_name;
+        if (name == "." || name == "..") continue;
+        const std::string subpath = prefix + entry->d_name;
+        subpaths.push_back(subpath);
+        if (depth == kDeepestListed) continue;
+        UniqueFd inner(openat(dirfd(stream.get()), entry->d_name,
+                              O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (inner) (void)listContent(std::move(inner), subpath + "/", depth + 1, subpaths);
+    }
+}
+
 }  // namespace
 
 std::optional<std::string>
@@ -224,6 +247,19 @@ Result<void> FileManager::removeItemAtPath(std::string_view path) {
         if (rmdir(item.c_str()) != 0) return Error::posix(errno, "rmdir", item);
         return {};
     });
+}
+
+Result<std::vector<std::string>> FileManager::subpathsOfDirectoryAtPath(std::string_view path) {
+    return withCocoaError(
+        Error::FileAccess::Reading, "read", path, [&]() -> Result<std::vector<std::string>> {
+            const std::string folder(path);
+            UniqueFd opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+            if (!opened) return Error::posix(errno, "open", folder);
+            std::vector<std::string> subpaths;
+            if (const int failed = listContent(std::move(opened), "", 0, subpaths); failed != 0)
+                return Error::posix(failed, "read", folder);
+            return subpaths;
+        });
 }
 
 Result<Data> FileManager::contentsAtPath(std::string_view path, std::size_t maximumSize) {

@@ -52,9 +52,9 @@ public:
     TimerWatch(const TimerWatch&) = delete;
     TimerWatch& operator=(const TimerWatch&) = delete;
 
-    void start(RunLoop::Implementation& loop) {
+    void start(RunLoop::Implementation& loop, nanoseconds delay) {
         watches_ = loop.watches;
-        planned_ = bootTime() + interval_;
+        planned_ = bootTime() + delay;
         if (auto watched = watchDescriptor(*loop.watches); !watched) {
             reportOnce(watched.error());
             watchReadyTime(loop.context);
@@ -155,14 +155,23 @@ private:
     GSource* source_ = nullptr;
 };
 
+Handle start(nanoseconds delay, nanoseconds interval, bool repeats, std::function<void()> fire) {
+    auto timer = std::make_shared<TimerWatch>(std::min(interval, kLongestInterval), repeats,
+                                              std::move(fire));
+    timer->start(RunLoop::currentRunLoop().implementation(), std::min(delay, kLongestInterval));
+    return Handle([timer] { timer->end(); });
+}
+
 }  // namespace
 
 Handle Timer::scheduledTimer(nanoseconds interval, bool repeats, std::function<void()> fire) {
     if (interval <= nanoseconds(0)) interval = kShortestInterval;
-    auto timer = std::make_shared<TimerWatch>(std::min(interval, kLongestInterval), repeats,
-                                              std::move(fire));
-    timer->start(RunLoop::currentRunLoop().implementation());
-    return Handle([timer] { timer->end(); });
+    return start(interval, interval, repeats, std::move(fire));
+}
+
+Handle Timer::repeatingTimer(nanoseconds delay, nanoseconds interval, std::function<void()> fire) {
+    if (interval <= nanoseconds(0)) interval = kShortestInterval;
+    return start(std::max(delay, nanoseconds(0)), interval, true, std::move(fire));
 }
 
 }  // namespace utilia::platform

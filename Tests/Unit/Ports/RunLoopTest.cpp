@@ -326,6 +326,25 @@ TEST(Timer, KeepsItsPhaseAndCollapsesMissedFirings) {
     EXPECT_LT(late, kInterval / 4);
 }
 
+TEST(Timer, BeginsItsPhaseAfterADelayOfItsOwn) {
+    std::vector<Clock::duration> fired;
+    const auto start = Clock::now();
+    const Handle timer =
+        Timer::repeatingTimer(30ms, 100ms, [&] { fired.push_back(Clock::now() - start); });
+    ASSERT_TRUE(RunLoop::currentRunLoop().runUntil([&] { return fired.size() == 2; }, kLong));
+    EXPECT_GE(fired[0], 30ms);
+    EXPECT_GE(fired[1], 130ms);
+}
+
+TEST(Timer, WithoutADelayFiresInTheNextTurnAndThenAfterItsInterval) {
+    int fired = 0;
+    const Handle timer = Timer::repeatingTimer(-1s, 1h, [&] { ++fired; });
+    EXPECT_EQ(fired, 0) << "never inside of the call";
+    EXPECT_TRUE(RunLoop::currentRunLoop().runUntil([&] { return fired == 1; }, kLong));
+    RunLoop::currentRunLoop().runFor(10ms);
+    EXPECT_EQ(fired, 1);
+}
+
 TEST(Timer, TakesAnIntervalOfNothingAsATenthOfAMillisecond) {
     int fired = 0;
     const Handle timer = Timer::scheduledTimer(-1s, true, [&] { ++fired; });

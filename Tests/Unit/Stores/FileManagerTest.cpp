@@ -286,6 +286,35 @@ TEST_F(FileManagerTest, AnotherUsersGroupContainerIsNotUsed) {
               std::vector<std::string>{container.string() + ": belongs to another user"});
 }
 
+TEST_F(FileManagerTest, ListsWhatLiesInAFolderAndBelow) {
+    fs::create_directories(at("folder/inner/innermost"));
+    std::ofstream(at("folder/a"));
+    std::ofstream(at("folder/inner/b"));
+    fs::create_directory_symlink(home_.path(), at("folder/link"));
+    ASSERT_EQ(mkfifo(at("folder/pipe").c_str(), 0600), 0);
+    const auto listed = FileManager::subpathsOfDirectoryAtPath(at("folder").string());
+    ASSERT_TRUE(listed);
+    EXPECT_THAT(*listed, testing::UnorderedElementsAre("a", "inner", "inner/b", "inner/innermost",
+                                                       "link", "pipe"));
+}
+
+TEST_F(FileManagerTest, ListsNoFolderThatIsNone) {
+    std::ofstream(at("file"));
+    EXPECT_EQ(FileManager::subpathsOfDirectoryAtPath(at("missing").string()).error().code,
+              static_cast<int>(CocoaErrorCode::FileReadNoSuchFile));
+    EXPECT_EQ(FileManager::subpathsOfDirectoryAtPath(at("file").string()).error().code,
+              static_cast<int>(CocoaErrorCode::FileReadUnknown));
+}
+
+TEST_F(FileManagerTest, EndsItsListAtSixtyFourFoldersBelow) {
+    std::string deep = at("folder").string();
+    for (int depth = 0; depth < 70; ++depth) deep += "/d";
+    fs::create_directories(deep);
+    const auto listed = FileManager::subpathsOfDirectoryAtPath(at("folder").string());
+    ASSERT_TRUE(listed);
+    EXPECT_EQ(listed->size(), 65u);
+}
+
 TEST_F(FileManagerTest, AsksTheSystemWhatThisUserMayDo) {
     std::ofstream(at("program")) << "#!/bin/sh\n";
     EXPECT_TRUE(FileManager::fileExistsAtPath(at("program").string()));
