@@ -1,23 +1,40 @@
-# utilia_application(TARGET NAME … IDENTIFIER … SOURCES … [WITHIN …] [LINK …] [INFO …])
+# utilia_application(TARGET NAME … IDENTIFIER … SOURCES … [COMMENT …] [LINK …] [INFO …] [LOCALIZATION …] [RESOURCES …]
+#                    [ICON …] [WITHIN …])
 #
 # An application that loads the framework, as a bundle in the build tree: Applications/NAME.app/Contents with the
 # program (Linux/TARGET) and its Info.plist, and a desktop entry by which it is found once it lies in an "applications"
-# folder (share/applications/IDENTIFIER.desktop). INFO is further XML for the Info.plist's dictionary.
+# folder (share/applications/IDENTIFIER.desktop). What is installed has the same shape, below lib/korvane-utilia; the
+# desktop entries go to share/applications. The CMake package brings this function along, for tools outside of this tree
+# (Documentation/WritingATool.md).
 #
-# WITHIN names the application that this one belongs to: it lies in that one's Contents/Applications, and has no desktop
-# entry of its own.
-#
-# What is installed has the same shape, below lib/korvane-utilia; the desktop entries go to share/applications.
+#   COMMENT       what it is for, as the desktop shows it
+#   INFO          further XML for the Info.plist's dictionary
+#   LOCALIZATION  a folder of translations, LANGUAGE.po, which become the bundle's texts (needs gettext's msgfmt)
+#   RESOURCES     files for Contents/Resources
+#   ICON          a picture for Contents/Resources that the desktop entry names
+#   WITHIN        the application that this one belongs to: it lies in that one's Contents/Applications, and has no
+#                 desktop entry of its own
+
 function(utilia_application target)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "NAME;IDENTIFIER;COMMENT;INFO;WITHIN" "SOURCES;LINK")
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "NAME;IDENTIFIER;COMMENT;INFO;WITHIN;LOCALIZATION;ICON"
+        "SOURCES;LINK;RESOURCES")
+    include(GNUInstallDirs)
     set(bundle "Applications/${arg_NAME}.app")
     if(arg_WITHIN)
         set(bundle "Applications/${arg_WITHIN}.app/Contents/Applications/${arg_NAME}.app")
     endif()
     set(contents "${CMAKE_BINARY_DIR}/${bundle}/Contents")
+    set(installed_contents "${CMAKE_INSTALL_LIBDIR}/korvane-utilia/${bundle}/Contents")
     add_executable(${target} ${arg_SOURCES})
-    target_link_libraries(${target} PRIVATE utilia_options UtiliaCommon ${arg_LINK})
     set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${contents}/Linux")
+    if(TARGET UtiliaCommon)
+        target_link_libraries(${target} PRIVATE utilia_options UtiliaCommon ${arg_LINK})
+        file(RELATIVE_PATH to_libraries "/${installed_contents}/Linux" "/${CMAKE_INSTALL_LIBDIR}")
+        set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libraries}")
+    else()
+        target_link_libraries(${target} PRIVATE UtiliaCommon::UtiliaCommon ${arg_LINK})
+        set_target_properties(${target} PROPERTIES INSTALL_RPATH_USE_LINK_PATH ON)
+    endif()
 
     set(UTILIA_NAME "${arg_NAME}")
     set(UTILIA_IDENTIFIER "${arg_IDENTIFIER}")
@@ -25,23 +42,59 @@ function(utilia_application target)
     set(UTILIA_PROGRAM "${target}")
     set(UTILIA_PROGRAM_PATH "${contents}/Linux/${target}")
     set(UTILIA_INFO "${arg_INFO}")
-    configure_file("${PROJECT_SOURCE_DIR}/Applications/Info.plist.in" "${contents}/Info.plist" @ONLY)
-
-    set(installed_contents "${CMAKE_INSTALL_LIBDIR}/korvane-utilia/${bundle}/Contents")
-    file(RELATIVE_PATH to_libraries "/${installed_contents}/Linux" "/${CMAKE_INSTALL_LIBDIR}")
-    set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libraries}")
+    set(UTILIA_VERSION "${PROJECT_VERSION}")
+    configure_file("${CMAKE_CURRENT_FUNCTION_LIST_DIR}/ApplicationInfo.plist.in" "${contents}/Info.plist" @ONLY)
     install(TARGETS ${target} RUNTIME DESTINATION "${installed_contents}/Linux")
     install(FILES "${contents}/Info.plist" DESTINATION "${installed_contents}")
+
+    foreach(resource IN LISTS arg_RESOURCES arg_ICON)
+        get_filename_component(name "${resource}" NAME)
+        configure_file("${resource}" "${contents}/Resources/${name}" COPYONLY)
+        install(FILES "${contents}/Resources/${name}" DESTINATION "${installed_contents}/Resources")
+    endforeach()
+    if(arg_LOCALIZATION)
+        utilia_application_texts(${target} "${contents}" "${installed_contents}" "${arg_LOCALIZATION}")
+    endif()
     if(arg_WITHIN)
         return()
     endif()
-    configure_file("${PROJECT_SOURCE_DIR}/Applications/application.desktop.in"
-        "${CMAKE_BINARY_DIR}/share/applications/${arg_IDENTIFIER}.desktop" @ONLY)
+
+    set(entry "${arg_IDENTIFIER}.desktop")
+    set(UTILIA_ICON "")
+    set(installed_icon "")
+    if(arg_ICON)
+        get_filename_component(icon "${arg_ICON}" NAME)
+        set(UTILIA_ICON "Icon=${contents}/Resources/${icon}\n")
+        set(installed_icon "Icon=\${CMAKE_INSTALL_PREFIX}/${installed_contents}/Resources/${icon}\\n")
+    endif()
+    configure_file("${CMAKE_CURRENT_FUNCTION_LIST_DIR}/Application.desktop.in"
+        "${CMAKE_BINARY_DIR}/share/applications/${entry}" @ONLY)
     # Configured when it is installed, so that it names the prefix that `cmake --install --prefix` gives.
     install(CODE "
         set(UTILIA_NAME \"${arg_NAME}\")
         set(UTILIA_COMMENT \"${arg_COMMENT}\")
         set(UTILIA_PROGRAM_PATH \"\${CMAKE_INSTALL_PREFIX}/${installed_contents}/Linux/${target}\")
-        configure_file(\"${PROJECT_SOURCE_DIR}/Applications/application.desktop.in\"
-            \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/applications/${arg_IDENTIFIER}.desktop\" @ONLY)")
+        set(UTILIA_ICON \"${installed_icon}\")
+        configure_file(\"${CMAKE_CURRENT_FUNCTION_LIST_DIR}/Application.desktop.in\"
+            \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/applications/${entry}\" @ONLY)")
+endfunction()
+
+# Compiles FOLDER/LANGUAGE.po into the bundle's Resources/LANGUAGE.lproj/Localizable.mo.
+function(utilia_application_texts target contents installed_contents folder)
+    find_program(UTILIA_MSGFMT msgfmt REQUIRED)
+    get_filename_component(folder "${folder}" ABSOLUTE)
+    file(GLOB sources CONFIGURE_DEPENDS "${folder}/*.po")
+    set(catalogues "")
+    foreach(source IN LISTS sources)
+        get_filename_component(language "${source}" NAME_WE)
+        set(catalogue "${contents}/Resources/${language}.lproj/Localizable.mo")
+        file(MAKE_DIRECTORY "${contents}/Resources/${language}.lproj")
+        add_custom_command(OUTPUT "${catalogue}"
+            COMMAND "${UTILIA_MSGFMT}" --check "--output-file=${catalogue}" "${source}"
+            DEPENDS "${source}" VERBATIM)
+        list(APPEND catalogues "${catalogue}")
+        install(FILES "${catalogue}" DESTINATION "${installed_contents}/Resources/${language}.lproj")
+    endforeach()
+    add_custom_target(${target}_texts ALL DEPENDS ${catalogues})
+    add_dependencies(${target} ${target}_texts)
 endfunction()

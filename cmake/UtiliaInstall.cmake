@@ -21,7 +21,10 @@ configure_package_config_file("${PROJECT_SOURCE_DIR}/cmake/UtiliaCommonConfig.cm
 write_basic_package_version_file("${PROJECT_BINARY_DIR}/cmake/UtiliaCommonConfigVersion.cmake"
     COMPATIBILITY SameMinorVersion)
 install(FILES "${PROJECT_BINARY_DIR}/cmake/UtiliaCommonConfig.cmake"
-    "${PROJECT_BINARY_DIR}/cmake/UtiliaCommonConfigVersion.cmake" DESTINATION "${utilia_package_dir}")
+    "${PROJECT_BINARY_DIR}/cmake/UtiliaCommonConfigVersion.cmake"
+    "${PROJECT_SOURCE_DIR}/cmake/UtiliaApplication.cmake"
+    "${PROJECT_SOURCE_DIR}/cmake/ApplicationInfo.plist.in"
+    "${PROJECT_SOURCE_DIR}/cmake/Application.desktop.in" DESTINATION "${utilia_package_dir}")
 
 # Configured when it is installed, so that it names the prefix that `cmake --install --prefix` gives.
 install(CODE "
