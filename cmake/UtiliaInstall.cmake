@@ -9,6 +9,14 @@ target_include_directories(UtiliaCommon INTERFACE "$<INSTALL_INTERFACE:${utilia_
 install(TARGETS UtiliaCommon EXPORT UtiliaCommonTargets
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 install(TARGETS utiliactl RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+set(UTILIA_ZSH_COMPLETIONS_DIR "${CMAKE_INSTALL_DATADIR}/zsh/site-functions"
+    CACHE STRING "Where zsh looks for completions, seen from the prefix")
+install(FILES "${UTILIA_DOCUMENTS}/man/man1/utiliactl.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+install(FILES "${UTILIA_DOCUMENTS}/bash-completion/completions/utiliactl"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions")
+install(FILES "${UTILIA_DOCUMENTS}/zsh/site-functions/_utiliactl" DESTINATION "${UTILIA_ZSH_COMPLETIONS_DIR}")
+install(FILES "${UTILIA_DOCUMENTS}/fish/vendor_completions.d/utiliactl.fish"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d")
 foreach(module IN ITEMS utilia_foundation utilia_logging utilia_platform utilia_framework)
     install(TARGETS ${module} FILE_SET HEADERS DESTINATION "${utilia_include_dir}")
 endforeach()

@@ -85,9 +85,11 @@ CLI::App* DescriptionsCommand::declare(CLI::App& program) {
     addVersion(save);
     CLI::Option_group* const source = save->add_option_group("Texts");
     source->add_option("--language", texts_, "LANGUAGE=TEXT, such as en=Faster; may be repeated")
+        ->type_name("LANGUAGE=TEXT")
         ->check(refuseLanguageAndText)
         ->take_all();
     source->add_option("--json", file_, "A file with an object of languages and texts; - is stdin")
+        ->type_name("FILE")
         ->check(refuseEmpty);
     source->require_option(1);
     save->callback([this] { chosen_ = &DescriptionsCommand::save; });
