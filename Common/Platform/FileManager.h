@@ -126,6 +126,9 @@ public:
     // links at the path itself and everything but regular files, and never waits for the other end of a pipe. Cocoa
     // errors.
     static Result<void> writeInPlace(std::string_view path, std::span<const std::uint8_t> bytes);
+    // The same for what a user saves where he likes: links are followed, and a file that was not there before is removed
+    // again when it cannot be written whole.
+    static Result<void> writeToFile(std::string_view path, std::span<const std::uint8_t> bytes);
 
     struct ExtendedAttribute {
         std::string name;

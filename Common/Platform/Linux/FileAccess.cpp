@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -16,12 +20,16 @@
 namespace utilia::platform {
 namespace {
 
-UniqueFd openUninterrupted(const std::string& path, int flags) {
+UniqueFd openFollowing(const std::string& path, int flags) {
     int descriptor;
     do {
-        descriptor = open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, 0666);
+        descriptor = open(path.c_str(), flags | O_CLOEXEC, 0666);
     } while (descriptor < 0 && errno == EINTR);
     return UniqueFd(descriptor);
+}
+
+UniqueFd openUninterrupted(const std::string& path, int flags) {
+    return openFollowing(path, flags | O_NOFOLLOW);
 }
 
 // A descriptor that was opened without a right to the content has its mode changed by its name in
@@ -91,18 +99,70 @@ Result<void> renameWithoutReplacement(const std::string& path, const std::string
     return Error::posix(errno, "rename", errno == EEXIST ? newPath : path);
 }
 
-Result<void> overwriteFile(const std::string& path, std::span<const std::uint8_t> bytes) {
-    UniqueFd file = openUninterrupted(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY);
-    // A pipe that nobody reads, or a socket.
-    if (!file) return Error::posix(errno == ENXIO ? EACCES : errno, "open", path);
+namespace {
+
+// Puts the bytes in the place of what is in the file.
+Result<void> overwrite(UniqueFd& file, std::span<const std::uint8_t> bytes,
+                       const std::string& path) {
     struct stat found {};
     if (fstat(file.get(), &found) != 0) return Error::posix(errno, "stat", path);
     if (!S_ISREG(found.st_mode)) return Error::posix(EACCES, "write", path);
     if (ftruncate(file.get(), 0) != 0) return Error::posix(errno, "truncate", path);
-    if (auto written = writeAll(file, bytes, path); !written) return written;
-    // Some file systems know only now that there is no room.
+    return writeAll(file, bytes, path);
+}
+
+// Some file systems know only when a file is closed that there is no room for it.
+Result<void> closeWritten(UniqueFd file, const std::string& path) {
     if (close(file.release()) != 0 && errno != EINTR) return Error::posix(errno, "close", path);
     return {};
+}
+
+// A pipe that nobody reads, or a socket, is no file to write to.
+Error openError(const std::string& path) {
+    return Error::posix(errno == ENXIO ? EACCES : errno, "open", path);
+}
+
+constexpr int kWriting = O_WRONLY | O_NONBLOCK | O_NOCTTY;
+
+// Removes a file that this process made, unless another one has its name by now. A link that leads
+// to it stays.
+void removeMade(const std::optional<struct stat>& made, const std::string& path) {
+    struct stat found {};
+    const bool isSame = !made || (stat(path.c_str(), &found) == 0 && found.st_dev == made->st_dev &&
+                                  found.st_ino == made->st_ino);
+    if (!isSame) return;
+    const std::unique_ptr<char, void (*)(void*)> real(realpath(path.c_str(), nullptr), std::free);
+    if (real) unlink(real.get());
+}
+
+}  // namespace
+
+Result<void> overwriteFile(const std::string& path, std::span<const std::uint8_t> bytes) {
+    UniqueFd file = openUninterrupted(path, kWriting | O_CREAT);
+    if (!file) return openError(path);
+    if (auto written = overwrite(file, bytes, path); !written) return written;
+    return closeWritten(std::move(file), path);
+}
+
+// A link that leads nowhere is there for O_EXCL, but the file is not.
+Result<void> saveFile(const std::string& path, std::span<const std::uint8_t> bytes) {
+    UniqueFd file = openFollowing(path, kWriting | O_CREAT | O_EXCL);
+    bool isNew = static_cast<bool>(file);
+    if (!file && errno == EEXIST) {
+        file = openFollowing(path, kWriting);
+        if (!file && errno == ENOENT) {
+            file = openFollowing(path, kWriting | O_CREAT);
+            isNew = static_cast<bool>(file);
+        }
+    }
+    if (!file) return openError(path);
+    std::optional<struct stat> made(std::in_place);
+    if (fstat(file.get(), &*made) != 0) made.reset();
+    auto written = overwrite(file, bytes, path);
+    auto closed = closeWritten(std::move(file), path);
+    if (written) written = std::move(closed);
+    if (!written && isNew) removeMade(made, path);
+    return written;
 }
 
 std::optional<gid_t> groupId(const std::string& name) {

@@ -280,6 +280,11 @@ Result<void> FileManager::writeInPlace(std::string_view path, std::span<const st
                           [&] { return overwriteFile(std::string(path), bytes); });
 }
 
+Result<void> FileManager::writeToFile(std::string_view path, std::span<const std::uint8_t> bytes) {
+    return withCocoaError(Error::FileAccess::Writing, "write", path,
+                          [&] { return saveFile(std::string(path), bytes); });
+}
+
 Result<void> FileManager::writeAtomically(std::string_view path,
                                           std::span<const std::uint8_t> bytes,
                                           std::span<const ExtendedAttribute> attributes) {
