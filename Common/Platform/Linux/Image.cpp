@@ -229,25 +229,45 @@ bool Image::addRepresentation(BitmapImageRep bitmap) {
 
 namespace {
 
+std::uint64_t areaOf(const std::pair<std::uint32_t, std::uint32_t>& sides) {
+    return std::uint64_t{sides.first} * sides.second;
+}
+
+template <class Representation>
+std::pair<std::uint32_t, std::uint32_t> sidesOf(const Representation& representation) {
+    return std::visit(
+        [](const auto& picture) {
+            if constexpr (requires { picture->pixelsWide; })
+                return std::pair(picture->pixelsWide, picture->pixelsHigh);
+            else
+                return std::pair(picture.pixelsWide, picture.pixelsHigh);
+        },
+        representation);
+}
+
+// The place of the largest one, of equal ones the first; 0 without any.
 template <class Representations>
-std::pair<std::uint32_t, std::uint32_t> largestSides(const Representations& representations) {
-    std::pair<std::uint32_t, std::uint32_t> largest{0, 0};
-    for (const auto& one : representations) {
-        const auto sides = std::visit(
-            [](const auto& picture) {
-                if constexpr (requires { picture->pixelsWide; })
-                    return std::pair(picture->pixelsWide, picture->pixelsHigh);
-                else
-                    return std::pair(picture.pixelsWide, picture.pixelsHigh);
-            },
-            one);
-        const auto area = [](const auto& pair) { return std::uint64_t{pair.first} * pair.second; };
-        if (area(sides) > area(largest)) largest = sides;
+std::size_t largestOf(const Representations& representations) {
+    std::size_t largest = 0;
+    for (std::size_t i = 1; i < representations.size(); ++i) {
+        if (areaOf(sidesOf(representations[i])) > areaOf(sidesOf(representations[largest])))
+            largest = i;
     }
     return largest;
 }
 
+template <class Representations>
+std::pair<std::uint32_t, std::uint32_t> largestSides(const Representations& representations) {
+    if (representations.empty()) return {0, 0};
+    return sidesOf(representations[largestOf(representations)]);
+}
+
 }  // namespace
+
+Result<std::shared_ptr<const BitmapImageRep>> Image::CGImage() {
+    implementation_->load();
+    return bitmap(largestOf(implementation_->representations));
+}
 
 std::uint32_t Image::pixelsWide() {
     implementation_->load();

@@ -7,8 +7,10 @@
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Logging/Log.h"
 #include "Common/Logging/MemoryGuard.h"
+#include "Common/Platform/FileManager.h"
 #include "Common/Platform/LoginItems.h"
 #include "Common/Platform/Workspace.h"
+#include "Common/UtiliaCommon/Auxiliary/PDFPagesInternal.h"
 #include "Common/UtiliaCommon/LocalizedTexts.h"
 #include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
 #include "Common/UtiliaCommon/Resources/VersionManager.h"
@@ -23,6 +25,7 @@ using platform::LoginItems;
 constexpr std::string_view kWhat = "Login items";
 constexpr std::string_view kDescriptions = "Update descriptions";
 constexpr std::string_view kSuggestions = "Tool suggestions";
+constexpr std::string_view kExport = "Image export";
 
 struct List {
     LoginItems items;
@@ -56,6 +59,25 @@ bool isRunningTool(const Value& bundleIdentifier) {
     const std::string* const text = bundleIdentifier.string();
     return text &&
            !platform::RunningApplication::runningApplicationsWithBundleIdentifier(*text).empty();
+}
+
+// An export that its caller has ended is no failure.
+void logExportFailure(const Error& error) {
+    if (!error.is(UtiliaErrorCode::Cancelled)) KULogVariadic("%@: %@", kExport, error.description);
+}
+
+// What an export function made, as its caller gets it.
+std::optional<Data> exported(Result<Data> data) {
+    if (data) return *std::move(data);
+    logExportFailure(data.error());
+    return std::nullopt;
+}
+
+bool saved(const std::optional<Data>& data, std::string_view path) {
+    if (!data) return false;
+    const auto written = platform::FileManager::writeToFile(path, *data);
+    if (!written) logExportFailure(written.error());
+    return written.has_value();
 }
 
 }  // namespace
@@ -176,6 +198,25 @@ bool CommonAuxiliary::areToolsSuggestionsPaused() {
         });
     });
     return isPaused;
+}
+
+std::optional<Data>
+CommonAuxiliary::dataForImageAsPDF(const std::shared_ptr<platform::Image>& image,
+                                   std::uint64_t pageHeight,
+                                   const platform::ExportProgress& progress) {
+    return unlessOutOfMemory(kExport, [&]() -> std::optional<Data> {
+        if (!image) return std::nullopt;
+        auto picture = image->CGImage();
+        return exported(picture ? PDFPages(*picture, pageHeight, progress)
+                                : Result<Data>(std::move(picture).error()));
+    });
+}
+
+bool CommonAuxiliary::saveImageAsPDF(const std::shared_ptr<platform::Image>& image,
+                                     std::string_view toFile, std::uint64_t pageHeight,
+                                     const platform::ExportProgress& progress) {
+    return unlessOutOfMemory(
+        kExport, [&] { return saved(dataForImageAsPDF(image, pageHeight, progress), toFile); });
 }
 
 }  // namespace utilia

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -7,6 +9,8 @@
 #include "Common/Foundation/Export.h"
 #include "Common/Foundation/IndexPath.h"
 #include "Common/Foundation/Value.h"
+#include "Common/Platform/ExportProgress.h"
+#include "Common/Platform/Image.h"
 
 namespace utilia {
 
@@ -22,7 +26,13 @@ namespace utilia {
 // Pause of suggestions: the agent suggests no tools while one of those runs that have asked it not
 // to. A tool that ends without taking that back, however it ends, is forgotten by the next query.
 //
-// Threads: any; the update descriptions in the agent only the one that uses the standard user
+// Image export: what an image shows, as the content of a file that other programs read. Whatever is
+// wrong (no image, none that can be decoded, not enough memory) gives nothing, with one log line;
+// an end that progress asks for gives nothing without one. A file is written in place, links are
+// followed; one that was not there before is removed again when it cannot be written whole, one
+// that was there keeps what was written until then.
+//
+// Threads: any, an image one at a time; the update descriptions in the agent only the one that uses the standard user
 // defaults.
 class UTILIA_EXPORT CommonAuxiliary final {
 public:
@@ -52,6 +62,20 @@ public:
     void pauseToolsSuggestions(bool pause, std::string_view byTool);
     // Whether a tool that has asked for the pause runs. Those that do not run are forgotten.
     bool areToolsSuggestionsPaused();
+
+    // The image (its largest representation) as a PDF document, cut into pages of so many pixels
+    // from the top; 0 for one page. Every page has the same size, a pixel is a point, and the last
+    // one is blank below what is left for it. Nothing of a pixel is lost, transparency and colour
+    // profile included. The same image gives the same bytes.
+    //
+    // Takes, besides the pixels, the document and a few megabytes, and for as long as it works a
+    // thread for each processor, at most three besides the caller's.
+    std::optional<Data> dataForImageAsPDF(const std::shared_ptr<platform::Image>& image,
+                                          std::uint64_t pageHeight,
+                                          const platform::ExportProgress& progress = {});
+    // Answers whether the file is written.
+    bool saveImageAsPDF(const std::shared_ptr<platform::Image>& image, std::string_view toFile,
+                        std::uint64_t pageHeight, const platform::ExportProgress& progress = {});
 };
 
 // Keys of the agent's preferences and of the shared store. Contract: never rename.

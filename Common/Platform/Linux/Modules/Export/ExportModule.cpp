@@ -1,7 +1,9 @@
 #include "Common/Platform/Linux/Modules/Export/ExportModule.h"
 
+#include "Common/Platform/Linux/Modules/Export/ExportPDFTable.h"
+
 extern "C" __attribute__((visibility("default"))) const UtiliaExportModule utiliaExportModule;
 const UtiliaExportModule utiliaExportModule = {
     kUtiliaExportVersion,
-    nullptr,
+    &utilia::platform::pdf::kExportPDF,
 };
