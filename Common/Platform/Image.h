@@ -11,6 +11,7 @@
 #include "Common/Foundation/Export.h"
 #include "Common/Foundation/Result.h"
 #include "Common/Foundation/Value.h"
+#include "Common/Platform/ExportProgress.h"
 
 namespace utilia::platform {
 
@@ -18,6 +19,18 @@ namespace utilia::platform {
 inline constexpr std::uint32_t kImageMaximumSide = 1'000'000;      // pixels
 inline constexpr std::uint64_t kImageMaximumPixels = 200'000'000;  // of one representation
 inline constexpr std::size_t kImageMaximumRepresentations = 32;
+inline constexpr std::size_t kImageMaximumFileSize = 1u << 30;  // bytes
+
+// Contract: never renumber. The formats that a bitmap can be written in, as the original platform
+// numbers them.
+enum class BitmapImageFileType : std::uint32_t {
+    Tiff = 0,
+    Bmp = 1,
+    Gif = 2,
+    Jpeg = 3,
+    Png = 4,
+    Jpeg2000 = 5,
+};
 
 // Pixels of one representation: 8-bit RGBA rows from the top, not premultiplied, no padding.
 struct UTILIA_EXPORT BitmapImageRep {
@@ -31,22 +44,30 @@ struct UTILIA_EXPORT BitmapImageRep {
 // is a template (a mask that is shown in the surroundings' colour).
 //
 // TIFF is read (grey, palette and RGB of up to 16 bits, uncompressed or packed by PackBits, LZW or
-// Deflate) and written by a module that is loaded when content is first read or written. Where the
-// module is missing, what must be read is invalid and has no representations, and nothing can be
-// written, with one log line.
+// Deflate) and written by a module that is loaded when content is first read or written; BMP, GIF,
+// JPEG, PNG and JPEG 2000 by another one. Where a module is missing, what must be read is invalid
+// and has no representations, and nothing can be written, with one log line.
+// Documentation/Images.md says what of each format is read, and how it is written.
+//
+// More than 8 bits a sample are rounded to 8. What is damaged, cut off or beyond the limits is no
+// image; finding that out takes no more memory than the file is worth, see there.
 //
 // Threads: an image belongs to one thread at a time.
 class UTILIA_EXPORT Image final {
 public:
-    // One representation for each TIFF directory within the limits. Empty when the bytes are no
-    // image: no TIFF, more directories than the limit, or a first directory that is beyond the
-    // limits or cannot be decoded (what lies past 64 MiB of its pixels is only looked at when they
-    // are asked for). The template flag starts false.
+    // One representation for each TIFF directory within the limits, or for the first picture of
+    // another format. Empty when the bytes are no image: no format that is read, more directories
+    // than the limit, or a first picture that is beyond the limits or cannot be decoded (of TIFF,
+    // what lies past 64 MiB of its pixels is only looked at when they are asked for). The template
+    // flag starts false.
     static std::shared_ptr<Image> initWithData(std::span<const std::uint8_t> bytes);
     // Always an image: the file is opened when its content is first asked for. A name that ends in
     // "Template" before its extension sets the template flag.
     static std::shared_ptr<Image> initByReferencingFile(std::string_view path);
-    // Takes the pixels as they are; empty when their size does not fit the sides, or the sides are
+    // The same, but reads the file now and tells why it cannot be: the file's own error, Refused
+    // with the reason when it holds no image that is read, Unavailable without the module.
+    static Result<std::shared_ptr<Image>> imageWithContentsOfFile(std::string_view path);
+    // Takes the pixels as they are, without a profile that does not describe RGB; empty when their size does not fit the sides, or the sides are
     // 0 or beyond the limits.
     static std::shared_ptr<Image> initWithBitmap(BitmapImageRep bitmap);
 
@@ -78,6 +99,13 @@ public:
     // Empty when there is none. The same bytes until a representation is added; of an image that
     // was read, the bytes it was read from.
     std::optional<Data> TIFFRepresentation();
+
+    // One representation as the content of a file, with its colour profile where the format can
+    // carry one. Fails as representation() does, with Refused when the format cannot hold the
+    // picture (JPEG: 65,500 pixels a side; GIF: 65,535; BMP: 2 GiB), or for want of memory, with
+    // Unavailable without the module, and with Cancelled when progress wants no more.
+    Result<Data> representationUsingType(std::size_t index, BitmapImageFileType type,
+                                         const ExportProgress& progress = {});
 
 private:
     struct Implementation;

@@ -19,7 +19,7 @@ Result<const UtiliaExportModule*> exportModule();
 //
 //     ExportSink sink(progress);
 //     if (!module->make(…, sink.table(), sink.reason())) return sink.error("make a picture");
-//     return sink.finish();
+//     return sink.finish("make a picture");
 class ExportSink final {
 public:
     // `progress` may be empty, and must stay.
@@ -30,6 +30,9 @@ public:
     const UtiliaExportSink* table() const { return &table_; }
     // A buffer of kUtiliaExportReasonSize bytes.
     char* reason() { return reason_.data(); }
+
+    // Tells progress that nothing is done yet. Answers false when that cancels.
+    bool begin() { return goesOn(0); }
 
     // Why the module gave up: UtiliaErrorCode::Cancelled when progress wanted that, else Refused
     // with the module's reason or for want of memory.

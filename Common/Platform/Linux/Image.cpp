@@ -1,8 +1,6 @@
 #include "Common/Platform/Image.h"
 
 #include <algorithm>
-#include <array>
-#include <new>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -10,11 +8,11 @@
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Logging/Log.h"
 #include "Common/Platform/FileManager.h"
-#include "Common/Platform/Linux/ModuleLoader.h"
-#include "Common/Platform/Linux/Modules/Icons/IconsModule.h"
+#include "Common/Platform/Linux/ImageCodecs.h"
 
 // An image keeps what it was made from: TIFF bytes, of which only the directories are known until
-// pixels are asked for, and bitmaps, which were handed in. Bytes that nobody added to are their own
+// pixels are asked for, and bitmaps, which were handed in. Of every other format it keeps the
+// pixels, decoded at once: that tells whether there is an image at all. Bytes that nobody added to are their own
 // TIFF representation, so what was read goes out again exactly as it came, at the cost of a copy.
 // With a bitmap added to them, every directory is decoded and written anew with the compression it
 // had.
@@ -22,31 +20,7 @@
 namespace utilia::platform {
 namespace {
 
-// As much as a message can carry; a larger file is no icon.
-constexpr std::size_t kMaximumFileSize = 64u << 20;
 constexpr std::string_view kTemplateSuffix = "Template";
-
-const UtiliaIconsModule* loadCodec() {
-    const auto module =
-        moduleTable<UtiliaIconsModule>("Icons", kUtiliaIconsSymbol, kUtiliaIconsVersion);
-    if (module) return *module;
-    KULogVariadic("Images cannot be used: %s", module.error().description);
-    return nullptr;
-}
-
-// The Icons module, loaded on the first ask; null, with one log line per process, when there is
-// none.
-const UtiliaIconsModule* codec() {
-    static const UtiliaIconsModule* const module = loadCodec();
-    return module;
-}
-
-bool isWithinLimits(const BitmapImageRep& bitmap) {
-    const std::uint64_t pixels = std::uint64_t{bitmap.pixelsWide} * bitmap.pixelsHigh;
-    return pixels > 0 && bitmap.pixelsWide <= kImageMaximumSide &&
-           bitmap.pixelsHigh <= kImageMaximumSide && pixels <= kImageMaximumPixels &&
-           bitmap.rgba.size() == pixels * 4;
-}
 
 bool isTemplateName(std::string_view path) {
     return stringByDeletingPathExtension(lastPathComponent(path)).ends_with(kTemplateSuffix);
@@ -64,28 +38,45 @@ struct Image::Implementation {
     std::optional<Data> encoded;  // what TIFFRepresentation answered
     bool isTemplate = false;
 
-    // Takes bytes whose first directory can be decoded; answers false, and stays as it is, for any
+    // Takes bytes of which a first picture can be decoded; fails, and stays as it is, for any
     // others.
-    bool read(Data bytes) {
-        const UtiliaIconsModule* module = codec();
-        if (!module) return false;
-        std::array<UtiliaIconsDirectory, kImageMaximumRepresentations> directories{};
-        const std::size_t count =
-            module->list(bytes.data(), bytes.size(), directories.data(), directories.size());
-        if (count == 0) return false;
+    Result<void> read(std::span<const std::uint8_t> bytes) {
+        if (isTIFF(bytes)) return readTIFF(Data(bytes.begin(), bytes.end()));
+        auto bitmap = decodeBitmap(bytes);
+        if (!bitmap) return std::move(bitmap).error();
+        representations.emplace_back(std::make_shared<const BitmapImageRep>(*std::move(bitmap)));
+        return {};
+    }
+
+    Result<void> read(Data bytes) {
+        if (isTIFF(bytes)) return readTIFF(std::move(bytes));
+        return read(std::span<const std::uint8_t>(bytes));
+    }
+
+    Result<void> readTIFF(Data bytes) {
+        const auto directories = directoriesOfTIFF(bytes);
+        if (directories.empty()) {
+            return Error::utilia(UtiliaErrorCode::Refused,
+                                 "decode image: no TIFF picture that can be read");
+        }
         source = std::move(bytes);
-        representations.assign(directories.begin(),
-                               directories.begin() + static_cast<std::ptrdiff_t>(count));
-        return true;
+        representations.assign(directories.begin(), directories.end());
+        return {};
     }
 
     // Opens the file of an image that refers to one. A file that cannot be used leaves an image
     // without content.
     void load() {
         if (unreadPath.empty()) return;
-        const std::string path = std::exchange(unreadPath, {});
-        auto bytes = FileManager::contentsAtPath(path, kMaximumFileSize);
-        if (bytes) read(*std::move(bytes));
+        static_cast<void>(readFile(std::exchange(unreadPath, {})));
+    }
+
+    Result<void> readFile(const std::string& path) {
+        auto bytes = FileManager::contentsAtPath(path, kImageMaximumFileSize);
+        if (!bytes) return std::move(bytes).error();
+        auto done = read(*std::move(bytes));
+        if (!done) return done.error().withContext(path);
+        return done;
     }
 
     Result<const Representation*> find(std::size_t index) {
@@ -95,20 +86,8 @@ struct Image::Implementation {
                              "representation " + std::to_string(index) + " of an image");
     }
 
-    Result<BitmapImageRep> decode(const UtiliaIconsDirectory& directory) const try {
-        BitmapImageRep bitmap;
-        bitmap.pixelsWide = directory.pixelsWide;
-        bitmap.pixelsHigh = directory.pixelsHigh;
-        bitmap.rgba.resize(std::size_t{directory.pixelsWide} * directory.pixelsHigh * 4);
-        std::array<char, kUtiliaIconsReasonSize> reason{};
-        if (!codec()->decode(source.data(), source.size(), directory.number, bitmap.rgba.data(),
-                             bitmap.rgba.size(), reason.data())) {
-            return Error::utilia(UtiliaErrorCode::Refused,
-                                 "decode image: " + std::string(reason.data()));
-        }
-        return bitmap;
-    } catch (const std::bad_alloc&) {
-        return Error::utilia(UtiliaErrorCode::Refused, "decode image: not enough memory");
+    Result<BitmapImageRep> decode(const UtiliaIconsDirectory& directory) const {
+        return decodeTIFF(source, directory);
     }
 
     bool isAsRead() const {
@@ -121,16 +100,12 @@ struct Image::Implementation {
 
     // Every representation as a bitmap to write. A directory that is damaged is left out, with a
     // log line; what was decoded is kept in `decoded`.
-    std::vector<UtiliaIconsBitmap> bitmapsToWrite(std::vector<BitmapImageRep>& decoded) const {
-        std::vector<UtiliaIconsBitmap> bitmaps;
+    std::vector<BitmapToWrite> bitmapsToWrite(std::vector<BitmapImageRep>& decoded) const {
+        std::vector<BitmapToWrite> bitmaps;
         decoded.reserve(representations.size());
-        const auto add = [&bitmaps](const BitmapImageRep& bitmap, std::uint32_t compression) {
-            bitmaps.push_back(
-                {bitmap.rgba.data(), bitmap.pixelsWide, bitmap.pixelsHigh, compression});
-        };
         for (const Representation& one : representations) {
             if (const auto* held = std::get_if<SharedBitmap>(&one)) {
-                add(**held, UtiliaIconsUncompressed);
+                bitmaps.push_back({held->get()});
                 continue;
             }
             const auto& directory = std::get<UtiliaIconsDirectory>(one);
@@ -141,26 +116,29 @@ struct Image::Implementation {
                 continue;
             }
             decoded.push_back(*std::move(bitmap));
-            add(decoded.back(), directory.compression);
+            bitmaps.push_back({&decoded.back(), directory.compression});
         }
         return bitmaps;
     }
 
     std::optional<Data> encode() const {
-        const UtiliaIconsModule* module = codec();
-        if (!module) return std::nullopt;
         std::vector<BitmapImageRep> decoded;
         const auto bitmaps = bitmapsToWrite(decoded);
         if (bitmaps.empty()) return std::nullopt;
-        std::size_t size = 0;
-        std::array<char, kUtiliaIconsReasonSize> reason{};
-        const std::unique_ptr<std::uint8_t, void (*)(std::uint8_t*)> bytes(
-            module->encode(bitmaps.data(), bitmaps.size(), &size, reason.data()), module->release);
-        if (!bytes) {
-            KULogVariadic("An image cannot be encoded: %s", std::string_view(reason.data()));
-            return std::nullopt;
-        }
-        return Data(bytes.get(), bytes.get() + size);
+        auto bytes = encodeTIFF(bitmaps);
+        if (bytes) return *std::move(bytes);
+        // That there is no module was logged when it was looked for.
+        if (!bytes.error().is(UtiliaErrorCode::Unavailable))
+            KULogVariadic("An image cannot be encoded: %s", bytes.error().description);
+        return std::nullopt;
+    }
+
+    // Keeps a bitmap that was handed in.
+    bool add(BitmapImageRep bitmap) {
+        if (!isWithinLimits(bitmap)) return false;
+        if (!describesRGB(bitmap.colourProfile)) bitmap.colourProfile.clear();
+        representations.emplace_back(std::make_shared<const BitmapImageRep>(std::move(bitmap)));
+        return true;
     }
 };
 
@@ -171,7 +149,7 @@ Image::~Image() = default;
 
 std::shared_ptr<Image> Image::initWithData(std::span<const std::uint8_t> bytes) {
     auto implementation = std::make_unique<Implementation>();
-    if (!implementation->read(Data(bytes.begin(), bytes.end()))) return nullptr;
+    if (!implementation->read(bytes)) return nullptr;
     return std::shared_ptr<Image>(new Image(std::move(implementation)));
 }
 
@@ -182,11 +160,17 @@ std::shared_ptr<Image> Image::initByReferencingFile(std::string_view path) {
     return std::shared_ptr<Image>(new Image(std::move(implementation)));
 }
 
-std::shared_ptr<Image> Image::initWithBitmap(BitmapImageRep bitmap) {
-    if (!isWithinLimits(bitmap)) return nullptr;
+Result<std::shared_ptr<Image>> Image::imageWithContentsOfFile(std::string_view path) {
     auto implementation = std::make_unique<Implementation>();
-    implementation->representations.emplace_back(
-        std::make_shared<const BitmapImageRep>(std::move(bitmap)));
+    implementation->isTemplate = isTemplateName(path);
+    if (auto done = implementation->readFile(std::string(path)); !done)
+        return std::move(done).error();
+    return std::shared_ptr<Image>(new Image(std::move(implementation)));
+}
+
+std::shared_ptr<Image> Image::initWithBitmap(BitmapImageRep bitmap) {
+    auto implementation = std::make_unique<Implementation>();
+    if (!implementation->add(std::move(bitmap))) return nullptr;
     return std::shared_ptr<Image>(new Image(std::move(implementation)));
 }
 
@@ -219,12 +203,18 @@ Result<std::shared_ptr<const BitmapImageRep>> Image::bitmap(std::size_t index) {
 }
 
 bool Image::addRepresentation(BitmapImageRep bitmap) {
-    if (!isWithinLimits(bitmap) || representationCount() >= kImageMaximumRepresentations)
+    if (representationCount() >= kImageMaximumRepresentations ||
+        !implementation_->add(std::move(bitmap)))
         return false;
-    implementation_->representations.emplace_back(
-        std::make_shared<const BitmapImageRep>(std::move(bitmap)));
     implementation_->encoded.reset();
     return true;
+}
+
+Result<Data> Image::representationUsingType(std::size_t index, BitmapImageFileType type,
+                                            const ExportProgress& progress) {
+    const auto shared = bitmap(index);
+    if (!shared) return shared.error();
+    return encodeBitmap(**shared, type, progress);
 }
 
 namespace {

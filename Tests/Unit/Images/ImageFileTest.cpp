@@ -94,7 +94,7 @@ TEST_F(ImageFile, ThatIsTooLargeIsAnImageWithoutContent) {
     write(icon());
     std::filesystem::resize_file(path(), 64u << 20);
     EXPECT_TRUE(Image::initByReferencingFile(path())->isValid());
-    std::filesystem::resize_file(path(), (64u << 20) + 1);
+    std::filesystem::resize_file(path(), kImageMaximumFileSize + 1);
     expectNoContent(*Image::initByReferencingFile(path()));
 }
 

@@ -137,7 +137,7 @@ TEST_F(ModuleInAnotherPlace, WithAModuleOfAnotherVersionThereAreNoImages) {
     fs::create_directories(modules());
     fs::copy_file(UTILIA_FOREIGN_MODULE, modules() / "Icons.so");
     EXPECT_EQ(expectImagesToBeUnusable("symbol"),
-              "Images cannot be used: module Icons: version 999 instead of 1");
+              "Images cannot be used: module Icons: version 999 instead of 2");
 }
 
 }  // namespace

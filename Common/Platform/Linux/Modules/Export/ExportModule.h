@@ -37,10 +37,12 @@ struct UtiliaExportPixels {
     std::size_t colourProfileSize;
 };
 
-struct UtiliaExportPDF;  // ExportPDF.h
+struct UtiliaExportBitmaps;  // ExportBitmaps.h
+struct UtiliaExportPDF;      // ExportPDF.h
 
 struct UtiliaExportModule {
     std::uint32_t version;  // kUtiliaExportVersion; the rest is only read when it matches
+    const UtiliaExportBitmaps* bitmaps;
     const UtiliaExportPDF* pdf;
 };
 

@@ -20,8 +20,9 @@ std::size_t list(const std::uint8_t* bytes, std::size_t size, UtiliaIconsDirecto
 }
 
 bool decode(const std::uint8_t* bytes, std::size_t size, std::uint32_t number, std::uint8_t* rgba,
-            std::size_t rgbaSize, char* reason) noexcept try {
-    return decodeDirectory({bytes, size}, number, {rgba, rgbaSize}, Reason(reason));
+            std::size_t rgbaSize, const UtiliaIconsProfileTaker* profile, char* reason) noexcept
+    try {
+    return decodeDirectory({bytes, size}, number, {rgba, rgbaSize}, *profile, Reason(reason));
 } catch (const std::bad_alloc&) {
     Reason(reason).set("not enough memory");
     return false;

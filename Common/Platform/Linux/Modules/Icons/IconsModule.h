@@ -10,7 +10,7 @@
 
 extern "C" {
 
-inline constexpr std::uint32_t kUtiliaIconsVersion = 1;
+inline constexpr std::uint32_t kUtiliaIconsVersion = 2;
 inline constexpr const char* kUtiliaIconsSymbol = "utiliaIconsModule";
 inline constexpr std::size_t kUtiliaIconsReasonSize = 256;
 
@@ -35,7 +35,16 @@ struct UtiliaIconsBitmap {
     const std::uint8_t* rgba;
     std::uint32_t pixelsWide;
     std::uint32_t pixelsHigh;
-    std::uint32_t compression;  // UtiliaIconsCompression
+    std::uint32_t compression;          // UtiliaIconsCompression
+    const std::uint8_t* colourProfile;  // ICC; null for none
+    std::size_t colourProfileSize;
+};
+
+// Takes the ICC profile of a picture that has one; the bytes are gone afterwards. Answers false to
+// give up.
+struct UtiliaIconsProfileTaker {
+    void* context;
+    bool (*take)(void* context, const std::uint8_t* bytes, std::size_t size);
 };
 
 struct UtiliaIconsModule {
@@ -51,7 +60,8 @@ struct UtiliaIconsModule {
     // whether it could; else `reason` (kUtiliaIconsReasonSize bytes) says why, and the pixels are
     // not to be used.
     bool (*decode)(const std::uint8_t* bytes, std::size_t size, std::uint32_t number,
-                   std::uint8_t* rgba, std::size_t rgbaSize, char* reason);
+                   std::uint8_t* rgba, std::size_t rgbaSize, const UtiliaIconsProfileTaker* profile,
+                   char* reason);
 
     // Writes one directory for each bitmap. Answers null, and why, when it could not; else bytes
     // that the caller gives back to `release`.

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -16,14 +15,6 @@ namespace {
 constexpr tmsize_t kMaximumSingleAllocation = 64 << 20;
 
 }  // namespace
-
-void Reason::set(const char* text) {
-    if (buffer_ && !*buffer_) std::snprintf(buffer_, kUtiliaIconsReasonSize, "%s", text);
-}
-
-void Reason::setFormatted(const char* format, va_list arguments) {
-    if (buffer_ && !*buffer_) std::vsnprintf(buffer_, kUtiliaIconsReasonSize, format, arguments);
-}
 
 // What libtiff calls; the client data is the file itself.
 struct TiffFile::Callbacks {

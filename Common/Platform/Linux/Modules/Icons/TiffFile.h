@@ -8,23 +8,9 @@
 
 #include <tiffio.h>
 
-#include "Common/Platform/Linux/Modules/Icons/IconsModule.h"
+#include "Common/Platform/Linux/Modules/Reason.h"
 
 namespace utilia::platform::icons {
-
-// Where the reason of a failure goes: a buffer of kUtiliaIconsReasonSize bytes, or nowhere. The
-// first one stays.
-class Reason final {
-public:
-    explicit Reason(char* buffer) : buffer_(buffer) {
-        if (buffer_) *buffer_ = 0;
-    }
-    void set(const char* text);
-    void setFormatted(const char* format, va_list arguments);
-
-private:
-    char* buffer_;
-};
 
 // A TIFF file in memory, opened with libtiff for reading or for writing. What libtiff has to say
 // goes to the reason of this file alone: its process-wide handlers belong to the host, which may

@@ -6,6 +6,7 @@
 
 #include "Common/Platform/Image.h"
 #include "Common/Platform/Linux/Modules/Icons/PixelConversion.h"
+#include "Common/Platform/Linux/Modules/Orientation.h"
 
 // Reading TIFF from bytes that another process chose.
 //
@@ -41,12 +42,12 @@ struct Directory {
     std::uint32_t height = 0;
     std::uint32_t tileWidth = 0;  // 0: strips
     std::uint32_t tileHeight = 0;
-    std::uint16_t orientation = ORIENTATION_TOPLEFT;
+    Orientation orientation;
     UtiliaIconsCompression compression = UtiliaIconsUncompressed;
     bool separate = false;  // a plane for each sample
     PixelLayout layout;
 
-    bool swapsSides() const { return orientation >= ORIENTATION_LEFTTOP; }
+    bool swapsSides() const { return orientation.swapsSides(); }
 };
 
 template <class T>
@@ -191,9 +192,8 @@ std::optional<Directory> checkedDirectory(TIFF* tiff, std::uint64_t fileSize) {
                              PLANARCONFIG_SEPARATE;
     if (directory.separate && (layout->bits < 8 || layout->colour == ColourModel::Palette))
         return std::nullopt;
-    const auto orientation = field<std::uint16_t>(tiff, TIFFTAG_ORIENTATION, ORIENTATION_TOPLEFT);
-    if (orientation >= ORIENTATION_TOPLEFT && orientation <= ORIENTATION_LEFTBOT)
-        directory.orientation = orientation;
+    directory.orientation =
+        Orientation(field<std::uint16_t>(tiff, TIFFTAG_ORIENTATION, ORIENTATION_TOPLEFT));
 
     if (TIFFIsTiled(tiff)) {
         directory.tileWidth = field<std::uint32_t>(tiff, TIFFTAG_TILEWIDTH, 0);
@@ -296,26 +296,11 @@ bool readPixels(TIFF* tiff, const Directory& directory, std::uint8_t* rgba) {
     return true;
 }
 
-// Brings rows that a file keeps in another orientation to rows from the top, left to right.
-void orient(const Directory& directory, std::span<const std::uint8_t> from,
-            std::span<std::uint8_t> to) {
-    const std::uint16_t o = directory.orientation;
-    const bool mirrored = o == ORIENTATION_TOPRIGHT || o == ORIENTATION_BOTRIGHT ||
-                          o == ORIENTATION_RIGHTTOP || o == ORIENTATION_RIGHTBOT;
-    const bool upsideDown = o == ORIENTATION_BOTRIGHT || o == ORIENTATION_BOTLEFT ||
-                            o == ORIENTATION_RIGHTBOT || o == ORIENTATION_LEFTBOT;
-    const std::size_t wide = directory.swapsSides() ? directory.height : directory.width;
-    const std::size_t high = directory.swapsSides() ? directory.width : directory.height;
-    const std::uint8_t* pixel = from.data();
-    for (std::size_t row = 0; row < directory.height; ++row) {
-        for (std::size_t column = 0; column < directory.width; ++column, pixel += 4) {
-            std::size_t x = directory.swapsSides() ? row : column;
-            std::size_t y = directory.swapsSides() ? column : row;
-            if (mirrored) x = wide - 1 - x;
-            if (upsideDown) y = high - 1 - y;
-            std::copy_n(pixel, 4, to.data() + (y * wide + x) * 4);
-        }
-    }
+bool passProfileOn(TIFF* tiff, const UtiliaIconsProfileTaker& profile) {
+    std::uint32_t size = 0;
+    const std::uint8_t* bytes = nullptr;
+    if (!TIFFGetField(tiff, TIFFTAG_ICCPROFILE, &size, &bytes) || !bytes || size == 0) return true;
+    return profile.take(profile.context, bytes, size);
 }
 
 }  // namespace
@@ -342,7 +327,8 @@ std::size_t listDirectories(std::span<const std::uint8_t> bytes,
 }
 
 bool decodeDirectory(std::span<const std::uint8_t> bytes, std::uint32_t number,
-                     std::span<std::uint8_t> rgba, Reason reason) {
+                     std::span<std::uint8_t> rgba, const UtiliaIconsProfileTaker& profile,
+                     Reason reason) {
     TiffFile file(bytes, reason);
     TIFF* tiff = file.tiff();
     const auto directory = tiff && TIFFSetDirectory(tiff, number)
@@ -352,13 +338,18 @@ bool decodeDirectory(std::span<const std::uint8_t> bytes, std::uint32_t number,
         file.reason().set("no such picture");
         return false;
     }
-    const bool inPlace = directory->orientation == ORIENTATION_TOPLEFT;
+    if (!passProfileOn(tiff, profile)) return file.reason().refuse("not enough memory");
+    const bool inPlace = directory->orientation.isUpright();
     std::vector<std::uint8_t> stored(inPlace ? 0 : rgba.size());
     if (!readPixels(tiff, *directory, inPlace ? rgba.data() : stored.data())) {
         file.reason().set("damaged pixels");
         return false;
     }
-    if (!inPlace) orient(*directory, stored, rgba);
+    if (inPlace) return true;
+    for (std::size_t y = 0; y < directory->height; ++y) {
+        directory->orientation.placeRow(stored.data() + y * directory->width * 4, y,
+                                        directory->width, directory->height, rgba.data());
+    }
     return true;
 }
 

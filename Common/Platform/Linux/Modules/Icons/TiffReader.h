@@ -15,6 +15,7 @@ std::size_t listDirectories(std::span<const std::uint8_t> bytes,
 
 // UtiliaIconsModule::decode. Throws std::bad_alloc.
 bool decodeDirectory(std::span<const std::uint8_t> bytes, std::uint32_t number,
-                     std::span<std::uint8_t> rgba, Reason reason);
+                     std::span<std::uint8_t> rgba, const UtiliaIconsProfileTaker& profile,
+                     Reason reason);
 
 }  // namespace utilia::platform::icons

@@ -44,6 +44,11 @@ bool setFields(TIFF* tiff, const UtiliaIconsBitmap& bitmap, std::uint32_t rowsPe
                 TIFFSetField(tiff, TIFFTAG_XRESOLUTION, kPixelsPerInch) &&
                 TIFFSetField(tiff, TIFFTAG_YRESOLUTION, kPixelsPerInch) &&
                 TIFFSetField(tiff, TIFFTAG_RESOLUTIONUNIT, RESUNIT_INCH);
+    if (bitmap.colourProfile) {
+        done = done && TIFFSetField(tiff, TIFFTAG_ICCPROFILE,
+                                    static_cast<std::uint32_t>(bitmap.colourProfileSize),
+                                    bitmap.colourProfile);
+    }
     if (compression == COMPRESSION_LZW || compression == COMPRESSION_ADOBE_DEFLATE) {
         done = done && TIFFSetField(tiff, TIFFTAG_PREDICTOR, PREDICTOR_HORIZONTAL);
     }
@@ -74,8 +79,8 @@ std::uint8_t* encodeBitmaps(std::span<const UtiliaIconsBitmap> bitmaps, std::siz
     std::size_t expected = kDirectoryBytes;
     for (const UtiliaIconsBitmap& bitmap : bitmaps) {
         const std::size_t bytes = std::size_t{bitmap.pixelsWide} * bitmap.pixelsHigh * 4;
-        expected +=
-            kDirectoryBytes + (bitmap.compression == UtiliaIconsUncompressed ? bytes : bytes / 4);
+        expected += kDirectoryBytes + bitmap.colourProfileSize +
+                    (bitmap.compression == UtiliaIconsUncompressed ? bytes : bytes / 4);
     }
     TiffFile file(expected, reason);
     if (!file.tiff()) return nullptr;

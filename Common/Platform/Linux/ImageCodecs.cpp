@@ -1,0 +1,185 @@
+#include "Common/Platform/Linux/ImageCodecs.h"
+
+#include <array>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "Common/Logging/Log.h"
+#include "Common/Platform/Linux/ExportModuleAccess.h"
+#include "Common/Platform/Linux/ModuleLoader.h"
+#include "Common/Platform/Linux/Modules/Export/ExportBitmaps.h"
+
+namespace utilia::platform {
+namespace {
+
+constexpr std::size_t kProfileHeader = 128;
+constexpr std::size_t kMaximumProfile = 4u << 20;
+
+// One line in the log of a process tells that a module is missing.
+template <class Table>
+const Table* orLogged(const Result<const Table*>& module) {
+    if (module) return *module;
+    KULogVariadic("Images cannot be used: %s", module.error().description);
+    return nullptr;
+}
+
+const UtiliaIconsModule* icons() {
+    static const UtiliaIconsModule* const module =
+        orLogged(moduleTable<UtiliaIconsModule>("Icons", kUtiliaIconsSymbol, kUtiliaIconsVersion));
+    return module;
+}
+
+const UtiliaExportBitmaps* bitmaps() {
+    static const UtiliaExportModule* const module = orLogged(exportModule());
+    return module ? module->bitmaps : nullptr;
+}
+
+Error noModule() {
+    return Error::utilia(UtiliaErrorCode::Unavailable, "the module for images cannot be used");
+}
+
+Error refused(std::string_view doing, std::string_view why) {
+    return Error::utilia(UtiliaErrorCode::Refused, std::string(doing) + ": " + std::string(why));
+}
+
+// Takes the profile of a picture, unless it describes other colours than those of an image.
+bool takeProfile(void* context, const std::uint8_t* bytes, std::size_t size) noexcept try {
+    if (describesRGB({bytes, size}))
+        static_cast<BitmapImageRep*>(context)->colourProfile.assign(bytes, bytes + size);
+    return true;
+} catch (const std::bad_alloc&) {
+    return false;
+}
+
+std::uint8_t* beginPixels(void* context, std::uint32_t wide, std::uint32_t high) noexcept try {
+    auto& bitmap = *static_cast<BitmapImageRep*>(context);
+    bitmap.rgba.resize(std::size_t{wide} * high * 4);
+    bitmap.pixelsWide = wide;
+    bitmap.pixelsHigh = high;
+    return bitmap.rgba.data();
+} catch (const std::bad_alloc&) {
+    return nullptr;
+}
+
+std::optional<UtiliaExportFileType> fileTypeOf(std::span<const std::uint8_t> bytes) {
+    switch (imageSignature(bytes.data(), bytes.size())) {
+    case ImageSignature::BMP:
+        return UtiliaExportBMP;
+    case ImageSignature::GIF:
+        return UtiliaExportGIF;
+    case ImageSignature::JPEG:
+        return UtiliaExportJPEG;
+    case ImageSignature::PNG:
+        return UtiliaExportPNG;
+    case ImageSignature::JPEG2000:
+    case ImageSignature::JPEG2000Codestream:
+        return UtiliaExportJPEG2000;
+    default:
+        return std::nullopt;
+    }
+}
+
+}  // namespace
+
+bool isTIFF(std::span<const std::uint8_t> bytes) {
+    return imageSignature(bytes.data(), bytes.size()) == ImageSignature::TIFF;
+}
+
+std::vector<UtiliaIconsDirectory> directoriesOfTIFF(std::span<const std::uint8_t> bytes) {
+    const UtiliaIconsModule* const module = icons();
+    if (!module) return {};
+    std::array<UtiliaIconsDirectory, kImageMaximumRepresentations> directories{};
+    const std::size_t count =
+        module->list(bytes.data(), bytes.size(), directories.data(), directories.size());
+    return {directories.begin(), directories.begin() + static_cast<std::ptrdiff_t>(count)};
+}
+
+Result<BitmapImageRep> decodeTIFF(std::span<const std::uint8_t> bytes,
+                                  const UtiliaIconsDirectory& directory) {
+    constexpr std::string_view kDoing = "decode image";
+    const UtiliaIconsModule* const module = icons();
+    if (!module) return noModule();
+    BitmapImageRep bitmap;
+    if (!beginPixels(&bitmap, directory.pixelsWide, directory.pixelsHigh))
+        return refused(kDoing, "not enough memory");
+    const UtiliaIconsProfileTaker taker{&bitmap, takeProfile};
+    std::array<char, kUtiliaIconsReasonSize> reason{};
+    if (!module->decode(bytes.data(), bytes.size(), directory.number, bitmap.rgba.data(),
+                        bitmap.rgba.size(), &taker, reason.data()))
+        return refused(kDoing, reason.data());
+    return bitmap;
+}
+
+Result<Data> encodeTIFF(std::span<const BitmapToWrite> toWrite) {
+    constexpr std::string_view kDoing = "encode image";
+    const UtiliaIconsModule* const module = icons();
+    if (!module) return noModule();
+    std::vector<UtiliaIconsBitmap> all;
+    for (const auto& [bitmap, compression] : toWrite) {
+        const Data& profile = bitmap->colourProfile;
+        all.push_back({bitmap->rgba.data(), bitmap->pixelsWide, bitmap->pixelsHigh, compression,
+                       profile.empty() ? nullptr : profile.data(), profile.size()});
+    }
+    std::size_t size = 0;
+    std::array<char, kUtiliaIconsReasonSize> reason{};
+    const std::unique_ptr<std::uint8_t, void (*)(std::uint8_t*)> bytes(
+        module->encode(all.data(), all.size(), &size, reason.data()), module->release);
+    if (!bytes) return refused(kDoing, reason.data());
+    return Data(bytes.get(), bytes.get() + size);
+}
+
+Result<BitmapImageRep> decodeBitmap(std::span<const std::uint8_t> bytes) {
+    constexpr std::string_view kDoing = "decode image";
+    const auto type = fileTypeOf(bytes);
+    if (!type) return refused(kDoing, "no format that is known");
+    const UtiliaExportBitmaps* const module = bitmaps();
+    if (!module) return noModule();
+    BitmapImageRep bitmap;
+    const UtiliaExportTarget target{&bitmap, beginPixels, takeProfile};
+    std::array<char, kUtiliaExportReasonSize> reason{};
+    if (!module->decode(*type, bytes.data(), bytes.size(), &target, reason.data()))
+        return refused(kDoing, reason.data());
+    if (!isWithinLimits(bitmap)) return refused(kDoing, "no pixels");
+    return bitmap;
+}
+
+Result<Data> encodeBitmap(const BitmapImageRep& bitmap, BitmapImageFileType type,
+                          const ExportProgress& progress) {
+    constexpr std::string_view kDoing = "encode image";
+    ExportSink sink(progress);
+    if (!sink.begin()) return sink.error(kDoing);
+    if (type == BitmapImageFileType::Tiff) {
+        const BitmapToWrite one{&bitmap};
+        auto bytes = encodeTIFF({&one, 1});
+        if (!bytes) return bytes;
+        if (auto told = sink.finish(kDoing); !told) return told;
+        return bytes;
+    }
+    const UtiliaExportBitmaps* const module = bitmaps();
+    if (!module) return noModule();
+    const Data& profile = bitmap.colourProfile;
+    const UtiliaExportPixels pixels{bitmap.rgba.data(), bitmap.pixelsWide, bitmap.pixelsHigh,
+                                    profile.empty() ? nullptr : profile.data(), profile.size()};
+    if (!module->encode(static_cast<std::uint32_t>(type), &pixels, sink.table(), sink.reason()))
+        return sink.error(kDoing);
+    return sink.finish(kDoing);
+}
+
+bool isWithinLimits(const BitmapImageRep& bitmap) {
+    const std::uint64_t pixels = std::uint64_t{bitmap.pixelsWide} * bitmap.pixelsHigh;
+    return pixels > 0 && bitmap.pixelsWide <= kImageMaximumSide &&
+           bitmap.pixelsHigh <= kImageMaximumSide && pixels <= kImageMaximumPixels &&
+           bitmap.rgba.size() == pixels * 4;
+}
+
+bool describesRGB(std::span<const std::uint8_t> profile) {
+    // ICC.1, 7.2: its size, the colour space at 16, "acsp" at 36.
+    if (profile.size() < kProfileHeader || profile.size() > kMaximumProfile) return false;
+    const std::size_t size = std::size_t{profile[0]} << 24 | std::size_t{profile[1]} << 16 |
+                             std::size_t{profile[2]} << 8 | profile[3];
+    return size == profile.size() && beginsWith(profile.data(), size, "RGB ", 4, 16) &&
+           beginsWith(profile.data(), size, "acsp", 4, 36);
+}
+
+}  // namespace utilia::platform

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <span>
+#include <vector>
+
+#include "Common/Foundation/Result.h"
+#include "Common/Foundation/Value.h"
+#include "Common/Platform/ExportProgress.h"
+#include "Common/Platform/Image.h"
+#include "Common/Platform/Linux/Modules/Icons/IconsModule.h"
+
+namespace utilia::platform {
+
+// The modules that know formats of images, as calls with errors. Bytes that look like no format at
+// all load no module.
+
+bool isTIFF(std::span<const std::uint8_t> bytes);
+
+// What lies in a TIFF file; empty when that is nothing.
+std::vector<UtiliaIconsDirectory> directoriesOfTIFF(std::span<const std::uint8_t> bytes);
+Result<BitmapImageRep> decodeTIFF(std::span<const std::uint8_t> bytes,
+                                  const UtiliaIconsDirectory& directory);
+
+struct BitmapToWrite {
+    const BitmapImageRep* bitmap;
+    std::uint32_t compression = UtiliaIconsUncompressed;
+};
+Result<Data> encodeTIFF(std::span<const BitmapToWrite> bitmaps);
+
+// The first picture of a file of any format but TIFF.
+Result<BitmapImageRep> decodeBitmap(std::span<const std::uint8_t> bytes);
+Result<Data> encodeBitmap(const BitmapImageRep& bitmap, BitmapImageFileType type,
+                          const ExportProgress& progress);
+
+// Whether these are within the limits, and there are as many bytes as they take.
+bool isWithinLimits(const BitmapImageRep& bitmap);
+// Whether an ICC profile describes RGB colours, and may stay with those of an image.
+bool describesRGB(std::span<const std::uint8_t> profile);
+
+}  // namespace utilia::platform
