@@ -1,0 +1,103 @@
+// How much memory an export takes besides the picture. A sanitizer's would be measured along, so
+// this program is only built without.
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/ChildRole.h"
+#include "Tests/Support/TemporaryHome.h"
+#include "Tests/Unit/Images/PdfFixture.h"
+
+using namespace utilia;
+using namespace utilia::platform;
+using namespace utilia::test;
+
+namespace {
+
+constexpr std::uint64_t kMiB = 1024 * 1024;
+constexpr std::uint64_t kMostBesidesThePicture = 40 * kMiB;
+
+// The most memory that this process has ever had, all told.
+std::uint64_t peak() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("VmHWM:")) return std::stoull(line.substr(6)) * 1024;
+    }
+    return 0;
+}
+
+// Arguments: height, page height, file.
+UTILIA_CHILD_ROLE(exportTallPicture) {
+    constexpr std::uint32_t kWidth = 1440;
+    constexpr std::uint32_t kPart = 5000;
+    const auto height = static_cast<std::uint32_t>(std::stoul(self.arguments.at(0)));
+    BitmapImageRep picture{kWidth, height, Data(std::size_t{kWidth} * height * 4), {}};
+    const std::uint64_t size = picture.rgba.size();
+    {
+        const BitmapImageRep part = screenshotPicture(kWidth, kPart);
+        for (std::size_t at = 0; at < size; at += part.rgba.size())
+            std::memcpy(picture.rgba.data() + at, part.rgba.data(),
+                        std::min<std::size_t>(part.rgba.size(), size - at));
+    }
+    const auto image = imageOf(std::move(picture));
+    std::ofstream("/proc/self/clear_refs") << 5;  // forgets the peak
+    const std::uint64_t before = peak();
+    const bool isSaved = CommonAuxiliary::sharedInstance().saveImageAsPDF(
+        image, self.arguments.at(2), std::stoul(self.arguments.at(1)));
+    self.say(isSaved ? "saved" : "not saved");
+    self.say(std::to_string(size));
+    self.say(std::to_string(before));
+    self.say(std::to_string(peak()));
+    return 0;
+}
+
+struct Taken {
+    std::uint64_t size;    // of the picture
+    std::uint64_t before;  // the most that there was before
+    std::uint64_t all;     // and after the export
+    std::uint64_t document;
+};
+
+Taken exportPicture(std::uint32_t height, std::uint32_t pageHeight) {
+    const TemporaryFolder folder;
+    const std::string path = folder.path() / "tall.pdf";
+    auto child = ChildProcess::role("exportTallPicture",
+                                    {std::to_string(height), std::to_string(pageHeight), path});
+    const auto number = [&child] {
+        return std::stoull(child.waitForLine(std::chrono::seconds(120)).value_or("0"));
+    };
+    EXPECT_EQ(child.waitForLine(std::chrono::seconds(120)), "saved");
+    Taken taken{};
+    taken.size = number();
+    taken.before = number();
+    taken.all = number();
+    EXPECT_EQ(child.waitForExit(), 0);
+    taken.document = std::filesystem::file_size(path);
+    return taken;
+}
+
+TEST(PdfMemory, IsThePictureAndFortyMebibytesForAHundredThousandRows) {
+    for (const std::uint32_t pageHeight : {1000u, 0u}) {
+        const Taken taken = exportPicture(100'000, pageHeight);
+        EXPECT_EQ(taken.size, 1440ull * 100'000 * 4);
+        EXPECT_GT(taken.document, 5 * kMiB) << "too simple a picture";
+        EXPECT_LE(taken.all, taken.size + kMostBesidesThePicture)
+            << "pages of " << pageHeight << ", document of " << taken.document;
+    }
+}
+
+TEST(PdfMemory, IsTheDocumentAndAFewMebibytesBesides) {
+    const Taken taken = exportPicture(40'000, 1000);
+    EXPECT_GT(taken.all, taken.before);
+    EXPECT_LE(taken.all, taken.before + taken.document + 10 * kMiB);
+}
+
+}  // namespace
