@@ -62,8 +62,9 @@ public:
     // In one step, and never finished in a second one: what could not be written whole is an error,
     // though a part of it may be in the file.
     Result<void> append(std::string_view bytes);
-    // From the current position; 0 at the end.
+    // From where the last one ended, at first from the file's beginning; 0 at its end.
     Result<std::size_t> read(std::span<char> buffer);
+    Result<void> rewind();
     // At any place, whatever the access: bytes that replace others.
     Result<void> overwrite(std::uint64_t offset, std::string_view bytes);
     // Only the right to read stays, for everybody who had it.
@@ -74,9 +75,19 @@ public:
     // The open file, with its lock; the object is empty then.
     UniqueFd takeDescriptor();
 
+    // A file without a name, of this content and for reading only, locked like the others.
+    static Result<LockedFile> createNameless(std::string_view content);
+
+    // Renames; what has the new name already is replaced.
+    static Result<void> rename(const std::string& path, const std::string& newPath);
+    // The same, but EEXIST when the new name is taken.
+    static Result<void> renameUnlessTaken(const std::string& path, const std::string& newPath);
+    static Result<void> removeName(const std::string& path);
+
 private:
     explicit LockedFile(UniqueFd file);
     void release();
+    Result<int> readable();  // the descriptor
 
     UniqueFd file_;
     UniqueFd reader_;  // of a file that was opened to append to

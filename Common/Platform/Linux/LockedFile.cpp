@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -105,19 +106,6 @@ Result<bool> linkUnnamed(int descriptor, const std::string& path) {
     return false;
 }
 
-// Exchanges the temporary name for the final one, unless that is taken.
-Result<void> renameUnlessTaken(const std::string& temporary, const std::string& path) {
-    if (renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0)
-        return {};
-    if (errno == EINVAL || errno == ENOSYS) {
-        if (link(temporary.c_str(), path.c_str()) == 0) {
-            unlink(temporary.c_str());
-            return {};
-        }
-    }
-    return Error::posix(errno, "rename", path);
-}
-
 Result<UniqueFd> lockNew(UniqueFd file, const std::string& path) {
     if (lockUninterrupted(file.get(), LOCK_EX | LOCK_NB) != 0)
         return Error::posix(errno, "flock", path);
@@ -159,7 +147,7 @@ Result<UniqueFd> createNamed(const std::string& path, mode_t mode,
         if (!locked) return locked;
         if (auto written = writeContent(locked->get(), content, path); !written)
             return std::move(written).error();
-        if (auto renamed = renameUnlessTaken(temporary, path); !renamed)
+        if (auto renamed = LockedFile::renameUnlessTaken(temporary, path); !renamed)
             return std::move(renamed).error();
         return locked;
     }();
@@ -170,7 +158,7 @@ Result<UniqueFd> createNamed(const std::string& path, mode_t mode,
 }  // namespace
 
 LockedFile::LockedFile(UniqueFd file) : file_(std::move(file)) {
-    ForkGuard::closeInChild(file_.get());
+    if (file_) ForkGuard::closeInChild(file_.get());
 }
 
 Result<LockedFile> LockedFile::open(const std::string& path, Access access, Lock lock) {
@@ -272,18 +260,32 @@ Result<void> LockedFile::append(std::string_view bytes) {
     return {};
 }
 
-Result<std::size_t> LockedFile::read(std::span<char> buffer) {
+Result<int> LockedFile::readable() {
     const int flags = fcntl(file_.get(), F_GETFL);
-    if (!reader_ && (flags & O_ACCMODE) == O_WRONLY) {
+    if (flags < 0) return failed("fcntl", file_.get());
+    if ((flags & O_ACCMODE) != O_WRONLY) return file_.get();
+    if (!reader_)
         reader_.reset(openUninterrupted(procPath(file_.get()).c_str(), O_RDONLY | O_CLOEXEC));
-        if (!reader_) return failed("open", file_.get());
-    }
+    if (!reader_) return failed("open", file_.get());
+    return reader_.get();
+}
+
+Result<std::size_t> LockedFile::read(std::span<char> buffer) {
+    const auto descriptor = readable();
+    if (!descriptor) return descriptor.error();
     ssize_t length;
     do {
-        length = ::read(reader_ ? reader_.get() : file_.get(), buffer.data(), buffer.size());
+        length = ::read(*descriptor, buffer.data(), buffer.size());
     } while (length < 0 && errno == EINTR);
     if (length < 0) return failed("read", file_.get());
     return static_cast<std::size_t>(length);
+}
+
+Result<void> LockedFile::rewind() {
+    const auto descriptor = readable();
+    if (!descriptor) return descriptor.error();
+    if (lseek(*descriptor, 0, SEEK_SET) < 0) return failed("seek", file_.get());
+    return {};
 }
 
 Result<void> LockedFile::overwrite(std::uint64_t offset, std::string_view bytes) {
@@ -320,6 +322,48 @@ Result<void> LockedFile::synchronize() {
         result = fsync(file_.get());
     } while (result != 0 && errno == EINTR);
     if (result != 0) return failed("fsync", file_.get());
+    return {};
+}
+
+Result<LockedFile> LockedFile::createNameless(std::string_view content) {
+    return orOutOfMemory("create", "a file in memory", [&]() -> Result<LockedFile> {
+        UniqueFd file(memfd_create("utilia", MFD_CLOEXEC));
+        if (!file) return Error::posix(errno, "create", "a file in memory");
+        while (!content.empty()) {
+            const ssize_t written = ::write(file.get(), content.data(), content.size());
+            if (written < 0 && errno == EINTR) continue;
+            if (written <= 0) return failed("write", file.get(), written < 0 ? errno : EIO);
+            content.remove_prefix(static_cast<std::size_t>(written));
+        }
+        if (fchmod(file.get(), 0444) != 0) return failed("chmod", file.get());
+        LockedFile opened(
+            UniqueFd(openUninterrupted(procPath(file.get()).c_str(), O_RDONLY | O_CLOEXEC)));
+        if (!opened.file_) return failed("open", file.get());
+        if (waitForLock(opened.file_.get(), LOCK_EX) != 0) return failed("flock", file.get());
+        return opened;
+    });
+}
+
+Result<void> LockedFile::rename(const std::string& path, const std::string& newPath) {
+    if (::rename(path.c_str(), newPath.c_str()) != 0) return Error::posix(errno, "rename", path);
+    return {};
+}
+
+Result<void> LockedFile::renameUnlessTaken(const std::string& path, const std::string& newPath) {
+    if (renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, newPath.c_str(), RENAME_NOREPLACE) == 0)
+        return {};
+    // Not every file system can do that in one step.
+    if ((errno == EINVAL || errno == ENOSYS) && link(path.c_str(), newPath.c_str()) == 0) {
+        if (unlink(path.c_str()) == 0 || errno == ENOENT) return {};
+        const int error = errno;
+        unlink(newPath.c_str());
+        return Error::posix(error, "unlink", path);
+    }
+    return Error::posix(errno, "rename", path);
+}
+
+Result<void> LockedFile::removeName(const std::string& path) {
+    if (unlink(path.c_str()) != 0) return Error::posix(errno, "unlink", path);
     return {};
 }
 

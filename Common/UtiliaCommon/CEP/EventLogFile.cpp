@@ -1,0 +1,327 @@
+#include "Common/UtiliaCommon/CEP/EventLogFile.h"
+
+#include <cerrno>
+#include <memory>
+#include <utility>
+
+#include "Common/Foundation/PathFunctions.h"
+#include "Common/Platform/FileManager.h"
+#include "Common/UtiliaCommon/CEP/EventLogReader.h"
+
+// The life of a file:
+//
+//     no file ── a writer makes one: locked, with its header ──▶ current
+//     current ── writers append under shared locks ──▶ current
+//     current ── a writer finds it too large: exclusive lock, rename, footer, read-only ──▶ overflow
+//     overflow ── the next overflow replaces it, uncollected ──▶ gone
+//     overflow ── a collector renames it ──▶ taken
+//     current ── a collector ends it: exclusive lock, rename, footer, read-only ──▶ taken
+//     taken ── the collector removes the name and has the only descriptor ──▶ gone
+//
+// The lock lies on the file and not on its name, and going from a shared to an exclusive lock lets
+// go in between. So whoever got an exclusive lock looks whether the name still names his file, and
+// begins anew otherwise; and a writer who waited for a file that was ended meanwhile sees that its
+// owner may not write to it any more. Appending needs no look at the name: an ended file is
+// read-only before its lock is free.
+//
+// A collector cannot simply remove the overflow file once it has its lock: between a look at the
+// name and the removal a writer can put the next overflow file there, which would be lost. It
+// renames whatever lies there to a name that only collectors use. What a killed collector leaves
+// under that name, the next one takes first. And it ends the current file under that name as well,
+// not under the overflow's, where another overflow may have come to lie meanwhile.
+//
+// A process can be killed at any point of this. A record that was cut is blanked when its file is
+// ended; everything else that a document needs and a killed process has not written is mended when
+// it is handed over (EventLogReader.h).
+
+namespace utilia {
+namespace {
+
+using platform::LockedFile;
+
+// Nobody is overtaken that often; but what lies there may be no log, and nobody's turn ever comes.
+constexpr int kMostAttempts = 10'000;
+constexpr std::uint32_t kLogMode = 0644;
+constexpr std::size_t kChunk = std::size_t{256} << 10;
+
+bool isMissing(const Error& error) { return error.isPosix(ENOENT); }
+
+// Calls `take` with all bytes of the file from its beginning.
+template <class Take>
+Result<void> readAll(LockedFile& file, Take take) {
+    if (auto rewound = file.rewind(); !rewound) return rewound;
+    const auto chunk = std::make_unique_for_overwrite<char[]>(kChunk);
+    for (;;) {
+        const auto length = file.read({chunk.get(), kChunk});
+        if (!length) return length.error();
+        if (*length == 0) return {};
+        take(std::string_view(chunk.get(), *length));
+    }
+}
+
+// What a whole document is made of again.
+struct Parts {
+    std::string header;
+    std::string records;
+    bool isWhole = false;  // as it is: a header, records, the footer and nothing else
+};
+
+Result<Parts> partsOf(LockedFile& file) {
+    Parts parts;
+    bool isFooterSeen = false;
+    bool isInOrder = true;
+    EventLogReader reader([&](LogPart part, std::uint64_t, std::string_view bytes) {
+        isInOrder = isInOrder && !isFooterSeen;
+        switch (part) {
+        case LogPart::Header:
+            parts.header = bytes;
+            break;
+        case LogPart::Record:
+            parts.records += bytes;
+            break;
+        case LogPart::Footer:
+            isFooterSeen = true;
+            break;
+        case LogPart::Piece:
+        case LogPart::Blank:
+            isInOrder = false;
+            break;
+        }
+    });
+    if (auto read = readAll(file, [&](std::string_view bytes) { reader.read(bytes); }); !read)
+        return std::move(read).error();
+    reader.finish();
+    parts.isWhole = isInOrder && isFooterSeen && !parts.header.empty();
+    return parts;
+}
+
+void appendHeader(std::string& document, const EventLogFacts& facts) {
+    for (const std::string_view piece : eventLogHeader(facts)) document += piece;
+}
+
+std::string documentOf(Parts parts, const EventLogFile::Facts& facts) {
+    std::string document = std::move(parts.header);
+    if (document.empty()) appendHeader(document, facts());
+    document += parts.records;
+    document += kEventLogFooter;
+    return document;
+}
+
+// Blanks what killed writers have left unfinished, in place: that needs no room on the disk, and
+// whoever is killed while he does it leaves a file that is no worse.
+void blankPieces(LockedFile& file) {
+    EventLogGlance glance;
+    const auto look = readAll(file, [&](std::string_view bytes) { glance.read(bytes); });
+    if (!look || glance.isSound()) return;
+    bool isOurs = false;
+    EventLogReader reader([&](LogPart part, std::uint64_t offset, std::string_view bytes) {
+        if (part == LogPart::Header) isOurs = true;
+        if (part != LogPart::Piece || !isOurs) return;
+        std::string blanks(bytes.size(), ' ');
+        blanks.back() = '\n';
+        // What cannot be blanked now is set aside by the collector.
+        (void)file.overwrite(offset, blanks);
+    });
+    // Each piece is behind the reader when it is blanked.
+    if (readAll(file, [&](std::string_view bytes) { reader.read(bytes); })) reader.finish();
+}
+
+}  // namespace
+
+EventLogFile::Names EventLogFile::Names::inFolder(std::string_view logs) {
+    const auto name = [logs](std::string_view file) {
+        return stringByAppendingPathComponent(logs, file);
+    };
+    return {name("krv.utilia.ceplog.xml"), name("ceplog.xml"), name("krv.utilia.ceplog-more.xml"),
+            name("krv.utilia.ceplog-taken.xml")};
+}
+
+EventLogFile::EventLogFile(Names names, Facts facts, std::uint64_t largestSize)
+    : names_(std::move(names)), facts_(std::move(facts)), largestSize_(largestSize) {}
+
+EventLogCode EventLogFile::append(std::string_view record) const {
+    for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
+        auto log = LockedFile::open(names_.CEPLogName, LockedFile::Access::Append,
+                                    LockedFile::Lock::Shared);
+        if (log) {
+            const auto status = log->status();
+            if (!status) return EventLogCode::LogNotReady;
+            if (!status->isOwnerWritable) {
+                // Nobody makes a file read-only before it has another name.
+                const auto isStillThere = log->isAtPath(names_.CEPLogName);
+                if (!isStillThere || *isStillThere) return EventLogCode::LogNotReady;
+                continue;
+            }
+            if (status->size <= largestSize_)
+                return log->append(record) ? EventLogCode::Done : EventLogCode::RecordNotWritten;
+            if (!log->lockExclusively()) return EventLogCode::LogNotReady;
+            const auto isStillThere = log->isAtPath(names_.CEPLogName);
+            if (!isStillThere) return EventLogCode::LogNotReady;
+            if (!*isStillThere) continue;
+            if (!LockedFile::rename(names_.CEPLogName, names_.CEPLogMoreName))
+                return EventLogCode::LogNotReady;
+            end(*log);
+        } else if (!isMissing(log.error())) {
+            return EventLogCode::LogNotReady;
+        }
+        bool isTaken = false;
+        const EventLogCode code = createAndAppend(record, &isTaken);
+        if (!isTaken) return code;
+    }
+    return EventLogCode::LogNotReady;
+}
+
+EventLogCode EventLogFile::createAndAppend(std::string_view record, bool* isTaken) const {
+    const EventLogFacts facts = facts_();
+    auto log = LockedFile::create(names_.CEPLogName, kLogMode, eventLogHeader(facts));
+    if (!log) {
+        *isTaken = log.error().isPosix(EEXIST);
+        return EventLogCode::LogNotReady;
+    }
+    return log->append(record) ? EventLogCode::Done : EventLogCode::RecordNotWritten;
+}
+
+// The file has another name already. What fails here a collector makes good.
+void EventLogFile::end(LockedFile& file) const {
+    blankPieces(file);
+    (void)file.append(kEventLogFooter);
+    (void)file.makeReadOnly();
+    (void)file.synchronize();
+}
+
+EventLogFile::Grabbed EventLogFile::grab() const {
+    const bool isLegacy = platform::FileManager::fileExistsAtPath(names_.CEPLogNameOld);
+    const std::string& source = isLegacy ? names_.CEPLogNameOld : names_.CEPLogName;
+    Grabbed grabbed;
+    Origin origin = Origin::Known;
+    for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
+        switch (take(origin, &grabbed.file)) {
+        case Taking::Done:
+            grabbed.code = EventLogCode::Done;
+            return grabbed;
+        case Taking::Nothing:
+            if (!grabbed.isMore) return grabbed;
+            break;
+        case Taking::Overtaken:
+        case Taking::Failed:
+            grabbed.code = EventLogCode::OverflowNotReadable;
+            return grabbed;
+        }
+        grabbed.isMore = false;
+        const Ending ending = endSource(source, &grabbed.code);
+        if (ending == Ending::Failed) return grabbed;
+        if (ending == Ending::NameTaken) {
+            // That is taken now, and this one is still there.
+            grabbed.isMore = true;
+            continue;
+        }
+        origin = isLegacy ? Origin::Legacy : Origin::Known;
+    }
+    grabbed.code = EventLogCode::OverflowNotReadable;
+    return grabbed;
+}
+
+// Afterwards what was the source has the name of taken files, unless there was none.
+EventLogFile::Ending EventLogFile::endSource(const std::string& source, EventLogCode* code) const {
+    const auto failed = [code](EventLogCode why) {
+        *code = why;
+        return Ending::Failed;
+    };
+    auto log = LockedFile::open(source, LockedFile::Access::Append, LockedFile::Lock::Exclusive);
+    if (!log) return isMissing(log.error()) ? Ending::Done : failed(EventLogCode::LogNotOpened);
+    if (!log->status()) return failed(EventLogCode::LogNotExamined);
+    const auto isStillThere = log->isAtPath(source);
+    if (!isStillThere) return failed(EventLogCode::LogNameNotExamined);
+    if (!*isStillThere) return Ending::Done;
+    const auto renamed = LockedFile::renameUnlessTaken(source, names_.CEPLogTakenName);
+    if (!renamed && renamed.error().isPosix(EEXIST)) return Ending::NameTaken;
+    if (!renamed) return failed(EventLogCode::LogNotMoved);
+    end(*log);
+    return Ending::Done;
+}
+
+EventLogFile::Taking EventLogFile::take(Origin origin, platform::UniqueFd* taken) const {
+    for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
+        Taking taking = takeLeftOver(origin, taken);
+        if (taking == Taking::Nothing) taking = takeOverflow(taken);
+        if (taking != Taking::Overtaken) return taking;
+    }
+    return Taking::Failed;
+}
+
+EventLogFile::Taking EventLogFile::takeLeftOver(Origin origin, platform::UniqueFd* taken) const {
+    auto file = LockedFile::open(names_.CEPLogTakenName, LockedFile::Access::Read,
+                                 LockedFile::Lock::Exclusive);
+    if (!file) return isMissing(file.error()) ? Taking::Nothing : Taking::Failed;
+    const auto isStillThere = file->isAtPath(names_.CEPLogTakenName);
+    if (!isStillThere) return Taking::Failed;
+    if (!*isStillThere) return Taking::Overtaken;
+    auto whole = handOver(*std::move(file), origin);
+    if (!whole || !LockedFile::removeName(names_.CEPLogTakenName)) return Taking::Failed;
+    *taken = *std::move(whole);
+    return Taking::Done;
+}
+
+EventLogFile::Taking EventLogFile::takeOverflow(platform::UniqueFd* taken) const {
+    auto file = LockedFile::open(names_.CEPLogMoreName, LockedFile::Access::Read,
+                                 LockedFile::Lock::Exclusive);
+    if (!file) return isMissing(file.error()) ? Taking::Nothing : Taking::Failed;
+    const auto isStillThere = file->isAtPath(names_.CEPLogMoreName);
+    if (!isStillThere || !file->status()) return Taking::Failed;
+    if (!*isStillThere) return Taking::Overtaken;
+    const auto renamed =
+        LockedFile::renameUnlessTaken(names_.CEPLogMoreName, names_.CEPLogTakenName);
+    if (!renamed && renamed.error().isPosix(EEXIST)) return Taking::Overtaken;
+    if (!renamed && !isMissing(renamed.error())) return Taking::Failed;
+    // A writer may have put the next overflow file there just now. Then that one has been renamed
+    // and is for the next collector, and this one has no name any more.
+    const auto isNamed = file->isAtPath(names_.CEPLogTakenName);
+    if (!isNamed) return Taking::Failed;
+    auto whole = handOver(*std::move(file), Origin::Known);
+    if (!whole) return Taking::Failed;
+    if (*isNamed && !LockedFile::removeName(names_.CEPLogTakenName)) return Taking::Failed;
+    *taken = *std::move(whole);
+    return Taking::Done;
+}
+
+// The file, or another one with what is whole in it.
+Result<platform::UniqueFd> EventLogFile::handOver(LockedFile file, Origin origin) const {
+    const auto status = file.status();
+    if (!status) return status.error();
+    // A writer who still waits for the lock must not believe that this is the log.
+    if (status->isOwnerWritable) {
+        if (auto ended = file.makeReadOnly(); !ended) return std::move(ended).error();
+    }
+    auto parts = partsOf(file);
+    if (!parts) return std::move(parts).error();
+    if (parts->isWhole || (origin == Origin::Legacy && parts->header.empty())) {
+        if (auto rewound = file.rewind(); !rewound) return std::move(rewound).error();
+        return file.takeDescriptor();
+    }
+    auto mended = LockedFile::createNameless(documentOf(*std::move(parts), facts_));
+    if (!mended) return std::move(mended).error();
+    return mended->takeDescriptor();
+}
+
+std::vector<std::string> EventLogFile::documents() const {
+    const bool isLegacy = platform::FileManager::fileExistsAtPath(names_.CEPLogNameOld);
+    const std::string& source = isLegacy ? names_.CEPLogNameOld : names_.CEPLogName;
+    const auto open = [](const std::string& path) {
+        return LockedFile::open(path, LockedFile::Access::Read, LockedFile::Lock::Shared);
+    };
+    // As long as this is held, it does not become an overflow file.
+    auto current = open(source);
+    std::vector<std::string> documents;
+    const auto add = [&](Result<LockedFile>& file) {
+        if (!file || !file->status()) return;
+        if (auto parts = partsOf(*file)) documents.push_back(documentOf(*std::move(parts), facts_));
+    };
+    for (const std::string* name : {&names_.CEPLogTakenName, &names_.CEPLogMoreName}) {
+        auto file = open(*name);
+        add(file);
+    }
+    add(current);
+    return documents;
+}
+
+}  // namespace utilia

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Common/Platform/LockedFile.h"
+#include "Common/UtiliaCommon/CEP/EventLog.h"
+#include "Common/UtiliaCommon/CEP/EventLogHeader.h"
+
+namespace utilia {
+
+// The log's files in their folder, and the protocol by which writers and collectors share them.
+// CEPLogEvent() and CEPLogGrab() are the process's one instance of it; codes are theirs.
+//
+// Threads: any, at the same time, for nothing changes in the object.
+class EventLogFile final {
+public:
+    static constexpr std::uint64_t kLargestSize = 5'242'880;
+
+    struct Names {
+        std::string CEPLogName;
+        std::string CEPLogNameOld;    // only ever collected
+        std::string CEPLogMoreName;   // the overflow file
+        std::string CEPLogTakenName;  // of a file that a collector takes away
+
+        static Names inFolder(std::string_view logs);
+    };
+    using Facts = std::function<EventLogFacts()>;
+
+    // The facts are asked for when a file begins. A file that is larger than `largestSize` is ended
+    // by the next writer.
+    EventLogFile(Names names, Facts facts, std::uint64_t largestSize = kLargestSize);
+
+    const Names& names() const { return names_; }
+
+    EventLogCode append(std::string_view record) const;
+
+    struct Grabbed {
+        EventLogCode code = EventLogCode::NothingToGrab;
+        platform::UniqueFd file = {};  // only with code Done
+        bool isMore = true;
+    };
+    Grabbed grab() const;
+
+    std::vector<std::string> documents() const;
+
+private:
+    // A file of the old name is another program's, and is not mended when nothing of it is known.
+    enum class Origin { Known, Legacy };
+    enum class Taking { Done, Nothing, Overtaken, Failed };
+    enum class Ending { Done, NameTaken, Failed };
+
+    EventLogCode createAndAppend(std::string_view record, bool* isTaken) const;
+    Ending endSource(const std::string& source, EventLogCode* code) const;
+    Taking take(Origin origin, platform::UniqueFd* taken) const;
+    Taking takeLeftOver(Origin origin, platform::UniqueFd* taken) const;
+    Taking takeOverflow(platform::UniqueFd* taken) const;
+    Result<platform::UniqueFd> handOver(platform::LockedFile file, Origin origin) const;
+    void end(platform::LockedFile& file) const;
+
+    Names names_;
+    Facts facts_;
+    std::uint64_t largestSize_;
+};
+
+}  // namespace utilia

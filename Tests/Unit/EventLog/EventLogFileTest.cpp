@@ -1,0 +1,389 @@
+#include <cstdlib>
+#include <thread>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Tests/Support/TemporaryHome.h"
+#include "Tests/Unit/EventLog/LogSample.h"
+#include "Tests/Unit/EventLog/XmlDocument.h"
+
+namespace utilia {
+namespace {
+
+namespace fs = std::filesystem;
+using test::document;
+using test::sampleHeader;
+using test::sampleRecord;
+using test::writeTo;
+using test::XmlDocument;
+
+class EventLogFileTest : public testing::Test {
+protected:
+    EventLogFile log(std::uint64_t largestSize = EventLogFile::kLargestSize) const {
+        return {EventLogFile::Names::inFolder(folder_.path().string()), test::sampleFacts,
+                largestSize};
+    }
+    fs::path current() const { return folder_.path() / "krv.utilia.ceplog.xml"; }
+    fs::path more() const { return folder_.path() / "krv.utilia.ceplog-more.xml"; }
+    fs::path taken() const { return folder_.path() / "krv.utilia.ceplog-taken.xml"; }
+    fs::path legacy() const { return folder_.path() / "ceplog.xml"; }
+
+    static unsigned modeOf(const fs::path& path) {
+        return static_cast<unsigned>(fs::status(path).permissions());
+    }
+    // What the descriptor gives to whoever reads it, and nothing else to anybody.
+    static std::string contentOf(const EventLogFile::Grabbed& grabbed) {
+        struct stat found {};
+        EXPECT_EQ(fstat(grabbed.file.get(), &found), 0);
+        EXPECT_EQ(found.st_nlink, 0u);
+        EXPECT_EQ(found.st_mode & 07777, 0444u);
+        EXPECT_EQ(fcntl(grabbed.file.get(), F_GETFL) & O_ACCMODE, O_RDONLY);
+        EXPECT_EQ(fcntl(grabbed.file.get(), F_GETFD), FD_CLOEXEC);
+        std::string content(static_cast<std::size_t>(found.st_size), '\0');
+        EXPECT_EQ(read(grabbed.file.get(), content.data(), content.size()), found.st_size);
+        return content;
+    }
+
+    test::TemporaryFolder folder_;
+};
+
+// Until the kernel has a process waiting for the lock on the file.
+void waitForSomebodyWhoWaits(int descriptor) {
+    struct stat found {};
+    ASSERT_EQ(fstat(descriptor, &found), 0);
+    const std::string inode = ":" + std::to_string(found.st_ino) + " ";
+    for (;;) {
+        std::ifstream locks("/proc/locks");
+        for (std::string line; std::getline(locks, line);) {
+            if (line.find("->") != std::string::npos && line.find(inode) != std::string::npos)
+                return;
+        }
+        std::this_thread::yield();
+    }
+}
+
+TEST_F(EventLogFileTest, BeginsWithAHeaderAndAppends) {
+    const EventLogFile file = log();
+    EXPECT_EQ(file.append(sampleRecord("a", 1)), EventLogCode::Done);
+    EXPECT_EQ(file.append(sampleRecord("a", 2)), EventLogCode::Done);
+    EXPECT_EQ(test::contentOf(current()),
+              sampleHeader() + sampleRecord("a", 1) + sampleRecord("a", 2));
+    EXPECT_EQ(modeOf(current()), 0644u);
+    EXPECT_FALSE(fs::exists(more()));
+}
+
+TEST_F(EventLogFileTest, AppendsToAFileOfExactlyTheLargestSize) {
+    const EventLogFile file = log();
+    const std::string head = sampleHeader() + sampleRecord("a", 1);
+    std::string filled = head + sampleRecord("a", 2, 5'242'880 - head.size());
+    const std::size_t difference = filled.size() - 5'242'880;
+    filled = head + sampleRecord("a", 2, 5'242'880 - head.size() - difference);
+    ASSERT_EQ(filled.size(), 5'242'880u);
+    writeTo(current(), filled);
+    EXPECT_EQ(file.append(sampleRecord("b", 1)), EventLogCode::Done);
+    EXPECT_EQ(test::contentOf(current()), filled + sampleRecord("b", 1));
+    EXPECT_FALSE(fs::exists(more()));
+}
+
+TEST_F(EventLogFileTest, EndsALargerFileAndBeginsAnotherOne) {
+    const std::string first = sampleHeader() + sampleRecord("a", 1);
+    const EventLogFile file = log(first.size() - 1);
+    writeTo(current(), first);
+    EXPECT_EQ(file.append(sampleRecord("b", 1)), EventLogCode::Done);
+    EXPECT_EQ(test::contentOf(more()), document(sampleRecord("a", 1)));
+    EXPECT_EQ(modeOf(more()), 0444u);
+    EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("b", 1));
+    EXPECT_EQ(modeOf(current()), 0644u);
+}
+
+TEST_F(EventLogFileTest, ReplacesAnOverflowFileThatNobodyHasCollected) {
+    const EventLogFile file = log(1);
+    for (int i = 1; i <= 3; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
+    EXPECT_EQ(test::contentOf(more()), document(sampleRecord("a", 2)));
+    EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 3));
+}
+
+TEST_F(EventLogFileTest, BlanksThePiecesOfAFileThatItEnds) {
+    const std::string cut = sampleRecord("cut", 3).substr(0, 150);
+    writeTo(current(), sampleHeader() + sampleRecord("a", 1) + cut + sampleRecord("b", 2) + cut);
+    EXPECT_EQ(log(1).append(sampleRecord("c", 3)), EventLogCode::Done);
+    const std::string blank = std::string(cut.size() - 1, ' ') + "\n";
+    EXPECT_EQ(test::contentOf(more()),
+              document(sampleRecord("a", 1) + blank + sampleRecord("b", 2) + blank));
+    ASSERT_TRUE(XmlDocument::parse(test::contentOf(more())));
+    EXPECT_EQ(XmlDocument::parse(test::contentOf(more()))->events().size(), 2u);
+}
+
+TEST_F(EventLogFileTest, BeginsAnewWhereItsFileWasEnded) {
+    // A writer that waits for the lock of a file that another one ends.
+    const EventLogFile file = log();
+    writeTo(current(), sampleHeader());
+    const int descriptor = open(current().c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(descriptor, LOCK_EX), 0);
+    std::thread writer([&] { EXPECT_EQ(file.append(sampleRecord("a", 1)), EventLogCode::Done); });
+    waitForSomebodyWhoWaits(descriptor);
+    fs::rename(current(), more());
+    ASSERT_EQ(fchmod(descriptor, 0444), 0);
+    close(descriptor);
+    writer.join();
+    EXPECT_EQ(test::contentOf(more()), sampleHeader());
+    EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 1));
+}
+
+TEST_F(EventLogFileTest, HasNothingToGrabWithoutLog) {
+    const auto grabbed = log().grab();
+    EXPECT_EQ(grabbed.code, EventLogCode::NothingToGrab);
+    EXPECT_FALSE(grabbed.isMore);
+}
+
+TEST_F(EventLogFileTest, GrabsTheCurrentLog) {
+    const EventLogFile file = log();
+    file.append(sampleRecord("a", 1));
+    const auto grabbed = file.grab();
+    ASSERT_EQ(grabbed.code, EventLogCode::Done);
+    EXPECT_FALSE(grabbed.isMore);
+    EXPECT_EQ(contentOf(grabbed), document(sampleRecord("a", 1)));
+    EXPECT_TRUE(fs::is_empty(folder_.path()));
+    EXPECT_EQ(file.grab().code, EventLogCode::NothingToGrab);
+}
+
+TEST_F(EventLogFileTest, GrabsTheOverflowFirst) {
+    const EventLogFile file = log(1);
+    file.append(sampleRecord("a", 1));
+    file.append(sampleRecord("a", 2));
+    const auto first = file.grab();
+    ASSERT_EQ(first.code, EventLogCode::Done);
+    EXPECT_TRUE(first.isMore);
+    EXPECT_EQ(contentOf(first), document(sampleRecord("a", 1)));
+    const auto second = file.grab();
+    ASSERT_EQ(second.code, EventLogCode::Done);
+    EXPECT_FALSE(second.isMore);
+    EXPECT_EQ(contentOf(second), document(sampleRecord("a", 2)));
+}
+
+TEST_F(EventLogFileTest, GrabsALogOfTheOldNameBeforeTheCurrentOne) {
+    const EventLogFile file = log();
+    file.append(sampleRecord("a", 1));
+    writeTo(legacy(), sampleHeader() + sampleRecord("old", 1));
+    const auto first = file.grab();
+    ASSERT_EQ(first.code, EventLogCode::Done);
+    EXPECT_FALSE(first.isMore);
+    EXPECT_EQ(contentOf(first), document(sampleRecord("old", 1)));
+    EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 1));
+    EXPECT_EQ(contentOf(file.grab()), document(sampleRecord("a", 1)));
+}
+
+TEST_F(EventLogFileTest, GrabsAForeignFileOfTheOldNameAsItIs) {
+    writeTo(legacy(), "<?xml version=\"1.0\"?><old>\n");
+    EXPECT_EQ(contentOf(log().grab()),
+              "<?xml version=\"1.0\"?><old>\n" + std::string(kEventLogFooter));
+}
+
+TEST_F(EventLogFileTest, HandsOverAWholeDocumentWhateverWasLeftUnfinished) {
+    const std::string header = sampleHeader();
+    const std::string a = sampleRecord("a", 1);
+    const std::string b = sampleRecord("b", 2);
+    const std::string footer(kEventLogFooter);
+    const std::string cut = sampleRecord("cut", 3).substr(0, 177);
+    const std::string blank = std::string(50, ' ') + "\n";
+    for (const auto& [name, content] : std::initializer_list<std::pair<const char*, std::string>>{
+             {"no footer", header + a + b},
+             {"half a footer", header + a + b + footer.substr(0, 25)},
+             {"records after the footer", header + a + footer + b},
+             {"two footers", header + a + footer + b + footer},
+             {"a piece", header + a + cut + b + footer},
+             {"a piece at the end", header + a + b + cut},
+             {"blanks", header + a + blank + b + footer},
+             {"no header", a + b},
+             {"half a header", header.substr(0, 200) + a + b},
+             {"zeros", header + a + std::string(5000, '\0') + b}}) {
+        for (const fs::path& place : {current(), more(), taken(), legacy()}) {
+            SCOPED_TRACE(std::string(name) + " in " + place.string());
+            writeTo(place, content);
+            const auto grabbed = log().grab();
+            ASSERT_EQ(grabbed.code, EventLogCode::Done);
+            const std::string text = contentOf(grabbed);
+            // A file of the old name whose header is not known is not touched.
+            if (place == legacy() && !content.starts_with(header)) continue;
+            EXPECT_EQ(text, document(a + b));
+            EXPECT_TRUE(fs::is_empty(folder_.path()));
+        }
+    }
+}
+
+TEST_F(EventLogFileTest, ShowsWhatWouldBeGrabbedAndTakesNothing) {
+    const EventLogFile file = log(1);
+    EXPECT_TRUE(file.documents().empty());
+    file.append(sampleRecord("a", 1));
+    file.append(sampleRecord("a", 2));
+    const std::vector<std::string> expected = {document(sampleRecord("a", 1)),
+                                               document(sampleRecord("a", 2))};
+    EXPECT_EQ(file.documents(), expected);
+    EXPECT_EQ(file.documents(), expected);
+    EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 2));
+    EXPECT_EQ(contentOf(file.grab()), expected[0]);
+    EXPECT_EQ(contentOf(file.grab()), expected[1]);
+}
+
+TEST_F(EventLogFileTest, TakesFirstWhatAKilledCollectorHasLeft) {
+    const EventLogFile file = log();
+    writeTo(taken(), document(sampleRecord("left", 1)));
+    file.append(sampleRecord("a", 1));
+    const auto first = file.grab();
+    EXPECT_TRUE(first.isMore);
+    EXPECT_EQ(contentOf(first), document(sampleRecord("left", 1)));
+    EXPECT_EQ(contentOf(file.grab()), document(sampleRecord("a", 1)));
+}
+
+TEST_F(EventLogFileTest, LosesNoRecordToAWriterWhoWaitedWhileItsCollectorWasKilled) {
+    // The collector has renamed the log and died; a writer that had it open appends now.
+    const EventLogFile file = log();
+    file.append(sampleRecord("a", 1));
+    fs::rename(current(), taken());
+    std::ofstream(taken(), std::ios::app) << sampleRecord("late", 1);
+    EXPECT_EQ(contentOf(file.grab()), document(sampleRecord("a", 1) + sampleRecord("late", 1)));
+}
+
+TEST_F(EventLogFileTest, KeepsAFileThatItCannotMendNow) {
+    const EventLogFile file = log();
+    fs::create_directory(more());
+    file.append(sampleRecord("a", 1));
+    EXPECT_EQ(file.grab().code, EventLogCode::OverflowNotReadable);
+    EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 1));
+}
+
+// What may lie in a file's place, and the answers of writer and collector.
+struct Obstacle {
+    const char* name;
+    void (*make)(const fs::path& place);
+};
+
+const Obstacle kObstacles[] = {
+    {"a folder", [](const fs::path& place) { fs::create_directory(place); }},
+    {"a full folder",
+     [](const fs::path& place) {
+         fs::create_directory(place);
+         writeTo(place / "file", "x");
+     }},
+    {"a pipe", [](const fs::path& place) { ASSERT_EQ(mkfifo(place.c_str(), 0644), 0); }},
+    {"a link to a file",
+     [](const fs::path& place) {
+         writeTo(place.string() + ".canary", "canary");
+         fs::create_symlink(place.string() + ".canary", place);
+     }},
+    {"a link to nothing",
+     [](const fs::path& place) { fs::create_symlink("/nowhere/at/all", place); }},
+    {"a link to itself", [](const fs::path& place) { fs::create_symlink(place, place); }},
+};
+
+void expectCanaryUnharmed(const fs::path& place) {
+    const std::string canary = place.string() + ".canary";
+    if (!fs::exists(canary)) return;
+    EXPECT_EQ(test::contentOf(canary), "canary");
+    fs::remove(canary);
+}
+
+TEST_F(EventLogFileTest, RefusesWhatIsNoFileInTheLogsPlace) {
+    for (const Obstacle& obstacle : kObstacles) {
+        SCOPED_TRACE(obstacle.name);
+        obstacle.make(current());
+        EXPECT_EQ(log().append(sampleRecord("a", 1)), EventLogCode::LogNotReady);
+        const auto grabbed = log().grab();
+        EXPECT_EQ(grabbed.code, EventLogCode::LogNotOpened);
+        EXPECT_FALSE(grabbed.isMore);
+        EXPECT_TRUE(log().documents().empty());
+        expectCanaryUnharmed(current());
+        fs::remove_all(current());
+    }
+}
+
+TEST_F(EventLogFileTest, RefusesAPipeThatSomebodyReads) {
+    ASSERT_EQ(mkfifo(current().c_str(), 0644), 0);
+    const int reader = open(current().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    EXPECT_EQ(log().append(sampleRecord("a", 1)), EventLogCode::LogNotReady);
+    EXPECT_EQ(log().grab().code, EventLogCode::LogNotExamined);
+    char byte = 0;
+    EXPECT_EQ(read(reader, &byte, 1), 0);
+    close(reader);
+}
+
+TEST_F(EventLogFileTest, RefusesWhatIsNoFileInTheOverflowsPlace) {
+    for (const Obstacle& obstacle : kObstacles) {
+        for (const fs::path& place : {more(), taken()}) {
+            SCOPED_TRACE(std::string(obstacle.name) + " at " + place.string());
+            obstacle.make(place);
+            EXPECT_EQ(log().grab().code, EventLogCode::OverflowNotReadable);
+            EXPECT_EQ(log().append(sampleRecord("a", 1)), EventLogCode::Done);
+            expectCanaryUnharmed(place);
+            fs::remove_all(place);
+            fs::remove(current());
+        }
+    }
+}
+
+TEST_F(EventLogFileTest, ReplacesALinkWithTheOverflowAndNotWhatItLeadsTo) {
+    kObstacles[3].make(more());
+    const EventLogFile file = log(1);
+    EXPECT_EQ(file.append(sampleRecord("a", 1)), EventLogCode::Done);
+    EXPECT_EQ(file.append(sampleRecord("a", 2)), EventLogCode::Done);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(more())));
+    EXPECT_EQ(test::contentOf(more().string() + ".canary"), "canary");
+}
+
+TEST_F(EventLogFileTest, CannotRotateOntoAFolder) {
+    fs::create_directory(more());
+    const EventLogFile file = log(1);
+    EXPECT_EQ(file.append(sampleRecord("a", 1)), EventLogCode::Done);
+    EXPECT_EQ(file.append(sampleRecord("a", 2)), EventLogCode::LogNotReady);
+    EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 1));
+}
+
+TEST_F(EventLogFileTest, RefusesALogThatNobodyHasEndedAndNobodyMayWrite) {
+    writeTo(current(), sampleHeader());
+    fs::permissions(current(), fs::perms(0444));
+    EXPECT_EQ(log().append(sampleRecord("a", 1)), EventLogCode::LogNotReady);
+    EXPECT_EQ(test::contentOf(current()), sampleHeader());
+}
+
+TEST_F(EventLogFileTest, RefusesAnotherUsersFile) {
+    ASSERT_EQ(geteuid(), 0u) << "only root can make one";
+    writeTo(current(), sampleHeader());
+    ASSERT_EQ(chown(current().c_str(), 65534, 65534), 0);
+    EXPECT_EQ(log().append(sampleRecord("a", 1)), EventLogCode::LogNotReady);
+    EXPECT_EQ(log().grab().code, EventLogCode::LogNotExamined);
+    fs::rename(current(), more());
+    EXPECT_EQ(log().grab().code, EventLogCode::OverflowNotReadable);
+    EXPECT_EQ(test::contentOf(more()), sampleHeader());
+}
+
+TEST_F(EventLogFileTest, IsRefusedWithoutItsFolder) {
+    const EventLogFile file(EventLogFile::Names::inFolder((folder_.path() / "none").string()),
+                            test::sampleFacts);
+    EXPECT_EQ(file.append(sampleRecord("a", 1)), EventLogCode::LogNotReady);
+    EXPECT_EQ(file.grab().code, EventLogCode::NothingToGrab);
+    writeTo(folder_.path() / "none", "a file");
+    EXPECT_EQ(file.append(sampleRecord("a", 1)), EventLogCode::LogNotReady);
+    EXPECT_EQ(file.grab().code, EventLogCode::OverflowNotReadable);
+}
+
+TEST_F(EventLogFileTest, HasAnEmptyFileForALogWithoutHeader) {
+    writeTo(current(), "");
+    EXPECT_EQ(log().append(sampleRecord("a", 1)), EventLogCode::Done);
+    EXPECT_EQ(test::contentOf(current()), sampleRecord("a", 1));
+    EXPECT_EQ(contentOf(log().grab()), document(sampleRecord("a", 1)));
+}
+
+TEST_F(EventLogFileTest, HasTheSameNamesEverywhere) {
+    const auto names = EventLogFile::Names::inFolder("/L/Logs");
+    EXPECT_EQ(names.CEPLogName, "/L/Logs/krv.utilia.ceplog.xml");
+    EXPECT_EQ(names.CEPLogNameOld, "/L/Logs/ceplog.xml");
+    EXPECT_EQ(names.CEPLogMoreName, "/L/Logs/krv.utilia.ceplog-more.xml");
+    EXPECT_EQ(names.CEPLogTakenName, "/L/Logs/krv.utilia.ceplog-taken.xml");
+}
+
+}  // namespace
+}  // namespace utilia
