@@ -16,11 +16,12 @@ if(NOT CMAKE_BUILD_TYPE)
     set(CMAKE_BUILD_TYPE RelWithDebInfo)
 endif()
 
-# The build tree has the shape of the install tree: programs in bin/, the library and its framework bundle in lib/.
+# The build tree has the shape of the install tree: programs in bin/, the library and its framework bundle in
+# lib/ (or what an installation has in its place).
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
-set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/${CMAKE_INSTALL_LIBDIR}")
 set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/archive")
-set(UTILIA_FRAMEWORK_DIR "${CMAKE_BINARY_DIR}/lib/UtiliaCommon.framework")
+set(UTILIA_FRAMEWORK_DIR "${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/UtiliaCommon.framework")
 
 find_program(UTILIA_CCACHE ccache)
 if(UTILIA_CCACHE)

@@ -32,3 +32,6 @@ build() {
     if (($#)); then targets=(--target "$@"); fi
     cmake --build "$binary_dir" -j "$jobs" "${targets[@]}"
 }
+
+# With these, a build can be packed (scripts/package).
+package_settings=(-DCMAKE_INSTALL_PREFIX=/usr -DUTILIA_ZSH_COMPLETIONS_DIR=share/zsh/vendor-completions)

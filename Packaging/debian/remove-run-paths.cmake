@@ -1,0 +1,10 @@
+# Read by cpack when a package's files are in place.
+file(GLOB_RECURSE files LIST_DIRECTORIES false "${CPACK_TEMPORARY_DIRECTORY}/*")
+foreach(file IN LISTS files)
+    if(NOT IS_SYMLINK "${file}")
+        file(READ "${file}" start LIMIT 4 HEX)
+        if(start STREQUAL "7f454c46")
+            file(RPATH_REMOVE FILE "${file}")
+        endif()
+    endif()
+endforeach()
