@@ -3,6 +3,7 @@
 #     UtiliaCommon.framework/
 #         Modules/                                        what is loaded on first use
 #         Resources/Info.plist
+#         Resources/Watermark.png …                       what Resources/Watermark.svg of the sources shows
 #         Resources/UtiliaCommon.bundle/Contents/Linux/   auxiliary executables
 
 function(utilia_info_plist path bundle_identifier bundle_type)

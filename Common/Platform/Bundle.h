@@ -10,6 +10,8 @@
 
 namespace utilia::platform {
 
+class Image;
+
 // An application or resource bundle: a folder of fixed shape with an Info.plist.
 //
 // Only X.app/Contents/Linux/PROGRAM beside X.app/Contents/Info.plist makes an application. Paths are
@@ -44,6 +46,11 @@ public:
     std::string resourcePath() const;
     // Resources/NAME.TYPE (of an application: Contents/Resources/…) when it exists; an empty type adds nothing.
     std::optional<std::string> pathForResource(std::string_view name, std::string_view type) const;
+
+    // The picture Resources/NAME.png (of an application: Contents/Resources/…), with the larger ones of it beside it,
+    // NAME@2x.png and NAME@3x.png, as further representations. Empty when NAME.png is missing or no image; a larger one
+    // that is none is left out, with a log line.
+    std::shared_ptr<Image> imageForResource(std::string_view name) const;
 
     // The text in the user's language; `key` is the English text. Without a translation: `value`, or the key when
     // that is empty. The language is the first of the user's (LANGUAGE, LC_ALL, LC_MESSAGES, LANG) of which the bundle

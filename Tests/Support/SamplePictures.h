@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 
 #include "Common/Platform/Image.h"
 
@@ -153,6 +154,35 @@ inline platform::BitmapImageRep screenshotPicture(std::uint32_t width, std::uint
         }
     }
     return picture;
+}
+
+// An ICC profile as far as anybody looks who does not use it: a header of this colour space (RGB by
+// default), and one tag of bytes that do not pack well.
+inline Data sampleProfile(std::size_t size = 344, std::string_view space = "RGB ") {
+    Data profile(size, 0);
+    const auto put = [&profile](std::size_t at, std::string_view text) {
+        std::copy(text.begin(), text.end(), profile.begin() + static_cast<std::ptrdiff_t>(at));
+    };
+    const auto putNumber = [&profile](std::size_t at, std::size_t number) {
+        for (std::size_t i = 0; i < 4; ++i)
+            profile[at + i] = static_cast<std::uint8_t>(number >> (24 - 8 * i));
+    };
+    putNumber(0, size);
+    profile[8] = 2;
+    put(12, "mntr");
+    put(16, space);
+    put(20, "XYZ ");
+    put(36, "acsp");
+    // The white that it relates to, as all profiles do.
+    putNumber(68, 0xf6d6);
+    putNumber(72, 0x10000);
+    putNumber(76, 0xd32d);
+    putNumber(128, 1);
+    put(132, "cprt");
+    putNumber(136, 144);
+    putNumber(140, size - 144);
+    for (std::size_t i = 144; i < size; ++i) profile[i] = static_cast<std::uint8_t>(i * i * 31 + i);
+    return profile;
 }
 
 }  // namespace utilia::test

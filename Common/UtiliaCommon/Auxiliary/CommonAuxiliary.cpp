@@ -7,6 +7,7 @@
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Logging/Log.h"
 #include "Common/Logging/MemoryGuard.h"
+#include "Common/Platform/Bundle.h"
 #include "Common/Platform/FileManager.h"
 #include "Common/Platform/LoginItems.h"
 #include "Common/Platform/Workspace.h"
@@ -217,6 +218,31 @@ bool CommonAuxiliary::saveImageAsPDF(const std::shared_ptr<platform::Image>& ima
                                      const platform::ExportProgress& progress) {
     return unlessOutOfMemory(
         kExport, [&] { return saved(dataForImageAsPDF(image, pageHeight, progress), toFile); });
+}
+
+std::optional<Data> CommonAuxiliary::dataForImage(const std::shared_ptr<platform::Image>& image,
+                                                  platform::BitmapImageFileType asType,
+                                                  const platform::ExportProgress& progress) {
+    return unlessOutOfMemory(kExport, [&]() -> std::optional<Data> {
+        if (!image) return std::nullopt;
+        return exported(image->representationUsingType(0, asType, progress));
+    });
+}
+
+bool CommonAuxiliary::saveImage(const std::shared_ptr<platform::Image>& image,
+                                platform::BitmapImageFileType asType, std::string_view toFile,
+                                const platform::ExportProgress& progress) {
+    return unlessOutOfMemory(kExport,
+                             [&] { return saved(dataForImage(image, asType, progress), toFile); });
+}
+
+std::shared_ptr<platform::Image> CommonAuxiliary::watermarkImage() {
+    return unlessOutOfMemory(kExport, []() -> std::shared_ptr<platform::Image> {
+        const platform::Bundle* const bundle = platform::Bundle::frameworkBundle();
+        auto image = bundle ? bundle->imageForResource("Watermark") : nullptr;
+        if (!image) KULogVariadic("%@: the watermark is missing", kExport);
+        return image;
+    });
 }
 
 }  // namespace utilia

@@ -76,6 +76,21 @@ public:
     // Answers whether the file is written.
     bool saveImageAsPDF(const std::shared_ptr<platform::Image>& image, std::string_view toFile,
                         std::uint64_t pageHeight, const platform::ExportProgress& progress = {});
+
+    // The first representation of the image in a bitmap format, written as Documentation/Images.md
+    // says: without loss but for GIF and JPEG, with the colour profile. An image without
+    // representations gives nothing, as one that cannot be decoded.
+    std::optional<Data> dataForImage(const std::shared_ptr<platform::Image>& image,
+                                     platform::BitmapImageFileType asType,
+                                     const platform::ExportProgress& progress = {});
+    // Answers whether the file is written.
+    bool saveImage(const std::shared_ptr<platform::Image>& image,
+                   platform::BitmapImageFileType asType, std::string_view toFile,
+                   const platform::ExportProgress& progress = {});
+
+    // The mark of the product to be laid over pictures: white and dark on transparency, in three
+    // sizes. Empty, with one log line, when the framework's bundle lacks it.
+    std::shared_ptr<platform::Image> watermarkImage();
 };
 
 // Keys of the agent's preferences and of the shared store. Contract: never rename.

@@ -66,32 +66,6 @@ BitmapImageRep flag(std::uint32_t wide, std::uint32_t high) {
     return bitmap;
 }
 
-Data profileOf(std::string_view space) {
-    Data profile(144, 0);
-    profile[8] = 2;
-    const auto put = [&profile](std::size_t at, std::string_view text) {
-        std::copy(text.begin(), text.end(), profile.begin() + static_cast<std::ptrdiff_t>(at));
-    };
-    put(12, "mntr");
-    put(16, space);
-    put(20, "XYZ ");
-    put(36, "acsp");
-    // The white that it relates to, as all profiles do.
-    const std::uint8_t white[] = {0, 0, 0xf6, 0xd6, 0, 1, 0, 0, 0, 0, 0xd3, 0x2d};
-    std::copy(std::begin(white), std::end(white), profile.begin() + 68);
-    // One tag, of bytes that do not pack well: libpng reads no profile of a few bytes.
-    constexpr std::uint8_t kTagSize = 200;
-    profile[131] = 1;
-    put(132, "cprt");
-    profile[139] = 144;
-    profile[143] = kTagSize;
-    for (unsigned i = 0; i < kTagSize; ++i)
-        profile.push_back(static_cast<std::uint8_t>(i * i * 31 + i));
-    profile[2] = static_cast<std::uint8_t>(profile.size() >> 8);
-    profile[3] = static_cast<std::uint8_t>(profile.size());
-    return profile;
-}
-
 Data encoded(const BitmapImageRep& bitmap, BitmapImageFileType type) {
     const auto image = Image::initWithBitmap(bitmap);
     if (!image) {

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "Common/Platform/Image.h"
@@ -24,10 +23,6 @@ platform::BitmapImageRep opaqueNoise(std::uint32_t wide, std::uint32_t high);
 platform::BitmapImageRep gradient(std::uint32_t wide, std::uint32_t high);
 // Of few colours, some of them fully transparent.
 platform::BitmapImageRep flag(std::uint32_t wide, std::uint32_t high);
-
-// An ICC profile as far as anybody looks who does not use it: a header of RGB ("GRAY" and others by
-// `space`) and a single tag.
-Data profileOf(std::string_view space = "RGB ");
 
 Data encoded(const platform::BitmapImageRep& bitmap, platform::BitmapImageFileType type);
 // The pixels of the only representation; an empty bitmap, and a failure of the test, for no image.

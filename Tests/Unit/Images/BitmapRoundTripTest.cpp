@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Tests/Support/SamplePictures.h"
 #include "Tests/Unit/Images/BitmapFixture.h"
 
 using namespace utilia;
@@ -98,24 +99,21 @@ TEST_P(FileTypes, AreNotFarOff) {
 
 TEST_P(FileTypes, CarryTheProfile) {
     BitmapImageRep original = flag(30, 20);
-    original.colourProfile = profileOf();
+    original.colourProfile = sampleProfile();
     EXPECT_EQ(through(original).colourProfile, original.colourProfile);
     EXPECT_EQ(through(opaqueNoise(3, 3)).colourProfile, Data());
 }
 
 TEST_P(FileTypesWithOpaqueProfiles, CarryAProfileOfManyPieces) {
     // JPEG cuts at 65,519 bytes, GIF at 255.
-    constexpr std::uint32_t kSize = 200'000;
     BitmapImageRep original = flag(30, 20);
-    original.colourProfile = profileOf();
-    original.colourProfile.resize(kSize, 7);
-    for (unsigned i = 0; i < 4; ++i)
-        original.colourProfile[i] = static_cast<std::uint8_t>(kSize >> (24 - 8 * i));
+    original.colourProfile = sampleProfile(200'000);
     EXPECT_EQ(through(original).colourProfile, original.colourProfile);
 }
 
 TEST_P(FileTypes, LeaveOutProfilesOfOtherColours) {
-    for (const Data& profile : {profileOf("GRAY"), profileOf("CMYK"), Data(132, 1), Data(3, 1)}) {
+    for (const Data& profile :
+         {sampleProfile(344, "GRAY"), sampleProfile(344, "CMYK"), Data(132, 1), Data(3, 1)}) {
         BitmapImageRep original = flag(3, 2);
         original.colourProfile = profile;
         EXPECT_EQ(through(original).colourProfile, Data());

@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <numeric>
 #include <string>
 #include <vector>
 
@@ -128,8 +127,7 @@ TEST(PdfPages, AreGreyWhereThePictureIs) {
 
 TEST(PdfPages, ShareTheColourProfileOfThePicture) {
     BitmapImageRep picture = gradientPicture(40, 90);
-    picture.colourProfile.resize(3000);
-    std::iota(picture.colourProfile.begin(), picture.colourProfile.end(), std::uint8_t{0});
+    picture.colourProfile = sampleProfile(3000);
     const Data document = pdfOf(picture, 30);
     const auto pages = readPdf(document);
     ASSERT_EQ(pages.size(), 3u);
@@ -142,7 +140,7 @@ TEST(PdfPages, ShareTheColourProfileOfThePicture) {
 
 TEST(PdfPages, KeepTheProfileOfAGreyPicture) {
     BitmapImageRep picture = greyPicture(40, 40);
-    picture.colourProfile = Data(128, 1);
+    picture.colourProfile = sampleProfile();
     const auto pages = readPdf(pdfOf(picture, 0));
     EXPECT_EQ(pages.at(0).images.at(0).profile, picture.colourProfile);
     expectPagesOf(pages, picture, 40);
