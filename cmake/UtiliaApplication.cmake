@@ -1,5 +1,5 @@
 # utilia_application(TARGET NAME … IDENTIFIER … SOURCES … [COMMENT …] [LINK …] [INFO …] [LOCALIZATION …] [RESOURCES …]
-#                    [ICON …] [WITHIN …])
+#                    [ICON …] [HELPERS …] [WITHIN …])
 #
 # An application that loads the framework, as a bundle in the build tree: Applications/NAME.app/Contents with the
 # program (Linux/TARGET) and its Info.plist, and a desktop entry by which it is found once it lies in an "applications"
@@ -12,12 +12,13 @@
 #   LOCALIZATION  a folder of translations, LANGUAGE.po, which become the bundle's texts (needs gettext's msgfmt)
 #   RESOURCES     files for Contents/Resources
 #   ICON          a picture for Contents/Resources that the desktop entry names
+#   HELPERS       programs (targets) that lie beside its own: Bundle::pathForAuxiliaryExecutable finds them
 #   WITHIN        the application that this one belongs to: it lies in that one's Contents/Applications, and has no
 #                 desktop entry of its own
 
 function(utilia_application target)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "NAME;IDENTIFIER;COMMENT;INFO;WITHIN;LOCALIZATION;ICON"
-        "SOURCES;LINK;RESOURCES")
+        "SOURCES;LINK;RESOURCES;HELPERS")
     include(GNUInstallDirs)
     set(bundle "Applications/${arg_NAME}.app")
     if(arg_WITHIN)
@@ -52,6 +53,11 @@ function(utilia_application target)
         configure_file("${resource}" "${contents}/Resources/${name}" COPYONLY)
         install(FILES "${contents}/Resources/${name}" DESTINATION "${installed_contents}/Resources")
     endforeach()
+    if(arg_HELPERS)
+        set_target_properties(${arg_HELPERS} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${contents}/Linux")
+        add_dependencies(${target} ${arg_HELPERS})
+        install(TARGETS ${arg_HELPERS} RUNTIME DESTINATION "${installed_contents}/Linux")
+    endif()
     if(arg_LOCALIZATION)
         utilia_application_texts(${target} "${contents}" "${installed_contents}" "${arg_LOCALIZATION}")
     endif()

@@ -8,6 +8,7 @@ begin_session() {
     export HOME=$session/home
     export XDG_RUNTIME_DIR=$session/run XDG_CONFIG_HOME=$session/config XDG_DATA_HOME=$session/data
     export XDG_STATE_HOME=$session/state XDG_CACHE_HOME=$session/cache XDG_DATA_DIRS=$session/system
+    export LANGUAGE=en  # what the tools say is compared
     unset DISPLAY WAYLAND_DISPLAY DBUS_SESSION_BUS_ADDRESS
     bus_pid=''
 }

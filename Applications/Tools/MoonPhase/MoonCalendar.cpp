@@ -5,6 +5,9 @@
 #include <cstddef>
 #include <numbers>
 
+// Marks a text for the catalogues, which have its translations.
+#define N_(text) text
+
 namespace utilia::tools {
 namespace {
 
@@ -22,9 +25,9 @@ MoonPhase moonPhaseAt(Date date) {
 double MoonPhase::litPart() const { return (1 - std::cos(2 * std::numbers::pi * fraction)) / 2; }
 
 std::string MoonPhase::name() const {
-    static constexpr std::array kNames{"New moon",       "Waxing crescent", "First quarter",
-                                       "Waxing gibbous", "Full moon",       "Waning gibbous",
-                                       "Last quarter",   "Waning crescent"};
+    static constexpr std::array kNames{
+        N_("New moon"),  N_("Waxing crescent"), N_("First quarter"), N_("Waxing gibbous"),
+        N_("Full moon"), N_("Waning gibbous"),  N_("Last quarter"),  N_("Waning crescent")};
     // Each name stands for an eighth of the month around its moment.
     const auto eighth = static_cast<std::size_t>(std::lround(fraction * 8));
     return kNames[eighth % kNames.size()];

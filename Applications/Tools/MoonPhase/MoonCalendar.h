@@ -11,7 +11,7 @@ struct MoonPhase {
     double fraction = 0;  // of the way from one new moon to the next, from 0 to below 1
 
     double litPart() const;      // of the disc, from 0 to 1
-    std::string name() const;    // "Waxing gibbous"
+    std::string name() const;    // "Waxing gibbous", a key of the tools' texts
     int daysToFullMoon() const;  // rounded
 };
 

@@ -1,5 +1,5 @@
-// Moon Phase: shows the moon in the menu. A click tells when the moon will be full, the next one
-// its phase again.
+// Moon Phase: shows the moon in the menu, and has nothing else: no window, and no display is needed. A click tells when
+// the moon will be full, the next one its phase again.
 
 #include <chrono>
 #include <cmath>
@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Applications/Tools/Drawing/IconPainter.h"
+#include "Applications/Tools/Drawing/ToolText.h"
 #include "Applications/Tools/MoonPhase/MoonCalendar.h"
 #include "Common/Platform/Application.h"
 #include "Common/Platform/RunLoop.h"
@@ -18,6 +19,7 @@ namespace {
 
 using utilia::tools::Colour;
 using utilia::tools::MoonPhase;
+using utilia::tools::toolText;
 
 // Whether the sun shines on this place of the disc, as the north of the earth sees it.
 bool isLit(MoonPhase moon, double x, double y, double radius) {
@@ -41,6 +43,18 @@ Colour toolPicture(MoonPhase moon, double x, double y) {
     const bool isSky =
         std::pow(std::abs(x), 5) + std::pow(std::abs(y), 5) < 0.9;  // a rounded square
     return isSky ? Colour{0.08, 0.1, 0.22, 1} : Colour{};
+}
+
+std::string phaseText(MoonPhase moon) {
+    const std::string lit = std::to_string(std::lround(moon.litPart() * 100)) + " %";
+    return toolText(moon.name()) + ", " + toolText("%@ lit", lit);
+}
+
+std::string fullMoonText(MoonPhase moon) {
+    const int days = moon.daysToFullMoon();
+    if (days == 0) return toolText("Full moon today");
+    if (days == 1) return toolText("Full moon tomorrow");
+    return toolText("Full moon in %@ days", std::to_string(days));
 }
 
 class MoonPhaseTool final : public utilia::platform::ApplicationDelegate {
@@ -69,10 +83,7 @@ private:
             {16, 32}, [moon](double x, double y) { return menuPicture(moon, x, y); });
         menuIcon->setTemplate(true);
         client_.setMenuIcon(menuIcon);
-        client_.setMenuText(tellsFullMoon_
-                                ? "Full moon in " + std::to_string(moon.daysToFullMoon()) + " days"
-                                : moon.name() + ", " +
-                                      std::to_string(std::lround(moon.litPart() * 100)) + " % lit");
+        client_.setMenuText(tellsFullMoon_ ? fullMoonText(moon) : phaseText(moon));
     }
 
     utilia::ToolDataClientProvider& client_ = utilia::UtiliaCommon::toolDataClientProvider();

@@ -1,82 +1,135 @@
-// Timer: counts the seconds while it runs, and goes on from where it last ended. A click on its
-// menu icon holds it.
+// Timer: counts the seconds while it runs, and goes on from where it last ended. A click on its menu icon holds it.
+// Started with a time ("timer 25", "timer 1:30") it counts down instead, and says when the time is up; the agent starts
+// it for that, should it not run by then.
 
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "Applications/Tools/Drawing/IconPainter.h"
+#include "Applications/Tools/Drawing/ToolText.h"
+#include "Applications/Tools/Timer/Countdown.h"
+#include "Applications/Tools/Timer/StopwatchPicture.h"
+#include "Applications/Tools/Timer/TimerNotification.h"
+#include "Applications/Tools/Timer/TimerText.h"
 #include "Common/Platform/Application.h"
+#include "Common/Platform/NotificationCenter.h"
+#include "Common/Platform/ProcessInfo.h"
 #include "Common/Platform/RunLoop.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
 #include "Common/UtiliaCommon/UtiliaCommon.h"
 
 namespace {
 
-using namespace std::chrono_literals;
-using utilia::tools::Colour;
+using namespace utilia;
+using tools::textFromSeconds;
+using tools::toolText;
 
-Colour stopwatch(double x, double y) {
-    const double radius = std::hypot(x, y);
-    const bool isHand = std::abs(x - y / 8) < 0.07 && y > -0.62 && y < 0.1;
-    if (isHand || radius < 0.1) return {0.85, 0.2, 0.15, 1};
-    if (radius < 0.75) return {0.98, 0.98, 0.96, 1};
-    if (radius < 0.92) return {0.2, 0.24, 0.3, 1};
-    return {};
-}
-
-class TimerTool final {
+class TimerTool final : public platform::ApplicationDelegate {
 public:
-    TimerTool() {
-        goOnFrom(client_.menuText().value_or(""));
-        client_.setToolIcon(utilia::tools::paintIcon({32, 64, 128}, stopwatch));
-        client_.setMenuIcon(utilia::tools::paintIcon({16, 32}, stopwatch));
-        client_.setClickMenuIconBlock([this] {
-            isHeld_ = !isHeld_;
-            show();
+    explicit TimerTool(const std::vector<std::string>& arguments) {
+        // The text of the last orderly end is all that counting up has to remember.
+        const std::string last = client_.menuText().value_or("");
+        seconds_ = tools::leadingSeconds(last).value_or(0);
+        isHeld_ = countdown_.isHeld() || last == toolText("%@ (held)", textFromSeconds(seconds_));
+        client_.setToolIcon(tools::paintIcon({32, 64, 128}, tools::stopwatchIcon));
+        const auto menuIcon = tools::paintIcon({16, 32}, tools::stopwatchMask);
+        menuIcon->setTemplate(true);
+        client_.setMenuIcon(menuIcon);
+        client_.setClickMenuIconBlock([this] { isHeld_ ? goOn() : hold(); });
+        client_.setDateScheduleBlock([this] {
+            if (countdown_.isSet()) show();
         });
-        show();
+        takeTime(arguments);
         // Permanent: the agent shows the timer also while it does not run.
-        client_.setToolStatus(utilia::kToolStatusPermanent);
-        tick_ = utilia::platform::Timer::scheduledTimer(1s, true, [this] { count(); });
+        client_.setToolStatus(kToolStatusPermanent);
+        isHeld_ ? show() : goOn();
+    }
+
+    // A second start brings its arguments here.
+    bool applicationShouldHandleReopen(bool, const std::vector<std::string>& arguments) override {
+        if (takeTime(arguments)) goOn();
+        return false;
     }
 
 private:
-    // The text of the last orderly end is all that a timer has to remember.
-    void goOnFrom(const std::string& menuText) {
-        int minutes = 0;
-        int seconds = 0;
-        if (std::sscanf(menuText.c_str(), "%5d:%2d", &minutes, &seconds) != 2) return;
-        seconds_ = minutes * 60 + seconds;
-        isHeld_ = menuText.ends_with(kHeld);
+    bool takeTime(const std::vector<std::string>& arguments) {
+        const auto seconds =
+            arguments.empty() ? std::nullopt : tools::secondsFromText(arguments[0]);
+        if (seconds) countdown_.start(*seconds);
+        if (seconds) isHeld_ = false;
+        return seconds.has_value();
+    }
+
+    // While it is held nothing wakes the process.
+    void hold() {
+        isHeld_ = true;
+        tick_.reset();
+        countdown_.hold();
+        show();
+    }
+
+    void goOn() {
+        isHeld_ = false;
+        countdown_.goOn();
+        tick_ = platform::Timer::scheduledTimer(std::chrono::seconds(1), true, [this] { count(); });
+        show();
     }
 
     void count() {
-        if (isHeld_) return;
-        ++seconds_;
+        if (!countdown_.isSet()) ++seconds_;
         show();
     }
 
     void show() {
-        char text[32];
-        std::snprintf(text, sizeof text, "%d:%02d%s", seconds_ / 60, seconds_ % 60,
-                      isHeld_ ? kHeld : "");
-        client_.setMenuText(text);
+        const bool isCountdown = countdown_.isSet();
+        if (isCountdown && !isHeld_ && countdown_.secondsLeft() == 0) return ring();
+        const std::string time = textFromSeconds(isCountdown ? countdown_.secondsLeft() : seconds_);
+        const std::string text = isCountdown ? toolText("%@ left", time) : time;
+        client_.setMenuText(isHeld_ ? toolText("%@ (held)", text) : text);
     }
 
-    static constexpr const char* kHeld = " (held)";
-    utilia::ToolDataClientProvider& client_ = utilia::UtiliaCommon::toolDataClientProvider();
-    int seconds_ = 0;
+    void ring() {
+        const std::string length = textFromSeconds(countdown_.length());
+        countdown_.clear();
+        seconds_ = 0;
+        isHeld_ = true;
+        tick_.reset();
+        client_.setMenuText(toolText("Time is up"));
+        tools::showNotification(toolText("Time is up"),
+                                toolText("Your timer of %@ has ended.", length));
+    }
+
+    // What the agent shows while a countdown goes on without the tool.
+    void showEnd() {
+        if (const auto end = countdown_.end())
+            client_.setMenuText(toolText("Until %@", tools::clockTime(*end)));
+    }
+
+    // Before the client, which stores the text that it has by the time it is told.
+    Handle end_ = platform::NotificationCenter::defaultCenter().addObserver(
+        platform::NSApplicationWillTerminateNotification, nullptr,
+        [this](const void*) { showEnd(); });
+    ToolDataClientProvider& client_ = UtiliaCommon::toolDataClientProvider();
+    tools::Countdown countdown_{platform::UserDefaults::standardUserDefaults()};
+    std::int64_t seconds_ = 0;
     bool isHeld_ = false;
-    utilia::Handle tick_;
+    Handle tick_;
 };
 
 }  // namespace
 
-int main() {
-    auto& application = utilia::platform::Application::sharedApplication();
+int main(int count, char** words) {
+    const std::vector<std::string> arguments(words + 1, words + count);
+    if (count > 1 && arguments[0].find("--") != 0 && !tools::secondsFromText(arguments[0])) {
+        std::fprintf(stderr, "timer: \"%s\" is no time; 25 (minutes), 1:30 and 1:00:00 are\n",
+                     words[1]);
+        return 2;
+    }
+    auto& application = platform::Application::sharedApplication();
     application.finishLaunching();
-    const TimerTool timer;
+    TimerTool timer(arguments);
+    application.setDelegate(&timer);
     return application.run();
 }

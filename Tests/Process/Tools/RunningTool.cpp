@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "Common/Platform/Bundle.h"
+#include "Common/Platform/RunLoop.h"
 
 namespace utilia::test {
 namespace {
@@ -88,6 +89,31 @@ bool ToolSession::comesToSay(const std::string& text) {
         if (next == text) return true;
         if (next.empty()) return false;
     }
+}
+
+void ToolSession::serve(std::chrono::milliseconds time) {
+    platform::RunLoop::currentRunLoop().runUntil([] { return false; }, time);
+}
+
+long ToolSession::wakeUps(const ChildProcess& tool) {
+    long sum = 0;
+    const fs::path threads = "/proc/" + std::to_string(tool.pid()) + "/task";
+    for (const auto& thread : fs::directory_iterator(threads)) {
+        std::ifstream status(thread.path() / "status");
+        for (std::string line; std::getline(status, line);) {
+            const std::size_t colon = line.find("ctxt_switches:");
+            if (colon != std::string::npos) sum += std::stol(line.substr(line.find(':') + 1));
+        }
+    }
+    return sum;
+}
+
+bool ToolSession::fallsAsleep(const ChildProcess& tool) {
+    return eventually([&] {
+        const long before = wakeUps(tool);
+        serve(std::chrono::milliseconds(200));
+        return wakeUps(tool) == before;
+    });
 }
 
 std::string ToolSession::log() const {

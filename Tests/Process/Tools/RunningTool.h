@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <optional>
 #include <string>
@@ -39,6 +40,12 @@ public:
     bool isMenuIconTemplate() const { return isMenuIconTemplate_; }
     const std::string& menuIcon() const { return menuIcon_; }
     std::string log() const;
+    // Takes in messages for that long.
+    static void serve(std::chrono::milliseconds time);
+    // How often its threads have woken up by now.
+    static long wakeUps(const ChildProcess& tool);
+    // Whether it comes to do nothing for a moment.
+    static bool fallsAsleep(const ChildProcess& tool);
 
     const TemporaryHome& home() const { return home_; }
     void endSessionBus() { sessionBus_.reset(); }

@@ -1,0 +1,61 @@
+#include "Applications/Tools/Timer/TimerText.h"
+
+#include <array>
+#include <charconv>
+#include <cstdio>
+
+namespace utilia::tools {
+namespace {
+
+constexpr std::int64_t kSecondsPerDay = 86'400;
+
+std::optional<std::int64_t> number(std::string_view digits) {
+    std::int64_t value = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    if (error != std::errc() || end != digits.data() + digits.size() || value < 0)
+        return std::nullopt;
+    return value;
+}
+
+}  // namespace
+
+std::string textFromSeconds(std::int64_t seconds) {
+    std::array<char, 48> text;
+    const long long hours = seconds / 3600;
+    const int minutes = static_cast<int>(seconds / 60 % 60);
+    const int rest = static_cast<int>(seconds % 60);
+    if (hours > 0) {
+        std::snprintf(text.data(), text.size(), "%lld:%02d:%02d", hours, minutes, rest);
+    } else {
+        std::snprintf(text.data(), text.size(), "%d:%02d", minutes, rest);
+    }
+    return text.data();
+}
+
+std::optional<std::int64_t> secondsFromText(std::string_view text) {
+    std::int64_t seconds = 0;
+    int parts = 0;
+    for (bool isLast = false; !isLast; ++parts) {
+        const std::size_t colon = text.find(':');
+        isLast = colon == std::string_view::npos;
+        const std::string_view part = text.substr(0, colon);
+        const auto value = number(part);
+        if (!value || *value >= kSecondsPerDay) return std::nullopt;
+        if (parts > 0 && (part.size() != 2 || *value >= 60)) return std::nullopt;
+        seconds = seconds * 60 + *value;
+        if (!isLast) text.remove_prefix(colon + 1);
+    }
+    if (parts > 3) return std::nullopt;
+    if (parts == 1) seconds *= 60;
+    if (seconds == 0 || seconds >= kSecondsPerDay) return std::nullopt;
+    return seconds;
+}
+
+std::optional<std::int64_t> leadingSeconds(std::string_view text) {
+    const std::string_view time = text.substr(0, text.find_first_not_of("0123456789:"));
+    if (time.find(':') == std::string_view::npos) return std::nullopt;
+    if (time == "0:00") return 0;
+    return secondsFromText(time);
+}
+
+}  // namespace utilia::tools
