@@ -244,6 +244,38 @@ std::size_t forEachKillPoint(unsigned repetitions, const std::function<void()>& 
     return points;
 }
 
+std::size_t forEachStopPoint(const std::function<void()>& operation,
+                             const std::function<void()>& meanwhile,
+                             const std::function<void()>& check) {
+    for (unsigned ordinal = 1; ordinal <= kMostCalls; ++ordinal) {
+        SCOPED_TRACE("stopped before system call " + std::to_string(ordinal));
+        const pid_t child = fork();
+        if (child < 0) throw std::runtime_error("fork");
+        if (child == 0) {
+            const ArmedFault stop(
+                {.call = kUtiliaFaultAnySystemCall, .kind = kUtiliaFaultStopBefore}, ordinal);
+            operation();
+            _exit(testing::Test::HasFailure() ? 1 : 0);
+        }
+        int status = 0;
+        while (waitpid(child, &status, WUNTRACED) != child) {
+        }
+        const bool isStopped = WIFSTOPPED(status);
+        if (isStopped) {
+            meanwhile();
+            kill(child, SIGCONT);
+            while (waitpid(child, &status, 0) != child) {
+            }
+        }
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+            << "the child ended with status " << status;
+        if (!isStopped) return ordinal - 1;
+        check();
+        if (testing::Test::HasFatalFailure()) return ordinal;
+    }
+    return kMostCalls;
+}
+
 std::span<const Fault> storageFaults() { return kStorageFaults; }
 std::span<const Fault> socketFaults() { return kSocketFaults; }
 std::span<const Fault> memoryFaults() { return kMemoryFaults; }

@@ -122,6 +122,14 @@ struct KillPoint {
 std::size_t forEachKillPoint(unsigned repetitions, const std::function<void()>& operation,
                              const std::function<void(const KillPoint&)>& check);
 
+// What others do between any two system calls: `operation` runs in a forked child of this process,
+// so it must not need other threads, and stops before its 1st, 2nd, 3rd … system call; `meanwhile`
+// runs here, and may find files locked; then the child goes on to its end, and `check` runs here.
+// Answers the number of those points.
+std::size_t forEachStopPoint(const std::function<void()>& operation,
+                             const std::function<void()>& meanwhile,
+                             const std::function<void()>& check);
+
 // What files, folders and locks can answer; what sockets can; out of memory.
 std::span<const Fault> storageFaults();
 std::span<const Fault> socketFaults();

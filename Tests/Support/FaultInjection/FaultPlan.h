@@ -43,6 +43,7 @@ enum UtiliaFaultKind {
     kUtiliaFaultShort,       // transfers half of what was asked for
     kUtiliaFaultKillBefore,  // the process dies of SIGKILL instead of making the call
     kUtiliaFaultKillAfter,   // … after the kernel has done it
+    kUtiliaFaultStopBefore,  // the process stops (SIGSTOP), and makes the call when it is continued
 };
 
 struct UtiliaFaultPlan {

@@ -73,6 +73,10 @@ Verdict verdictFor(UtiliaFaultCall call) {
         if (number < plan.ordinal || (number > plan.ordinal && !plan.isForEver)) continue;
         slot.hits.fetch_add(1);
         if (plan.kind == kUtiliaFaultKillBefore) die();
+        if (plan.kind == kUtiliaFaultStopBefore) {
+            syscall(SYS_kill, getpid(), SIGSTOP);
+            continue;
+        }
         verdict = {plan.kind, plan.error};
     }
     return verdict;

@@ -1,0 +1,447 @@
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <random>
+#include <set>
+#include <thread>
+#include <utility>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "Tests/Support/FaultInjection.h"
+#include "Tests/Support/TemporaryHome.h"
+#include "Tests/Unit/EventLog/LogSample.h"
+#include "Tests/Unit/EventLog/XmlDocument.h"
+
+// Processes that share a log. Each record has its writer's name and a number; where they are found
+// afterwards is compared with what the writers were told.
+
+namespace utilia {
+namespace {
+
+namespace fs = std::filesystem;
+using test::sampleRecord;
+using test::XmlDocument;
+
+// Which records of which writer were found, and how often.
+using Found = std::map<std::string, std::map<int, int>>;
+
+std::string valueAfter(std::string_view text, std::string_view words) {
+    const std::size_t begin = text.find(words) + words.size();
+    return std::string(text.substr(begin, text.find('"', begin) - begin));
+}
+
+// Counts the records of a document that must be whole: the header, records, and the footer.
+void countRecords(std::string content, bool isEnded, Found& found) {
+    ASSERT_TRUE(content.starts_with(test::sampleHeader())) << content.substr(0, 100);
+    ASSERT_EQ(content.ends_with(kEventLogFooter), isEnded);
+    if (!isEnded) content += kEventLogFooter;
+    ASSERT_TRUE(XmlDocument::parse(content));
+    std::string_view rest = content;
+    for (std::size_t at = rest.find("\n\t<details writer="); at != std::string_view::npos;
+         at = rest.find("\n\t<details writer=")) {
+        rest.remove_prefix(at);
+        ++found[valueAfter(rest, "writer=\"")][std::stoi(valueAfter(rest, "number=\""))];
+        rest.remove_prefix(5);
+    }
+}
+
+template <class T>
+T* shared(std::size_t count) {
+    void* const memory =
+        mmap(nullptr, count * sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) throw std::runtime_error("mmap");
+    return new (memory) T[count]();
+}
+
+std::string contentOf(int descriptor) {
+    std::string content;
+    char chunk[1 << 16];
+    for (ssize_t size = 0; (size = read(descriptor, chunk, sizeof chunk)) > 0;)
+        content.append(chunk, static_cast<std::size_t>(size));
+    return content;
+}
+
+// A forked child that dies with the test.
+template <class Body>
+pid_t inChild(Body body) {
+    const pid_t child = fork();
+    if (child < 0) throw std::runtime_error("fork");
+    if (child != 0) return child;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    body();
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+}
+
+int statusOf(pid_t child) {
+    int status = 0;
+    while (waitpid(child, &status, 0) != child) {
+    }
+    return status;
+}
+
+// Until the child has ended, or waits for a lock. Answers whether it has ended, and how.
+std::optional<int> untilEndedOrBlocked(pid_t child) {
+    for (;;) {
+        int status = 0;
+        if (waitpid(child, &status, WNOHANG) == child) return status;
+        std::ifstream locks("/proc/locks");
+        const std::string process = " " + std::to_string(child) + " ";
+        for (std::string line; std::getline(locks, line);) {
+            if (line.find("->") != std::string::npos && line.find(process) != std::string::npos)
+                return std::nullopt;
+        }
+        std::this_thread::yield();
+    }
+}
+
+class EventLogProcessTest : public testing::Test {
+protected:
+    EventLogFile log(std::uint64_t largestSize) const {
+        return {EventLogFile::Names::inFolder(folder_.path().string()), test::sampleFacts,
+                largestSize};
+    }
+    fs::path current() const { return folder_.path() / "krv.utilia.ceplog.xml"; }
+    fs::path more() const { return folder_.path() / "krv.utilia.ceplog-more.xml"; }
+
+    // Takes everything, as a report would; answers how many documents there were.
+    std::size_t collect(const EventLogFile& file, Found& found) const {
+        for (std::size_t documents = 0;; ++documents) {
+            const auto grabbed = file.grab();
+            if (grabbed.code != EventLogCode::Done) {
+                EXPECT_EQ(grabbed.code, EventLogCode::NothingToGrab);
+                return documents;
+            }
+            countRecords(contentOf(grabbed.file.get()), true, found);
+        }
+    }
+
+    test::TemporaryFolder folder_{test::folderInMemory()};
+    test::TemporaryFolder links_{test::folderInMemory()};
+};
+
+// Each new log gets a second name at once, so that none is gone when it is replaced uncollected.
+std::string linksFolder;
+void keepLink(const UtiliaFileChange* change) {
+    static unsigned number = 0;
+    static bool isLinking = false;  // which is such a change itself
+    if (isLinking || change->call != kUtiliaFaultLink || !change->from ||
+        !std::string_view(change->from).starts_with("/proc/self/fd/"))
+        return;
+    const std::string name =
+        linksFolder + "/" + std::to_string(getpid()) + "-" + std::to_string(++number);
+    isLinking = true;
+    if (linkat(AT_FDCWD, change->from, AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) != 0) _exit(17);
+    isLinking = false;
+}
+
+// The calling process dies after this time, wherever it is then.
+void dieAfter(std::chrono::nanoseconds time) {
+    sigevent death{};
+    death.sigev_notify = SIGEV_SIGNAL;
+    death.sigev_signo = SIGKILL;
+    timer_t timer{};
+    itimerspec when{};
+    when.it_value.tv_nsec = static_cast<long>(time.count());
+    if (timer_create(CLOCK_MONOTONIC, &death, &timer) != 0 ||
+        timer_settime(timer, 0, &when, nullptr) != 0)
+        _exit(21);
+}
+
+TEST_F(EventLogProcessTest, KeepsEveryRecordOf32ProcessesExactlyOnce) {
+    constexpr int kWriters = 32;
+    constexpr int kRecords = 10'000;
+    const EventLogFile file = log(1 << 20);
+    linksFolder = links_.path().string();
+    std::vector<pid_t> writers;
+    for (int writer = 0; writer < kWriters; ++writer) {
+        writers.push_back(inChild([&] {
+            utiliaFaultObserve(keepLink);
+            const std::string name = "w" + std::to_string(writer);
+            for (int i = 1; i <= kRecords; ++i)
+                if (file.append(sampleRecord(name, i)) != EventLogCode::Done) _exit(18);
+        }));
+    }
+    for (const pid_t writer : writers) ASSERT_EQ(statusOf(writer), 0);
+    // Every log that ever was, the current one and the overflow among them.
+    Found found;
+    std::size_t logs = 0;
+    for (const auto& entry : fs::directory_iterator(links_.path())) {
+        const bool isCurrent = fs::equivalent(entry.path(), current());
+        struct stat status {};
+        ASSERT_EQ(stat(entry.path().c_str(), &status), 0);
+        EXPECT_EQ((status.st_mode & 0222) != 0, isCurrent);
+        EXPECT_LE(static_cast<std::size_t>(status.st_size), (1u << 20) + 32 * 400 + 2000);
+        ASSERT_NO_FATAL_FAILURE(countRecords(test::contentOf(entry.path()), !isCurrent, found));
+        ++logs;
+    }
+    EXPECT_GT(logs, 50u);
+    ASSERT_EQ(found.size(), static_cast<std::size_t>(kWriters));
+    for (const auto& [writer, records] : found) {
+        EXPECT_EQ(records.size(), static_cast<std::size_t>(kRecords)) << writer;
+        for (const auto& [number, count] : records) ASSERT_EQ(count, 1) << writer << " " << number;
+    }
+}
+
+TEST_F(EventLogProcessTest, KeepsEveryRecordWhileTwoCollectorsTakeThem) {
+    constexpr int kWriters = 8;
+    constexpr int kRecords = 5'000;
+    const EventLogFile file = log(64 << 10);
+    linksFolder = links_.path().string();
+    auto* const isOver = shared<std::atomic<bool>>(1);
+    std::vector<pid_t> writers;
+    for (int writer = 0; writer < kWriters; ++writer) {
+        writers.push_back(inChild([&] {
+            utiliaFaultObserve(keepLink);
+            const std::string name = "w" + std::to_string(writer);
+            for (int i = 1; i <= kRecords; ++i)
+                if (file.append(sampleRecord(name, i)) != EventLogCode::Done) _exit(18);
+        }));
+    }
+    // What another collector takes is told by its inode; it lies under its link, too.
+    std::vector<pid_t> collectors;
+    for (int collector = 0; collector < 2; ++collector) {
+        collectors.push_back(inChild([&, collector] {
+            const fs::path report = links_.path() / ("report-" + std::to_string(collector));
+            for (int i = 0; !isOver->load();) {
+                const auto grabbed = file.grab();
+                if (grabbed.code == EventLogCode::NothingToGrab) continue;
+                if (grabbed.code != EventLogCode::Done) _exit(19);
+                struct stat status {};
+                if (fstat(grabbed.file.get(), &status) != 0 || status.st_mode & 0222) _exit(20);
+                test::writeTo(report.string() + "-" + std::to_string(++i) + "-" +
+                                  std::to_string(status.st_ino),
+                              contentOf(grabbed.file.get()));
+            }
+        }));
+    }
+    for (const pid_t writer : writers) ASSERT_EQ(statusOf(writer), 0);
+    isOver->store(true);
+    for (const pid_t collector : collectors) ASSERT_EQ(statusOf(collector), 0);
+
+    Found found;
+    std::set<std::string> collected;
+    for (const auto& entry : fs::directory_iterator(links_.path())) {
+        const std::string name = entry.path().filename();
+        if (!name.starts_with("report-")) continue;
+        // No log is handed over twice.
+        EXPECT_TRUE(collected.insert(name.substr(name.rfind('-') + 1)).second) << name;
+        ASSERT_NO_FATAL_FAILURE(countRecords(test::contentOf(entry.path()), true, found));
+    }
+    EXPECT_GT(collected.size(), 5u);
+    for (const auto& entry : fs::directory_iterator(links_.path())) {
+        struct stat status {};
+        ASSERT_EQ(stat(entry.path().c_str(), &status), 0);
+        const bool isReport = entry.path().filename().string().starts_with("report-");
+        if (isReport || collected.contains(std::to_string(status.st_ino))) continue;
+        const bool isEnded = (status.st_mode & 0222) == 0;
+        ASSERT_NO_FATAL_FAILURE(countRecords(test::contentOf(entry.path()), isEnded, found));
+    }
+    for (const auto& [writer, records] : found) {
+        EXPECT_EQ(records.size(), static_cast<std::size_t>(kRecords)) << writer;
+        for (const auto& [number, count] : records) ASSERT_EQ(count, 1) << writer << " " << number;
+    }
+}
+
+// A round has too few records for a third log, so that none is replaced uncollected.
+TEST_F(EventLogProcessTest, LosesOnlyTheUnfinishedRecordsOfKilledWriters) {
+    constexpr int kRounds = 150;
+    constexpr int kWriters = 6;
+    constexpr int kVictims = 4;
+    constexpr int kRecords = 25;
+    constexpr std::size_t kRecordSize = 9'000;  // over several pages, so that a kill can cut it
+    const EventLogFile file = log(kWriters * kRecords * kRecordSize * 2 / 3);
+    auto* const acknowledged = shared<std::atomic<int>>(kWriters);
+    std::mt19937 random(4711);
+    for (int round = 0; round < kRounds; ++round) {
+        SCOPED_TRACE(round);
+        std::vector<pid_t> writers;
+        for (int writer = 0; writer < kWriters; ++writer) {
+            acknowledged[writer] = 0;
+            const auto life = std::chrono::microseconds(20 + random() % 1'000);
+            writers.push_back(inChild([&] {
+                std::vector<std::string> records;
+                for (int i = 1; i <= kRecords; ++i)
+                    records.push_back(sampleRecord("w" + std::to_string(writer), i, kRecordSize));
+                if (writer < kVictims) dieAfter(life);
+                for (const std::string& record : records) {
+                    if (file.append(record) != EventLogCode::Done) _exit(18);
+                    ++acknowledged[writer];
+                }
+                while (writer < kVictims) pause();
+            }));
+        }
+        for (std::size_t i = 0; i < writers.size(); ++i) {
+            const int status = statusOf(writers[i]);
+            ASSERT_EQ(WIFSIGNALED(status), i < kVictims);
+            ASSERT_EQ(WIFSIGNALED(status) ? WTERMSIG(status) : status, i < kVictims ? SIGKILL : 0);
+        }
+        Found found;
+        ASSERT_NO_FATAL_FAILURE(collect(file, found));
+        for (int writer = 0; writer < kWriters; ++writer) {
+            const auto& records = found["w" + std::to_string(writer)];
+            for (const auto& [number, count] : records) ASSERT_EQ(count, 1) << writer << number;
+            // A killed process may have written one more, of which it was not told.
+            const int told = acknowledged[writer];
+            ASSERT_TRUE(static_cast<int>(records.size()) == told ||
+                        (writer < kVictims && static_cast<int>(records.size()) == told + 1))
+                << records.size() << " of " << told;
+        }
+    }
+}
+
+// A writer that ends the log, killed at each of its system calls.
+TEST_F(EventLogProcessTest, LosesNothingToADeathWhileALogIsEnded) {
+    const EventLogFile file = log(100'000);
+    const EventLogFile ending = log(300);
+    int round = 0;
+    const auto prepare = [&] {
+        Found before;
+        collect(file, before);
+        EXPECT_EQ(file.append(sampleRecord("before", ++round)), EventLogCode::Done);
+    };
+    prepare();
+    const std::size_t points = test::forEachKillPoint(
+        2, [&] { ending.append(sampleRecord("killed", round)); },
+        [&](const test::KillPoint&) {
+            EXPECT_EQ(file.append(sampleRecord("after", round)), EventLogCode::Done);
+            Found found;
+            ASSERT_NO_FATAL_FAILURE(collect(file, found));
+            EXPECT_EQ(found["before"][round], 1);
+            EXPECT_EQ(found["after"][round], 1);
+            EXPECT_LE(found["killed"][round], 1);
+            for (const auto& entry : fs::directory_iterator(folder_.path()))
+                ADD_FAILURE() << entry.path() << " is left";
+            prepare();
+        });
+    EXPECT_GT(points, 20u);
+}
+
+// A collector, killed at each of its system calls: what it had not taken yet the next one takes.
+TEST_F(EventLogProcessTest, LosesNothingToACollectorThatDiesBeforeItHasTaken) {
+    for (const bool hasOverflow : {false, true}) {
+        const EventLogFile file = log(100'000);
+        const EventLogFile ending = log(300);
+        int round = 0;
+        const auto prepare = [&] {
+            Found before;
+            collect(file, before);
+            ++round;
+            EXPECT_EQ(file.append(sampleRecord("first", round)), EventLogCode::Done);
+            EXPECT_EQ((hasOverflow ? ending : file).append(sampleRecord("second", round)),
+                      EventLogCode::Done);
+        };
+        prepare();
+        std::size_t lost = 0;
+        const std::size_t points = test::forEachKillPoint(
+            1, [&] { (void)file.grab(); },
+            [&](const test::KillPoint&) {
+                EXPECT_EQ(file.append(sampleRecord("after", round)), EventLogCode::Done);
+                Found found;
+                ASSERT_NO_FATAL_FAILURE(collect(file, found));
+                EXPECT_EQ(found["after"][round], 1);
+                EXPECT_LE(found["first"][round], 1);
+                // Once its name is removed, a file is the collector's alone.
+                lost += found["first"][round] == 0;
+                EXPECT_TRUE(!hasOverflow || found["second"][round] == 1);
+                prepare();
+            });
+        EXPECT_GT(points, 20u);
+        EXPECT_LE(lost, 6u) << "of " << points;
+    }
+}
+
+// A collector that stops before each of its system calls while writers fill and end logs.
+TEST_F(EventLogProcessTest, LosesNothingWhateverWritersDoWhileOneCollects) {
+    for (const bool hasOverflow : {false, true}) {
+        for (const int meanwhile : {1, 2, 3, 4}) {
+            SCOPED_TRACE(std::to_string(meanwhile) + (hasOverflow ? " with" : " without") +
+                         " overflow");
+            // Small enough to be ended by the second record.
+            const EventLogFile file = log(900);
+            linksFolder = links_.path().string();
+            const fs::path report = links_.path() / "report";
+            int round = 0;
+            pid_t writer = -1;
+            std::optional<int> ended;
+            const auto prepare = [&] {
+                for (const auto& entry : fs::directory_iterator(folder_.path()))
+                    fs::remove(entry.path());
+                for (const auto& entry : fs::directory_iterator(links_.path()))
+                    fs::remove(entry.path());
+                ++round;
+                const int before = hasOverflow ? 2 : 1;
+                utiliaFaultObserve(keepLink);
+                for (int i = 1; i <= before; ++i)
+                    EXPECT_EQ(file.append(sampleRecord("before", i, hasOverflow ? 900 : 0)),
+                              EventLogCode::Done);
+                utiliaFaultObserve(nullptr);
+            };
+            prepare();
+            const std::size_t points = test::forEachStopPoint(
+                [&] {
+                    auto grabbed = file.grab();
+                    if (grabbed.code != EventLogCode::Done) _exit(19);
+                    struct stat status {};
+                    if (fstat(grabbed.file.get(), &status) != 0) _exit(20);
+                    test::writeTo(report, contentOf(grabbed.file.get()));
+                    test::writeTo(report.string() + "-inode", std::to_string(status.st_ino));
+                },
+                [&] {
+                    writer = inChild([&] {
+                        utiliaFaultObserve(keepLink);
+                        for (int i = 1; i <= meanwhile; ++i)
+                            if (file.append(sampleRecord("meanwhile", i, 900)) !=
+                                EventLogCode::Done)
+                                _exit(18);
+                    });
+                    ended = untilEndedOrBlocked(writer);
+                },
+                [&] {
+                    EXPECT_EQ(ended ? *ended : statusOf(writer), 0);
+                    // The report, what the next collector takes, and overflows that were replaced.
+                    Found found;
+                    ASSERT_NO_FATAL_FAILURE(countRecords(test::contentOf(report), true, found));
+                    std::set<std::string> collected = {test::contentOf(report.string() + "-inode")};
+                    for (auto grabbed = file.grab(); grabbed.code == EventLogCode::Done;
+                         grabbed = file.grab()) {
+                        struct stat status {};
+                        ASSERT_EQ(fstat(grabbed.file.get(), &status), 0);
+                        EXPECT_TRUE(collected.insert(std::to_string(status.st_ino)).second);
+                        ASSERT_NO_FATAL_FAILURE(
+                            countRecords(contentOf(grabbed.file.get()), true, found));
+                    }
+                    std::size_t replaced = 0;
+                    for (const auto& entry : fs::directory_iterator(links_.path())) {
+                        if (entry.path().filename().string().starts_with("report")) continue;
+                        struct stat status {};
+                        ASSERT_EQ(stat(entry.path().c_str(), &status), 0);
+                        if (collected.contains(std::to_string(status.st_ino))) continue;
+                        ++replaced;
+                        ASSERT_NO_FATAL_FAILURE(
+                            countRecords(test::contentOf(entry.path()), true, found));
+                    }
+                    // Only writers replace an overflow file, and only by another one.
+                    EXPECT_LE(replaced, static_cast<std::size_t>(meanwhile));
+                    EXPECT_EQ(found["before"].size(), hasOverflow ? 2u : 1u);
+                    EXPECT_EQ(found["meanwhile"].size(), static_cast<std::size_t>(meanwhile));
+                    for (const auto& [name, records] : found)
+                        for (const auto& [number, count] : records)
+                            EXPECT_EQ(count, 1) << name << " " << number;
+                    prepare();
+                });
+            EXPECT_GT(points, 15u);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace utilia
