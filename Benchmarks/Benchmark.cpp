@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Benchmarks/Images/PdfMeasures.h"
 #include "Benchmarks/Messages/MessageMeasures.h"
 #include "Benchmarks/StartUp/ConstructorMeasures.h"
 #include "Benchmarks/StartUp/LogoutMeasures.h"
@@ -98,8 +99,15 @@ std::vector<Measurement> allMeasurements() {
     all.push_back({"startup", "start", "in turns", measureStart});
     all.push_back({"startup", "before main", "in turns", measureConstructor});
     all.push_back({"startup", "logout", "in turns", measureLogout});
+    all.push_back({"images", "pdf pages", "in turns", measurePdfPages});
+    for (const char* way : {"utilia", "utilia one page", "cairo", "magick"}) {
+        all.push_back({"images", "pdf memory", way,
+                       [=](const Settings& settings) { return measurePdfMemory(way, settings); }});
+    }
     return all;
 }
+
+constexpr const char* kParts[] = {"messages", "store", "startup", "images"};
 
 struct Options {
     bool quick = false;
@@ -116,7 +124,7 @@ medians, their spread, and which goals are met. The script installs the packages
 
 Options:
   --quick           one short repeat: shows that everything runs; its figures mean little
-  --only PART       messages, store or startup
+  --only PART       messages, store, startup or images
   --repeats N       how often each measurement is made (default 5)
   --output FILE     write the tables to FILE too
   --help            this text
@@ -136,7 +144,7 @@ std::optional<Options> parse(int argc, char** argv) {
             options.repeats = 1;
         } else if (option == "--only" && hasValue) {
             options.only = argv[++i];
-            if (options.only != "messages" && options.only != "store" && options.only != "startup")
+            if (std::find(std::begin(kParts), std::end(kParts), options.only) == std::end(kParts))
                 return std::nullopt;
         } else if (option == "--repeats" && hasValue) {
             options.repeats = std::atoi(argv[++i]);
@@ -255,7 +263,7 @@ int drive(const Options& options) {
     fs::remove_all(scratch);
 
     std::string text;
-    for (const char* part : {"messages", "store", "startup"}) {
+    for (const char* part : kParts) {
         if (options.only.empty() || options.only == part) text += goalsTable(results, part);
     }
     text += results.tables();

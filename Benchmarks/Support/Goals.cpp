@@ -136,6 +136,28 @@ void addStartGoals(std::vector<Goal>& goals) {
                      Goal::AtMost, 100, " ms", value("logout", "in turns", "tool_ms")});
 }
 
+void addImageGoals(std::vector<Goal>& goals) {
+    const auto pdf = [](const char* metric) { return value("pdf pages", "in turns", metric); };
+    const auto peak = [](const char* way, const char* metric) {
+        return value("pdf memory", way, metric);
+    };
+    const std::string subject = "PDF of 1440 × 20,000 pixels: ";
+    goals.push_back({"images", subject + "one thread against libdeflate over the RGB bytes",
+                     Goal::AtMost, 1.3, " ×", ratio(pdf("utilia_1_ms"), pdf("limit_ms"))});
+    goals.push_back({"images", subject + "two threads against it", Goal::AtMost, 0.75, " ×",
+                     ratio(pdf("utilia_2_ms"), pdf("limit_ms"))});
+    goals.push_back({"images", subject + "two threads, faster than cairo", Goal::AtLeast, 3, " ×",
+                     ratio(pdf("cairo_ms"), pdf("utilia_2_ms"))});
+    goals.push_back({"images", subject + "size against cairo's", Goal::AtMost, 0.68, " ×",
+                     ratio(pdf("utilia_2_bytes"), pdf("cairo_bytes"))});
+    goals.push_back({"images", subject + "memory besides the picture", Goal::AtMost, 40, " MiB",
+                     peak("utilia", "peak_mib")});
+    goals.push_back({"images", "the same of 100,000 rows", Goal::AtMost, 40, " MiB",
+                     peak("utilia", "tall_peak_mib")});
+    goals.push_back({"images", "the same as one page", Goal::AtMost, 40, " MiB",
+                     peak("utilia one page", "tall_peak_mib")});
+}
+
 }  // namespace
 
 std::string goalsTable(const Results& results, const std::string& part) {
@@ -143,6 +165,7 @@ std::string goalsTable(const Results& results, const std::string& part) {
     addMessageGoals(goals);
     addStoreGoals(goals);
     addStartGoals(goals);
+    addImageGoals(goals);
     std::string text = "\n| goal | wanted | reached | |\n| --- | ---: | ---: | --- |\n";
     for (const Goal& goal : goals) {
         if (part != goal.part) continue;
