@@ -153,6 +153,12 @@ TEST(PdfPages, AreTheSameBytesForTheSamePicture) {
     EXPECT_NE(pdfOf(picture, 999), first);
 }
 
+// Formats/PDFPages.md explains these bytes.
+TEST(PdfPages, AreTheBytesThatTheirDescriptionShows) {
+    const BitmapImageRep picture{2, 1, {255, 0, 0, 255, 0, 255, 0, 128}, {}};
+    EXPECT_EQ(pdfOf(picture, 0), contentOf(fs::path(UTILIA_TEST_DATA) / "two-pixels.pdf"));
+}
+
 TEST(PdfPages, ShowTheLargestRepresentation) {
     const auto image = imageOf(gradientPicture(16, 16));
     const BitmapImageRep large = noisyPicture(64, 32);
