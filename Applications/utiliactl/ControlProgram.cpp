@@ -3,6 +3,7 @@
 #include "Applications/utiliactl/AdminCommand.h"
 #include "Applications/utiliactl/DescriptionsCommand.h"
 #include "Applications/utiliactl/ExtendedLoggingCommand.h"
+#include "Applications/utiliactl/ImageCommand.h"
 #include "Applications/utiliactl/LoginCommand.h"
 #include "Applications/utiliactl/PolicyCommand.h"
 #include "Applications/utiliactl/PortNameCommand.h"
@@ -27,6 +28,7 @@ std::vector<std::unique_ptr<Command>> allCommands() {
     commands.push_back(std::make_unique<ToolsCommand>());
     commands.push_back(std::make_unique<DescriptionsCommand>());
     commands.push_back(std::make_unique<SuggestionsCommand>());
+    commands.push_back(std::make_unique<ImageCommand>());
     commands.push_back(std::make_unique<ExtendedLoggingCommand>());
     commands.push_back(std::make_unique<AdminCommand>());
     commands.push_back(std::make_unique<PolicyCommand>());
