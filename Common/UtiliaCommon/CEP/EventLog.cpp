@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "Common/Foundation/PathFunctions.h"
+#include "Common/Logging/MemoryGuard.h"
 #include "Common/Platform/Bundle.h"
 #include "Common/Platform/FileManager.h"
 #include "Common/Platform/HostInfo.h"
@@ -106,17 +107,17 @@ int CEPLogGrab(int* isMore) {
 }
 
 std::vector<std::string> CEPLogDocuments() {
-    try {
+    return unlessOutOfMemory("CEPLogDocuments", [] {
         const State* state = current.load(std::memory_order_acquire);
         return state ? state->file.documents() : std::vector<std::string>();
-    } catch (const std::bad_alloc&) {
-        return {};
-    }
+    });
 }
 
 std::string CEPLogPath() {
-    const State* state = current.load(std::memory_order_acquire);
-    return state ? state->file.names().CEPLogName : std::string();
+    return unlessOutOfMemory("CEPLogPath", [] {
+        const State* state = current.load(std::memory_order_acquire);
+        return state ? state->file.names().CEPLogName : std::string();
+    });
 }
 
 }  // namespace utilia

@@ -106,14 +106,15 @@ protected:
                 text = grabbed.file ? contentOf(grabbed.file.get()) : "";
                 grabbed.file.reset();
             },
-            [&](const FaultRun&) {
+            [&](const FaultRun& run) {
                 const int code = static_cast<int>(grabbed.code);
                 EXPECT_TRUE(code == 0 || code == -1 || code == -748 || code == -755 ||
                             code == -761 || code == -767 || code == -780)
                     << code;
+                // Reading what was handed over meets the fault here, in the test.
+                if (run.fault.call == kUtiliaFaultRead && grabbed.code == EventLogCode::Done)
+                    return;
                 text += collected();
-                // Reading it in this test may have met the fault, too.
-                if (text.empty() || grabbed.code == EventLogCode::Done) return;
                 EXPECT_EQ(count(text, "writer=\"first\""), 1u);
                 EXPECT_EQ(count(text, "writer=\"second\""), hasOverflow ? 1u : 0u);
             });
