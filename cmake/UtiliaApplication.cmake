@@ -1,5 +1,5 @@
 # utilia_application(TARGET NAME … IDENTIFIER … SOURCES … [COMMENT …] [LINK …] [INFO …] [LOCALIZATION …] [RESOURCES …]
-#                    [ICON …] [HELPERS …] [WITHIN …])
+#                    [ICON …] [HELPERS …] [WITHIN …] [SAMPLE])
 #
 # An application that loads the framework, as a bundle in the build tree: Applications/NAME.app/Contents with the
 # program (Linux/TARGET) and its Info.plist, and a desktop entry by which it is found once it lies in an "applications"
@@ -15,9 +15,10 @@
 #   HELPERS       programs (targets) that lie beside its own: Bundle::pathForAuxiliaryExecutable finds them
 #   WITHIN        the application that this one belongs to: it lies in that one's Contents/Applications, and has no
 #                 desktop entry of its own
+#   SAMPLE        it is not installed, and has no desktop entry, texts or resources
 
 function(utilia_application target)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "NAME;IDENTIFIER;COMMENT;INFO;WITHIN;LOCALIZATION;ICON"
+    cmake_parse_arguments(PARSE_ARGV 1 arg "SAMPLE" "NAME;IDENTIFIER;COMMENT;INFO;WITHIN;LOCALIZATION;ICON"
         "SOURCES;LINK;RESOURCES;HELPERS")
     include(GNUInstallDirs)
     set(bundle "Applications/${arg_NAME}.app")
@@ -45,6 +46,9 @@ function(utilia_application target)
     set(UTILIA_INFO "${arg_INFO}")
     set(UTILIA_VERSION "${PROJECT_VERSION}")
     configure_file("${CMAKE_CURRENT_FUNCTION_LIST_DIR}/ApplicationInfo.plist.in" "${contents}/Info.plist" @ONLY)
+    if(arg_SAMPLE)
+        return()
+    endif()
     install(TARGETS ${target} RUNTIME DESTINATION "${installed_contents}/Linux")
     install(FILES "${contents}/Info.plist" DESTINATION "${installed_contents}")
 

@@ -14,7 +14,7 @@
 #include <unistd.h>
 
 #include "Applications/AlertHelper/Channel.h"
-#include "Applications/AlertHelper/DesktopColors.h"
+#include "Applications/Desktop/DesktopColors.h"
 #include "Applications/AlertHelper/Question.h"
 #include "Applications/AlertHelper/QuestionWindow.h"
 
@@ -68,7 +68,7 @@ int main(int argc, char** argv) {
     startingChannel = nullptr;
 
     QApplication::setLayoutDirection(QLocale(question->language).textDirection());
-    utilia::alert::DesktopColors colors;
+    utilia::desktop::DesktopColors colors;
     colors.follow();
     utilia::alert::QuestionWindow window(
         *question, [&channel](qsizetype button) { channel.answerButton(button); });

@@ -32,6 +32,12 @@ public:
     static std::optional<std::string>
     URLForApplicationWithBundleIdentifier(std::string_view bundleIdentifier);
 
+    // The same, with the reason where there is none: NotFound when no desktop entry names the
+    // application (or the user has hidden it), Refused when one does that leads to no application of
+    // this identifier, because its bundle or program is missing or damaged.
+    static Result<std::string>
+    findApplicationWithBundleIdentifier(std::string_view bundleIdentifier);
+
     // Starts the application unless one of its identifier runs; a running one is handed the
     // arguments as a reopen instead. Several launches at the same time start one process.
     //

@@ -91,8 +91,8 @@ catch_up() {
 # A second start of the agent's program, which hands its arguments to the running one and ends.
 tell_agent() {
     catch_up
-    typed korvane-utilia "$@"
-    timeout "$patience" "$agent" "$@" || failed "korvane-utilia $* ended with status $?"
+    typed korvane-utilia-terminal "$@"
+    timeout "$patience" "$agent" "$@" || failed "korvane-utilia-terminal $* ended with status $?"
 }
 
 # control ARGUMENT…: runs the control program, shows what it prints, and keeps it in $printed.

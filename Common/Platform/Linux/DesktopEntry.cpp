@@ -100,6 +100,14 @@ std::vector<std::string> applicationFolders() {
     return folders;
 }
 
+std::optional<std::string> pathOfEntry(std::string_view bundleIdentifier) {
+    for (const std::string& folder : applicationFolders()) {
+        std::string path = folder + "/" + std::string(bundleIdentifier) + ".desktop";
+        if (FileManager::fileExistsAtPath(path)) return path;
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 Result<DesktopEntry> DesktopEntry::find(std::string_view bundleIdentifier) {
@@ -107,13 +115,18 @@ Result<DesktopEntry> DesktopEntry::find(std::string_view bundleIdentifier) {
         return Error::utilia(UtiliaErrorCode::Refused,
                              "\"" + std::string(bundleIdentifier) + "\" is no bundle identifier");
     }
-    for (const std::string& folder : applicationFolders()) {
-        const std::string path = folder + "/" + std::string(bundleIdentifier) + ".desktop";
-        if (FileManager::fileExistsAtPath(path)) return read(path);
-    }
+    if (const auto path = pathOfEntry(bundleIdentifier)) return read(*path);
     return Error::utilia(UtiliaErrorCode::NotFound,
                          std::string(bundleIdentifier) +
                              ": no desktop entry names this application");
+}
+
+bool DesktopEntry::isNamed(std::string_view bundleIdentifier) {
+    if (!isUsableBundleIdentifier(bundleIdentifier)) return false;
+    const auto path = pathOfEntry(bundleIdentifier);
+    if (!path) return false;
+    const auto file = DesktopEntryFile::read(*path);
+    return !file || !file->boolean("Hidden", false);
 }
 
 Result<DesktopEntry> DesktopEntry::read(const std::string& path) {

@@ -22,6 +22,9 @@ struct DesktopEntry {
     // read().
     static Result<DesktopEntry> find(std::string_view bundleIdentifier);
 
+    // Whether there is such an entry that is not marked hidden, wherever it leads.
+    static bool isNamed(std::string_view bundleIdentifier);
+
     // Fails with NotFound for a hidden entry and for a program that is missing or lies in no
     // application bundle, with Refused for a file that is no well-formed desktop entry of an
     // application.

@@ -306,6 +306,16 @@ Workspace::URLForApplicationWithBundleIdentifier(std::string_view bundleIdentifi
     return std::nullopt;
 }
 
+Result<std::string>
+Workspace::findApplicationWithBundleIdentifier(std::string_view bundleIdentifier) {
+    auto target = installedTarget(bundleIdentifier);
+    if (target) return std::move(target->bundlePath);
+    if (!target.error().is(UtiliaErrorCode::NotFound)) return std::move(target).error();
+    const bool isNamed = DesktopEntry::isNamed(bundleIdentifier);
+    return Error::utilia(isNamed ? UtiliaErrorCode::Refused : UtiliaErrorCode::NotFound,
+                         target.error().description);
+}
+
 Result<void> Workspace::launchAppWithBundleIdentifier(std::string_view bundleIdentifier,
                                                       WorkspaceLaunchOptions options,
                                                       const std::vector<std::string>& arguments) {

@@ -33,6 +33,37 @@ TEST(Workspace, AnswersTheBundleOfAnInstalledApplication) {
     EXPECT_EQ(Workspace::URLForApplicationWithBundleIdentifier(kIdentifier), std::nullopt);
 }
 
+TEST(Workspace, TellsWhatIsNotInstalledFromWhatIsDamaged) {
+    const TemporaryHome home;
+    const TestBundle bundle(home);
+    const auto code = [] {
+        const auto found = Workspace::findApplicationWithBundleIdentifier(kIdentifier);
+        return found ? 0 : found.error().code;
+    };
+    constexpr int kNotInstalled = static_cast<int>(UtiliaErrorCode::NotFound);
+    constexpr int kDamaged = static_cast<int>(UtiliaErrorCode::Refused);
+    const fs::path entry = home.data() / "applications" / (std::string(kIdentifier) + ".desktop");
+
+    EXPECT_EQ(code(), kNotInstalled);
+    bundle.install("reportingApplication");
+    const auto found = Workspace::findApplicationWithBundleIdentifier(kIdentifier);
+    ASSERT_TRUE(found);
+    EXPECT_EQ(*found, bundle.path());
+
+    fs::rename(bundle.path() + "/Contents/Linux/tool", home.path() / "elsewhere");
+    EXPECT_EQ(code(), kDamaged) << "without its program";
+    fs::rename(home.path() / "elsewhere", bundle.path() + "/Contents/Linux/tool");
+    test::writeFile(fs::path(bundle.path()) / "Contents/Info.plist", "no property list");
+    EXPECT_EQ(code(), kDamaged) << "with a damaged Info.plist";
+    fs::remove_all(bundle.path());
+    EXPECT_EQ(code(), kDamaged) << "without its bundle";
+    test::writeFile(entry, "no desktop entry");
+    EXPECT_EQ(code(), kDamaged) << "with a damaged desktop entry";
+    test::writeFile(entry, "[Desktop Entry]\nType=Application\nName=x\nExec=/x\nHidden=true\n");
+    EXPECT_EQ(code(), kNotInstalled) << "hidden by the user";
+    EXPECT_NE(Workspace::findApplicationWithBundleIdentifier("../x").has_value(), true);
+}
+
 TEST(Workspace, AnswersBundlePathsWithoutSymbolicLinks) {
     const TemporaryHome home;
     const TestBundle bundle(home);

@@ -1,4 +1,4 @@
-#include "Applications/Agent/ToolReport.h"
+#include "Applications/TerminalAgent/ToolReport.h"
 
 #include "Applications/Tools/Drawing/IconPainter.h"
 #include "Tests/Support/TemporaryHome.h"

@@ -5,7 +5,7 @@
 #include <QPalette>
 #include <QString>
 
-namespace utilia::alert {
+namespace utilia::desktop {
 
 // Dark colours for who prefers them: the toolkit's palette follows the desktop portal's colour scheme, also when it
 // changes while the window is open. Without a portal, and for who has no preference, colours stay as they are.
@@ -28,4 +28,4 @@ private:
     QPalette original_;
 };
 
-}  // namespace utilia::alert
+}  // namespace utilia::desktop

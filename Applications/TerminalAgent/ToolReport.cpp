@@ -1,4 +1,4 @@
-#include "Applications/Agent/ToolReport.h"
+#include "Applications/TerminalAgent/ToolReport.h"
 
 #include <string_view>
 

@@ -1,13 +1,13 @@
 #include <iostream>
 #include <string_view>
 
-#include "Applications/Agent/Agent.h"
+#include "Applications/TerminalAgent/Agent.h"
 #include "Common/Platform/Application.h"
 
 namespace {
 
 constexpr std::string_view kHelp =
-    R"(Usage: korvane-utilia [COMMAND [TOOL]]
+    R"(Usage: korvane-utilia-terminal [COMMAND [TOOL]]
 
 Without an agent that runs already: starts one, which prints what the tools say until it is ended.
 Otherwise hands the command to the agent that runs, and ends.

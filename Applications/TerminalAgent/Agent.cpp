@@ -1,10 +1,10 @@
-#include "Applications/Agent/Agent.h"
+#include "Applications/TerminalAgent/Agent.h"
 
 #include <iomanip>
 #include <iostream>
 #include <optional>
 
-#include "Applications/Agent/ToolReport.h"
+#include "Applications/TerminalAgent/ToolReport.h"
 #include "Common/Platform/Bundle.h"
 #include "Common/Platform/Workspace.h"
 #include "Common/UtiliaCommon/UtiliaCommon.h"

@@ -1,4 +1,4 @@
-#include "Applications/AlertHelper/DesktopColors.h"
+#include "Applications/Desktop/DesktopColors.h"
 
 #include <atomic>
 #include <memory>
@@ -14,7 +14,7 @@
 // so a thread of its own talks to the portal, and the window waits for that thread for a fifth of a second. The thread
 // is never joined; the process ends with the answer to the question.
 
-namespace utilia::alert {
+namespace utilia::desktop {
 namespace {
 
 constexpr int kPatience = 200;        // milliseconds, before the window is shown anyway
@@ -93,7 +93,7 @@ void DesktopColors::follow() {
     qRegisterMetaType<QDBusVariant>();
     const auto talk = [this, address, first] {
         QDBusConnection bus =
-            QDBusConnection::connectToBus(address, QStringLiteral("utilia-alert"));
+            QDBusConnection::connectToBus(address, QStringLiteral("utilia-desktop-colors"));
         if (bus.isConnected()) {
             // Before the question, so that no change comes in between.
             bus.connect(service(), path(), interface(), QStringLiteral("SettingChanged"), this,
@@ -123,4 +123,4 @@ void DesktopColors::apply(uint scheme) {
     QApplication::setPalette(wantsDark ? darkPalette() : original_);
 }
 
-}  // namespace utilia::alert
+}  // namespace utilia::desktop

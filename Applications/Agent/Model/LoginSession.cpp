@@ -1,0 +1,61 @@
+#include "Applications/Agent/Model/LoginSession.h"
+
+#include <cstdlib>
+#include <fstream>
+
+#include "Common/Foundation/PathFunctions.h"
+#include "Common/Logging/Log.h"
+#include "Common/Platform/FileManager.h"
+#include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
+#include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
+
+namespace utilia::agent {
+namespace {
+
+using platform::FileManager;
+
+constexpr std::string_view kFileName = "/agent-login";
+constexpr std::size_t kMaximumSize = 4096;
+
+std::string thisLogin() {
+    const char* const session = std::getenv("XDG_SESSION_ID");
+    std::ifstream file("/proc/sys/kernel/random/boot_id");
+    std::string boot;
+    std::getline(file, boot);
+    return "session " + std::string(session ? session : "unknown") + "\nboot " + boot + "\n";
+}
+
+}  // namespace
+
+bool LoginSession::isNew() {
+    const auto folder = FileManager::runtimeFolder();
+    if (!folder) {
+        KULogVariadic("Login: there is no runtime folder, so that no tools are started");
+        return false;
+    }
+    const std::string path = *folder + std::string(kFileName);
+    const std::string login = thisLogin();
+    const auto seen = FileManager::contentsAtPath(path, kMaximumSize);
+    if (seen && std::string(seen->begin(), seen->end()) == login) return false;
+    const Data bytes(login.begin(), login.end());
+    if (const auto written = FileManager::writeAtomically(path, bytes); !written) {
+        KULogVariadic("Login: no tools are started: %@", written.error());
+        return false;
+    }
+    return true;
+}
+
+std::vector<std::string> LoginSession::toolsToStart(const std::vector<ToolEntry>& tools) {
+    std::vector<std::string> wanted;
+    for (const ToolEntry& tool : tools) {
+        if (!tool.isReady()) continue;
+        const std::string name = stringByDeletingPathExtension(lastPathComponent(tool.path));
+        if (AgentScheduler::shouldLaunchAtLoginByName(name, tool.identifier) &&
+            !UtiliaToolLauncher::isToolInLaunchAtLogin(tool.identifier)) {
+            wanted.push_back(tool.identifier);
+        }
+    }
+    return wanted;
+}
+
+}  // namespace utilia::agent

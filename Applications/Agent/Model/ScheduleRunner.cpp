@@ -1,0 +1,150 @@
+#include "Applications/Agent/Model/ScheduleRunner.h"
+
+#include <algorithm>
+#include <cmath>
+#include <optional>
+#include <utility>
+
+#include "Common/Logging/Log.h"
+#include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
+#include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
+
+namespace utilia::agent {
+namespace {
+
+constexpr double kShortestInterval = 1.0;  // seconds
+// A sum of this size still has fractions of a second.
+constexpr double kLatest = 1e11;
+
+double intervalIn(const Dictionary& record) {
+    const Value* const interval = record.find(kSchedulerIntervalKey);
+    return interval ? interval->doubleValue() : 0;
+}
+
+}  // namespace
+
+std::optional<Date> nextDate(Date date, double interval, Date now) {
+    if (!std::isfinite(interval) || interval < kShortestInterval) return std::nullopt;
+    const double passed = now.secondsSinceReferenceDate - date.secondsSinceReferenceDate;
+    const double steps = std::max(std::floor(passed / interval), 0.0) + 1;
+    double next = date.secondsSinceReferenceDate + steps * interval;
+    // Rounding may have met `now` itself.
+    if (next <= now.secondsSinceReferenceDate) next += interval;
+    if (!std::isfinite(next) || std::abs(next) > kLatest) return std::nullopt;
+    return Date{next};
+}
+
+ScheduleRunner::ScheduleRunner(Actions actions, Time time)
+    : actions_(std::move(actions)), time_(std::move(time)) {}
+
+ScheduleRunner::~ScheduleRunner() {
+    if (isStarted_) AgentScheduler::removeUpdateObserver(this);
+}
+
+void ScheduleRunner::start() {
+    if (std::exchange(isStarted_, true)) return;
+    AgentScheduler::addUpdateObserver(this, [this] {
+        waiting_.clear();
+        look();
+    });
+    look();
+}
+
+void ScheduleRunner::toolsHaveChanged() {
+    waiting_.clear();
+    if (isStarted_) look();
+}
+
+void ScheduleRunner::startAtLogin(const std::vector<std::string>& identifiers) {
+    for (const std::string& identifier : identifiers) {
+        const bool isQueuedAlready =
+            std::any_of(queue_.begin(), queue_.end(),
+                        [&](const Work& work) { return work.identifier == identifier; });
+        if (!isQueuedAlready) queue_.push_back({identifier, std::nullopt});
+    }
+    workOn();
+}
+
+bool ScheduleRunner::isQueued(const Occasion& occasion) const {
+    return std::any_of(queue_.begin(), queue_.end(),
+                       [&](const Work& work) { return work.occasion == occasion; });
+}
+
+void ScheduleRunner::look() {
+    const Date now = time_.now();
+    std::optional<Date> next;
+    std::vector<Occasion> due;
+    AgentScheduler::enumerateTools([&](const auto& identifier, const auto& name, const auto& date) {
+        if (!identifier || !name || !date) return;
+        if (*date > now) {
+            if (!next || *date < *next) next = date;
+            return;
+        }
+        Occasion occasion(*identifier, *name, *date);
+        if (!handled_.contains(occasion) && !waiting_.contains(occasion) && !isQueued(occasion))
+            due.push_back(std::move(occasion));
+    });
+    nextDate_.reset();
+    if (next) nextDate_ = time_.at(*next, [this] { look(); });
+    std::stable_sort(due.begin(), due.end(), [](const Occasion& left, const Occasion& right) {
+        return std::get<Date>(left) < std::get<Date>(right);
+    });
+    for (Occasion& occasion : due) {
+        const std::string& identifier = std::get<0>(occasion);
+        // One start is enough for a login and a date.
+        std::erase_if(queue_, [&](const Work& work) {
+            return !work.occasion && work.identifier == identifier;
+        });
+        queue_.push_back({identifier, std::move(occasion)});
+    }
+    workOn();
+}
+
+void ScheduleRunner::workOn() {
+    while (!pause_ && !queue_.empty()) {
+        const Work work = std::move(queue_.front());
+        queue_.pop_front();
+        pause_ = time_.after(kSpread, [this] {
+            pause_.reset();
+            workOn();
+        });
+        actOn(work);
+    }
+}
+
+void ScheduleRunner::actOn(const Work& work) {
+    if (!work.occasion) {
+        (void)actions_.launch(work.identifier);
+        return;
+    }
+    if (actions_.fire(work.identifier) == Outcome::NotNow) {
+        KULogVariadic("Tool %@ is due, and cannot be started now. It stays due.", work.identifier);
+        waiting_.insert(*work.occasion);
+        return;
+    }
+    handled_.insert(*work.occasion);
+    advance(*work.occasion);
+    look();
+}
+
+void ScheduleRunner::advance(const Occasion& occasion) const {
+    const auto& [identifier, name, date] = occasion;
+    double interval = 0;
+    readSchedulerPlist(identifier, name,
+                       [&](const Dictionary& record) { interval = intervalIn(record); });
+    const auto next = nextDate(date, interval, time_.now());
+    updateSchedulerPlist(identifier, name, [&](Dictionary& record) {
+        const Value* const stored = record.find(kSchedulerDateKey);
+        const bool isSame = stored && stored->date() && *stored->date() == date &&
+                            record.boolean(kSchedulerLaunchAtDateKey);
+        if (!isSame) return;  // the tool has changed its mind
+        if (next) {
+            record.set(kSchedulerDateKey, *next);
+        } else {
+            record.remove(kSchedulerDateKey);
+            record.remove(kSchedulerLaunchAtDateKey);
+        }
+    });
+}
+
+}  // namespace utilia::agent

@@ -1,0 +1,96 @@
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <vector>
+
+#include "Common/Foundation/Handle.h"
+#include "Common/Foundation/Value.h"
+#include "Common/Platform/DateTimer.h"
+#include "Common/Platform/RunLoop.h"
+
+namespace utilia::agent {
+
+// When a repeated launch is due next: the first date after `now` that lies whole intervals after `date`. Empty for an
+// interval that means no repeat: not a number, less than a second, or so long that no date comes of it.
+std::optional<Date> nextDate(Date date, double interval, Date now);
+
+// Acts on the scheduler records: starts tools at their dates, and those that want it at login.
+//
+// The rule. A date is acted on once, as soon as it is over: at once when the agent runs, after waking up when the machine
+// slept, at its start when the agent did not run. Of a repeated launch that was missed several times only one is made
+// up for, and the next one is at the next whole interval after now. Tools are started one by one, kSpread apart, the
+// oldest date first, so that what has gathered does not come all at once.
+//
+// A tool that cannot be started (restricted, damaged, not installed) keeps its record as it is and stays due. It is
+// tried again when the records or the installed tools change, and at the next start of the agent.
+//
+// The record is changed after the tool was started: an agent that is killed in between starts the tool once more, and
+// forgets none. A record that its tool changes meanwhile is the tool's.
+//
+// Threads: the agent's main thread.
+class ScheduleRunner final {
+public:
+    enum class Outcome { Done, NotNow };
+    // What is done to tools. `fire`: the tool's date has come; start it, or tell it when it runs. `launch`: the user has
+    // logged in.
+    struct Actions {
+        std::function<Outcome(const std::string& identifier)> fire;
+        std::function<Outcome(const std::string& identifier)> launch;
+    };
+    // The world's time, which tests bend.
+    struct Time {
+        std::function<Date()> now = &Date::now;
+        std::function<Handle(Date, std::function<void()>)> at =
+            &platform::DateTimer::scheduledTimer;
+        std::function<Handle(std::chrono::nanoseconds, std::function<void()>)> after =
+            [](std::chrono::nanoseconds time, std::function<void()> call) {
+                return platform::Timer::scheduledTimer(time, false, std::move(call));
+            };
+    };
+    static constexpr std::chrono::seconds kSpread{2};
+
+    explicit ScheduleRunner(Actions actions) : ScheduleRunner(std::move(actions), Time()) {}
+    ScheduleRunner(Actions actions, Time time);
+    ~ScheduleRunner();
+    ScheduleRunner(const ScheduleRunner&) = delete;
+    ScheduleRunner& operator=(const ScheduleRunner&) = delete;
+
+    // Looks at the records, and again whenever somebody says that they have changed.
+    void start();
+    // What could not be started before may be able to now.
+    void toolsHaveChanged();
+    // The user has logged in, and these want to be started then. Each once, also when its date is due as well.
+    void startAtLogin(const std::vector<std::string>& identifiers);
+
+private:
+    // One launch of one record.
+    using Occasion = std::tuple<std::string, std::string, Date>;  // identifier, name, date
+    struct Work {
+        std::string identifier;
+        std::optional<Occasion> occasion;  // empty: because of the login
+    };
+
+    void look();
+    void workOn();
+    void actOn(const Work& work);
+    void advance(const Occasion& occasion) const;
+    bool isQueued(const Occasion& occasion) const;
+
+    const Actions actions_;
+    const Time time_;
+    std::deque<Work> queue_;
+    std::set<Occasion> handled_;  // in the life of this process, whatever became of the record
+    std::set<Occasion> waiting_;  // could not be started
+    Handle nextDate_;
+    Handle pause_;
+    bool isStarted_ = false;
+};
+
+}  // namespace utilia::agent

@@ -1,0 +1,305 @@
+#include "Applications/Agent/Model/ScheduleRunner.h"
+
+#include <cmath>
+#include <limits>
+#include <map>
+#include <optional>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Applications/Agent/Model/LoginSession.h"
+#include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
+#include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
+#include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
+#include "Tests/Support/TemporaryHome.h"
+#include "Tests/Support/TestLog.h"
+
+// The records are real and lie in the shared store; time and tools are the test's.
+
+namespace utilia::agent {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Outcome = ScheduleRunner::Outcome;
+
+constexpr double kNow = 800'000'000;  // seconds, some time in 2026
+
+// ---- when a repeated launch comes next
+
+TEST(NextDate, IsTheFirstWholeIntervalAfterNow) {
+    EXPECT_EQ(nextDate({100}, 10, {100}), Date{110});
+    EXPECT_EQ(nextDate({100}, 10, {101}), Date{110});
+    EXPECT_EQ(nextDate({100}, 10, {110}), Date{120});
+    EXPECT_EQ(nextDate({100}, 10, {1234}), Date{1240});
+    EXPECT_EQ(nextDate({100}, 86400, {kNow}), Date{100 + 86400 * 9260.0});
+    EXPECT_EQ(nextDate({100}, 10, {50}), Date{110}) << "the clock was set back";
+}
+
+TEST(NextDate, IsAlwaysAfterNow) {
+    for (const double interval : {1.0, 1.1, 3.3, 59.9999, 86400.1, 1e9}) {
+        for (double now = kNow; now < kNow + 10; now += 0.37) {
+            const auto next = nextDate({kNow - 12345.678}, interval, {now});
+            ASSERT_TRUE(next);
+            EXPECT_GT(next->secondsSinceReferenceDate, now) << interval;
+            EXPECT_LE(next->secondsSinceReferenceDate, now + 1.001 * interval) << interval;
+        }
+    }
+}
+
+TEST(NextDate, RepeatsNothingForAnIntervalThatIsNone) {
+    for (const double interval :
+         {0.0, -0.0, -1.0, 0.5, 1e-300, 1e300, std::numeric_limits<double>::infinity(),
+          -std::numeric_limits<double>::infinity(), std::numeric_limits<double>::quiet_NaN()}) {
+        EXPECT_EQ(nextDate({100}, interval, {200}), std::nullopt) << interval;
+    }
+    EXPECT_EQ(nextDate({1e300}, 10, {200}), std::nullopt);
+}
+
+// ---- acting
+
+class ScheduleRunnerTest : public testing::Test {
+protected:
+    ScheduleRunner::Time time() {
+        return {.now = [this] { return now_; },
+                .at =
+                    [this](Date date, std::function<void()> call) {
+                        next_ = date;
+                        wake_ = std::move(call);
+                        return Handle([this] { next_.reset(); });
+                    },
+                .after =
+                    [this](std::chrono::nanoseconds, std::function<void()> call) {
+                        pause_ = std::move(call);
+                        return Handle([this] { pause_ = nullptr; });
+                    }};
+    }
+    ScheduleRunner::Actions actions() {
+        return {.fire = [this](const std::string& tool) { return act("fire", tool); },
+                .launch = [this](const std::string& tool) { return act("launch", tool); }};
+    }
+    Outcome act(const std::string& what, const std::string& tool) {
+        acts_.push_back(what + " " + tool);
+        return isPossible_ ? Outcome::Done : Outcome::NotNow;
+    }
+    // What the runner did since the last time, without waiting.
+    std::vector<std::string> acts() { return std::exchange(acts_, {}); }
+    // The same, with the time between launches passing.
+    std::vector<std::string> actsInTime() {
+        while (pause_) std::exchange(pause_, nullptr)();
+        return acts();
+    }
+    void sleepUntil(double seconds) {
+        now_ = {seconds};
+        const auto wake = wake_;
+        wake();
+    }
+    static void schedule(const std::string& tool, double date, double interval = 0) {
+        updateSchedulerPlist(tool, tool + " name", [&](Dictionary& record) {
+            record.set("launchAtDate", true);
+            record.set("date", Date{date});
+            record.set("interval", interval);
+            record.set("launchAtLogin", true);
+            record.set("of the tool's own", "kept");
+        });
+    }
+    static Dictionary record(const std::string& tool) {
+        Dictionary found;
+        readSchedulerPlist(tool, tool + " name", [&](const Dictionary& one) { found = one; });
+        return found;
+    }
+    static std::optional<double> dateOf(const std::string& tool) {
+        const Dictionary found = record(tool);
+        const Value* const date = found.find("date");
+        if (!date || !date->date()) return std::nullopt;
+        return date->date()->secondsSinceReferenceDate;
+    }
+
+    test::TemporaryHome home_;
+    test::TestLog log_;
+    Date now_{kNow};
+    std::optional<Date> next_;
+    std::function<void()> wake_;
+    std::function<void()> pause_;
+    bool isPossible_ = true;
+    std::vector<std::string> acts_;
+    ScheduleRunner runner_{actions(), time()};
+};
+
+TEST_F(ScheduleRunnerTest, WaitsForTheNextDateAndActsOnIt) {
+    schedule("a", kNow + 100);
+    schedule("b", kNow + 50);
+    runner_.start();
+    EXPECT_THAT(acts(), IsEmpty());
+    EXPECT_EQ(next_, Date{kNow + 50});
+    sleepUntil(kNow + 50);
+    EXPECT_THAT(acts(), ElementsAre("fire b"));
+    EXPECT_EQ(next_, Date{kNow + 100});
+    sleepUntil(kNow + 100);
+    EXPECT_THAT(actsInTime(), ElementsAre("fire a"));
+    EXPECT_EQ(next_, std::nullopt) << "nothing to wait for";
+}
+
+TEST_F(ScheduleRunnerTest, EndsALaunchThatIsNotRepeatedAndKeepsTheRestOfTheRecord) {
+    schedule("a", kNow - 1);
+    runner_.start();
+    EXPECT_THAT(acts(), ElementsAre("fire a"));
+    EXPECT_EQ(record("a"), (Dictionary{{"bundleid", "a"},
+                                       {"name", "a name"},
+                                       {"interval", 0.0},
+                                       {"launchAtLogin", true},
+                                       {"of the tool's own", "kept"}}));
+}
+
+TEST_F(ScheduleRunnerTest, SetsTheNextDateOfARepeatedLaunchAndKeepsTheInterval) {
+    schedule("a", kNow - 10, 3600);
+    runner_.start();
+    EXPECT_EQ(record("a"), (Dictionary{{"bundleid", "a"},
+                                       {"name", "a name"},
+                                       {"launchAtDate", true},
+                                       {"date", Date{kNow + 3590}},
+                                       {"interval", 3600.0},
+                                       {"launchAtLogin", true},
+                                       {"of the tool's own", "kept"}}));
+    EXPECT_EQ(next_, Date{kNow + 3590});
+}
+
+TEST_F(ScheduleRunnerTest, MakesUpForAMissedRepeatOnce) {
+    schedule("a", kNow + 60, 60);
+    runner_.start();
+    sleepUntil(kNow + 100'000);  // asleep for a day
+    EXPECT_THAT(actsInTime(), ElementsAre("fire a"));
+    EXPECT_EQ(dateOf("a"), kNow + 100'020);
+}
+
+TEST_F(ScheduleRunnerTest, SpreadsOutWhatHasGatheredTheOldestFirst) {
+    schedule("c", kNow - 1);
+    schedule("a", kNow - 300);
+    schedule("b", kNow - 20);
+    runner_.start();
+    EXPECT_THAT(acts(), ElementsAre("fire a")) << "the others wait their turn";
+    ASSERT_TRUE(pause_);
+    std::exchange(pause_, nullptr)();
+    EXPECT_THAT(acts(), ElementsAre("fire b"));
+    EXPECT_THAT(actsInTime(), ElementsAre("fire c"));
+}
+
+TEST_F(ScheduleRunnerTest, KeepsWhatCannotBeStartedAndTriesAgainWhenToolsChange) {
+    schedule("a", kNow - 1);
+    isPossible_ = false;
+    runner_.start();
+    EXPECT_THAT(actsInTime(), ElementsAre("fire a"));
+    EXPECT_EQ(dateOf("a"), kNow - 1);
+    EXPECT_THAT(log_.lines(), testing::Contains(HasSubstr("It stays due.")));
+    schedule("b", kNow + 10);
+    runner_.toolsHaveChanged();
+    EXPECT_THAT(actsInTime(), ElementsAre("fire a"));
+    isPossible_ = true;
+    runner_.toolsHaveChanged();
+    EXPECT_THAT(actsInTime(), ElementsAre("fire a"));
+    EXPECT_EQ(dateOf("a"), std::nullopt);
+    runner_.toolsHaveChanged();
+    EXPECT_THAT(actsInTime(), IsEmpty());
+}
+
+TEST_F(ScheduleRunnerTest, LeavesARecordAloneThatItsToolHasChangedMeanwhile) {
+    schedule("a", kNow - 1, 60);
+    ScheduleRunner::Actions changing = actions();
+    changing.fire = [this](const std::string& tool) {
+        schedule(tool, kNow + 777, 60);
+        return act("fire", tool);
+    };
+    ScheduleRunner runner(changing, time());
+    runner.start();
+    EXPECT_EQ(dateOf("a"), kNow + 777);
+    EXPECT_EQ(next_, Date{kNow + 777});
+}
+
+TEST_F(ScheduleRunnerTest, ActsOnceWhenTheRecordCannotBeChanged) {
+    // Two records of the same name: only the first is found by it, the second stays due for ever.
+    accessAppGroupPlist([](platform::UserDefaults& suite) {
+        const auto one = [](double date) {
+            return Dictionary{
+                {"bundleid", "a"}, {"name", "n"}, {"launchAtDate", true}, {"date", Date{date}}};
+        };
+        suite.setObject(Array{Value(one(kNow + 9)), Value(one(kNow - 1))}, kSchedulerKey);
+    });
+    runner_.start();
+    EXPECT_THAT(actsInTime(), ElementsAre("fire a"));
+    runner_.toolsHaveChanged();
+    EXPECT_THAT(actsInTime(), IsEmpty());
+}
+
+TEST_F(ScheduleRunnerTest, PassesOverRecordsThatAreIncomplete) {
+    accessAppGroupPlist([](platform::UserDefaults& suite) {
+        suite.setObject(
+            Array{Value(Dictionary{{"launchAtDate", true}}), Value("text"),
+                  Value(Dictionary{{"launchAtDate", true},
+                                   {"bundleid", "a"},
+                                   {"name", "n"},
+                                   {"date", "tomorrow"}}),
+                  Value(Dictionary{{"bundleid", "a"}, {"name", "n"}, {"date", Date{kNow - 1}}})},
+            kSchedulerKey);
+    });
+    runner_.start();
+    EXPECT_THAT(actsInTime(), IsEmpty());
+}
+
+TEST_F(ScheduleRunnerTest, StartsAToolOnceThatIsDueAtLogin) {
+    schedule("a", kNow - 1);
+    runner_.startAtLogin({"b", "a", "c", "c"});
+    runner_.start();
+    EXPECT_THAT(actsInTime(), ElementsAre("launch b", "launch c", "fire a"));
+}
+
+// ---- the login
+
+class LoginSessionTest : public testing::Test {
+protected:
+    ~LoginSessionTest() override { unsetenv("XDG_SESSION_ID"); }
+    test::TemporaryHome home_;
+};
+
+TEST_F(LoginSessionTest, IsNewOnceInEachSession) {
+    setenv("XDG_SESSION_ID", "3", 1);
+    EXPECT_TRUE(LoginSession::isNew());
+    EXPECT_FALSE(LoginSession::isNew());
+    setenv("XDG_SESSION_ID", "4", 1);
+    EXPECT_TRUE(LoginSession::isNew());
+    EXPECT_FALSE(LoginSession::isNew());
+}
+
+TEST_F(LoginSessionTest, IsNotNewWhereItCannotBeRemembered) {
+    test::TestLog log;
+    std::filesystem::create_directories(home_.runtime() / "com.korvane.utilia" / "agent-login" /
+                                        "x");
+    std::filesystem::permissions(home_.runtime() / "com.korvane.utilia",
+                                 std::filesystem::perms::owner_all);
+    EXPECT_FALSE(LoginSession::isNew());
+    EXPECT_THAT(log.lines(), testing::Contains(HasSubstr("no tools are started")));
+}
+
+TEST_F(LoginSessionTest, StartsWhatAskedForItAndIsNotTheLaunchersBusiness) {
+    const auto tool = [](const std::string& name) {
+        ToolEntry entry;
+        entry.identifier = "com.korvane.utilia." + name;
+        entry.path = "/Applications/" + name + ".app";
+        return entry;
+    };
+    for (const char* name : {"Timer", "WorldClock", "QuickNotes"}) {
+        updateSchedulerPlist("com.korvane.utilia." + std::string(name), name,
+                             [](Dictionary& record) { record.set("launchAtLogin", true); });
+    }
+    UtiliaToolLauncher::getDefaults()->setObject(Array{Value("com.korvane.utilia.WorldClock")},
+                                                 kLaunchAtLoginToolsKey);
+    ToolEntry restricted = tool("QuickNotes");
+    restricted.condition = ToolEntry::Condition::Restricted;
+    EXPECT_THAT(LoginSession::toolsToStart(
+                    {tool("Timer"), tool("WorldClock"), restricted, tool("MoonPhase")}),
+                ElementsAre("com.korvane.utilia.Timer"));
+}
+
+}  // namespace
+}  // namespace utilia::agent
