@@ -52,7 +52,8 @@ inline constexpr std::string_view kSuggestToolsText = "Suggest tools that I have
 inline constexpr std::string_view kUsageText = "Usage reporting";
 inline constexpr std::string_view kShareUsageText = "Report how I use the tools";
 inline constexpr std::string_view kUsageExplanationText =
-    "Once a week a report of which tools were started and used is sent to their makers. It holds no "
+    "Once a week a report of which tools were started and used is sent to their makers. It holds "
+    "no "
     "names, texts or files of yours.";
 inline constexpr std::string_view kUsageByAdministratorText =
     "Your administrator has switched usage reporting off.";
@@ -70,18 +71,47 @@ inline constexpr std::string_view kWhatIsNewText = "New in version %@";
 inline constexpr std::string_view kNoDescriptionText =
     "There is no description of this version in your language or in English.";
 
-inline constexpr std::array kAgentTexts{
-    kShowWindowText,     kOpenSettingsText,   kQuitText,          kNoToolsText,
-    kRestrictedToolText, kDamagedToolText,    kMissingToolText,   kRestrictedText,
-    kDamagedText,        kMissingText,        kRunningText,       kOffText,
-    kPermanentText,      kToolsText,          kSettingsText,      kStartText,
-    kOpenText,           kTurnOffText,        kStartToolAtLoginText, kNoTrayText,
-    kCannotStartText,    kSuggestionText,     kTryText,           kNotNowText,
-    kGeneralText,        kOpenAtLoginText,    kSuggestToolsText,  kUsageText,
-    kShareUsageText,     kUsageExplanationText, kUsageByAdministratorText, kPreviewText,
-    kPreviewTitleText,   kNothingToSendText,  kSentReportsText,   kNoReportsText,
-    kWaitingReportText,  kSentReportText,     kCloseText,         kWhatIsNewText,
-    kNoDescriptionText};
+inline constexpr std::array kAgentTexts{kShowWindowText,
+                                        kOpenSettingsText,
+                                        kQuitText,
+                                        kNoToolsText,
+                                        kRestrictedToolText,
+                                        kDamagedToolText,
+                                        kMissingToolText,
+                                        kRestrictedText,
+                                        kDamagedText,
+                                        kMissingText,
+                                        kRunningText,
+                                        kOffText,
+                                        kPermanentText,
+                                        kToolsText,
+                                        kSettingsText,
+                                        kStartText,
+                                        kOpenText,
+                                        kTurnOffText,
+                                        kStartToolAtLoginText,
+                                        kNoTrayText,
+                                        kCannotStartText,
+                                        kSuggestionText,
+                                        kTryText,
+                                        kNotNowText,
+                                        kGeneralText,
+                                        kOpenAtLoginText,
+                                        kSuggestToolsText,
+                                        kUsageText,
+                                        kShareUsageText,
+                                        kUsageExplanationText,
+                                        kUsageByAdministratorText,
+                                        kPreviewText,
+                                        kPreviewTitleText,
+                                        kNothingToSendText,
+                                        kSentReportsText,
+                                        kNoReportsText,
+                                        kWaitingReportText,
+                                        kSentReportText,
+                                        kCloseText,
+                                        kWhatIsNewText,
+                                        kNoDescriptionText};
 
 // In the user's language, from the agent's own bundle; the key itself without a translation.
 QString text(std::string_view key);

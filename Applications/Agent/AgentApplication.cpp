@@ -1,0 +1,163 @@
+#include "Applications/Agent/AgentApplication.h"
+
+#include <algorithm>
+#include <chrono>
+
+#include <QApplication>
+#include <QDir>
+#include <QEvent>
+#include <QFileInfo>
+#include <QStandardPaths>
+
+#include "Applications/Agent/Model/LoginSession.h"
+#include "Applications/Agent/Model/Suggestions.h"
+#include "Common/Logging/Log.h"
+#include "Common/Platform/Workspace.h"
+#include "Common/UtiliaCommon/AdminSettings/KAVPathHelper.h"
+#include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
+#include "Common/UtiliaCommon/UtiliaCommon.h"
+
+namespace utilia::agent {
+namespace {
+
+using Outcome = ScheduleRunner::Outcome;
+using namespace std::chrono_literals;
+
+// Packages come in many files.
+constexpr auto kReloadDelay = 500ms;
+
+}  // namespace
+
+AgentApplication::AgentApplication()
+    : published_(new PublishedTools(&toolsPlace_, tools_)),
+      icon_(new TrayIcon(&iconPlace_, [this] { show(AgentWindow::Page::Tools); })),
+      menu_(new TrayMenu(&menuPlace_, tools_,
+                         {.activate = [this](const std::string& tool) { activate(tool); },
+                          .showWindow = [this] { show(AgentWindow::Page::Tools); },
+                          .showSettings = [this] { show(AgentWindow::Page::Settings); },
+                          .quit = [] { platform::Application::sharedApplication().terminate(); }})),
+      schedules_({.fire = [this](const std::string& tool) { return fire(tool); },
+                  .launch = [this](const std::string& tool) { return launch(tool); }}) {
+    observation_ = tools_.observe([this](const ToolList::Change& change) { follow(change); });
+    icon_->setShownHandler([this] { panelIsKnown(); });
+    bus_.setLostHandler([this] { panelIsKnown(); });
+    reload_.setSingleShot(true);
+    reload_.setInterval(kReloadDelay);
+    connect(&reload_, &QTimer::timeout, this, [this] {
+        tools_.reload();
+        watchInstalledTools();
+        schedules_.toolsHaveChanged();
+    });
+    for (const auto signal :
+         {&QFileSystemWatcher::directoryChanged, &QFileSystemWatcher::fileChanged})
+        connect(&installations_, signal, this, [this] { reload_.start(); });
+    qApp->installEventFilter(this);
+}
+
+AgentApplication::~AgentApplication() = default;
+
+void AgentApplication::start(const std::vector<std::string>& arguments) {
+    isLogin_ = LoginSession::isNew();
+    AgentScheduler::upgradeSchedulerData();
+    tools_.reload();
+    watchInstalledTools();
+    bus_.connect([this](const QDBusConnection& bus) {
+        published_->publish(bus);
+        icon_->show(bus, &menuPlace_);
+    });
+    schedules_.start();
+    if (isLogin_) schedules_.startAtLogin(LoginSession::toolsToStart(tools_.entries()));
+    if (!arguments.empty()) applicationShouldHandleReopen(false, arguments);
+}
+
+// ---- the window
+
+void AgentApplication::show(AgentWindow::Page page) {
+    if (!window_) {
+        window_ = std::make_unique<AgentWindow>(tools_);
+        panelIsKnown();
+    }
+    window_->present(page);
+}
+
+void AgentApplication::panelIsKnown() {
+    const bool isWithoutTray = bus_.hasFailed() || (icon_->isKnown() && !icon_->isShown());
+    if (window_) {
+        window_->setWithoutTray(isWithoutTray);
+    } else if (isWithoutTray && !isLogin_) {
+        // Not inside a constructor or a message of the bus.
+        QMetaObject::invokeMethod(
+            this, [this] { show(AgentWindow::Page::Tools); }, Qt::QueuedConnection);
+    }
+}
+
+bool AgentApplication::applicationShouldHandleReopen(bool, const std::vector<std::string>&) {
+    show(AgentWindow::Page::Tools);
+    return true;
+}
+
+void AgentApplication::silentUpdateResources() { reload_.start(); }
+
+bool AgentApplication::eventFilter(QObject* watched, QEvent* event) {
+    if (event->type() == QEvent::ApplicationPaletteChange && watched == qApp) {
+        icon_->update();
+        menu_->update();
+    }
+    return QObject::eventFilter(watched, event);
+}
+
+// ---- tools
+
+void AgentApplication::activate(const std::string& identifier) {
+    if (const auto done = tools_.activate(identifier); !done)
+        KULogVariadic("Tool %@: %@", identifier, done.error());
+}
+
+Outcome AgentApplication::fire(const std::string& identifier) {
+    const ToolEntry* const tool = tools_.find(identifier);
+    if (!tool || !tool->isReady()) return Outcome::NotNow;
+    if (tools_.tell(identifier, AgentMessage::DateScheduleFired)) return Outcome::Done;
+    const Outcome outcome = launch(identifier);
+    if (outcome == Outcome::Done) firing_.insert(identifier);
+    return outcome;
+}
+
+Outcome AgentApplication::launch(const std::string& identifier) {
+    const ToolEntry* const tool = tools_.find(identifier);
+    if (!tool || !tool->isReady()) return Outcome::NotNow;
+    if (tool->isRunning) return Outcome::Done;
+    const auto launched = platform::Workspace::launchAppWithBundleIdentifier(
+        identifier, platform::WorkspaceLaunchOptions::Async);
+    if (launched) return Outcome::Done;
+    KULogVariadic("Tool %@: %@", identifier, launched.error());
+    return Outcome::NotNow;
+}
+
+void AgentApplication::follow(const ToolList::Change& change) {
+    for (const std::string& identifier : change.tools) {
+        const ToolEntry* const tool = tools_.find(identifier);
+        if (!tool || !tool->isRunning) continue;
+        Suggestions::setKnown(identifier);
+        if (firing_.erase(identifier)) tools_.tell(identifier, AgentMessage::DateScheduleFired);
+    }
+}
+
+// Folders that do not exist yet are watched through the nearest one that does.
+void AgentApplication::watchInstalledTools() {
+    QStringList wanted = QStandardPaths::standardLocations(QStandardPaths::ApplicationsLocation);
+    wanted.append(QString::fromStdString(KAVPathHelper::dirPath()));
+    wanted.append(QString::fromStdString(KAVPathHelper::filePath()));
+    QStringList paths;
+    for (QString path : wanted) {
+        while (!QFileInfo::exists(path) && path.contains(QLatin1Char('/')))
+            path.truncate(path.lastIndexOf(QLatin1Char('/')));
+        if (!path.isEmpty() && !paths.contains(path)) paths.append(path);
+    }
+    const QStringList watched = installations_.files() + installations_.directories();
+    for (const QString& path : watched) {
+        if (!paths.removeOne(path)) installations_.removePath(path);
+    }
+    if (!paths.isEmpty()) installations_.addPaths(paths);
+}
+
+}  // namespace utilia::agent

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <memory>
+#include <set>
+#include <string>
+
+#include <QFileSystemWatcher>
+#include <QObject>
+#include <QTimer>
+
+#include "Applications/Agent/Bus/PublishedTools.h"
+#include "Applications/Agent/Bus/SessionBus.h"
+#include "Applications/Agent/Interface/AgentWindow.h"
+#include "Applications/Agent/Model/ScheduleRunner.h"
+#include "Applications/Agent/Model/ToolList.h"
+#include "Applications/Agent/Tray/TrayIcon.h"
+#include "Applications/Agent/Tray/TrayMenu.h"
+#include "Common/Platform/Application.h"
+
+namespace utilia::agent {
+
+// The agent as the user meets it: the list of tools behind a status icon, a window and an object on the session bus, and
+// the schedules.
+//
+// The window is made when it is first wanted. It opens by itself where no panel shows the icon, except at login.
+//
+// Threads: the main thread.
+class AgentApplication final : public QObject, public platform::ApplicationDelegate {
+public:
+    AgentApplication();
+    ~AgentApplication() override;
+
+    // `arguments` are those of the program, without its name.
+    void start(const std::vector<std::string>& arguments);
+
+    bool applicationShouldHandleReopen(bool hasVisibleWindows,
+                                       const std::vector<std::string>& arguments) override;
+    void silentUpdateResources() override;
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
+private:
+    void show(AgentWindow::Page page);
+    void activate(const std::string& identifier);
+    ScheduleRunner::Outcome fire(const std::string& identifier);
+    ScheduleRunner::Outcome launch(const std::string& identifier);
+    void follow(const ToolList::Change& change);
+    void watchInstalledTools();
+    void panelIsKnown();
+
+    ToolList tools_;
+    // What is put on the bus; each object carries one interface.
+    QObject toolsPlace_;
+    QObject iconPlace_;
+    QObject menuPlace_;
+    PublishedTools* published_;
+    TrayIcon* icon_;
+    TrayMenu* menu_;
+    SessionBus bus_;
+    ScheduleRunner schedules_;
+    std::unique_ptr<AgentWindow> window_;
+    QFileSystemWatcher installations_;
+    QTimer reload_;
+    std::set<std::string> firing_;  // started for their dates, and not heard of yet
+    Handle observation_;
+    bool isLogin_ = false;
+};
+
+}  // namespace utilia::agent

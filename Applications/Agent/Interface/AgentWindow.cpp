@@ -1,0 +1,60 @@
+#include "Applications/Agent/Interface/AgentWindow.h"
+
+#include <QKeySequence>
+#include <QShortcut>
+#include <QTabWidget>
+#include <QVBoxLayout>
+
+#include "Applications/Agent/AgentTexts.h"
+#include "Applications/Agent/Interface/SettingsPage.h"
+#include "Applications/Agent/Interface/ToolPictures.h"
+#include "Applications/Agent/Interface/ToolsPage.h"
+
+namespace utilia::agent {
+
+AgentWindow::AgentWindow(ToolList& tools)
+    : pages_(new QTabWidget(this)), tools_(new ToolsPage(tools, this)),
+      settings_(new SettingsPage([this] { tools_->updateSuggestion(); }, this)) {
+    setWindowTitle(
+        QString::fromUtf8(kProductName.data(), static_cast<qsizetype>(kProductName.size())));
+    setWindowIcon(agentIcon());
+    pages_->addTab(tools_, text(kToolsText));
+    pages_->addTab(settings_, text(kSettingsText));
+    pages_->setDocumentMode(true);
+    auto* const layout = new QVBoxLayout(this);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->addWidget(pages_);
+
+    const int em = fontMetrics().averageCharWidth();
+    resize(em * 64, fontMetrics().height() * 30);
+    for (const QKeySequence& keys :
+         {QKeySequence(QKeySequence::Close), QKeySequence(Qt::Key_Escape)}) {
+        connect(new QShortcut(keys, this), &QShortcut::activated, this, [this] { close(); });
+    }
+    connect(pages_, &QTabWidget::currentChanged, this, [this] { settings_->update(); });
+}
+
+void AgentWindow::setWithoutTray(bool isWithoutTray) {
+    tools_->setNotice(isWithoutTray ? text(kNoTrayText) : QString());
+}
+
+void AgentWindow::showEvent(QShowEvent* event) {
+    tools_->updateSuggestion();
+    settings_->update();
+    QWidget::showEvent(event);
+}
+
+void AgentWindow::present(Page page) {
+    pages_->setCurrentIndex(page == Page::Tools ? 0 : 1);
+    show();
+    setWindowState(windowState() & ~Qt::WindowMinimized);
+    raise();
+    activateWindow();
+    if (page == Page::Tools) {
+        tools_->takeFocus();
+    } else {
+        settings_->takeFocus();
+    }
+}
+
+}  // namespace utilia::agent

@@ -1,0 +1,183 @@
+#include "Applications/Agent/Interface/ToolsPage.h"
+
+#include <QCheckBox>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QListView>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QVBoxLayout>
+
+#include "Applications/Agent/AgentTexts.h"
+#include "Applications/Agent/Interface/ToolItemModel.h"
+#include "Applications/Agent/Model/Suggestions.h"
+#include "Common/Logging/Log.h"
+#include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
+
+namespace utilia::agent {
+namespace {
+
+QLabel* makeLine(QWidget* parent) {
+    auto* const label = new QLabel(parent);
+    label->setTextFormat(Qt::PlainText);
+    label->setWordWrap(true);
+    return label;
+}
+
+QString nameOf(const ToolList& tools, const std::string& identifier) {
+    const ToolEntry* const tool = tools.find(identifier);
+    return QString::fromStdString(tool ? tool->name : identifier);
+}
+
+}  // namespace
+
+ToolsPage::ToolsPage(ToolList& tools, QWidget* parent)
+    : QWidget(parent), tools_(tools), model_(new ToolItemModel(tools, this)),
+      notice_(makeLine(this)), view_(new QListView(this)), empty_(makeLine(this)) {
+    view_->setModel(model_);
+    view_->setItemDelegate(new ToolItemDelegate(view_));
+    view_->setUniformItemSizes(true);
+    view_->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    view_->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    view_->setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
+    view_->setAccessibleName(text(kToolsText));
+    empty_->setText(text(kNoToolsText));
+    empty_->setAlignment(Qt::AlignCenter);
+    notice_->hide();
+
+    auto* const layout = new QVBoxLayout(this);
+    layout->addWidget(notice_);
+    layout->addWidget(makeSuggestion());
+    layout->addWidget(view_, 1);
+    layout->addWidget(empty_, 1);
+    layout->addWidget(makeButtons());
+
+    connect(view_, &QListView::activated, this, [this] { activate(); });
+    connect(view_->selectionModel(), &QItemSelectionModel::currentChanged, this, [this] {
+        if (view_->currentIndex().isValid()) lastSelected_ = selected();
+        updateButtons();
+    });
+    observation_ = tools_.observe([this](const ToolList::Change& change) { follow(change); });
+    follow({.isListChanged = true, .tools = {}, .gone = {}});
+}
+
+QWidget* ToolsPage::makeSuggestion() {
+    auto* const bar = new QFrame(this);
+    bar->setFrameShape(QFrame::StyledPanel);
+    auto* const row = new QHBoxLayout(bar);
+    suggestionLabel_ = makeLine(bar);
+    auto* const tryIt = new QPushButton(text(kTryText), bar);
+    auto* const notNow = new QPushButton(text(kNotNowText), bar);
+    row->addWidget(suggestionLabel_, 1);
+    row->addWidget(tryIt);
+    row->addWidget(notNow);
+    connect(tryIt, &QPushButton::clicked, this, [this] {
+        const std::string identifier = suggested_;
+        Suggestions::setKnown(identifier);
+        report(tools_.activate(identifier), identifier);
+        updateSuggestion();
+    });
+    connect(notNow, &QPushButton::clicked, this, [this] {
+        Suggestions::setKnown(suggested_);
+        updateSuggestion();
+    });
+    bar->hide();
+    suggestion_ = bar;
+    return bar;
+}
+
+QWidget* ToolsPage::makeButtons() {
+    auto* const box = new QWidget(this);
+    auto* const row = new QHBoxLayout(box);
+    row->setContentsMargins(0, 0, 0, 0);
+    atLogin_ = new QCheckBox(text(kStartToolAtLoginText), box);
+    open_ = new QPushButton(text(kStartText), box);
+    turnOff_ = new QPushButton(text(kTurnOffText), box);
+    row->addWidget(atLogin_);
+    row->addStretch(1);
+    row->addWidget(turnOff_);
+    row->addWidget(open_);
+    connect(open_, &QPushButton::clicked, this, [this] { activate(); });
+    connect(turnOff_, &QPushButton::clicked, this,
+            [this] { report(tools_.turnOff(selected()), selected()); });
+    connect(atLogin_, &QCheckBox::clicked, this, [this](bool isWanted) {
+        if (isWanted) {
+            UtiliaToolLauncher::addToolToLaunchAtLogin(selected());
+        } else {
+            UtiliaToolLauncher::removeToolFromLaunchAtLogin(selected());
+        }
+        updateButtons();
+    });
+    return box;
+}
+
+void ToolsPage::setNotice(const QString& notice) {
+    notice_->setText(notice);
+    notice_->setVisible(!notice.isEmpty());
+}
+
+void ToolsPage::takeFocus() { view_->setFocus(); }
+
+void ToolsPage::updateSuggestion() {
+    suggested_ = Suggestions::next(tools_.entries()).value_or("");
+    suggestion_->setVisible(!suggested_.empty());
+    if (!suggested_.empty())
+        suggestionLabel_->setText(textWithName(kSuggestionText, nameOf(tools_, suggested_)));
+}
+
+std::string ToolsPage::selected() const {
+    return view_->currentIndex().data(ToolItemModel::IdentifierRole).toString().toStdString();
+}
+
+void ToolsPage::follow(const ToolList::Change& change) {
+    if (change.isListChanged) {
+        const bool isEmpty = model_->rowCount() == 0;
+        view_->setVisible(!isEmpty);
+        empty_->setVisible(isEmpty);
+        const int row = std::max(model_->rowOf(lastSelected_), 0);
+        if (!isEmpty) view_->setCurrentIndex(model_->index(row));
+    }
+    bool isSelectedChanged = change.isListChanged;
+    for (const std::string& identifier : change.tools) {
+        isSelectedChanged = isSelectedChanged || identifier == lastSelected_;
+        const ToolEntry* const tool = tools_.find(identifier);
+        if (tool && tool->isRunning && identifier == suggested_) {
+            Suggestions::setKnown(identifier);
+            updateSuggestion();
+        }
+    }
+    if (isSelectedChanged) updateButtons();
+}
+
+void ToolsPage::updateButtons() {
+    const ToolEntry* const tool = tools_.find(selected());
+    open_->setText(text(tool && tool->isRunning ? kOpenText : kStartText));
+    open_->setEnabled(tool && tool->isReady());
+    turnOff_->setEnabled(tool && tool->isRunning);
+    const bool isAtLogin = tool && UtiliaToolLauncher::isToolInLaunchAtLogin(tool->identifier);
+    // A tool that is missing can still be taken off the list.
+    atLogin_->setEnabled(tool && (tool->isReady() || isAtLogin));
+    atLogin_->setChecked(isAtLogin);
+}
+
+void ToolsPage::activate() {
+    const std::string identifier = selected();
+    const ToolEntry* const tool = tools_.find(identifier);
+    if (!tool || !tool->isReady()) return;
+    report(tools_.activate(identifier), identifier);
+}
+
+void ToolsPage::report(const Result<void>& result, const std::string& identifier) {
+    if (result) return;
+    KULogVariadic("Tool %@: %@", identifier, result.error());
+    auto* const box = new QMessageBox(QMessageBox::Warning, window()->windowTitle(),
+                                      textWithName(kCannotStartText, nameOf(tools_, identifier)),
+                                      QMessageBox::NoButton, this);
+    box->addButton(text(kCloseText), QMessageBox::AcceptRole);
+    box->setInformativeText(QString::fromStdString(result.error().description));
+    box->setTextFormat(Qt::PlainText);
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->open();
+}
+
+}  // namespace utilia::agent

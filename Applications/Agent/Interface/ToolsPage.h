@@ -1,0 +1,58 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include <QWidget>
+
+#include "Applications/Agent/Model/ToolList.h"
+
+class QCheckBox;
+class QLabel;
+class QListView;
+class QPushButton;
+
+namespace utilia::agent {
+
+class ToolItemModel;
+
+// The tools as a list, and what can be done with the one that is selected. Everything works by keyboard: arrows select,
+// Return starts or opens, Tab leads to the buttons.
+//
+// Threads: the main thread. The list outlives this object.
+class ToolsPage final : public QWidget {
+public:
+    ToolsPage(ToolList& tools, QWidget* parent);
+
+    // Tells the user once above the list; empty hides the line.
+    void setNotice(const QString& notice);
+    // Looks again for a tool to suggest.
+    void updateSuggestion();
+    // The keyboard goes to the list.
+    void takeFocus();
+
+private:
+    std::string selected() const;
+    void updateButtons();
+    void activate();
+    void report(const Result<void>& result, const std::string& identifier);
+    void follow(const ToolList::Change& change);
+    QWidget* makeSuggestion();
+    QWidget* makeButtons();
+
+    ToolList& tools_;
+    ToolItemModel* model_;
+    QLabel* notice_;
+    QListView* view_;
+    QLabel* empty_;
+    QLabel* suggestionLabel_ = nullptr;
+    QWidget* suggestion_ = nullptr;
+    std::string suggested_;
+    std::string lastSelected_;
+    QPushButton* open_ = nullptr;
+    QPushButton* turnOff_ = nullptr;
+    QCheckBox* atLogin_ = nullptr;
+    Handle observation_;
+};
+
+}  // namespace utilia::agent

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+
+#include <QDBusAbstractAdaptor>
+#include <QDBusVariant>
+
+#include "Applications/Agent/Model/ToolList.h"
+#include "Applications/Agent/Tray/TrayTypes.h"
+
+namespace utilia::agent {
+
+// The menu of the status icon, as panels ask for it on the bus (dbusmenu, version 3): the tools, and below them what the
+// agent itself offers.
+//
+// A tool is marked with a check when it is active and with a radio mark when it is permanent, set while it runs. Its
+// text follows its name. A tool that cannot be used is grey and says why.
+//
+// Only what differs is told: changed items with their changed properties, or a new layout when items have come or gone.
+//
+// Threads: the main thread. The list outlives this object.
+class TrayMenu final : public QDBusAbstractAdaptor {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "com.canonical.dbusmenu")
+    Q_PROPERTY(uint Version READ version CONSTANT)
+    Q_PROPERTY(QString TextDirection READ textDirection CONSTANT)
+    Q_PROPERTY(QString Status READ status CONSTANT)
+    Q_PROPERTY(QStringList IconThemePath READ iconThemePath CONSTANT)
+public:
+    struct Actions {
+        std::function<void(const std::string& identifier)> activate;
+        std::function<void()> showWindow;
+        std::function<void()> showSettings;
+        std::function<void()> quit;
+    };
+    // `place` becomes the object on the bus.
+    TrayMenu(QObject* place, ToolList& tools, Actions actions);
+
+    // Looks at everything again, as after a change of colours.
+    void update();
+
+    uint version() const { return 3; }
+    QString textDirection() const;
+    QString status() const { return QStringLiteral("normal"); }
+    QStringList iconThemePath() const { return {}; }
+
+public Q_SLOTS:
+    uint GetLayout(int parentId, int recursionDepth, const QStringList& propertyNames,
+                   utilia::agent::MenuLayout& layout) const;
+    utilia::agent::MenuItems GetGroupProperties(const QList<int>& ids,
+                                                const QStringList& propertyNames) const;
+    QDBusVariant GetProperty(int id, const QString& name) const;
+    void Event(int id, const QString& eventId, const QDBusVariant& data, uint timestamp);
+    QList<int> EventGroup(const utilia::agent::MenuEvents& events);
+    bool AboutToShow(int id) const;
+    QList<int> AboutToShowGroup(const QList<int>& ids, QList<int>& idErrors) const;
+
+Q_SIGNALS:
+    void ItemsPropertiesUpdated(const utilia::agent::MenuItems& updatedProps,
+                                const utilia::agent::MenuItemsKeys& removedProps);
+    void LayoutUpdated(uint revision, int parent);
+    void ItemActivationRequested(int id, uint timestamp);
+
+private:
+    MenuLayout build();
+    MenuItem itemOf(const ToolEntry& tool);
+    const MenuLayout* find(int id) const;
+    void click(int id);
+
+    ToolList& tools_;
+    const Actions actions_;
+    std::map<std::string, int> ids_;  // of tools; never given to another one
+    MenuLayout root_;
+    uint revision_ = 1;
+    Handle observation_;
+};
+
+}  // namespace utilia::agent
