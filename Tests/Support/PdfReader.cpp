@@ -175,10 +175,11 @@ std::vector<std::uint8_t> unfiltered(const std::vector<std::uint8_t>& rows, std:
         const std::uint8_t* in = rows.data() + y * (rowBytes + 1);
         const unsigned filter = *in++;
         std::uint8_t* row = out.data() + y * rowBytes;
+        const std::uint8_t* before = y == 0 ? nullptr : row - rowBytes;
         for (std::size_t x = 0; x < rowBytes; ++x) {
             const int left = x < samples ? 0 : row[x - samples];
-            const int above = y == 0 ? 0 : row[x - rowBytes];
-            const int corner = x < samples || y == 0 ? 0 : row[x - rowBytes - samples];
+            const int above = before ? before[x] : 0;
+            const int corner = x < samples || !before ? 0 : before[x - samples];
             int guess = 0;
             switch (filter) {
             case 0:

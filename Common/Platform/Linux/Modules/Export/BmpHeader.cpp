@@ -9,7 +9,6 @@ namespace {
 constexpr std::size_t kFileHeader = 14;
 constexpr std::size_t kCoreHeader = 12;
 constexpr std::size_t kInfoHeader = 40;
-constexpr std::size_t kHeaderWithMasks = 52;
 constexpr std::size_t kHeaderWithAlphaMask = 56;
 constexpr std::size_t kOs2Header = 64;
 constexpr std::size_t kHeader5 = 124;
