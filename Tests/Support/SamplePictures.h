@@ -34,15 +34,6 @@ platform::BitmapImageRep pictureOf(std::uint32_t width, std::uint32_t height, Pi
     return picture;
 }
 
-// Bytes with the header of an ICC profile of class RGB (ICC.1, 7.2); at least 128.
-inline Data sampleProfile(std::size_t size, std::uint8_t fill = 1) {
-    Data profile(size, fill);
-    for (unsigned i = 0; i < 4; ++i) profile[i] = static_cast<std::uint8_t>(size >> (24 - 8 * i));
-    std::memcpy(profile.data() + 16, "RGB ", 4);
-    std::memcpy(profile.data() + 36, "acsp", 4);
-    return profile;
-}
-
 class Noise final {
 public:
     explicit Noise(std::uint32_t seed) : state_(seed * 2654435761u + 1) {}

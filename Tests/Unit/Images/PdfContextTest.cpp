@@ -70,8 +70,8 @@ TEST(PDFContext, DrawsSeveralPicturesOnAPage) {
 TEST(PDFContext, KeepsEachPicturesOwnProfile) {
     BitmapImageRep first = gradientPicture(8, 8);
     BitmapImageRep second = gradientPicture(9, 9);
-    first.colourProfile = sampleProfile(200, 1);
-    second.colourProfile = sampleProfile(300, 2);
+    first.colourProfile = sampleProfile(200);
+    second.colourProfile = sampleProfile(300);
     const auto pdf = contextWith();
     ASSERT_TRUE(pdf->beginPage(kPage));
     const auto one = shared(first);
