@@ -23,6 +23,8 @@ std::string title(const std::string& metric) {
     if (unit == "ms") return name + ", ms";
     if (unit == "ns") return name + ", ns";
     if (unit == "kib") return name + ", KiB";
+    if (unit == "mib") return name + ", MiB";
+    if (unit == "bytes") return name + ", bytes";
     if (unit == "objects") return name + ", shared objects";
     if (metric == "per_s") return "per second";
     return metric;
