@@ -113,6 +113,50 @@ TEST_F(FileItems, RefusesToWriteWhatIsNoFileAndNeverWaits) {
     close(listener);
 }
 
+TEST_F(FileItems, SavesThroughLinksAndInPlace) {
+    const auto save = [](const fs::path& path, std::string_view text) {
+        return codeOf(FileManager::writeToFile(path.string(), bytesOf(text)));
+    };
+    EXPECT_EQ(save(at("new"), "text"), 0);
+    EXPECT_EQ(modeOf(at("new")), 0644u);
+    fs::permissions(at("new"), fs::perms(0600));
+    const ino_t before = statusOf(at("new")).st_ino;
+    fs::create_symlink("new", at("link"));
+    EXPECT_EQ(save(at("link"), "s"), 0);
+    EXPECT_EQ(contentOf(at("new")), "s");
+    EXPECT_EQ(statusOf(at("new")).st_ino, before);
+    EXPECT_EQ(modeOf(at("new")), 0600u);
+    fs::create_symlink("nowhere", at("dangling"));
+    EXPECT_EQ(save(at("dangling"), "made"), 0);
+    EXPECT_EQ(contentOf(at("nowhere")), "made");
+    fs::create_symlink("loop", at("loop"));
+    EXPECT_EQ(save(at("loop"), "text"), 512);
+    EXPECT_EQ(save(folder_.path(), "text"), 512);
+    EXPECT_EQ(save("/dev/null", "text"), 513);
+    ASSERT_EQ(mkfifo(at("pipe").c_str(), 0666), 0);
+    EXPECT_EQ(save(at("pipe"), "text"), 513);
+    EXPECT_EQ(save(at("missing/file"), "text"), 4);
+}
+
+TEST_F(FileItems, RemovesWhatItCouldNotSaveUnlessItWasThere) {
+    const test::Fault full{.call = kUtiliaFaultWrite, .error = ENOSPC};
+    const auto save = [&](const std::string& name) {
+        const std::string path = at(name).string();
+        const Data text = bytesOf("a text");
+        const test::ArmedFault fault(full, 1);
+        return FileManager::writeToFile(path, text).has_value();
+    };
+    fs::create_symlink("target", at("dangling"));
+    put(at("there"), "before");
+    EXPECT_FALSE(save("new"));
+    EXPECT_FALSE(save("dangling"));
+    EXPECT_FALSE(save("there"));
+    EXPECT_FALSE(fs::exists(at("new")));
+    EXPECT_FALSE(fs::exists(at("target")));
+    EXPECT_TRUE(fs::is_symlink(at("dangling")));
+    EXPECT_TRUE(fs::exists(at("there")));
+}
+
 TEST_F(FileItems, SaysWhyAFileCannotBeWritten) {
     put(at("file"), "");
     EXPECT_EQ(write(at("missing/file"), "text"), 4);
