@@ -2,6 +2,7 @@
 
 #include "Applications/utiliactl/AdminCommand.h"
 #include "Applications/utiliactl/DescriptionsCommand.h"
+#include "Applications/utiliactl/EventsCommand.h"
 #include "Applications/utiliactl/ExtendedLoggingCommand.h"
 #include "Applications/utiliactl/ImageCommand.h"
 #include "Applications/utiliactl/LoginCommand.h"
@@ -29,6 +30,7 @@ std::vector<std::unique_ptr<Command>> allCommands() {
     commands.push_back(std::make_unique<DescriptionsCommand>());
     commands.push_back(std::make_unique<SuggestionsCommand>());
     commands.push_back(std::make_unique<ImageCommand>());
+    commands.push_back(std::make_unique<EventsCommand>());
     commands.push_back(std::make_unique<ExtendedLoggingCommand>());
     commands.push_back(std::make_unique<AdminCommand>());
     commands.push_back(std::make_unique<PolicyCommand>());

@@ -94,6 +94,10 @@ TEST_F(Utiliactl, TellsItsVersionAndHelp) {
                                                     {"suggestions", "resume"},
                                                     {"suggestions", "status"},
                                                     {"tools"},
+                                                    {"events"},
+                                                    {"events", "path"},
+                                                    {"events", "show"},
+                                                    {"events", "log"},
                                                     {"extended-logging"}}) {
         std::vector<std::string> arguments = command;
         arguments.push_back("--help");
