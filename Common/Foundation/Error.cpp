@@ -70,6 +70,10 @@ Error Error::utilia(UtiliaErrorCode code, std::string description) {
     return {std::string(kUtiliaErrorDomain), static_cast<int>(code), std::move(description)};
 }
 
+Error Error::url(URLErrorCode code, std::string description) {
+    return {std::string(kURLErrorDomain), static_cast<int>(code), std::move(description)};
+}
+
 std::string Error::text() const {
     return "Error Domain=" + domain + " Code=" + std::to_string(code) + " \"" + description + "\"";
 }

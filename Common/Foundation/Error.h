@@ -10,6 +10,7 @@ namespace utilia {
 // The error domains that this library uses. A code is only meaningful within its domain.
 inline constexpr std::string_view kPosixErrorDomain = "NSPOSIXErrorDomain";  // code: errno
 inline constexpr std::string_view kCocoaErrorDomain = "NSCocoaErrorDomain";  // CocoaErrorCode
+inline constexpr std::string_view kURLErrorDomain = "NSURLErrorDomain";      // URLErrorCode
 inline constexpr std::string_view kUtiliaErrorDomain = "UtiliaErrorDomain";  // UtiliaErrorCode
 
 // Contract: never renumber. Values of the original platform's file and property-list errors.
@@ -28,6 +29,34 @@ enum class CocoaErrorCode : int {
     FileWriteVolumeReadOnly = 642,
     PropertyListReadCorrupt = 3840,
     PropertyListWriteInvalid = 3852,
+};
+
+// Contract: never renumber. Values of the original platform's errors of loading from a URL.
+enum class URLErrorCode : int {
+    Unknown = -1,
+    Cancelled = -999,
+    BadURL = -1000,
+    TimedOut = -1001,
+    UnsupportedURL = -1002,
+    CannotFindHost = -1003,
+    CannotConnectToHost = -1004,
+    NetworkConnectionLost = -1005,
+    DNSLookupFailed = -1006,
+    HTTPTooManyRedirects = -1007,
+    NotConnectedToInternet = -1009,
+    BadServerResponse = -1011,
+    ZeroByteResource = -1014,
+    CannotDecodeContentData = -1016,
+    FileDoesNotExist = -1100,
+    FileIsDirectory = -1101,
+    NoPermissionsToReadFile = -1102,
+    DataLengthExceedsMaximum = -1103,
+    SecureConnectionFailed = -1200,
+    ServerCertificateHasBadDate = -1201,
+    ServerCertificateUntrusted = -1202,
+    ServerCertificateHasUnknownRoot = -1203,
+    ServerCertificateNotYetValid = -1204,
+    ClientCertificateRequired = -1206,
 };
 
 // Contract: never renumber.
@@ -55,7 +84,11 @@ struct UTILIA_EXPORT Error {
     enum class FileAccess { Reading, Writing };
     static Error cocoa(const Error& posix, FileAccess access);
     static Error utilia(UtiliaErrorCode code, std::string description);
+    static Error url(URLErrorCode code, std::string description);
 
+    bool is(URLErrorCode wanted) const {
+        return domain == kURLErrorDomain && code == static_cast<int>(wanted);
+    }
     bool is(UtiliaErrorCode wanted) const {
         return domain == kUtiliaErrorDomain && code == static_cast<int>(wanted);
     }

@@ -11,9 +11,10 @@ namespace utilia {
 
 // A callback that one thread may install while another calls it. The call works on the callback
 // that was installed when it began, without holding the lock.
-class AtomicBlock final {
+template <class... Arguments>
+class BasicAtomicBlock final {
 public:
-    using Function = std::function<void()>;
+    using Function = std::function<void(Arguments...)>;
 
     // Out of memory, the callback from before stays.
     void set(Function function) {
@@ -31,9 +32,9 @@ public:
     }
 
     // Answers whether there was one to call.
-    bool call() const {
+    bool call(Arguments... arguments) const {
         const auto held = copy();
-        if (held) (*held)();
+        if (held) (*held)(std::forward<Arguments>(arguments)...);
         return held != nullptr;
     }
 
@@ -46,5 +47,7 @@ private:
     mutable std::mutex mutex_;
     std::shared_ptr<const Function> function_;
 };
+
+using AtomicBlock = BasicAtomicBlock<>;
 
 }  // namespace utilia

@@ -1,6 +1,7 @@
 #include "Common/Platform/Linux/Modules/Desktop/NetworkThread.h"
 
 #include "Common/Platform/Linux/Modules/Desktop/ModuleThread.h"
+#include "Common/Platform/Linux/ServiceThread.h"
 
 #include <cerrno>
 #include <utility>
@@ -58,7 +59,7 @@ int NetworkThread::start(const char** what) {
             std::make_unique<NetworkManagerWatch>([this] { networkChanged_->fireSoon(); });
     }
     *what = "start thread";
-    const int error = startThread("utilia-network", [this] { run(); });
+    const int error = startServiceThread("utilia-network", [this] { run(); });
     if (error == 0) process_ = getpid();
     return error;
 }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "Common/Platform/Linux/Modules/Desktop/ModuleThread.h"
+#include "Common/Platform/Linux/ServiceThread.h"
 
 // The thread works in turns. Whoever asks for something waits until a turn that began after the
 // question has ended, or until his time is over. A turn does everything that has gathered: it
@@ -126,7 +127,7 @@ std::string NotificationBus::start() {
     if (!work_) work_ = std::make_unique<WakeUp>(context_, [this] { serve(); });
     pauseBeforeRetry_ = kFirstPause;
     process_ = getpid();
-    if (const int error = startThread("utilia-bus", [this] { run(); }); error != 0) {
+    if (const int error = startServiceThread("utilia-bus", [this] { run(); }); error != 0) {
         process_ = 0;
         return std::string("start thread: ") + std::strerror(error);
     }
