@@ -61,7 +61,7 @@ URLErrorCode codeOfFailure(const LoadFailure& failure) {
     case CURLE_HTTP2:
         return URLErrorCode::BadServerResponse;
     case CURLE_OUT_OF_MEMORY:  // also for a header that is longer than libcurl takes
-        return failure.isInHeaders ? URLErrorCode::BadServerResponse : URLErrorCode::Unknown;
+        return failure.isInHead ? URLErrorCode::BadServerResponse : URLErrorCode::Unknown;
     case CURLE_BAD_CONTENT_ENCODING:
         return URLErrorCode::CannotDecodeContentData;
     case CURLE_FILESIZE_EXCEEDED:

@@ -25,7 +25,7 @@ namespace utilia::platform::net {
 namespace {
 
 constexpr int kMostRedirects = 16;
-constexpr std::uint64_t kMostHeaders = std::uint64_t{1} << 20;  // of a load, in bytes
+constexpr std::uint64_t kMostHeaders = 256 * 1024;  // of a load, in bytes; libcurl has 300 KiB
 
 struct AddressCleanup {
     void operator()(CURLU* address) const { curl_url_cleanup(address); }
@@ -166,15 +166,20 @@ bool Transfer::setAddress(CURL* easy, CURLU* address) {
     if (!isSet) throw std::bad_alloc();
     lastActivity_ = kNotBegun;
     loaded_ = 0;
-    isInHeaders_ = false;
+    isInHead_ = false;
     return true;
 }
 
 bool Transfer::goOn(CURL* easy, CURLcode code) try {
     curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &statusCode_);
     if (error_ != URLErrorCode{0}) return false;
+    if (code == CURLE_OK && isInHead_) {
+        // libcurl takes the end of a connection for the end of the headers.
+        fail(URLErrorCode::NetworkConnectionLost, "in the middle of the headers");
+        return false;
+    }
     if (code == CURLE_OK) return isRedirect(statusCode_) && follow(easy);
-    LoadFailure failure{.code = code, .isOnline = true, .isInHeaders = isInHeaders_};
+    LoadFailure failure{.code = code, .isOnline = true, .isInHead = isInHead_};
     curl_easy_getinfo(easy, CURLINFO_SSL_VERIFYRESULT, &failure.verifyResult);
     curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &failure.systemError);
     curl_easy_getinfo(easy, CURLINFO_HTTP_CONNECTCODE, &failure.connectAnswer);
@@ -198,16 +203,17 @@ bool Transfer::follow(CURL* easy) {
         fail(URLErrorCode::HTTPTooManyRedirects);
         return false;
     }
-    const Address address(curl_url());
-    if (!address) throw std::bad_alloc();
-    if (curl_url_set(address.get(), CURLUPART_URL, location, CURLU_NON_SUPPORT_SCHEME) !=
-        CURLUE_OK) {
-        fail(URLErrorCode::BadURL, "of a redirect");
+    const std::string_view target(location);
+    const std::string_view scheme = target.substr(0, target.find(':'));
+    if (!curl_strequal(std::string(scheme).c_str(), "http") &&
+        !curl_strequal(std::string(scheme).c_str(), "https")) {
+        fail(URLErrorCode::UnsupportedURL, ("a redirect to " + std::string(scheme)).c_str());
         return false;
     }
-    const std::string scheme = partOf(address.get(), CURLUPART_SCHEME);
-    if (scheme != "http" && scheme != "https") {
-        fail(URLErrorCode::UnsupportedURL, ("a redirect to " + scheme).c_str());
+    const Address address(curl_url());
+    if (!address) throw std::bad_alloc();
+    if (curl_url_set(address.get(), CURLUPART_URL, location, 0) != CURLUE_OK) {
+        fail(URLErrorCode::BadURL, "of a redirect");
         return false;
     }
     return setAddress(easy, address.get());
@@ -228,10 +234,12 @@ void Transfer::finish() noexcept {
     client_.finished(client_.context, &result);
 }
 
-bool Transfer::takeHeader(std::size_t size, bool isEmptyLine) {
+bool Transfer::takeHeader(std::string_view line) {
     touch();
-    isInHeaders_ = !isEmptyLine;
-    headerSize_ += size;
+    // What comes behind a body in chunks is not the head of a response.
+    if (line.starts_with("HTTP/")) isInHead_ = true;
+    if (line == "\r\n" || line == "\n") isInHead_ = false;
+    headerSize_ += line.size();
     if (headerSize_ <= kMostHeaders) return true;
     fail(URLErrorCode::BadServerResponse, "headers without an end");
     return false;
@@ -258,8 +266,7 @@ bool Transfer::takeBody(const std::uint8_t* bytes, std::size_t size) {
 
 std::size_t Transfer::headerArrived(char* bytes, std::size_t size, std::size_t count, void* self) {
     const std::string_view line(bytes, size * count);
-    const bool isEmpty = line == "\r\n" || line == "\n";
-    return static_cast<Transfer*>(self)->takeHeader(line.size(), isEmpty) ? line.size() : 0;
+    return static_cast<Transfer*>(self)->takeHeader(line) ? line.size() : 0;
 }
 
 std::size_t Transfer::bodyArrived(char* bytes, std::size_t size, std::size_t count, void* self) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include <curl/curl.h>
 
@@ -66,7 +67,7 @@ private:
 
     bool setAddress(CURL* easy, CURLU* address);
     bool follow(CURL* easy);
-    bool takeHeader(std::size_t size, bool isEmptyLine);
+    bool takeHeader(std::string_view line);
     bool takeBody(const std::uint8_t* bytes, std::size_t size);
 
     const UtiliaNetClient client_;
@@ -89,7 +90,7 @@ private:
     std::uint64_t bodySize_ = 0;
     std::uint64_t headerSize_ = 0;
     int redirects_ = 0;
-    bool isInHeaders_ = false;
+    bool isInHead_ = false;  // its status line has come, and the empty line has not
     bool hasReceived_ = false;
     URLErrorCode error_{0};
     long statusCode_ = 0;
