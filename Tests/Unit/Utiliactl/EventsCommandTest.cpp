@@ -52,10 +52,12 @@ TEST_F(EventsCommandTest, ShowsWhatItHasLogged) {
 }
 
 TEST_F(EventsCommandTest, ShowsARecordThatNoParserAccepts) {
-    answer({"events", "log", "a<b"});
+    answer({"events", "log", "say \"x\""});
     const json events = shown()["events"];
     ASSERT_EQ(events.size(), 1u);
-    EXPECT_THAT(events[0]["record"].get<std::string>(), HasSubstr("action=\"a<b\"/>\n"));
+    EXPECT_THAT(events.at(0).at("record").get<std::string>(),
+                HasSubstr("action=\"say \"x\"\"/>\n"));
+    EXPECT_THAT(answer({"events", "show"}), HasSubstr("say"));
 }
 
 TEST_F(EventsCommandTest, ShowsNoPieceOfARecord) {
@@ -64,7 +66,7 @@ TEST_F(EventsCommandTest, ShowsNoPieceOfARecord) {
     answer({"events", "log", "Stop"});
     const json events = shown()["events"];
     ASSERT_EQ(events.size(), 2u);
-    EXPECT_EQ(events[1]["action"], "Stop");
+    EXPECT_EQ(events.at(1).at("action"), "Stop");
 }
 
 TEST_F(EventsCommandTest, LogsNothingWhileReportingIsOff) {
