@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace utilia::test {
+
+// Files that were made to hurt whoever opens them: small, and with a promise of much.
+
+using FileBytes = std::vector<std::uint8_t>;
+
+struct HostileFile {
+    std::string name;
+    FileBytes bytes;
+};
+
+void PrintTo(const HostileFile& file, std::ostream* out);
+
+// None of them is an image.
+std::vector<HostileFile> hostilePngs();
+std::vector<HostileFile> hostileJpegs();
+std::vector<HostileFile> hostileGifs();
+std::vector<HostileFile> hostileBmps();
+std::vector<HostileFile> hostileJpeg2000s();
+std::vector<HostileFile> hostileTiffs();
+// They may be images, small ones.
+std::vector<HostileFile> oddFiles();
+
+}  // namespace utilia::test
