@@ -49,6 +49,10 @@ public:
     void finishLaunching();
     bool isFinishedLaunching() const;
 
+    // What finishLaunching() hands over instead of this process's arguments: such as file names that
+    // mean something in its folder only.
+    void setHandedOverArguments(std::vector<std::string> arguments);
+
     // Says, before finishLaunching(), that this process was only started to end: finishLaunching()
     // then makes it no instance and does not list it, so that an instance that runs is neither
     // reopened nor joined.

@@ -63,6 +63,7 @@ struct Application::Implementation {
     std::unique_ptr<InstancePort> instance;
     std::function<void()> exit;
     Handle exitTimer;
+    std::optional<std::vector<std::string>> handedOverArguments;
     bool launchedToTerminate = false;
     bool finishedLaunching = false;
     std::atomic<bool> terminating{false};
@@ -99,14 +100,19 @@ namespace {
 
 enum class Instance { First, HandedOver };
 
+std::vector<std::string> ownArguments() {
+    std::vector<std::string> arguments = ProcessInfo::arguments();
+    if (!arguments.empty()) arguments.erase(arguments.begin());
+    return arguments;
+}
+
 // Makes this process the one instance of its bundle, or hands its arguments to the process that is.
 Instance becomeInstance(const Bundle& bundle, const std::string& identifier,
-                        InstancePort::Reopen reopen, std::unique_ptr<InstancePort>& port) {
+                        const std::vector<std::string>& arguments, InstancePort::Reopen reopen,
+                        std::unique_ptr<InstancePort>& port) {
     // Without a place for ports there is nobody to hand over to; being listed reports the reason.
     if (!ensureRuntimeFolder()) return Instance::First;
     const std::string name = InstancePort::nameForBundle(identifier, bundle.bundlePath());
-    std::vector<std::string> arguments = ProcessInfo::arguments();
-    if (!arguments.empty()) arguments.erase(arguments.begin());
     const auto deadline = std::chrono::steady_clock::now() + kClaimTimeout;
     for (;;) {
         port = InstancePort::claim(name, reopen);
@@ -137,7 +143,9 @@ void Application::finishLaunching() {
         const auto takeArguments = [this](const std::vector<std::string>& arguments) {
             reopen(arguments);
         };
-        if (becomeInstance(*bundle, *identifier, takeArguments, self.instance) ==
+        const auto& arguments =
+            self.handedOverArguments ? *self.handedOverArguments : ownArguments();
+        if (becomeInstance(*bundle, *identifier, arguments, takeArguments, self.instance) ==
             Instance::HandedOver) {
             std::exit(EXIT_SUCCESS);
         }
@@ -153,6 +161,10 @@ void Application::finishLaunching() {
 }
 
 bool Application::isFinishedLaunching() const { return implementation_->finishedLaunching; }
+
+void Application::setHandedOverArguments(std::vector<std::string> arguments) {
+    implementation_->handedOverArguments = std::move(arguments);
+}
 
 void Application::setLaunchedToTerminate() { implementation_->launchedToTerminate = true; }
 

@@ -47,6 +47,12 @@ UTILIA_CHILD_ROLE(applicationMadeToEnd) {
     return application.run();
 }
 
+UTILIA_CHILD_ROLE(applicationWithOtherArguments) {
+    Application::sharedApplication().setHandedOverArguments(self.arguments);
+    Application::sharedApplication().finishLaunching();
+    return 1;
+}
+
 class SecondStart : public testing::Test {
 protected:
     ChildProcess start(const TestBundle& bundle, const std::vector<std::string>& arguments = {}) {
@@ -72,6 +78,17 @@ TEST_F(SecondStart, HandsItsArgumentsOverAndEndsWithStatus0) {
     EXPECT_EQ(first.waitForExit(), 0);
     EXPECT_EQ(reports_.waitForLine(), "end")
         << "the second start must neither come up nor post its end";
+}
+
+TEST_F(SecondStart, HandsOverWhatItWasToldTo) {
+    auto first = start(bundle_);
+    ASSERT_EQ(processOf(reports_.waitForLine()), first.pid());
+    auto second = bundle_.role("applicationWithOtherArguments", {"/home/a file", ""});
+    EXPECT_EQ(second.waitForExit(), 0);
+    EXPECT_EQ(reports_.waitForLine(), "reopen|/home/a file|");
+    auto third = bundle_.role("applicationWithOtherArguments");
+    EXPECT_EQ(third.waitForExit(), 0);
+    EXPECT_EQ(reports_.waitForLine(), "reopen");
 }
 
 TEST_F(SecondStart, ThroughALinkIsASecondStartToo) {

@@ -1,0 +1,111 @@
+#include "Applications/Tools/ScreenCapture/ExportJob.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include "Common/Platform/RunLoop.h"
+#include "Tests/Support/RecordingPort.h"
+#include "Tests/Support/TemporaryHome.h"
+
+namespace utilia::tools {
+namespace {
+
+using Outcome = ExportJob::Outcome;
+
+class ExportJobTest : public testing::Test {
+protected:
+    // Noise, so that there is something to do.
+    static std::shared_ptr<platform::Image> picture(std::uint32_t width, std::uint32_t height) {
+        platform::BitmapImageRep bitmap{width, height, {}};
+        std::uint32_t state = 1;
+        bitmap.rgba.resize(std::size_t{4} * width * height);
+        for (auto& byte : bitmap.rgba) {
+            state = state * 1664525 + 1013904223;
+            byte = static_cast<std::uint8_t>(state >> 24);
+        }
+        return platform::Image::initWithBitmap(std::move(bitmap));
+    }
+    ExportJob::Request request(const std::string& name, std::uint32_t side = 300) const {
+        return {picture(side, side), (home_.path() / name).string(), std::nullopt, 100};
+    }
+    std::unique_ptr<ExportJob> start(ExportJob::Request request) {
+        return std::make_unique<ExportJob>(
+            std::move(request), [this](int percent) { percents_.push_back(percent); },
+            [this](Outcome outcome, const std::string& reason) {
+                outcome_ = outcome;
+                reason_ = reason;
+            });
+    }
+    bool ends() {
+        return test::eventually([this] { return outcome_.has_value(); });
+    }
+    std::string contents(const std::string& name) const {
+        std::ifstream file(home_.path() / name, std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    test::TemporaryHome home_;
+    std::vector<int> percents_;
+    std::optional<Outcome> outcome_;
+    std::string reason_;
+};
+
+TEST_F(ExportJobTest, SavesADocumentAndTellsHowFarItIs) {
+    const auto job = start(request("a.pdf", 1000));
+    ASSERT_TRUE(ends());
+    EXPECT_EQ(outcome_, Outcome::Saved);
+    EXPECT_THAT(contents("a.pdf"), testing::StartsWith("%PDF-"));
+    EXPECT_FALSE(percents_.empty());
+    EXPECT_TRUE(std::is_sorted(percents_.begin(), percents_.end()));
+}
+
+TEST_F(ExportJobTest, SavesABitmap) {
+    auto wanted = request("a.png");
+    wanted.type = platform::BitmapImageFileType::Png;
+    const auto job = start(wanted);
+    ASSERT_TRUE(ends());
+    EXPECT_EQ(outcome_, Outcome::Saved);
+    EXPECT_THAT(contents("a.png"), testing::StartsWith("\x89PNG"));
+}
+
+TEST_F(ExportJobTest, LeavesTheOldFileWhenItIsCancelled) {
+    std::ofstream(home_.path() / "a.pdf") << "old";
+    const auto job = start(request("a.pdf", 3000));
+    job->cancel();
+    ASSERT_TRUE(ends());
+    EXPECT_EQ(outcome_, Outcome::Cancelled);
+    EXPECT_EQ(contents("a.pdf"), "old");
+}
+
+TEST_F(ExportJobTest, SaysWhyAFileCannotBeWritten) {
+    const auto job = start(request("missing/a.pdf"));
+    ASSERT_TRUE(ends());
+    EXPECT_EQ(outcome_, Outcome::Failed);
+    EXPECT_THAT(reason_, testing::HasSubstr("missing"));
+}
+
+TEST_F(ExportJobTest, FailsWithoutAPicture) {
+    auto wanted = request("a.pdf");
+    wanted.image = nullptr;
+    const auto job = start(wanted);
+    ASSERT_TRUE(ends());
+    EXPECT_EQ(outcome_, Outcome::Failed);
+    EXPECT_FALSE(std::filesystem::exists(home_.path() / "a.pdf"));
+}
+
+TEST_F(ExportJobTest, CallsNobodyAfterItsOwnEnd) {
+    start(request("a.pdf", 2000)).reset();
+    bool isServed = false;
+    platform::MainQueue::async([&] { isServed = true; });
+    EXPECT_TRUE(test::eventually([&] { return isServed; }));
+    EXPECT_EQ(outcome_, std::nullopt);
+    EXPECT_TRUE(percents_.empty());
+}
+
+}  // namespace
+}  // namespace utilia::tools
