@@ -13,7 +13,7 @@
 #include <QIcon>
 #include <QLocale>
 
-#include "Applications/AlertHelper/DesktopColors.h"
+#include "Applications/Desktop/DesktopColors.h"
 #include "Applications/Tools/Drawing/ToolText.h"
 #include "Applications/Tools/ScreenCapture/CaptureWindow.h"
 #include "Applications/Tools/ScreenCapture/QtPictures.h"
@@ -130,7 +130,7 @@ int main(int count, char** words) {
             QLocale(QString::fromStdString(bundle->preferredLocalization())).textDirection());
     QApplication::setWindowIcon(
         QIcon(tools::pixmapOf(*tools::paintIcon({128}, tools::viewfinderIcon))));
-    alert::DesktopColors colors;
+    desktop::DesktopColors colors;
     colors.follow();
     ScreenCaptureTool tool(arguments);
     platform::Application::sharedApplication().setDelegate(&tool);
