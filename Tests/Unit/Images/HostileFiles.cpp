@@ -380,40 +380,60 @@ std::vector<HostileFile> hostileTiffs() {
     };
 }
 
-std::vector<HostileFile> oddFiles() {
-    // Much is packed into little, but not for the picture.
-    Writer profile = png(8, 8);
-    profile.bytes(chunk("iCCP", big().text("p").u8(0).u8(0).bytes(packedZeros(1u << 30)).done()));
-    Writer text = png(8, 8);
-    text.bytes(chunk("zTXt", big().text("t").u8(0).u8(0).bytes(packedZeros(1u << 30)).done()));
-    Writer texts = png(8, 8);
-    const FileBytes small = chunk("tEXt", big().text("a").u8(0).text("b").done());
-    for (int i = 0; i < 200'000; ++i) texts.bytes(small);
-    Writer exif = big();
-    exif.u16(0xffd8);
-    exif.bytes(segment(
+namespace {
+
+// Much that is packed into little, but is not the picture's.
+constexpr std::size_t kMuch = 512u << 20;
+
+FileBytes pngWith(const FileBytes& chunks) {
+    return finished(png(8, 8).bytes(chunks), packedZeros(33 * 8));
+}
+
+FileBytes manyTexts() {
+    Writer texts = big();
+    const FileBytes one = chunk("tEXt", big().text("a").u8(0).text("b").done());
+    for (int i = 0; i < 200'000; ++i) texts.bytes(one);
+    return texts.done();
+}
+
+// A small grey picture with these segments before its own.
+FileBytes jpegWith(const FileBytes& segments) {
+    Writer file = jpeg(0xc0, 8, 8, 1);
+    file.bytes(scan(1, 0, 63, 0, {0x00})).u16(0xffd9);
+    const FileBytes rest(file.done().begin() + 2, file.done().end());
+    return big().u16(0xffd8).bytes(segments).bytes(rest).done();
+}
+
+FileBytes wrongOrientation() {
+    return segment(
         0xe1,
-        big().text("Exif").u16(0).text("MM").u16(42).u32(8).u16(0xffff).fill(200, 0xff).done()));
-    Writer profiles = big();
-    profiles.u16(0xffd8);
+        big().text("Exif").u16(0).text("MM").u16(42).u32(8).u16(0xffff).fill(200, 0xff).done());
+}
+
+FileBytes profileOf15Megabytes() {
+    Writer segments = big();
     for (unsigned i = 1; i <= 255; ++i) {
-        profiles.bytes(
+        segments.bytes(
             segment(0xe2, big().text("ICC_PROFILE").u8(0).u8(i).u8(255).fill(60'000, 0x41).done()));
     }
-    const FileBytes rest = [] {
-        Writer file = jpeg(0xc0, 8, 8, 1);
-        file.bytes(scan(1, 0, 63, 0, {0x00})).u16(0xffd9);
-        return FileBytes(file.done().begin() + 2, file.done().end());
-    }();
-    FileBytes manyColours = bmp(4, 4, 8, 0, 256, 54 + 1024).fill(1024 + 16).done();
+    return segments.done();
+}
+
+}  // namespace
+
+std::vector<HostileFile> oddFiles() {
+    const auto packed = [](std::string_view name) {
+        return chunk(name, big().text("n").u8(0).u8(0).bytes(packedZeros(kMuch)).done());
+    };
     return {
-        {"a profile of a gigabyte in a PNG", finished(profile, packedZeros(33 * 8))},
-        {"a text of a gigabyte in a PNG", finished(text, packedZeros(33 * 8))},
-        {"200,000 texts in a PNG", finished(texts, packedZeros(33 * 8))},
-        {"a gigabyte behind the pixels of a PNG", finished(png(8, 8), packedZeros(1u << 30))},
-        {"an orientation that leads astray in a JPEG", exif.bytes(rest).done()},
-        {"a profile of 15 megabytes in a JPEG", profiles.bytes(rest).done()},
-        {"more in a BMP than it says", manyColours},
+        {"a profile of half a gigabyte in a PNG", [=] { return pngWith(packed("iCCP")); }},
+        {"a text of half a gigabyte in a PNG", [=] { return pngWith(packed("zTXt")); }},
+        {"200,000 texts in a PNG", [] { return pngWith(manyTexts()); }},
+        {"half a gigabyte behind the pixels of a PNG",
+         [] { return finished(png(8, 8), packedZeros(kMuch)); }},
+        {"an orientation that leads astray in a JPEG", jpegWith(wrongOrientation())},
+        {"a profile of 15 megabytes in a JPEG", [] { return jpegWith(profileOf15Megabytes()); }},
+        {"more in a BMP than it says", bmp(4, 4, 8, 0, 256, 54 + 1024).fill(1024 + 16).done()},
         {"a palette without end in a BMP", bmp(10, 10, 8, 0, 0xffffffff).fill(400).done()},
         {"four thousand million strips in a TIFF", tiff(tiffOf(10, 10, 1, 0xffffffff, 1), 0, 300)},
     };

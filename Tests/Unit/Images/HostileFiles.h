@@ -2,9 +2,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace utilia::test {
@@ -13,9 +15,15 @@ namespace utilia::test {
 
 using FileBytes = std::vector<std::uint8_t>;
 
+// Made when it is asked for: some take a while.
 struct HostileFile {
+    HostileFile(std::string fileName, FileBytes content)
+        : name(std::move(fileName)), bytes([made = std::move(content)] { return made; }) {}
+    HostileFile(std::string fileName, std::function<FileBytes()> make)
+        : name(std::move(fileName)), bytes(std::move(make)) {}
+
     std::string name;
-    FileBytes bytes;
+    std::function<FileBytes()> bytes;
 };
 
 void PrintTo(const HostileFile& file, std::ostream* out);
