@@ -41,6 +41,7 @@ inline constexpr std::string_view kStartToolAtLoginText = "Start this tool at lo
 inline constexpr std::string_view kNoTrayText =
     "Your desktop shows no status icons. Your tools are in this window.";
 inline constexpr std::string_view kCannotStartText = "%@ cannot be started.";
+inline constexpr std::string_view kCannotTurnOffText = "%@ cannot be turned off.";
 inline constexpr std::string_view kSuggestionText = "You have not used %@ yet.";
 inline constexpr std::string_view kTryText = "Try It";
 inline constexpr std::string_view kNotNowText = "Not Now";
@@ -52,9 +53,9 @@ inline constexpr std::string_view kSuggestToolsText = "Suggest tools that I have
 inline constexpr std::string_view kUsageText = "Usage reporting";
 inline constexpr std::string_view kShareUsageText = "Report how I use the tools";
 inline constexpr std::string_view kUsageExplanationText =
-    "Once a week a report of which tools were started and used is sent to their makers. It holds "
-    "no "
-    "names, texts or files of yours.";
+    "Once a week a report of which tools were started and used is sent to their makers. The "
+    "preview "
+    "shows exactly what is in it.";
 inline constexpr std::string_view kUsageByAdministratorText =
     "Your administrator has switched usage reporting off.";
 inline constexpr std::string_view kPreviewText = "Preview…";
@@ -92,6 +93,7 @@ inline constexpr std::array kAgentTexts{kShowWindowText,
                                         kStartToolAtLoginText,
                                         kNoTrayText,
                                         kCannotStartText,
+                                        kCannotTurnOffText,
                                         kSuggestionText,
                                         kTryText,
                                         kNotNowText,

@@ -1,10 +1,12 @@
 // Korvane Utilia, the agent of the tools.
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include <QApplication>
+#include <QFile>
 #include <QLocale>
 
 #include "Applications/Agent/AgentApplication.h"
@@ -23,6 +25,25 @@ Shows the tools of the suite in the panel, and starts them when they are due. Wh
 already, or with --show-ui, its window opens.
 )";
 
+// Nobody's agent may start a session bus, which the bus library does where none is named.
+void nameSessionBus() {
+    constexpr const char* kName = "DBUS_SESSION_BUS_ADDRESS";
+    if (!qEnvironmentVariableIsEmpty(kName)) return;
+    const QString usual = qEnvironmentVariable("XDG_RUNTIME_DIR") + QLatin1String("/bus");
+    qputenv(kName, QFile::exists(usual) ? "unix:path=" + QFile::encodeName(usual) : "disabled:");
+}
+
+// Until the display is open: the toolkit would leave a core behind, and say little.
+void handleMessage(QtMsgType type, const QMessageLogContext&, const QString& text) {
+    if (type == QtFatalMsg) {
+        std::fprintf(stderr, "korvane-utilia: there is no display: %s\n",
+                     qPrintable(text.section(QLatin1Char('\n'), 0, 0)));
+        std::_Exit(EXIT_FAILURE);
+    }
+    if (type != QtDebugMsg && type != QtInfoMsg)
+        std::fprintf(stderr, "korvane-utilia: %s\n", qPrintable(text));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -31,7 +52,8 @@ int main(int argc, char** argv) {
         std::fputs(kHelp, stdout);
         return 0;
     }
-    // The agent ends no session and starts no bus.
+    nameSessionBus();
+    qInstallMessageHandler(handleMessage);
     QApplication application(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     QApplication::setWindowIcon(utilia::agent::agentIcon());

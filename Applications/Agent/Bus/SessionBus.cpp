@@ -6,7 +6,6 @@
 
 #include <QCoreApplication>
 #include <QDBusError>
-#include <QFile>
 #include <QPointer>
 
 #include "Common/Logging/Log.h"
@@ -15,15 +14,6 @@ namespace utilia::agent {
 namespace {
 
 QString connectionName() { return QStringLiteral("korvane-utilia"); }
-
-QString addressOfBus() {
-    const QString named = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS");
-    if (!named.isEmpty()) return named;
-    const QString folder = qEnvironmentVariable("XDG_RUNTIME_DIR");
-    const QString usual = folder + QLatin1String("/bus");
-    return !folder.isEmpty() && QFile::exists(usual) ? QLatin1String("unix:path=") + usual
-                                                     : QString();
-}
 
 }  // namespace
 
@@ -34,7 +24,7 @@ void SessionBus::fail(const QString& why) {
 }
 
 void SessionBus::connect(std::function<void(QDBusConnection)> whenThere) {
-    const QString address = addressOfBus();
+    const QString address = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS");
     if (address.isEmpty() || address.startsWith(QLatin1String("disabled:"))) {
         fail(QStringLiteral("there is no session bus"));
         return;

@@ -10,7 +10,7 @@ namespace utilia::agent {
 
 // The agent's connection with the session bus.
 //
-// Without a named address the usual place is looked at, and no bus is ever started for it. The bus library waits for its
+// The bus is the one that DBUS_SESSION_BUS_ADDRESS names; none is ever started. The bus library waits for its
 // bus, so the connection is made on a thread of its own: an agent whose bus does not answer works all the same, without
 // tray and published object.
 //

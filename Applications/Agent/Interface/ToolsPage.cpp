@@ -74,7 +74,7 @@ QWidget* ToolsPage::makeSuggestion() {
     connect(tryIt, &QPushButton::clicked, this, [this] {
         const std::string identifier = suggested_;
         Suggestions::setKnown(identifier);
-        report(tools_.activate(identifier), identifier);
+        report(tools_.activate(identifier), identifier, kCannotStartText);
         updateSuggestion();
     });
     connect(notNow, &QPushButton::clicked, this, [this] {
@@ -99,7 +99,7 @@ QWidget* ToolsPage::makeButtons() {
     row->addWidget(open_);
     connect(open_, &QPushButton::clicked, this, [this] { activate(); });
     connect(turnOff_, &QPushButton::clicked, this,
-            [this] { report(tools_.turnOff(selected()), selected()); });
+            [this] { report(tools_.turnOff(selected()), selected(), kCannotTurnOffText); });
     connect(atLogin_, &QCheckBox::clicked, this, [this](bool isWanted) {
         if (isWanted) {
             UtiliaToolLauncher::addToolToLaunchAtLogin(selected());
@@ -164,14 +164,15 @@ void ToolsPage::activate() {
     const std::string identifier = selected();
     const ToolEntry* const tool = tools_.find(identifier);
     if (!tool || !tool->isReady()) return;
-    report(tools_.activate(identifier), identifier);
+    report(tools_.activate(identifier), identifier, kCannotStartText);
 }
 
-void ToolsPage::report(const Result<void>& result, const std::string& identifier) {
+void ToolsPage::report(const Result<void>& result, const std::string& identifier,
+                       std::string_view format) {
     if (result) return;
     KULogVariadic("Tool %@: %@", identifier, result.error());
     auto* const box = new QMessageBox(QMessageBox::Warning, window()->windowTitle(),
-                                      textWithName(kCannotStartText, nameOf(tools_, identifier)),
+                                      textWithName(format, nameOf(tools_, identifier)),
                                       QMessageBox::NoButton, this);
     box->addButton(text(kCloseText), QMessageBox::AcceptRole);
     box->setInformativeText(QString::fromStdString(result.error().description));

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include <QWidget>
 
@@ -35,7 +36,7 @@ private:
     std::string selected() const;
     void updateButtons();
     void activate();
-    void report(const Result<void>& result, const std::string& identifier);
+    void report(const Result<void>& result, const std::string& identifier, std::string_view format);
     void follow(const ToolList::Change& change);
     QWidget* makeSuggestion();
     QWidget* makeButtons();

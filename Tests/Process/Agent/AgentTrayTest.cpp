@@ -1,0 +1,254 @@
+#include <csignal>
+
+#include "Common/Platform/RunLoop.h"
+#include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
+#include "Tests/Process/Agent/AgentFixture.h"
+#include "Tests/Process/SampleImage.h"
+#include "Tests/Support/ChildRole.h"
+#include "Tests/Support/PrivateMounts.h"
+#include "Tests/Support/VirtualDisplay.h"
+
+// The agent's status icon and menu, as a panel sees them.
+
+namespace utilia::agent {
+namespace {
+
+using test::RecordedMessage;
+using test::RecordingPort;
+using test::TestBundle;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+UTILIA_CHILD_ROLE(startedTool) {
+    test::ReportPipe::report(self.arguments.at(0), "started");
+    return 0;
+}
+
+class AgentTrayTest : public AgentApplicationTest {
+protected:
+    AgentTrayTest() { startBus(); }
+    std::string withOwn(const std::string& tools) const { return tools + "; " + kOwnEntries; }
+};
+
+TEST_F(AgentTrayTest, HasAMenuOfTheToolsAsTheyAre) {
+    install(timer_);
+    install(clock_);
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    EXPECT_EQ(ask(panel, "menu"), withOwn("Timer; World__Clock"));
+    ask(panel, "changes");
+
+    const RecordingPort timer(portOf(timer_));
+    const RecordingPort clock(portOf(clock_));
+    sayStatus(timer_, 2);
+    speak(timer_, 108, {"0:42"});
+    sayStatus(clock_, 1);
+    const std::string both = withOwn("Timer – 0:42 [radio]; World__Clock [checkmark]");
+    EXPECT_EQ(menuThatBecomes(panel, both), both);
+    EXPECT_EQ(ask(panel, "spoken"), "Timer – 0:42, Running; World_Clock, Running");
+    EXPECT_THAT(ask(panel, "changes"), testing::Not(HasSubstr("layout")))
+        << "what has changed in place is told as that";
+}
+
+TEST_F(AgentTrayTest, SaysWhenThereAreNoTools) {
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    EXPECT_EQ(ask(panel, "menu"), withOwn("No tools are installed [grey]"));
+    install(timer_);
+    EXPECT_EQ(menuThatBecomes(panel, withOwn("Timer")), withOwn("Timer"))
+        << "installed while the agent runs";
+}
+
+TEST_F(AgentTrayTest, ShowsWhatCannotBeUsedGreyAndWithTheReason) {
+    const test::PrivateMounts mounts;
+    mounts.writeSettings(R"({"WhiteToolsList": ["timer"]})");
+    install(timer_);
+    install(clock_);
+    std::filesystem::remove_all(timer_.path());
+    auto panel = startPanel();
+    test::ChildProcessOptions options;
+    options.environment = offscreen();
+    options.mounts = &mounts;
+    options.diesWithTest = true;
+    auto agent = test::ChildProcess::program(UTILIA_AGENT_PROGRAM, {}, options);
+    expectItem(panel, agent);
+    EXPECT_EQ(ask(panel, "menu"),
+              withOwn("Timer (damaged) [grey]; World__Clock (not allowed by your administrator) "
+                      "[grey]"));
+    EXPECT_EQ(ask(panel, "click World"), "done");
+    EXPECT_EQ(reports_.waitForLine(std::chrono::milliseconds(100)), std::nullopt);
+}
+
+TEST_F(AgentTrayTest, StartsAToolOnAClickAndTellsOneThatRuns) {
+    install(timer_);
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    EXPECT_EQ(ask(panel, "click Timer"), "done");
+    EXPECT_EQ(reports_.waitForLine(), "started");
+
+    RecordingPort timer(portOf(timer_));
+    sayStatus(timer_, 1);
+    ASSERT_EQ(menuThatBecomes(panel, withOwn("Timer [checkmark]")), withOwn("Timer [checkmark]"));
+    ASSERT_TRUE(timer.waitForMessages(2));  // the wishes
+    timer.clear();
+    EXPECT_EQ(ask(panel, "click Timer"), "done");
+    EXPECT_EQ(timer.take(1), (std::vector<RecordedMessage>{{107, {}}}));
+}
+
+TEST_F(AgentTrayTest, ComesWhenThePanelIsLateAndComesBackWhenItRestarts) {
+    install(timer_);
+    auto agent = startAgent(offscreen());
+    sayStatus(timer_, 0);  // waits until the agent is there
+    auto late = startPanel();
+    expectItem(late, agent);
+    late.kill();
+    auto restarted = startPanel();
+    expectItem(restarted, agent);
+    EXPECT_EQ(ask(restarted, "menu"), withOwn("Timer"));
+}
+
+TEST_F(AgentTrayTest, ComesBackAfterTheAgentWasKilled) {
+    install(timer_);
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    const RecordingPort timer(portOf(timer_));
+    sayStatus(timer_, 1);
+    menuThatBecomes(panel, withOwn("Timer [checkmark]"));
+    agent.kill();
+    auto second = startAgent(offscreen());
+    expectItem(panel, second);
+    EXPECT_EQ(ask(panel, "menu"), withOwn("Timer")) << "until the tool says more";
+    sayStatus(timer_, 1);
+    EXPECT_EQ(menuThatBecomes(panel, withOwn("Timer [checkmark]")), withOwn("Timer [checkmark]"));
+}
+
+TEST_F(AgentTrayTest, QuitsFromItsMenuInAnOrderlyWay) {
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    EXPECT_EQ(ask(panel, "click Quit"), "done");
+    EXPECT_EQ(agent.waitForExit(), 0);
+}
+
+TEST_F(AgentTrayTest, HasAnIconByNameAndInPixels) {
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    EXPECT_THAT(ask(panel, "icon"),
+                testing::MatchesRegex("korvane-utilia-symbolic 16,22,24,32,48 ff[0-9a-f]{6}"));
+}
+
+TEST_F(AgentTrayTest, SpeaksTheUsersLanguageAndRunsFromRightToLeft) {
+    install(timer_);
+    auto panel = startPanel();
+    auto german = startAgent(offscreen("de"));
+    expectItem(panel, german);
+    EXPECT_EQ(ask(panel, "menu"),
+              "Timer; -; Fenster zeigen; Einstellungen …; -; Korvane Utilia beenden");
+    EXPECT_EQ(ask(panel, "direction"), "ltr");
+    german.signal(SIGTERM);
+    EXPECT_EQ(german.waitForExit(), 0);
+    auto arabic = startAgent(offscreen("ar"));
+    expectItem(panel, arabic);
+    EXPECT_EQ(ask(panel, "direction"), "rtl");
+    EXPECT_THAT(ask(panel, "menu"), HasSubstr("إظهار النافذة"));
+}
+
+// ---- schedules
+
+TEST_F(AgentTrayTest, StartsAToolThatIsDueAndTellsItWhenItReports) {
+    install(timer_);
+    updateSchedulerPlist(kTimer, "Timer", [](Dictionary& record) {
+        record.set("launchAtDate", true);
+        record.set("date", Date{Date::now().secondsSinceReferenceDate - 60});
+        record.set("interval", 3600.0);
+    });
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    EXPECT_EQ(reports_.waitForLine(), "started");
+    RecordingPort timer(portOf(timer_));
+    sayStatus(timer_, 1);
+    EXPECT_TRUE(test::eventually([&] {
+        const auto& all = timer.messages();
+        return std::find(all.begin(), all.end(), RecordedMessage{103, {}}) != all.end();
+    }));
+    double interval = 0;
+    std::optional<Date> date;
+    readSchedulerPlist(kTimer, "Timer", [&](const Dictionary& record) {
+        interval = record.find("interval")->doubleValue();
+        date = *record.find("date")->date();
+    });
+    EXPECT_EQ(interval, 3600);
+    EXPECT_GT(*date, Date::now());
+}
+
+// ---- what is published
+
+TEST_F(AgentTrayTest, PublishesTheListAndEveryChange) {
+    install(timer_);
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    const auto list = [&] {
+        return test::runProgram({"gdbus", "call", "--session", "--dest", "com.korvane.utilia",
+                                 "--object-path", "/com/korvane/utilia/Tools", "--method",
+                                 "com.korvane.utilia.Tools1.List"},
+                                {{"DBUS_SESSION_BUS_ADDRESS", bus_->address()}})
+            .text;
+    };
+    EXPECT_EQ(list(), "([{'condition': <'ready'>, 'identifier': <'com.korvane.utilia.Timer'>, "
+                      "'name': <'Timer'>, 'path': <'" +
+                          timer_.path() +
+                          "'>, 'reason': <''>, 'running': <false>, 'status': <uint64 0>, 'text': "
+                          "<''>}],)");
+    auto monitor = bus_->monitor("interface='com.korvane.utilia.Tools1'");
+    const RecordingPort timer(portOf(timer_));
+    speak(timer_, 108, {"0:42"});
+    EXPECT_THAT(test::nextLineWith(monitor, "member="), HasSubstr("member=ToolChanged"));
+    EXPECT_THAT(test::nextLineWith(monitor, "0:42"), HasSubstr("string \"0:42\""));
+    EXPECT_THAT(list(), HasSubstr("'running': <true>, 'status': <uint64 0>, 'text': <'0:42'>"));
+    std::filesystem::remove(home_.data() / "applications" / (std::string(kTimer) + ".desktop"));
+    EXPECT_THAT(test::nextLineWith(monitor, "member=ToolRemoved"), testing::Not(IsEmpty()));
+    EXPECT_EQ(list(), "(@aa{sv} [],)");
+}
+
+// ---- quiet
+
+// How often the threads of a process were woken so far.
+long wakeUps(pid_t process) {
+    long sum = 0;
+    const std::filesystem::path tasks = "/proc/" + std::to_string(process) + "/task";
+    for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+        std::ifstream file(task.path() / "status");
+        for (std::string line; std::getline(file, line);) {
+            if (line.starts_with("voluntary_ctxt_switches:")) sum += std::stol(line.substr(24));
+        }
+    }
+    return sum;
+}
+
+TEST_F(AgentTrayTest, IsNotWokenWhileNothingChanges) {
+    install(timer_);
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    const RecordingPort timer(portOf(timer_));
+    sayStatus(timer_, 1);
+    ASSERT_EQ(menuThatBecomes(panel, withOwn("Timer [checkmark]")), withOwn("Timer [checkmark]"));
+    // What its start left to be done may still come. Then a time without anything must be found.
+    long before = -1;
+    EXPECT_TRUE(test::eventually([&] {
+        before = wakeUps(agent.pid());
+        platform::RunLoop::currentRunLoop().runFor(std::chrono::milliseconds(1500));
+        return wakeUps(agent.pid()) == before;
+    }));
+}
+
+}  // namespace
+}  // namespace utilia::agent

@@ -1,0 +1,93 @@
+#include <csignal>
+
+#include "Tests/Process/Agent/AgentFixture.h"
+#include "Tests/Support/ChildRole.h"
+#include "Tests/Support/VirtualDisplay.h"
+
+// The agent's window, on a display of the test's own.
+
+namespace utilia::agent {
+namespace {
+
+using test::ChildProcess;
+using test::VirtualDisplay;
+using testing::HasSubstr;
+
+constexpr const char* kTitle = "Korvane Utilia";
+
+class AgentWindowTest : public AgentApplicationTest {
+protected:
+    Environment onScreen(const std::string& language = "en") const {
+        Environment all = display_.environment();
+        all["LANGUAGE"] = language;
+        all["DBUS_SESSION_BUS_ADDRESS"] = bus_ ? bus_->address() : "disabled:";
+        return all;
+    }
+    // A second start, which ends when it has handed its arguments over.
+    void startAgain(const std::vector<std::string>& arguments) const {
+        auto second = startAgent(onScreen(), arguments);
+        EXPECT_EQ(second.waitForExit(), 0);
+    }
+
+    test::TemporaryFolder displayFolder_;
+    VirtualDisplay display_{displayFolder_.path()};
+};
+
+TEST_F(AgentWindowTest, OpensWithoutASessionBusAndSaysWhyNothingIsInThePanel) {
+    setenv("XDG_SESSION_ID", "1", 1);
+    install(timer_);
+    // The first start in a login opens nothing by itself.
+    auto login = startAgent(onScreen());
+    sayStatus(timer_, 0);
+    login.signal(SIGTERM);
+    EXPECT_EQ(login.waitForExit(), 0);
+    EXPECT_THAT(log(), HasSubstr("no status icon, and nothing is published: there is no session "
+                                 "bus"));
+    auto agent = startAgent(onScreen());
+    display_.waitForWindow(kTitle);
+    agent.signal(SIGTERM);
+    EXPECT_EQ(agent.waitForExit(), 0);
+    unsetenv("XDG_SESSION_ID");
+}
+
+TEST_F(AgentWindowTest, EndsWithAClearMessageWithoutADisplay) {
+    auto environment = onScreen();
+    environment["DISPLAY"] = ":4711";
+    auto agent = startAgent(environment);
+    EXPECT_EQ(agent.waitForExit(), 1);
+    EXPECT_THAT(log(), HasSubstr("korvane-utilia: there is no display: "));
+}
+
+TEST_F(AgentWindowTest, OpensWhenTheAgentIsStartedAgainAndLeavesItRunningWhenClosed) {
+    startBus();
+    auto panel = startPanel();
+    auto agent = startAgent(onScreen());
+    expectItem(panel, agent);
+    EXPECT_FALSE(display_.hasWindow(kTitle)) << "there is a panel";
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{}, std::vector<std::string>{"--show-ui"}}) {
+        startAgain(arguments);
+        display_.waitForWindow(kTitle);
+        display_.press({"Escape"});
+        EXPECT_TRUE(test::eventually([&] { return !display_.hasWindow(kTitle); }));
+    }
+    ask(panel, "activate");
+    display_.waitForWindow(kTitle);
+    display_.press({"ctrl+w"});
+    EXPECT_TRUE(test::eventually([&] { return !display_.hasWindow(kTitle); }));
+    EXPECT_TRUE(agent.isRunning());
+    EXPECT_EQ(ask(panel, "click Settings"), "done");
+    display_.waitForWindow(kTitle);
+}
+
+TEST_F(AgentWindowTest, StartsAToolByKeyboardAlone) {
+    install(clock_);
+    install(timer_);
+    auto agent = startAgent(onScreen(), {"--show-ui"});
+    display_.waitForWindow(kTitle);
+    display_.press({"Down", "Return"});
+    EXPECT_EQ(reports_.waitForLine(), "started");
+}
+
+}  // namespace
+}  // namespace utilia::agent
