@@ -3,7 +3,15 @@
 option(UTILIA_BUILD_TESTS "Build the test programs" ON)
 option(UTILIA_BUILD_BENCHMARKS "Build the benchmarks" OFF)
 option(UTILIA_BUILD_FUZZERS "Build the libFuzzer targets (clang)" OFF)
+option(UTILIA_REPORT_UPLOAD "Upload usage reports; OFF leaves the code for it out" ON)
+set(UTILIA_REPORT_HOST "reports.korvane.example" CACHE STRING
+    "The host that usage reports are uploaded to by HTTPS, with :PORT where it is not 443")
 set(UTILIA_SANITIZE "" CACHE STRING "Sanitizers for everything, as -fsanitize takes them")
+
+# It stands without quotes in a command.
+if(NOT UTILIA_REPORT_HOST MATCHES "^[A-Za-z0-9][A-Za-z0-9.-]*(:[0-9]+)?$")
+    message(FATAL_ERROR "UTILIA_REPORT_HOST is no name of a host: \"${UTILIA_REPORT_HOST}\"")
+endif()
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)

@@ -25,6 +25,9 @@ struct UTILIA_EXPORT Task {
     //
     // Threads: any.
     Result<void> launch() const;
+
+    // Whether a task holds a lock on the file, of this process or another.
+    static bool isLocked(const std::string& path);
 };
 
 }  // namespace utilia::platform

@@ -48,4 +48,9 @@ Result<void> Task::launch() const {
     });
 }
 
+bool Task::isLocked(const std::string& path) {
+    const auto file = lockForTask(path);
+    return !file && file.error().is(UtiliaErrorCode::Busy);
+}
+
 }  // namespace utilia::platform

@@ -26,8 +26,10 @@
 namespace utilia {
 
 // Keys and values of the file. Contract: never rename.
-inline constexpr std::string_view kKAVUpdatesDisabled = "UpdatesDisabled";   // key; a boolean
-inline constexpr std::string_view kKAVWhiteToolsListKey = "WhiteToolsList";  // key; texts
+inline constexpr std::string_view kKAVUpdatesDisabled = "UpdatesDisabled";  // a boolean
+inline constexpr std::string_view kKAVUsageReportingDisabled =
+    "UsageReportingDisabled";                                                // a boolean
+inline constexpr std::string_view kKAVWhiteToolsListKey = "WhiteToolsList";  // texts
 inline constexpr std::string_view kKAVWhiteToolsList_BusinessToolsetValue =  // in that list
     "business-toolset-only";
 

@@ -33,6 +33,7 @@ TEST_F(AdminStorage, LiesWhereNoVariableMovesIt) {
 
 TEST_F(AdminStorage, SpellsItsKeysAsTheFileDoes) {
     EXPECT_EQ(kKAVUpdatesDisabled, "UpdatesDisabled");
+    EXPECT_EQ(kKAVUsageReportingDisabled, "UsageReportingDisabled");
     EXPECT_EQ(kKAVWhiteToolsListKey, "WhiteToolsList");
     EXPECT_EQ(kKAVWhiteToolsList_BusinessToolsetValue, "business-toolset-only");
 }

@@ -1,0 +1,96 @@
+#include <sys/stat.h>
+
+#include "Tests/Process/Reporting/UploadFixture.h"
+
+// The shell of an upload dies of SIGKILL at each of its steps.
+
+namespace utilia {
+namespace {
+
+using test::kEndpointPath;
+using test::NginxServer;
+using test::UploadTest;
+using testing::IsEmpty;
+
+namespace fs = std::filesystem;
+
+// Stands before a program: does what it does, and kills the shell that runs the command, or itself
+// where the shell has put it in its own place.
+std::string killer(const std::string& program, const std::string& step) {
+    return "#!/bin/bash\n"
+           "step=" +
+           step +
+           "\n"
+           "case $(tr '\\0' ' ' < /proc/$PPID/cmdline) in\n"
+           "'/bin/bash -c tar '*) victim=$PPID ;;\n"
+           "*) victim=$$ ;;\n"
+           "esac\n"
+           "[[ $KILL_AT != \"$step before\" ]] || { kill -KILL $victim; exit 1; }\n" +
+           program +
+           " \"$@\"\n"
+           "status=$?\n"
+           "[[ $KILL_AT != \"$step half\" ]] || truncate -s 40 \"$2\"\n"
+           "[[ $KILL_AT != \"$step \"* ]] || kill -KILL $victim\n"
+           "exit $status\n";
+}
+
+class UploadKill : public UploadTest, public testing::WithParamInterface<const char*> {
+protected:
+    void makeKillers(const std::string& programs) const {
+        const auto make = [this](const char* name, const std::string& script) {
+            test::writeFile(folder() / name, script);
+            chmod((folder() / name).c_str(), 0755);
+        };
+        make("tar", killer(programs + "/tar", "tar"));
+        make("curl", killer(programs + "/curl", "curl"));
+        make("rm", killer("/bin/rm", "rm-$([[ $2 == *.tar.gz ]] && echo archive || echo report)"));
+    }
+    fs::path folder() const { return home_.path() / "killers"; }
+
+    // Of the framework's task: with the killers before its programs.
+    Result<void> launchToBeKilled(platform::Task task) const {
+        std::string& path = task.environment.at(0);
+        makeKillers(path.substr(5, path.find(':') - 5));
+        path.insert(5, folder().string() + ":");
+        task.environment.push_back(std::string("KILL_AT=") + GetParam());
+        return task.launch();
+    }
+};
+
+TEST_P(UploadKill, LosesNothing) {
+    const NginxServer server(std::string("location = ") + kEndpointPath + " { " + test::kKeepBody +
+                             " }");
+    useServer(server);
+    const std::string endpoint = server.secureURL(kEndpointPath);
+    CEPLog log({.launchTask = [this](const platform::Task& task) { return launchToBeKilled(task); },
+                .endpoint = endpoint,
+                .curlHome = curlHome().string()});
+    log.setCepOwner(true);
+    log.log("Act");
+    const auto begun = log.sendCEPImp(false);
+    ASSERT_EQ(begun.size(), 1u);
+    ASSERT_TRUE(waitForTasks(begun));
+    const bool isLeft = fs::exists(begun[0]);
+    if (isLeft) {
+        EXPECT_TRUE(isFinished(report()));
+        EXPECT_EQ(test::actionsIn(report()), std::vector<std::string>{"Act"});
+    } else {
+        EXPECT_EQ(server.waitForRequests(1).size(), 1u) << "removed, so it was accepted";
+    }
+    EXPECT_EQ(isLeft, std::string_view(GetParam()) != "rm-report after") << GetParam();
+
+    ASSERT_TRUE(waitForTasks(makeUploader(server)->sendCEPImp(false)));
+    EXPECT_THAT(filesInFolder(), IsEmpty());
+    const bool isSentBefore = std::string_view(GetParam()).starts_with("rm-") ||
+                              std::string_view(GetParam()) == "curl after";
+    const std::size_t expected = (isSentBefore ? 1u : 0u) + (isLeft ? 1u : 0u);
+    EXPECT_EQ(server.waitForRequests(expected).size(), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Steps, UploadKill,
+                         testing::Values("tar before", "tar half", "tar after", "curl before",
+                                         "curl after", "rm-archive before", "rm-archive after",
+                                         "rm-report before", "rm-report after"));
+
+}  // namespace
+}  // namespace utilia
