@@ -37,6 +37,8 @@ Result<void> checkType(std::string_view key, const Value& value) {
     if (value.isNull()) return {};
     if (key == kKAVUpdatesDisabled && !value.boolean())
         return refused("UpdatesDisabled takes true or false");
+    if (key == kKAVUsageReportingDisabled && !value.boolean())
+        return refused("UsageReportingDisabled takes true or false");
     if (key == kKAVWhiteToolsListKey && !value.array())
         return refused("WhiteToolsList takes a JSON array of names; \"utiliactl admin "
                        "set-white-list\" takes them as text");

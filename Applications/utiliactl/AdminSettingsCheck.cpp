@@ -21,7 +21,8 @@ using platform::FileManager;
 using platform::ItemStatus;
 using Severity = Finding::Severity;
 
-constexpr std::string_view kKnownKeys[] = {kKAVUpdatesDisabled, kKAVWhiteToolsListKey};
+constexpr std::string_view kKnownKeys[] = {kKAVUpdatesDisabled, kKAVUsageReportingDisabled,
+                                           kKAVWhiteToolsListKey};
 
 std::string inText(const Value& value) { return jsonFromValue(value).dump(); }
 
@@ -174,6 +175,12 @@ std::vector<Finding> checkSettings(const Dictionary& settings) {
             if (!value.boolean()) {
                 findings.add(Severity::Error,
                              "\"UpdatesDisabled\" is neither true nor false: " + inText(value));
+            }
+        } else if (key == kKAVUsageReportingDisabled) {
+            if (!value.boolean()) {
+                findings.add(Severity::Error, "\"UsageReportingDisabled\" is neither true nor "
+                                              "false, so that usage reporting is off: " +
+                                                  inText(value));
             }
         } else {
             checkUnknownKey(key, findings);

@@ -9,6 +9,8 @@
 #include "Applications/utiliactl/PolicyCommand.h"
 #include "Applications/utiliactl/PortNameCommand.h"
 #include "Applications/utiliactl/PortsCommand.h"
+#include "Applications/utiliactl/ReportingCommand.h"
+#include "Applications/utiliactl/ReportsCommand.h"
 #include "Applications/utiliactl/ResourcesCommand.h"
 #include "Applications/utiliactl/ScheduleCommand.h"
 #include "Applications/utiliactl/StoreCommand.h"
@@ -31,6 +33,8 @@ std::vector<std::unique_ptr<Command>> allCommands() {
     commands.push_back(std::make_unique<SuggestionsCommand>());
     commands.push_back(std::make_unique<ImageCommand>());
     commands.push_back(std::make_unique<EventsCommand>());
+    commands.push_back(std::make_unique<ReportingCommand>());
+    commands.push_back(std::make_unique<ReportsCommand>());
     commands.push_back(std::make_unique<ExtendedLoggingCommand>());
     commands.push_back(std::make_unique<AdminCommand>());
     commands.push_back(std::make_unique<PolicyCommand>());

@@ -48,7 +48,9 @@ Json jsonFromValue(const Value& value) {
     return nullptr;
 }
 
-std::string textOfJson(const Json& json) { return json.dump(2) + "\n"; }
+std::string textOfJson(const Json& json) {
+    return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
 
 std::string dateText(Date date) {
     using namespace std::chrono;

@@ -15,7 +15,7 @@ using Json = nlohmann::ordered_json;
 // dateText(); data as base64. Keys keep their order.
 Json jsonFromValue(const Value& value);
 
-// Indented by two blanks, with a line end.
+// Indented by two blanks, with a line end. Bytes that are no UTF-8 become U+FFFD.
 std::string textOfJson(const Json& json);
 
 // ISO 8601 in UTC with milliseconds, rounded: "2026-11-21T10:00:00.000Z". Outside of the years 0000

@@ -1,0 +1,184 @@
+#include "Applications/utiliactl/ReportingCommand.h"
+
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "Applications/utiliactl/JsonText.h"
+#include "Common/Foundation/PathFunctions.h"
+#include "Common/Platform/FileManager.h"
+#include "Common/Platform/LockedFile.h"
+#include "Common/Platform/UserDefaults.h"
+#include "Common/UtiliaCommon/AdminSettings/KAVPathHelper.h"
+#include "Common/UtiliaCommon/CEP/CEPLog.h"
+#include "Common/UtiliaCommon/CEP/EventLog.h"
+#include "Common/UtiliaCommon/CEP/ReportFolder.h"
+#include "Common/UtiliaCommon/CEP/ReportUpload.h"
+#include "Common/UtiliaCommon/ToolDataProvider/PortProtocol.h"
+
+namespace utilia::control {
+namespace {
+
+using platform::FileManager;
+
+constexpr std::size_t kMaximumDocument = 64u << 20;
+
+struct State {
+    bool isDisabledByUser = false;
+    bool isLastUploadPending = false;
+    std::optional<Date> nextUpload;
+};
+
+State storedState() {
+    const auto preferences = platform::UserDefaults::initWithDomain(kAgentBundleIdentifier);
+    State state;
+    state.isDisabledByUser = preferences->boolForKey(kCEPDisabledKey);
+    state.isLastUploadPending =
+        state.isDisabledByUser && !preferences->boolForKey(kDisabledCEPSentKey);
+    const auto date = preferences->objectForKey(kCEPSyncDateKey);
+    if (date && date->date()) state.nextUpload = *date->date();
+    return state;
+}
+
+std::string administratorsSwitch() {
+    return "the administrator has switched usage reporting off for this machine (" +
+           KAVPathHelper::filePath() + ")";
+}
+
+// One line on what is recorded and sent, for people.
+std::string summary(const State& state) {
+    if (CEPLog::sharedInstance().isDisabledByAdministrator())
+        return "Usage reporting is off: " + administratorsSwitch() + ".";
+    if (!state.isDisabledByUser) return "Usage reporting is on.";
+    if (!state.isLastUploadPending || !isReportUploadBuilt()) return "Usage reporting is off.";
+    return "Usage reporting is off. What was recorded until then is sent once more when the agent "
+           "next starts.";
+}
+
+struct Document {
+    std::optional<std::string> report;  // the file that it waits in; empty for what is still a log
+    std::string text;
+};
+
+Result<std::vector<Document>> documentsOfNextUpload() {
+    // Nobody collects in the meantime.
+    const auto turn = platform::LockedFile::openOrCreate(CEPLog::lockFile(), 0644);
+    std::vector<Document> documents;
+    const std::string folder = reportFolder();
+    if (!FileManager::isNothingAtPath(folder)) {
+        const auto waiting = waitingReports(folder);
+        if (!waiting) return waiting.error();
+        for (const std::string& report : *waiting) {
+            const std::string path = stringByAppendingPathComponent(folder, report);
+            const auto content = FileManager::contentsAtPath(path, kMaximumDocument);
+            if (!content) return content.error();
+            documents.push_back({path, std::string(content->begin(), content->end())});
+        }
+    }
+    for (std::string& document : CEPLogDocuments())
+        documents.push_back({std::nullopt, std::move(document)});
+    return documents;
+}
+
+Error notStored() {
+    // What is logged on the way says why.
+    return Error::utilia(UtiliaErrorCode::Unavailable, "the switch cannot be stored");
+}
+
+}  // namespace
+
+CLI::App* ReportingCommand::declare(CLI::App& program) {
+    CLI::App* const command =
+        program.add_subcommand("reporting", "Switches usage reporting, and shows what it sends.");
+    command->require_subcommand(1);
+    CLI::App* const status =
+        command->add_subcommand("status", "Tells whether usage reporting is on, and by whom not.");
+    status->add_flag("--json", json_, "Answer as JSON");
+    status->callback([this] { chosen_ = &ReportingCommand::status; });
+    CLI::App* const on = command->add_subcommand("on", "Switches usage reporting on.");
+    on->callback([this] { chosen_ = &ReportingCommand::on; });
+    CLI::App* const off = command->add_subcommand("off", "Switches usage reporting off.");
+    off->footer("Nothing is recorded from then on, except that a permanent tool that runs on still "
+                "notes each week that it does. What was recorded until then is sent once more.");
+    off->callback([this] { chosen_ = &ReportingCommand::off; });
+    CLI::App* const preview = command->add_subcommand(
+        "preview", "Prints the report documents that the next upload would send.");
+    preview->footer("Nothing is sent, and nothing is taken away.");
+    preview->add_flag("--json", json_, "Answer as JSON");
+    preview->callback([this] { chosen_ = &ReportingCommand::preview; });
+    return command;
+}
+
+Result<void> ReportingCommand::run(std::ostream& out) { return (this->*chosen_)(out); }
+
+Result<void> ReportingCommand::status(std::ostream& out) const {
+    const CEPLog& log = CEPLog::sharedInstance();
+    const State state = storedState();
+    if (json_) {
+        out << textOfJson(
+            Json{{"enabled", !log.isCEPDisabled()},
+                 {"disabledByUser", state.isDisabledByUser},
+                 {"disabledByAdministrator", log.isDisabledByAdministrator()},
+                 {"lastUploadPending", state.isLastUploadPending},
+                 {"nextUpload", state.nextUpload ? Json(dateText(*state.nextUpload)) : Json()},
+                 {"endpoint", isReportUploadBuilt() ? Json(reportUploadEndpoint()) : Json()},
+                 {"log", CEPLogPath()},
+                 {"reports", reportFolder()}});
+        return {};
+    }
+    out << summary(state) << '\n';
+    if (!isReportUploadBuilt()) {
+        out << "This build of the product never sends anything.\n";
+    } else {
+        out << "Sent to:      " << reportUploadEndpoint() << '\n'
+            << "Next upload:  "
+            << (state.nextUpload ? dateText(*state.nextUpload) : "a week after the agent's start")
+            << '\n';
+    }
+    out << "Recorded in:  " << CEPLogPath() << '\n' << "Reports in:   " << reportFolder() << '\n';
+    return {};
+}
+
+Result<void> ReportingCommand::on(std::ostream& out) const {
+    if (storedState().isDisabledByUser) {
+        CEPLog::sharedInstance().enableCEP();
+        if (storedState().isDisabledByUser) return notStored();
+    }
+    out << summary(storedState()) << '\n';
+    return {};
+}
+
+Result<void> ReportingCommand::off(std::ostream& out) const {
+    // Another switching off would have the last upload made again.
+    if (!storedState().isDisabledByUser) {
+        CEPLog::sharedInstance().disableCEP();
+        if (!storedState().isDisabledByUser) return notStored();
+    }
+    out << summary(storedState()) << '\n';
+    return {};
+}
+
+Result<void> ReportingCommand::preview(std::ostream& out) const {
+    const CEPLog& log = CEPLog::sharedInstance();
+    const auto documents = documentsOfNextUpload();
+    if (!documents) return documents.error();
+    if (json_) {
+        Json all = Json::array();
+        for (const Document& document : *documents) {
+            all.push_back(Json{{"report", document.report ? Json(*document.report) : Json()},
+                               {"document", document.text}});
+        }
+        out << textOfJson(all);
+        return {};
+    }
+    if (log.isCEPDisabled() || !isReportUploadBuilt()) out << summary(storedState()) << '\n';
+    if (documents->empty()) out << "There is nothing to send.\n";
+    for (const Document& document : *documents) {
+        out << "==> " << document.report.value_or("collected by the next upload") << " <==\n"
+            << document.text;
+    }
+    return {};
+}
+
+}  // namespace utilia::control
