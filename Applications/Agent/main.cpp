@@ -14,6 +14,7 @@
 #include "Applications/Agent/Interface/ToolPictures.h"
 #include "Applications/Desktop/DesktopColors.h"
 #include "Common/Platform/Application.h"
+#include "Common/UtiliaCommon/CEP/CEPLog.h"
 #include "Integration/Qt/QtHost.h"
 
 namespace {
@@ -62,10 +63,15 @@ int main(int argc, char** argv) {
     utilia::integration::QtHost host;
     utilia::desktop::DesktopColors colors;
     colors.follow();
+    // The agent uploads for all: what was recorded goes with its weekly timer.
+    auto& usage = utilia::CEPLog::sharedInstance();
+    usage.initGrab();
+    usage.log("Launch");
     utilia::agent::AgentApplication agent;
     utilia::platform::Application::sharedApplication().setDelegate(&agent);
     agent.start(arguments);
     const int status = host.exec();
     utilia::platform::Application::sharedApplication().setDelegate(nullptr);
+    usage.log("Quit");
     return status;
 }
