@@ -12,6 +12,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include "Common/Foundation/Rounding.h"
 #include "Common/Logging/CallbackGuard.h"
 #include "Common/Logging/Log.h"
 #include "Common/Platform/Linux/RunLoopImplementation.h"
@@ -92,7 +93,7 @@ private:
         const double when = std::clamp(date_.unixTime() + kMargin, 1e-3, kLatest);
         itimerspec time{};
         time.it_value.tv_sec = static_cast<time_t>(when);
-        time.it_value.tv_nsec = static_cast<long>((when - std::floor(when)) * 1e9);
+        time.it_value.tv_nsec = static_cast<long>((when - roundedDown(when)) * 1e9);
         timerfd_settime(descriptor_.get(), TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &time,
                         nullptr);
     }

@@ -1,13 +1,13 @@
 #include "Common/Platform/TimeZone.h"
 
-#include <cmath>
+#include "Common/Foundation/Rounding.h"
 
 #include <time.h>
 
 namespace utilia::platform {
 
 std::int32_t TimeZone::secondsFromGMT(Date date) {
-    const double seconds = std::floor(date.unixTime());
+    const double seconds = roundedDown(date.unixTime());
     // Beyond this, years do not fit into the system's structure either.
     constexpr double kRange = 6e16;
     if (!(seconds > -kRange && seconds < kRange)) return 0;

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdint>
 
+#include "Common/Foundation/Rounding.h"
 #include "Common/Foundation/Utf8Decoder.h"
 #include "Common/Platform/TimeZone.h"
 #include "Common/UtiliaCommon/CEP/AttributeNames.h"
@@ -311,7 +312,7 @@ void appendEscaped(TextBuffer& out, std::string_view text) {
 
 void appendTimestamp(TextBuffer& out, Date date) {
     const double time = date.secondsSinceReferenceDate;
-    const double seconds = std::floor(time);
+    const double seconds = roundedDown(time);
     // A clock that tells no time at all.
     constexpr double kRange = 1e15;
     if (!(seconds > -kRange && seconds < kRange)) return appendTimestamp(out, Date{});
@@ -326,7 +327,7 @@ bool appendLocalDate(TextBuffer& out, Date date) {
     if (!(time > static_cast<double>(kFirst) - kSecondsOfDay &&
           time < static_cast<double>(kEnd) + kSecondsOfDay))
         return false;
-    const auto milliseconds = static_cast<std::int64_t>(std::floor(time * 1000 + 0.5));
+    const auto milliseconds = static_cast<std::int64_t>(roundedDown(time * 1000 + 0.5));
     std::int64_t seconds = milliseconds / 1000;
     if (milliseconds % 1000 < 0) --seconds;
     const std::int32_t ahead =
