@@ -7,6 +7,7 @@
 
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Logging/Log.h"
+#include "Common/Logging/MemoryGuard.h"
 #include "Common/Platform/FileManager.h"
 #include "Common/Platform/Linux/ImageCodecs.h"
 
@@ -148,9 +149,11 @@ Image::Image(std::unique_ptr<Implementation> implementation)
 Image::~Image() = default;
 
 std::shared_ptr<Image> Image::initWithData(std::span<const std::uint8_t> bytes) {
-    auto implementation = std::make_unique<Implementation>();
-    if (!implementation->read(bytes)) return nullptr;
-    return std::shared_ptr<Image>(new Image(std::move(implementation)));
+    return unlessOutOfMemory("Images", [bytes]() -> std::shared_ptr<Image> {
+        auto implementation = std::make_unique<Implementation>();
+        if (!implementation->read(bytes)) return nullptr;
+        return std::shared_ptr<Image>(new Image(std::move(implementation)));
+    });
 }
 
 std::shared_ptr<Image> Image::initByReferencingFile(std::string_view path) {

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <zlib.h>
 
 #include "Tests/Support/ChildProcess.h"
@@ -300,34 +299,6 @@ TEST(BitmapMemory, OfWhatPacksTooWellIsThatOfTheFile) {
     const auto image = Image::initWithData(file);
     ASSERT_NE(image, nullptr);
     EXPECT_EQ(image->pixelsWide(), 4000u);
-}
-
-UTILIA_CHILD_ROLE(readWithLittleMemory) {
-    const auto type = static_cast<BitmapImageFileType>(std::stoi(self.arguments.at(0)));
-    static_cast<void>(Image::initWithData(encoded(flag(11, 9), type)));
-    const Data file = encoded(flag(3000, 3000), type);
-    std::size_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    // 36 MB of pixels do not fit in 16 MB.
-    const rlimit limit{pages * 4096 + (16u << 20), RLIM_INFINITY};
-    if (setrlimit(RLIMIT_AS, &limit) != 0) return 2;
-    const auto image = Image::initWithData(file);
-    const rlimit none{RLIM_INFINITY, RLIM_INFINITY};
-    setrlimit(RLIMIT_AS, &none);
-    self.say(image ? "an image" : "none");
-    self.say(Image::initWithData(file) ? "an image" : "none");
-    return 0;
-}
-
-TEST(BitmapMemory, ThatIsMissingMakesNoImageAndNoHarm) {
-    for (const NamedFileType& one : typesOfTheModule()) {
-        SCOPED_TRACE(one.name);
-        auto child = ChildProcess::role("readWithLittleMemory",
-                                        {std::to_string(static_cast<unsigned>(one.type))});
-        EXPECT_EQ(child.waitForLine(std::chrono::seconds(120)), "none");
-        EXPECT_EQ(child.waitForLine(std::chrono::seconds(120)), "an image");
-        EXPECT_EQ(child.waitForExit(), 0);
-    }
 }
 
 }  // namespace

@@ -52,8 +52,11 @@ public:
 
     bool expect(std::size_t size) { return sink_.expect(sink_.context, size); }
     bool write(const std::uint8_t* bytes, std::size_t size) {
-        return size == 0 || sink_.write(sink_.context, bytes, size);
+        if (size > 0 && !sink_.write(sink_.context, bytes, size)) hasLost_ = true;
+        return !hasLost_;
     }
+    // Whether something could not be written, which not every codec looks at.
+    bool hasLost() const { return hasLost_; }
     bool progress(double done) { return sink_.progress(sink_.context, done); }
     // To be called after each row that is done, which need not be each row of the picture: tells
     // the progress of `part` of the work that begins at `from`, not too often.
@@ -65,6 +68,7 @@ private:
     Reason& reason_;
     std::size_t rowsPerWord_;
     bool isOpaque_ = true;
+    bool hasLost_ = false;
 };
 
 // A colour that lies on white with this opacity.

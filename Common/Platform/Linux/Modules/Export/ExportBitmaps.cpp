@@ -33,25 +33,29 @@ bool decode(std::uint32_t fileType, const std::uint8_t* bytes, std::size_t size,
     }
 }
 
+bool encodeAs(std::uint32_t fileType, Source& source) {
+    switch (fileType) {
+    case UtiliaExportBMP:
+        return encodeBmp(source);
+    case UtiliaExportGIF:
+        return encodeGif(source);
+    case UtiliaExportJPEG:
+        return encodeJpeg(source);
+    case UtiliaExportPNG:
+        return encodePng(source);
+    case UtiliaExportJPEG2000:
+        return encodeJpeg2000(source);
+    default:
+        return source.reason().refuse("no such file type");
+    }
+}
+
 bool encode(std::uint32_t fileType, const UtiliaExportPixels* pixels, const UtiliaExportSink* sink,
             char* reasonBuffer) noexcept {
     Reason reason(reasonBuffer);
-    Source source(*pixels, *sink, reason);
     try {
-        switch (fileType) {
-        case UtiliaExportBMP:
-            return encodeBmp(source);
-        case UtiliaExportGIF:
-            return encodeGif(source);
-        case UtiliaExportJPEG:
-            return encodeJpeg(source);
-        case UtiliaExportPNG:
-            return encodePng(source);
-        case UtiliaExportJPEG2000:
-            return encodeJpeg2000(source);
-        default:
-            return reason.refuse("no such file type");
-        }
+        Source source(*pixels, *sink, reason);
+        return encodeAs(fileType, source) && !source.hasLost();
     } catch (const std::bad_alloc&) {
         return reason.refuse("not enough memory");
     }

@@ -1,0 +1,74 @@
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
+#include "Tests/Support/FaultInjection.h"
+#include "Tests/Support/TestLog.h"
+#include "Tests/Unit/Images/BitmapFixture.h"
+
+using namespace utilia;
+using namespace utilia::platform;
+using namespace utilia::test;
+
+namespace {
+
+class BitmapFaults : public testing::TestWithParam<NamedFileType> {
+protected:
+    static BitmapImageRep picture() { return noise(13, 11); }
+    TestLog log_;
+};
+
+// Not those whose libraries do not check themselves: libtiff goes on without the tag that it found no
+// memory for, and OpenJPEG uses what it did not get.
+std::vector<NamedFileType> checkedTypes() {
+    std::vector<NamedFileType> types = allFileTypes();
+    std::erase_if(types, [](const NamedFileType& one) {
+        return one.type == BitmapImageFileType::Tiff || one.type == BitmapImageFileType::Jpeg2000;
+    });
+    return types;
+}
+
+INSTANTIATE_TEST_SUITE_P(All, BitmapFaults, testing::ValuesIn(checkedTypes()),
+                         [](const auto& one) { return std::string(one.param.name); });
+
+TEST_P(BitmapFaults, OfMemoryMakeNoImageWhileItIsRead) {
+    const Data file = encoded(picture(), GetParam().type);
+    const BitmapImageRep expected = decoded(file);
+    std::shared_ptr<const BitmapImageRep> read;
+    const std::size_t runs = forEachFault(
+        memoryFaults(),
+        [&] {
+            read.reset();
+            const auto image = Image::initWithData(file);
+            if (!image) return;
+            const auto bitmap = image->bitmap(0);
+            if (bitmap) read = *bitmap;
+        },
+        [&](const FaultRun&) {
+            if (read) {
+                EXPECT_EQ(largestDifference(*read, expected), 0);
+            }
+        });
+    EXPECT_EQ(runs > 0, !memoryFaults().empty());
+}
+
+TEST_P(BitmapFaults, OfMemoryMakeNoFileWhileItIsWritten) {
+    const auto image = Image::initWithBitmap(picture());
+    const Data expected = encoded(picture(), GetParam().type);
+    std::optional<Data> written;
+    const std::size_t runs = forEachFault(
+        memoryFaults(),
+        [&] { written = CommonAuxiliary::sharedInstance().dataForImage(image, GetParam().type); },
+        [&](const FaultRun&) {
+            if (written) {
+                EXPECT_TRUE(*written == expected);
+            }
+        });
+    EXPECT_EQ(runs > 0, !memoryFaults().empty());
+}
+
+}  // namespace
