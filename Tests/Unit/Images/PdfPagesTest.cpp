@@ -1,10 +1,12 @@
 // What CommonAuxiliary makes of an image as a PDF document, read with a reader of the tests' own.
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -270,6 +272,52 @@ TEST(PdfPages, EndWhenProgressSaysSoWhereverTheyAre) {
         EXPECT_FALSE(fs::exists(path));
     }
     EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(PdfPages, AreMadeOnSeveralThreadsAtOnce) {
+    constexpr std::size_t kThreads = 3;
+    std::vector<BitmapImageRep> pictures;
+    std::vector<std::shared_ptr<Image>> images;
+    for (std::uint32_t i = 0; i < kThreads; ++i) {
+        pictures.push_back(noisyPicture(300 + i, 1500, false));
+        images.push_back(imageOf(pictures.back()));
+    }
+    std::vector<std::optional<Data>> documents(kThreads);
+    {
+        std::vector<std::jthread> threads;
+        for (std::size_t i = 0; i < kThreads; ++i) {
+            threads.emplace_back([&, i] {
+                documents[i] = CommonAuxiliary::sharedInstance().dataForImageAsPDF(images[i], 400);
+            });
+        }
+    }
+    for (std::size_t i = 0; i < kThreads; ++i) {
+        ASSERT_TRUE(documents[i]);
+        expectPagesOf(readPdf(*documents[i]), pictures[i], 400);
+    }
+}
+
+TEST(PdfPages, CanBeCancelledFromAnotherThread) {
+    std::atomic<bool> isCancelled{false};
+    std::atomic<bool> isUnderWay{false};
+    const auto image = imageOf(noisyPicture(600, 8000));
+    std::optional<Data> document;
+    {
+        const std::jthread exporting([&] {
+            document =
+                CommonAuxiliary::sharedInstance().dataForImageAsPDF(image, 0, [&](double done) {
+                    isUnderWay = true;
+                    isUnderWay.notify_all();
+                    // Waits for the other thread, once, so that there is something left to end.
+                    if (done < 0.5) isCancelled.wait(false);
+                    return !isCancelled;
+                });
+        });
+        isUnderWay.wait(false);
+        isCancelled = true;
+        isCancelled.notify_all();
+    }
+    EXPECT_FALSE(document);
 }
 
 TEST(PdfPages, EndWhenProgressThrows) {
