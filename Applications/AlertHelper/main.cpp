@@ -14,9 +14,9 @@
 #include <unistd.h>
 
 #include "Applications/AlertHelper/Channel.h"
-#include "Applications/Desktop/DesktopColors.h"
 #include "Applications/AlertHelper/Question.h"
 #include "Applications/AlertHelper/QuestionWindow.h"
+#include "Applications/Desktop/DesktopColors.h"
 
 namespace {
 
