@@ -53,8 +53,8 @@ public:
         std::uint64_t pixelsExpected = 0;
         // Called while a picture is drawn, a page ended, and the document closed.
         ExportProgress progress = {};
-        // How many threads compress, the caller's included; 0 for one for each processor, and four
-        // at most. The caller's does it all where others cannot be started.
+        // How many threads compress at most, the caller's included, up to 64; 0 for one for each
+        // processor, and four at most. The caller's does it all where others cannot be started.
         unsigned maximumThreads = 0;
     };
 

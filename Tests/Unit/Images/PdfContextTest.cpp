@@ -42,7 +42,8 @@ TEST(PDFContext, MakesTheSameBytesWithAnyNumberOfThreads) {
     };
     const Data one = documentWith(1);
     expectPagesOf(readPdf(one), *picture, 1000);
-    for (const unsigned threads : {2u, 3u, 16u}) EXPECT_EQ(documentWith(threads), one);
+    for (const unsigned threads : {0u, 2u, 3u, 16u, 0xffffffffu})
+        EXPECT_EQ(documentWith(threads), one);
 }
 
 TEST(PDFContext, DrawsSeveralPicturesOnAPage) {

@@ -21,13 +21,14 @@ namespace {
 // by less than they cost in memory.
 constexpr std::size_t kBandBytes = 512 * 1024;
 // More do not gain what they cost: the others are held up by what one thread has to do.
-constexpr unsigned kMostThreads = 4;
+constexpr unsigned kUsualThreads = 4;
+constexpr unsigned kMostThreads = 64;
 // Bands that each thread may be ahead.
 constexpr std::size_t kBandsAhead = 2;
 
-std::size_t threadsFor(const UtiliaExportPDFOptions& options) {
-    if (options.maximumThreads > 0) return options.maximumThreads;
-    return std::clamp(std::thread::hardware_concurrency(), 1u, kMostThreads);
+unsigned threadsFor(const UtiliaExportPDFOptions& options) {
+    if (options.maximumThreads > 0) return std::min(options.maximumThreads, kMostThreads);
+    return std::clamp(std::thread::hardware_concurrency(), 1u, kUsualThreads);
 }
 
 bool isUsable(const UtiliaExportRect& rectangle) {
@@ -55,8 +56,7 @@ std::array<std::uint8_t, 4> bigEndian(std::uint32_t number) {
 }  // namespace
 
 PdfWriter::PdfWriter(const UtiliaExportSink& sink, const UtiliaExportPDFOptions& options)
-    : sink_(sink), options_(options), document_(sink),
-      pool_(static_cast<unsigned>(threadsFor(options))) {}
+    : sink_(sink), options_(options), document_(sink), pool_(threadsFor(options)) {}
 
 PdfWriter::~PdfWriter() = default;
 
