@@ -1,119 +1,13 @@
 #pragma once
 
-#include <array>
 #include <string>
 #include <string_view>
 
 #include <QString>
 
-// Every text of the agent that a user reads. The English text is the key, under which Localization/Agent/LANGUAGE.po has
-// the others.
+#include "Applications/Agent/AgentTextKeys.h"
 
 namespace utilia::agent {
-
-// The name of the product: not translated.
-inline constexpr std::string_view kProductName = "Korvane Utilia";
-
-// The menu.
-inline constexpr std::string_view kShowWindowText = "Show Window";
-inline constexpr std::string_view kOpenSettingsText = "Settings…";
-inline constexpr std::string_view kQuitText = "Quit Korvane Utilia";
-inline constexpr std::string_view kNoToolsText = "No tools are installed";
-
-// What a tool is. %@: its name.
-inline constexpr std::string_view kRestrictedToolText = "%@ (not allowed by your administrator)";
-inline constexpr std::string_view kDamagedToolText = "%@ (damaged)";
-inline constexpr std::string_view kMissingToolText = "%@ (not installed)";
-inline constexpr std::string_view kRestrictedText = "Not allowed by your administrator";
-inline constexpr std::string_view kDamagedText = "Damaged: install it again";
-inline constexpr std::string_view kMissingText = "To be started at login, but not installed";
-inline constexpr std::string_view kRunningText = "Running";
-inline constexpr std::string_view kOffText = "Not running";
-inline constexpr std::string_view kPermanentText = "Always shown";
-
-// The window.
-inline constexpr std::string_view kToolsText = "Tools";
-inline constexpr std::string_view kSettingsText = "Settings";
-inline constexpr std::string_view kStartText = "Start";
-inline constexpr std::string_view kOpenText = "Open";
-inline constexpr std::string_view kTurnOffText = "Turn Off";
-inline constexpr std::string_view kStartToolAtLoginText = "Start this tool at login";
-inline constexpr std::string_view kNoTrayText =
-    "Your desktop shows no status icons. Your tools are in this window.";
-inline constexpr std::string_view kCannotStartText = "%@ cannot be started.";
-inline constexpr std::string_view kCannotTurnOffText = "%@ cannot be turned off.";
-inline constexpr std::string_view kSuggestionText = "You have not used %@ yet.";
-inline constexpr std::string_view kTryText = "Try It";
-inline constexpr std::string_view kNotNowText = "Not Now";
-
-// The settings.
-inline constexpr std::string_view kGeneralText = "General";
-inline constexpr std::string_view kOpenAtLoginText = "Open Korvane Utilia at login";
-inline constexpr std::string_view kSuggestToolsText = "Suggest tools that I have not used";
-inline constexpr std::string_view kUsageText = "Usage reporting";
-inline constexpr std::string_view kShareUsageText = "Report how I use the tools";
-inline constexpr std::string_view kUsageExplanationText =
-    "Once a week a report of which tools were started and used is sent to their makers. The "
-    "preview "
-    "shows exactly what is in it.";
-inline constexpr std::string_view kUsageByAdministratorText =
-    "Your administrator has switched usage reporting off.";
-inline constexpr std::string_view kPreviewText = "Preview…";
-inline constexpr std::string_view kPreviewTitleText = "What will be sent next";
-inline constexpr std::string_view kNothingToSendText = "Nothing has been recorded yet.";
-inline constexpr std::string_view kSentReportsText = "Reports";
-inline constexpr std::string_view kNoReportsText = "No report has been made yet.";
-// %@: the date of the report.
-inline constexpr std::string_view kWaitingReportText = "%@: waits to be sent";
-inline constexpr std::string_view kSentReportText = "%@: sent";
-inline constexpr std::string_view kCloseText = "Close";
-// %@: a version.
-inline constexpr std::string_view kWhatIsNewText = "New in version %@";
-inline constexpr std::string_view kNoDescriptionText =
-    "There is no description of this version in your language or in English.";
-
-inline constexpr std::array kAgentTexts{kShowWindowText,
-                                        kOpenSettingsText,
-                                        kQuitText,
-                                        kNoToolsText,
-                                        kRestrictedToolText,
-                                        kDamagedToolText,
-                                        kMissingToolText,
-                                        kRestrictedText,
-                                        kDamagedText,
-                                        kMissingText,
-                                        kRunningText,
-                                        kOffText,
-                                        kPermanentText,
-                                        kToolsText,
-                                        kSettingsText,
-                                        kStartText,
-                                        kOpenText,
-                                        kTurnOffText,
-                                        kStartToolAtLoginText,
-                                        kNoTrayText,
-                                        kCannotStartText,
-                                        kCannotTurnOffText,
-                                        kSuggestionText,
-                                        kTryText,
-                                        kNotNowText,
-                                        kGeneralText,
-                                        kOpenAtLoginText,
-                                        kSuggestToolsText,
-                                        kUsageText,
-                                        kShareUsageText,
-                                        kUsageExplanationText,
-                                        kUsageByAdministratorText,
-                                        kPreviewText,
-                                        kPreviewTitleText,
-                                        kNothingToSendText,
-                                        kSentReportsText,
-                                        kNoReportsText,
-                                        kWaitingReportText,
-                                        kSentReportText,
-                                        kCloseText,
-                                        kWhatIsNewText,
-                                        kNoDescriptionText};
 
 // In the user's language, from the agent's own bundle; the key itself without a translation.
 QString text(std::string_view key);

@@ -121,6 +121,11 @@ void DesktopColors::apply(uint scheme) {
     // A desktop theme that is dark already knows its colours better.
     const bool wantsDark = scheme == kPrefersDark && !isDark(original_);
     QApplication::setPalette(wantsDark ? darkPalette() : original_);
+    if (!wantsDark) return;
+    // The style draws the box of a check box in the colour of lists, which is hardly seen on a dark window.
+    QPalette checkBox = darkPalette();
+    checkBox.setColor(QPalette::Base, QColor(0x4d, 0x50, 0x57));
+    QApplication::setPalette(checkBox, "QCheckBox");
 }
 
 }  // namespace utilia::desktop

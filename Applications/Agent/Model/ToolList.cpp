@@ -23,7 +23,14 @@ using Condition = ToolEntry::Condition;
 std::string shortName(std::string_view identifier) {
     if (identifier.starts_with(kToolBundleIdentifierPrefix))
         identifier.remove_prefix(kToolBundleIdentifierPrefix.size());
-    return std::string(identifier);
+    // "QuickNotes" is what users know as Quick Notes.
+    std::string name;
+    for (const char character : identifier) {
+        const bool isCapital = character >= 'A' && character <= 'Z';
+        if (isCapital && !name.empty() && name.back() >= 'a' && name.back() <= 'z') name += ' ';
+        name += character;
+    }
+    return name;
 }
 
 bool areRestrictedToolsHidden() {

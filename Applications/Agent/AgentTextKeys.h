@@ -1,0 +1,88 @@
+#pragma once
+
+#include <array>
+#include <string_view>
+
+// Every text of the agent that a user reads. The English text is the key, under which Localization/Agent/LANGUAGE.po has
+// the others.
+
+namespace utilia::agent {
+
+// The name of the product: not translated.
+inline constexpr std::string_view kProductName = "Korvane Utilia";
+
+// The menu.
+inline constexpr std::string_view kShowWindowText = "Show Window";
+inline constexpr std::string_view kOpenSettingsText = "Settings…";
+inline constexpr std::string_view kQuitText = "Quit Korvane Utilia";
+inline constexpr std::string_view kNoToolsText = "No tools are installed";
+
+// What a tool is. %@: its name.
+inline constexpr std::string_view kRestrictedToolText = "%@ (not allowed by your administrator)";
+inline constexpr std::string_view kDamagedToolText = "%@ (damaged)";
+inline constexpr std::string_view kMissingToolText = "%@ (not installed)";
+inline constexpr std::string_view kRestrictedText = "Not allowed by your administrator";
+inline constexpr std::string_view kDamagedText = "Damaged: install it again";
+inline constexpr std::string_view kMissingText = "To be started at login, but not installed";
+inline constexpr std::string_view kRunningText = "Running";
+inline constexpr std::string_view kOffText = "Not running";
+inline constexpr std::string_view kPermanentText = "Always shown";
+
+// The window.
+inline constexpr std::string_view kToolsText = "Tools";
+inline constexpr std::string_view kSettingsText = "Settings";
+inline constexpr std::string_view kStartText = "Start";
+inline constexpr std::string_view kOpenText = "Open";
+inline constexpr std::string_view kTurnOffText = "Turn Off";
+inline constexpr std::string_view kStartToolAtLoginText = "Start this tool at login";
+inline constexpr std::string_view kNoTrayText =
+    "Your desktop shows no status icons. Your tools are in this window.";
+inline constexpr std::string_view kCannotStartText = "%@ cannot be started.";
+inline constexpr std::string_view kCannotTurnOffText = "%@ cannot be turned off.";
+inline constexpr std::string_view kSuggestionText = "You have not used %@ yet.";
+inline constexpr std::string_view kTryText = "Try It";
+inline constexpr std::string_view kNotNowText = "Not Now";
+
+// The settings.
+inline constexpr std::string_view kGeneralText = "General";
+inline constexpr std::string_view kOpenAtLoginText = "Open Korvane Utilia at login";
+inline constexpr std::string_view kSuggestToolsText = "Suggest tools that I have not used";
+inline constexpr std::string_view kCloseText = "Close";
+// %@: a version.
+inline constexpr std::string_view kWhatIsNewText = "New in version %@";
+inline constexpr std::string_view kNoDescriptionText =
+    "There is no description of this version in your language or in English.";
+
+inline constexpr std::array kAgentTexts{kShowWindowText,
+                                        kOpenSettingsText,
+                                        kQuitText,
+                                        kNoToolsText,
+                                        kRestrictedToolText,
+                                        kDamagedToolText,
+                                        kMissingToolText,
+                                        kRestrictedText,
+                                        kDamagedText,
+                                        kMissingText,
+                                        kRunningText,
+                                        kOffText,
+                                        kPermanentText,
+                                        kToolsText,
+                                        kSettingsText,
+                                        kStartText,
+                                        kOpenText,
+                                        kTurnOffText,
+                                        kStartToolAtLoginText,
+                                        kNoTrayText,
+                                        kCannotStartText,
+                                        kCannotTurnOffText,
+                                        kSuggestionText,
+                                        kTryText,
+                                        kNotNowText,
+                                        kGeneralText,
+                                        kOpenAtLoginText,
+                                        kSuggestToolsText,
+                                        kCloseText,
+                                        kWhatIsNewText,
+                                        kNoDescriptionText};
+
+}  // namespace utilia::agent
