@@ -140,4 +140,103 @@ TEST_F(ModuleInAnotherPlace, WithAModuleOfAnotherVersionThereAreNoImages) {
               "Images cannot be used: module Icons: version 999 instead of 2");
 }
 
+const Data kPng{0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n', 0, 0, 0, 0};
+
+constexpr const char* kExportLibraries[] = {"libpng",     "libjpeg",    "libgif",
+                                            "libopenjp2", "libdeflate", "Modules/Export.so"};
+
+// Those of the libraries of the Export module that are loaded.
+std::string loadedExportLibraries() {
+    std::string loaded;
+    for (const char* const library : kExportLibraries) {
+        if (isLoaded(library)) loaded.append(loaded.empty() ? "" : " ").append(library);
+    }
+    return loaded.empty() ? "none" : loaded;
+}
+
+UTILIA_CHILD_ROLE(useBitmaps) {
+    self.say(loadedExportLibraries());
+    const auto drawn = Image::initWithBitmap({2, 2, Data(16)});
+    static_cast<void>(Image::initWithData(Data(100, 'x')));
+    static_cast<void>(Image::initWithData(drawn->TIFFRepresentation().value()));
+    static_cast<void>(drawn->representationUsingType(0, BitmapImageFileType::Tiff));
+    self.say(loadedExportLibraries());
+    static_cast<void>(Image::initWithData(kPng));
+    self.say(loadedExportLibraries());
+    return 0;
+}
+
+// libdeflate comes with libtiff as well.
+TEST(ExportModule, IsLoadedWithTheFirstBytesOfItsFormatsAndNotBefore) {
+    auto child = ChildProcess::role("useBitmaps");
+    EXPECT_EQ(child.waitForLine(), "none");
+    const std::string icons = child.waitForLine().value_or("");
+    EXPECT_EQ(icons.find("libpng"), std::string::npos) << icons;
+    EXPECT_EQ(icons.find("libgif"), std::string::npos) << icons;
+    EXPECT_EQ(icons.find("libopenjp2"), std::string::npos) << icons;
+    EXPECT_EQ(icons.find("Export.so"), std::string::npos) << icons;
+    EXPECT_EQ(child.waitForLine(), "libpng libjpeg libgif libopenjp2 libdeflate Modules/Export.so");
+    EXPECT_EQ(child.waitForExit(), 0);
+}
+
+UTILIA_CHILD_ROLE(useBitmapsWithoutModule) {
+    const TestLog log;
+    const auto drawn = Image::initWithBitmap({1, 1, {1, 2, 3, 4}});
+    self.say(Image::initWithData(kPng) ? "image" : "no image");
+    const auto written = drawn->representationUsingType(0, BitmapImageFileType::Png);
+    self.say(written                                            ? "written"
+             : written.error().is(UtiliaErrorCode::Unavailable) ? "unavailable"
+                                                                : "another error");
+    self.say(drawn->representationUsingType(0, BitmapImageFileType::Tiff) ? "TIFF" : "no TIFF");
+    self.say(std::to_string(log.lines().size()));
+    self.say(log.lines().empty() ? "" : log.lines()[0]);
+    return 0;
+}
+
+class ExportModuleInAnotherPlace : public ModuleInAnotherPlace {
+protected:
+    ExportModuleInAnotherPlace() {
+        fs::create_directories(modules());
+        const fs::path own = fs::path(ownProgramPath()).parent_path() / ".." / "lib" /
+                             "UtiliaCommon.framework" / "Modules" / "Icons.so";
+        fs::copy_file(own, modules() / "Icons.so");
+    }
+    // Answers the one log line.
+    std::string expectNoFormatButTiff() {
+        ChildProcess::Options options;
+        options.program = program().string();
+        auto child = ChildProcess::role("useBitmapsWithoutModule", {}, options);
+        EXPECT_EQ(child.waitForLine(), "no image");
+        EXPECT_EQ(child.waitForLine(), "unavailable");
+        EXPECT_EQ(child.waitForLine(), "TIFF");
+        EXPECT_EQ(child.waitForLine(), "1");
+        const std::string line = child.waitForLine().value_or("");
+        EXPECT_EQ(child.waitForExit(), 0);
+        return line;
+    }
+};
+
+TEST_F(ExportModuleInAnotherPlace, WithoutTheModuleThereIsOnlyTiff) {
+    const std::string line = expectNoFormatButTiff();
+    EXPECT_TRUE(line.starts_with("Images cannot be used: module Export: ")) << line;
+    EXPECT_NE(line.find("Export.so"), std::string::npos) << line;
+}
+
+TEST_F(ExportModuleInAnotherPlace, WithABrokenModuleThereIsOnlyTiff) {
+    std::ofstream(modules() / "Export.so") << "this is no library";
+    EXPECT_TRUE(expectNoFormatButTiff().starts_with("Images cannot be used: module Export: "));
+}
+
+TEST_F(ExportModuleInAnotherPlace, WithAModuleThatLacksTheTableThereIsOnlyTiff) {
+    fs::copy_file(UTILIA_EMPTY_MODULE, modules() / "Export.so");
+    const std::string line = expectNoFormatButTiff();
+    EXPECT_NE(line.find("utiliaExportModule"), std::string::npos) << line;
+}
+
+TEST_F(ExportModuleInAnotherPlace, WithAModuleOfAnotherVersionThereIsOnlyTiff) {
+    fs::copy_file(UTILIA_FOREIGN_MODULE, modules() / "Export.so");
+    EXPECT_EQ(expectNoFormatButTiff(),
+              "Images cannot be used: module Export: version 999 instead of 1");
+}
+
 }  // namespace
