@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "Common/Platform/Linux/Modules/Export/PdfBand.h"
+#include "Common/Platform/Linux/Modules/Export/BandCompressor.h"
 
 namespace utilia::platform::pdf {
 

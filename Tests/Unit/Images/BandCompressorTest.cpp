@@ -13,8 +13,8 @@
 #include <libdeflate.h>
 #include <zlib.h>
 
+#include "Common/Platform/Linux/Modules/Export/BandCompressor.h"
 #include "Common/Platform/Linux/Modules/Export/DeflateBlocks.h"
-#include "Common/Platform/Linux/Modules/Export/PdfBand.h"
 
 using namespace utilia::platform::pdf;
 

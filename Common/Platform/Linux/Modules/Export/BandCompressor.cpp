@@ -1,4 +1,4 @@
-#include "Common/Platform/Linux/Modules/Export/PdfBand.h"
+#include "Common/Platform/Linux/Modules/Export/BandCompressor.h"
 
 #include <algorithm>
 #include <array>
