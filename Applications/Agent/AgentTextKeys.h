@@ -47,6 +47,17 @@ inline constexpr std::string_view kNotNowText = "Not Now";
 inline constexpr std::string_view kGeneralText = "General";
 inline constexpr std::string_view kOpenAtLoginText = "Open Korvane Utilia at login";
 inline constexpr std::string_view kSuggestToolsText = "Suggest tools that I have not used";
+inline constexpr std::string_view kUsageText = "Usage reporting";
+inline constexpr std::string_view kShareUsageText = "Report how I use the tools";
+inline constexpr std::string_view kUsageExplanationText =
+    "Once a week a report of which tools were started and used is sent to their makers. The "
+    "preview "
+    "shows exactly what is in it.";
+inline constexpr std::string_view kUsageByAdministratorText =
+    "Your administrator has switched usage reporting off.";
+inline constexpr std::string_view kPreviewText = "Preview…";
+inline constexpr std::string_view kPreviewTitleText = "What will be sent next";
+inline constexpr std::string_view kNothingToSendText = "Nothing has been recorded yet.";
 inline constexpr std::string_view kCloseText = "Close";
 // %@: a version.
 inline constexpr std::string_view kWhatIsNewText = "New in version %@";
@@ -81,6 +92,13 @@ inline constexpr std::array kAgentTexts{kShowWindowText,
                                         kGeneralText,
                                         kOpenAtLoginText,
                                         kSuggestToolsText,
+                                        kUsageText,
+                                        kShareUsageText,
+                                        kUsageExplanationText,
+                                        kUsageByAdministratorText,
+                                        kPreviewText,
+                                        kPreviewTitleText,
+                                        kNothingToSendText,
                                         kCloseText,
                                         kWhatIsNewText,
                                         kNoDescriptionText};

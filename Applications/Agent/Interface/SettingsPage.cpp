@@ -1,14 +1,25 @@
 #include "Applications/Agent/Interface/SettingsPage.h"
 
+#include <string>
+#include <vector>
+
 #include <QCheckBox>
+#include <QDialog>
 #include <QGroupBox>
 #include <QLabel>
+#include <QPlainTextEdit>
+#include <QPushButton>
 #include <QVBoxLayout>
 
 #include "Applications/Agent/AgentTexts.h"
 #include "Applications/Agent/Model/Suggestions.h"
+#include "Common/Foundation/PathFunctions.h"
 #include "Common/Platform/Bundle.h"
+#include "Common/Platform/FileManager.h"
 #include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
+#include "Common/UtiliaCommon/CEP/CEPLog.h"
+#include "Common/UtiliaCommon/CEP/EventLog.h"
+#include "Common/UtiliaCommon/CEP/ReportFolder.h"
 #include "Common/UtiliaCommon/Resources/VersionManager.h"
 
 namespace utilia::agent {
@@ -17,6 +28,25 @@ namespace {
 std::optional<std::string> ownURL() {
     const platform::Bundle* const bundle = platform::Bundle::mainBundle();
     return bundle ? std::optional(bundle->bundlePath()) : std::nullopt;
+}
+
+// The reports that wait, and the log that the next one is made of.
+QString documentsToSend() {
+    constexpr std::size_t kMaximumSize = 8u << 20;
+    std::vector<std::string> paths;
+    if (const auto waiting = waitingReports(reportFolder())) {
+        for (const std::string& report : *waiting)
+            paths.push_back(stringByAppendingPathComponent(reportFolder(), report));
+    }
+    paths.push_back(CEPLogPath());
+    QString documents;
+    for (const std::string& path : paths) {
+        const auto bytes = platform::FileManager::contentsAtPath(path, kMaximumSize);
+        if (bytes)
+            documents += QString::fromUtf8(reinterpret_cast<const char*>(bytes->data()),
+                                           static_cast<qsizetype>(bytes->size()));
+    }
+    return documents;
 }
 
 }  // namespace
@@ -29,6 +59,7 @@ SettingsPage::SettingsPage(std::function<void()> suggestionsChanged, QWidget* pa
     auto* const content = new QWidget(this);
     auto* const layout = new QVBoxLayout(content);
     addGeneral(*layout);
+    addUsage(*layout);
     addWhatIsNew(*layout);
     layout->addStretch(1);
     setWidget(content);
@@ -58,6 +89,53 @@ void SettingsPage::addGeneral(QVBoxLayout& layout) {
     });
 }
 
+void SettingsPage::addUsage(QVBoxLayout& layout) {
+    auto* const group = new QGroupBox(text(kUsageText), this);
+    auto* const column = new QVBoxLayout(group);
+    CEPLog& log = CEPLog::sharedInstance();
+    shareUsage_ = new QCheckBox(text(kShareUsageText), group);
+    shareUsage_->setEnabled(!log.isDisabledByAdministrator());
+    auto* const explanation = new QLabel(
+        text(log.isDisabledByAdministrator() ? kUsageByAdministratorText : kUsageExplanationText),
+        group);
+    explanation->setTextFormat(Qt::PlainText);
+    explanation->setWordWrap(true);
+    auto* const previewButton = new QPushButton(text(kPreviewText), group);
+    column->addWidget(shareUsage_);
+    column->addWidget(explanation);
+    column->addWidget(previewButton, 0, Qt::AlignLeading);
+    layout.addWidget(group);
+    connect(shareUsage_, &QCheckBox::clicked, this, [this, &log](bool isWanted) {
+        if (isWanted) {
+            log.enableCEP();
+        } else {
+            log.disableCEP();
+        }
+        update();
+    });
+    connect(previewButton, &QPushButton::clicked, this, [this] { preview(); });
+}
+
+void SettingsPage::preview() {
+    auto* const dialog = new QDialog(window());
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setWindowTitle(text(kPreviewTitleText));
+    auto* const column = new QVBoxLayout(dialog);
+    const QString documents = documentsToSend();
+    auto* const view =
+        new QPlainTextEdit(documents.isEmpty() ? text(kNothingToSendText) : documents, dialog);
+    view->setReadOnly(true);
+    view->setAccessibleName(dialog->windowTitle());
+    // The documents are in English markup, whatever the layout's direction.
+    view->setLayoutDirection(documents.isEmpty() ? layoutDirection() : Qt::LeftToRight);
+    auto* const close = new QPushButton(text(kCloseText), dialog);
+    column->addWidget(view);
+    column->addWidget(close, 0, Qt::AlignTrailing);
+    connect(close, &QPushButton::clicked, dialog, &QDialog::accept);
+    dialog->resize(window()->size());
+    dialog->open();
+}
+
 void SettingsPage::addWhatIsNew(QVBoxLayout& layout) {
     const QString version = QString::fromStdString(
         VersionManager::versionToString(VersionManager::mainBundleVersion()));
@@ -73,6 +151,7 @@ void SettingsPage::addWhatIsNew(QVBoxLayout& layout) {
 
 void SettingsPage::update() {
     openAtLogin_->setChecked(CommonAuxiliary::sharedInstance().findAppInLoginItems(ownURL()));
+    shareUsage_->setChecked(!CEPLog::sharedInstance().isCEPDisabled());
     suggestTools_->setChecked(Suggestions::areEnabled());
     const auto description = CommonAuxiliary::getLocalizedUpdateDescriptionForVersion(
         VersionManager::mainBundleVersion());

@@ -24,11 +24,14 @@ public:
 
 private:
     void addGeneral(QVBoxLayout& layout);
+    void addUsage(QVBoxLayout& layout);
+    void preview();
     void addWhatIsNew(QVBoxLayout& layout);
 
     const std::function<void()> suggestionsChanged_;
     QCheckBox* openAtLogin_ = nullptr;
     QCheckBox* suggestTools_ = nullptr;
+    QCheckBox* shareUsage_ = nullptr;
     QLabel* description_ = nullptr;
 };
 

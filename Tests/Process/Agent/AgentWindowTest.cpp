@@ -1,5 +1,7 @@
 #include <csignal>
 
+#include "Common/Platform/UserDefaults.h"
+#include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
 #include "Tests/Process/Agent/AgentFixture.h"
 #include "Tests/Support/ChildRole.h"
 #include "Tests/Support/VirtualDisplay.h"
@@ -78,6 +80,25 @@ TEST_F(AgentWindowTest, OpensWhenTheAgentIsStartedAgainAndLeavesItRunningWhenClo
     EXPECT_TRUE(agent.isRunning());
     EXPECT_EQ(ask(panel, "click Settings"), "done");
     display_.waitForWindow(kTitle);
+}
+
+TEST_F(AgentWindowTest, SwitchesUsageReportingByKeyboardAloneAndShowsWhatIsSent) {
+    startBus();
+    auto panel = startPanel();
+    auto agent = startAgent(onScreen());
+    expectItem(panel, agent);
+    EXPECT_EQ(ask(panel, "click Settings"), "done");
+    display_.waitForWindow(kTitle);
+    const auto isDisabled = [] {
+        return UtiliaToolLauncher::getDefaults()->boolForKey("CEPDisabled");
+    };
+    ASSERT_FALSE(isDisabled());
+    display_.press({"Tab", "Tab", "space"});
+    EXPECT_TRUE(test::eventually(isDisabled));
+    display_.press({"space"});
+    EXPECT_TRUE(test::eventually([&] { return !isDisabled(); }));
+    display_.press({"Tab", "space"});
+    display_.waitForWindow("What will be sent next");
 }
 
 TEST_F(AgentWindowTest, StartsAToolByKeyboardAlone) {
