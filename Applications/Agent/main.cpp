@@ -1,5 +1,6 @@
 // Korvane Utilia, the agent of the tools.
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -73,5 +74,7 @@ int main(int argc, char** argv) {
     const int status = host.exec();
     utilia::platform::Application::sharedApplication().setDelegate(nullptr);
     usage.log("Quit");
+    // What is being collected would be lost.
+    usage.waitForUploads(std::chrono::seconds(5));
     return status;
 }

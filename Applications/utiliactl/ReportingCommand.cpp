@@ -72,7 +72,8 @@ Result<std::vector<Document>> documentsOfNextUpload() {
         for (const std::string& report : *waiting) {
             const std::string path = stringByAppendingPathComponent(folder, report);
             const auto content = FileManager::contentsAtPath(path, kMaximumDocument);
-            if (!content) return content.error();
+            // Accepted in the meantime, or nothing that is sent.
+            if (!content) continue;
             documents.push_back({path, std::string(content->begin(), content->end())});
         }
     }

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <time.h>
 
 #include "Common/Platform/Linux/ChildLauncher.h"
 #include "Common/Platform/Linux/ChildWatcher.h"
@@ -17,16 +18,29 @@
 namespace utilia::platform {
 namespace {
 
-Result<UniqueFd> lockForTask(const std::string& path) {
+Result<UniqueFd> lockFile(const std::string& path, int operation) {
     UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!file) return Error::posix(errno, "open", path);
     int result;
     do {
-        result = flock(file.get(), LOCK_EX | LOCK_NB);
+        result = flock(file.get(), operation | LOCK_NB);
     } while (result != 0 && errno == EINTR);
     if (result == 0) return file;
     if (errno != EWOULDBLOCK) return Error::posix(errno, "flock", path);
     return Error::utilia(UtiliaErrorCode::Busy, "flock " + path + ": held by somebody else");
+}
+
+// Whoever only looks, in isLocked(), has the lock for a moment.
+Result<UniqueFd> lockForTask(const std::string& path) {
+    constexpr int kTries = 20;
+    constexpr timespec kPause{0, 1'000'000};
+    auto locked = lockFile(path, LOCK_EX);
+    for (int tries = 1; tries < kTries && !locked && locked.error().is(UtiliaErrorCode::Busy);
+         ++tries) {
+        nanosleep(&kPause, nullptr);
+        locked = lockFile(path, LOCK_EX);
+    }
+    return locked;
 }
 
 }  // namespace
@@ -49,7 +63,7 @@ Result<void> Task::launch() const {
 }
 
 bool Task::isLocked(const std::string& path) {
-    const auto file = lockForTask(path);
+    const auto file = lockFile(path, LOCK_SH);
     return !file && file.error().is(UtiliaErrorCode::Busy);
 }
 

@@ -44,15 +44,19 @@ bool endsPermanentStart(std::string_view action) {
     return action == kStart || action == "Stop" || action == "Quit" || action == "Launch";
 }
 
-// Whatever stands there but false: somebody wanted it off.
+// Whatever stands there but false: somebody wanted it off. So does whoever cannot know.
 bool readAdministratorsSwitch() {
-    return unlessOutOfMemory(kWhat, [] {
-        std::int64_t error = 0;
-        const auto settings = KAVAdminStorage::init(kKAVOpenExisting, &error);
-        const Value* const value =
-            settings ? settings->currentAsRawData().find(kKAVUsageReportingDisabled) : nullptr;
-        return value && *value != Value(false);
-    });
+    return unlessOutOfMemory(kWhat,
+                             []() -> std::optional<bool> {
+                                 std::int64_t error = 0;
+                                 const auto settings =
+                                     KAVAdminStorage::init(kKAVOpenExisting, &error);
+                                 if (!settings) return false;
+                                 const Value* const value =
+                                     settings->currentAsRawData().find(kKAVUsageReportingDisabled);
+                                 return value && *value != Value(false);
+                             })
+        .value_or(true);
 }
 
 CEPLogServices completed(CEPLogServices services) {
@@ -114,9 +118,16 @@ CEPLog::~CEPLog() {
     uploadHasEnded_.wait(guard, [this] { return uploads_ == 0; });
 }
 
+bool CEPLog::waitForUploads(std::chrono::milliseconds atMost) {
+    std::unique_lock guard(uploadsMutex_);
+    return uploadHasEnded_.wait_for(guard, atMost, [this] { return uploads_ == 0; });
+}
+
 std::optional<std::string> CEPLog::logPath() const {
-    const std::lock_guard guard(logPathMutex_);
-    return logPath_;
+    return unlessOutOfMemory(kWhat, [this] {
+        const std::lock_guard guard(logPathMutex_);
+        return logPath_;
+    });
 }
 
 void CEPLog::setLogPath(std::optional<std::string> path) {
@@ -155,8 +166,10 @@ void CEPLog::log(std::string_view action, const std::optional<Dictionary>& withP
                  const std::optional<Dictionary>& withDetails) {
     if (isCEPDisabled()) return;
     unlessOutOfMemory(kWhat, [&] {
-        (void)CEPLogEvent(handlePermanentStart(action), nullptr, pointerTo(withPrefs),
-                          pointerTo(withDetails));
+        const std::string recorded = handlePermanentStart(action);
+        // Empty where memory ran out.
+        if (recorded.empty() && !action.empty()) return;
+        (void)CEPLogEvent(recorded, nullptr, pointerTo(withPrefs), pointerTo(withDetails));
     });
 }
 
@@ -181,7 +194,7 @@ void CEPLog::enableCEP() {
 }
 
 void CEPLog::uploadForTheLastTime() {
-    if (isDisabledByAdministrator_) return;
+    if (isDisabledByAdministrator_ || !isReportUploadBuilt()) return;
     setCEPSentAfterDisabling(true);
     if (const auto begun = beginUpload(true); !begun) {
         KULogVariadic("%@: %@", kWhat, begun.error());
@@ -216,7 +229,8 @@ void CEPLog::firePermanentTimer() {
 
 std::string CEPLog::lockFile() {
     return unlessOutOfMemory(kWhat, [] {
-        return FileManager::runtimeFolder().value_or(std::string()) + "/" + std::string(kLockName);
+        const auto folder = FileManager::runtimeFolder();
+        return folder ? stringByAppendingPathComponent(*folder, kLockName) : std::string();
     });
 }
 
@@ -314,6 +328,8 @@ std::vector<std::string> CEPLog::sendCEPImp(bool force) {
     return unlessOutOfMemory(kWhat, [&]() -> Reports {
         if (!isReportUploadBuilt() || isDisabledByAdministrator_) return {};
         if ((!force && isCEPDisabled()) || !cepOwner()) return {};
+        // Before anything is collected that could not be sent: a log that stays keeps its room.
+        if (!canUpload(logPath().value_or(reportFolder()))) return {};
         std::optional<std::string> folder;
         {
             const auto turn = takeTurn();
@@ -323,20 +339,29 @@ std::vector<std::string> CEPLog::sendCEPImp(bool force) {
     });
 }
 
-std::vector<std::string> CEPLog::sendReports(const std::string& folder) const {
-    // The output lies beside the folder, so that this is true of both or of none.
+bool CEPLog::canUpload(const std::string& folder) const {
     if (!isUsableInUpload(folder) || !isUsableInUpload(reportUploadOutput())) {
         KULogVariadic("%@: nothing can be uploaded from %@, as its name holds one of , ; \" $ ` \\ "
-                      "or a line break. The reports stay there.",
+                      "or a line break. What was recorded stays.",
                       kWhat, folder);
-        return {};
+        return false;
     }
+    const auto checked = checkReportUpload(uploadPlace());
+    if (!checked) KULogVariadic("%@: %@", kWhat, checked.error());
+    return checked.has_value();
+}
+
+ReportUploadPlace CEPLog::uploadPlace() const {
+    return {services_.endpoint, services_.curlHome, proxies_};
+}
+
+std::vector<std::string> CEPLog::sendReports(const std::string& folder) const {
     const auto waiting = waitingReports(folder);
     if (!waiting) {
         KULogVariadic("%@: %@", kWhat, waiting.error());
         return {};
     }
-    const ReportUploadPlace place{services_.endpoint, services_.curlHome, proxies_};
+    const ReportUploadPlace place = uploadPlace();
     std::vector<std::string> begun;
     for (const std::string& report : *waiting) {
         std::string path = stringByAppendingPathComponent(folder, report);

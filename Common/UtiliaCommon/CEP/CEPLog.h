@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -17,6 +18,7 @@
 #include "Common/Platform/Task.h"
 #include "Common/Platform/UserDefaults.h"
 #include "Common/UtiliaCommon/CEP/CEPClock.h"
+#include "Common/UtiliaCommon/CEP/ReportUpload.h"
 
 // Usage reporting: what the applications record, the switch by which a user ends that, and the
 // weekly upload of what was recorded, which one process does for all, its owner (the agent).
@@ -98,7 +100,7 @@ public:
     void firePermanentTimer();
 
     // The lock by which the owner's start and the collecting of reports take turns, between
-    // processes and threads. "/krv.utilia.ceplog.lock" alone where there is no runtime folder.
+    // processes and threads. Empty where there is no runtime folder.
     static std::string lockFile();
 
     // Makes this process the owner: begins the weekly timer, whose first delay is what is left until
@@ -112,6 +114,11 @@ public:
     // Also when the user has switched usage reporting off.
     void sendCEPForcibly() { sendCEPImp(true); }
 
+    // Until the uploads that this object has begun on other threads have collected, and their tasks
+    // have begun; the tasks themselves are not waited for. False when the time is over. For the
+    // orderly end of an owner, which would otherwise lose a log that is being collected.
+    bool waitForUploads(std::chrono::milliseconds atMost);
+
     // Takes every log that waits away from its writers and makes a report of it. The report folder,
     // also when there was nothing to take; empty when there can be no such folder.
     std::optional<std::string> logGrab();
@@ -119,8 +126,8 @@ public:
     // says so. Collects, then begins a task for each report that waits, and returns; a task removes
     // its report when the server has accepted it. Answers the paths of those reports.
     //
-    // A folder whose name the command of the tasks cannot take is not uploaded from; one log line
-    // says so, and its reports stay.
+    // From a folder whose name the command of the tasks cannot take nothing is uploaded or even
+    // collected, nor without what the framework's bundle brings for it; one log line says so.
     std::vector<std::string> sendCEPImp(bool force);
 
 private:
@@ -130,6 +137,8 @@ private:
     void uploadForTheLastTime();
     Result<void> beginUpload(bool force);
     void uploadEnded();
+    bool canUpload(const std::string& folder) const;
+    ReportUploadPlace uploadPlace() const;
     std::vector<std::string> sendReports(const std::string& folder) const;
 
     const CEPLogServices services_;

@@ -10,6 +10,8 @@
 #include "Common/Platform/FileHandle.h"
 #include "Common/Platform/FileManager.h"
 #include "Common/Platform/LockedFile.h"
+#include "Common/UtiliaCommon/CEP/EventLogHeader.h"
+#include "Common/UtiliaCommon/CEP/EventLogReader.h"
 
 // A log that was taken away has no name any more: it is gone when this process is killed before the
 // report has one. That cannot be helped. What can be is that a report is seen half copied, and sent
@@ -24,9 +26,6 @@ using platform::LockedFile;
 
 constexpr std::size_t kChunk = 16'384;
 constexpr std::uint32_t kReportMode = 0644;
-
-constexpr std::string_view kRecordsBegin = "<CepCustomData>\n";
-constexpr std::string_view kFooter = "</CepCustomData>\n</KorvaneProblemReport>\n";
 
 bool isReport(const std::string& subpath) {
     return subpath.starts_with("utilia_report") && subpath.ends_with(".xml");
@@ -87,15 +86,15 @@ Result<std::string> addReport(const std::string& folder, platform::UniqueFd grab
 }
 
 std::string finishedDocument(std::string_view readable) {
-    const std::size_t header = readable.find(kRecordsBegin);
-    if (header == std::string_view::npos) return {};
-    // Every record ends with a line feed, and so does the header.
-    std::string_view whole = readable.substr(0, readable.rfind('\n') + 1);
-    // The first line of the footer may have been read, too.
-    if (const std::size_t footer = whole.rfind("\n</CepCustomData>\n");
-        footer != std::string_view::npos)
-        whole = whole.substr(0, footer + 1);
-    return std::string(whole).append(kFooter);
+    std::string document;
+    bool isHeaderSeen = false;
+    EventLogReader reader([&](LogPart part, std::uint64_t, std::string_view bytes) {
+        if (part == LogPart::Header) isHeaderSeen = true;
+        if (part == LogPart::Header || part == LogPart::Record) document += bytes;
+    });
+    reader.read(readable);
+    reader.finish();
+    return isHeaderSeen ? document.append(kEventLogFooter) : std::string();
 }
 
 }  // namespace utilia

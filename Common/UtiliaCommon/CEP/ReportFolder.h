@@ -12,7 +12,8 @@
 // The reports that wait for their upload: a folder of finished logs
 // (Documentation/Formats/UsageReports.md).
 //
-// Threads: any. Whoever adds or lists reports holds the lock file of CEPLog.
+// Threads: any. Whoever adds reports holds the lock file of CEPLog; whoever lists them may find that one has been accepted
+// and removed in the meantime.
 
 namespace utilia {
 

@@ -131,6 +131,13 @@ TEST_F(CollectingTest, CollectorsThatAreKilledLeaveNoUnfinishedReportAndDoubleNo
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
         collector.kill();
     }
+    // The last one is killed when there is something to look at for certain.
+    auto collector = ChildProcess::role("collectReports", {accepted()});
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (fs::is_empty(accepted()) && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    collector.kill();
+    EXPECT_FALSE(fs::is_empty(accepted()));
     writer.kill();
     const auto counts = found();
     EXPECT_FALSE(counts.empty());
@@ -191,7 +198,7 @@ TEST_F(CollectingTest, ThreadsOfTwoOwnersTakeTurns) {
         for (std::thread& thread : threads) thread.join();
     }
     expectEachOnce(found(), kThreads * kRecords);
-    EXPECT_THAT(messages_.lines(), IsEmpty());
+    EXPECT_EQ(messages_.count("is lost"), 0u);
 }
 
 TEST_F(CollectingTest, SwitchesMayBeTurnedOnSeveralThreads) {
@@ -226,8 +233,9 @@ TEST_F(CollectingTest, AnUploadWaitsForWhoeverHasTheLockFile) {
         EXPECT_EQ(messages_.count("krv.utilia.ceplog.lock"), 1u)
             << "a long wait is logged once, while it lasts";
         EXPECT_THAT(actions(), ElementsAre("Act"));
+        EXPECT_FALSE(log->waitForUploads(std::chrono::milliseconds(0)));
     }
-    log.reset();
+    EXPECT_TRUE(log->waitForUploads(std::chrono::seconds(20)));
     EXPECT_THAT(actions(), IsEmpty());
     EXPECT_EQ(found().size(), 1u);
 }

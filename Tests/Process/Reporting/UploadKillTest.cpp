@@ -1,3 +1,5 @@
+#include <csignal>
+
 #include <sys/stat.h>
 
 #include "Tests/Process/Reporting/UploadFixture.h"
@@ -85,6 +87,51 @@ TEST_P(UploadKill, LosesNothing) {
                               std::string_view(GetParam()) == "curl after";
     const std::size_t expected = (isSentBefore ? 1u : 0u) + (isLeft ? 1u : 0u);
     EXPECT_EQ(server.waitForRequests(expected).size(), expected);
+}
+
+// The processes that have this file as their descriptor 3, but for curl itself.
+std::vector<pid_t> holdersBesideCurl(const std::string& report) {
+    std::vector<pid_t> holders;
+    std::error_code ignored;
+    for (const auto& process : fs::directory_iterator("/proc")) {
+        if (fs::read_symlink(process.path() / "fd/3", ignored) != report) continue;
+        if (fs::read_symlink(process.path() / "exe", ignored).filename() != "curl")
+            holders.push_back(std::stoi(process.path().filename()));
+    }
+    return holders;
+}
+
+bool isCurlAtWork(const std::string& report) {
+    std::error_code ignored;
+    for (const auto& process : fs::directory_iterator("/proc")) {
+        if (fs::read_symlink(process.path() / "exe", ignored).filename() == "curl" &&
+            fs::read_symlink(process.path() / "fd/3", ignored) == report)
+            return true;
+    }
+    return false;
+}
+
+TEST_F(UploadTest, TheReportStaysLockedWhileCurlSendsItAlsoWhenItsShellsWereKilled) {
+    NginxServer server(std::string("location = ") + kEndpointPath + " { " + test::kKeepBody + " }");
+    useServer(server);
+    const auto log = makeUploader(server);
+    log->log("Act");
+    server.stop();
+    const auto begun = log->sendCEPImp(false);
+    ASSERT_EQ(begun.size(), 1u);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!isCurlAtWork(begun[0]) && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    ASSERT_TRUE(isCurlAtWork(begun[0])) << "with the lock";
+    const auto shells = holdersBesideCurl(begun[0]);
+    EXPECT_GE(shells.size(), 2u) << "bash and the script";
+    for (const pid_t shell : shells) kill(shell, SIGKILL);
+    EXPECT_THAT(log->sendCEPImp(false), IsEmpty()) << "it is on its way";
+    server.resume();
+    ASSERT_TRUE(waitForTasks(begun));
+    EXPECT_TRUE(fs::exists(begun[0])) << "nobody was left to remove it";
+    ASSERT_TRUE(waitForTasks(log->sendCEPImp(false)));
+    EXPECT_THAT(filesInFolder(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Steps, UploadKill,

@@ -1,8 +1,10 @@
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
@@ -133,6 +135,26 @@ TEST_F(TaskTest, RefusesALinkInThePlaceOfTheLockedFileAndNoticesThatItIsGone) {
     EXPECT_TRUE(task.launch().error().isPosix(ELOOP));
     task.lockedFile = at("missing").string();
     EXPECT_TRUE(task.launch().error().isPosix(ENOENT));
+}
+
+TEST_F(TaskTest, WhoeverOnlyLooksForTheLockKeepsNoTaskFromStarting) {
+    const std::string locked = file("report");
+    std::atomic<bool> isOver = false;
+    std::thread looker([&] {
+        while (!isOver) (void)Task::isLocked(locked);
+    });
+    Task task = shell("echo started > \"$1\"");
+    task.lockedFile = locked;
+    int failures = 0;
+    for (int i = 0; i < 30; ++i) {
+        failures += !task.launch();
+        EXPECT_EQ(pipe_.waitForLine(), "started");
+        while (Task::isLocked(locked)) sched_yield();
+    }
+    isOver = true;
+    looker.join();
+    EXPECT_EQ(failures, 0);
+    EXPECT_FALSE(Task::isLocked(at("missing").string()));
 }
 
 TEST_F(TaskTest, LeavesNoLockBehindWhenItCannotStart) {

@@ -190,6 +190,17 @@ TEST_F(CEPLogTest, TheLockFileLiesInTheRuntimeFolder) {
               std::filesystem::perms(0644));
 }
 
+TEST_F(CEPLogTest, WithoutARuntimeFolderThereIsNoLockFileAndTheOwnerStartsAllTheSame) {
+    std::filesystem::create_directories(home_.runtime() / "com.korvane.utilia");
+    std::filesystem::permissions(home_.runtime() / "com.korvane.utilia",
+                                 std::filesystem::perms(0777));
+    EXPECT_EQ(CEPLog::lockFile(), "");
+    const auto log = makeLog();
+    log->initGrab();
+    EXPECT_TRUE(log->timer());
+    EXPECT_FALSE(std::filesystem::exists("/krv.utilia.ceplog.lock"));
+}
+
 TEST_F(CEPLogTest, TheVeryFirstStartUploadsAfterAWeek) {
     auto log = makeLog();
     log->log("Act");

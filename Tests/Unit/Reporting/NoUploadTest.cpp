@@ -20,6 +20,9 @@ TEST_F(NoUploadTest, NothingIsUploadedOrCollectedAlsoWhenItIsForced) {
     log->initGrab();
     EXPECT_THAT(log->sendCEPImp(false), IsEmpty());
     EXPECT_THAT(log->sendCEPImp(true), IsEmpty());
+    log->setCEPDisabled(true);
+    log->disableCEP();
+    EXPECT_FALSE(log->getCEPSentAfterDisabling()) << "a later build makes the last upload";
     EXPECT_EQ(tasks_.count(), 0u);
     EXPECT_THAT(actions(), ElementsAre("Act"));
     EXPECT_THAT(messages_.lines(), IsEmpty());

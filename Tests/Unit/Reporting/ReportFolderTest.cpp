@@ -4,6 +4,7 @@
 
 #include "Common/Platform/UniqueFd.h"
 #include "Tests/Support/FaultInjection.h"
+#include "Tests/Support/PrivateMounts.h"
 #include "Tests/Unit/Reporting/ReportingFixture.h"
 
 namespace utilia {
@@ -234,19 +235,47 @@ TEST_F(ReportFolderTest, ALogOfWhichNothingCanBeReadMakesNoReport) {
     EXPECT_THAT(names(), IsEmpty());
 }
 
-TEST(FinishedDocument, EndsAfterTheLastWholeRecordWhateverWasRead) {
-    const std::string whole =
-        std::string(kHeader) + record("A") + record("B") + std::string(kFooter);
-    for (std::size_t size = 0; size <= whole.size(); ++size) {
-        const std::string made = finishedDocument(std::string_view(whole).substr(0, size));
-        if (size < kHeader.size()) {
-            EXPECT_EQ(made, "");
-            continue;
+TEST_F(ReportFolderTest, AFullDiskHasRoomForAReportWhereItsLogWas) {
+    constexpr std::size_t kDisk = 256u << 10;
+    test::PrivateMounts mounts;
+    mounts.limitSpace(home_.state().string(), kDisk);
+    EXPECT_TRUE(mounts.run([this] {
+        ASSERT_EQ(CEPLogInit(), 0);
+        const auto log = makeLog();
+        ASSERT_EQ(log->logGrab(), reportFolder());
+        constexpr int kRecords = 300;
+        for (int i = 0; i < kRecords; ++i) log->log("Act");
+        std::ofstream filler(home_.state() / "filler", std::ios::binary);
+        while (filler << 'x' << std::flush) {
         }
-        std::string expected(kHeader);
-        if (size >= kHeader.size() + record("A").size()) expected += record("A");
-        if (size >= kHeader.size() + 2 * record("A").size()) expected += record("B");
-        EXPECT_EQ(made, expected.append(kFooter)) << size;
+        ASSERT_EQ(actions().size(), std::size_t{kRecords});
+        log->logGrab();
+        EXPECT_TRUE(isFinished(report()));
+        EXPECT_EQ(test::actionsIn(report()).size(), std::size_t{kRecords});
+        EXPECT_THAT(messages_.lines(), IsEmpty());
+    }));
+}
+
+TEST(FinishedDocument, EndsAfterTheLastWholeRecordWhateverWasRead) {
+    // With line feeds inside of records.
+    const std::string nested = "<event timestamp=\"2026-11-21 10:00:00.000\" toollocation=\"/t\" "
+                               "toolversion=\"1-1\" action=\"B\">\n\t<options a=\"b\"/>\n"
+                               "\t<details c=\"d\">\n\t\t<k _0=\"a\"/>\n\t</details>\n</event>\n";
+    const std::vector<std::string> records{record("A"), nested, record("C"), nested};
+    std::string whole(kHeader);
+    for (const std::string& each : records) whole += each;
+    whole += kFooter;
+    for (std::size_t size = 0; size <= whole.size(); ++size) {
+        std::string expected;
+        if (size >= kHeader.size()) {
+            expected = kHeader;
+            for (const std::string& each : records) {
+                if (expected.size() + each.size() > size) break;
+                expected += each;
+            }
+            expected += kFooter;
+        }
+        EXPECT_EQ(finishedDocument(std::string_view(whole).substr(0, size)), expected) << size;
     }
 }
 

@@ -127,6 +127,14 @@ TEST_F(ReportingCommandTest, APreviewOfBytesThatAreNoUtf8ShowsReplacements) {
               "a\xef\xbf\xbd");
 }
 
+TEST_F(ReportingCommandTest, APreviewLeavesOutWhatIsNoReportDocument) {
+    leaveReport("utilia_report (1).xml", "<a/>\n");
+    fs::create_directories(path("utilia_report (2).xml"));
+    fs::create_symlink("missing", path("utilia_report (3).xml"));
+    EXPECT_EQ(answer({"reporting", "preview"}),
+              "==> " + path("utilia_report (1).xml") + " <==\n<a/>\n");
+}
+
 TEST_F(ReportingCommandTest, ListsWhatWaits) {
     leaveReport("utilia_report.xml", "12345");
     leaveReport("utilia_report (1).xml", "1");
