@@ -1,6 +1,7 @@
 #include "Applications/Agent/Interface/AgentWindow.h"
 
 #include <QKeySequence>
+#include <QScreen>
 #include <QShortcut>
 #include <QTabWidget>
 #include <QVBoxLayout>
@@ -26,7 +27,9 @@ AgentWindow::AgentWindow(ToolList& tools)
     layout->addWidget(pages_);
 
     const int em = fontMetrics().averageCharWidth();
-    resize(em * 64, fontMetrics().height() * 30);
+    // With large letters a small screen must still show the buttons.
+    resize(
+        QSize(em * 64, fontMetrics().height() * 30).boundedTo(screen()->availableSize() * 9 / 10));
     for (const QKeySequence& keys :
          {QKeySequence(QKeySequence::Close), QKeySequence(Qt::Key_Escape)}) {
         connect(new QShortcut(keys, this), &QShortcut::activated, this, [this] { close(); });
