@@ -85,8 +85,8 @@ public:
     // The same without a copy where the image holds the pixels already. What is answered never
     // changes, and lives on without the image.
     Result<std::shared_ptr<const BitmapImageRep>> bitmap(std::size_t index);
-    // The representation that stands for the image where one is wanted: the largest, of equal ones
-    // the first. Fails when there is none, or it is damaged.
+    // The representation that stands for the image where one is wanted: the first, which of a file
+    // of several pages is page one. Fails when there is none, or it is damaged.
     Result<std::shared_ptr<const BitmapImageRep>> CGImage();
     // Adds one more; answers false (and changes nothing) for pixels that initWithBitmap would
     // refuse, and for more representations than the limit.

@@ -36,6 +36,7 @@ bool ExportSink::expect(void* context, std::size_t size) noexcept {
         self.data_.reserve(size);
         return true;
     } catch (...) {
+        // Whoever goes on all the same learns from write() whether there is too little.
         self.isOutOfMemory_ = true;
         return false;
     }
@@ -45,6 +46,7 @@ bool ExportSink::write(void* context, const std::uint8_t* bytes, std::size_t siz
     auto& self = *static_cast<ExportSink*>(context);
     try {
         self.data_.insert(self.data_.end(), bytes, bytes + size);
+        self.isOutOfMemory_ = false;
         return true;
     } catch (...) {
         self.isOutOfMemory_ = true;

@@ -257,10 +257,7 @@ std::pair<std::uint32_t, std::uint32_t> largestSides(const Representations& repr
 
 }  // namespace
 
-Result<std::shared_ptr<const BitmapImageRep>> Image::CGImage() {
-    implementation_->load();
-    return bitmap(largestOf(implementation_->representations));
-}
+Result<std::shared_ptr<const BitmapImageRep>> Image::CGImage() { return bitmap(0); }
 
 std::uint32_t Image::pixelsWide() {
     implementation_->load();

@@ -63,7 +63,7 @@ public:
     // Whether a tool that has asked for the pause runs. Those that do not run are forgotten.
     bool areToolsSuggestionsPaused();
 
-    // The image (its largest representation) as a PDF document, cut into pages of so many pixels
+    // The image (its first representation) as a PDF document, cut into pages of so many pixels
     // from the top; 0 for one page. Every page has the same size, a pixel is a point, and the last
     // one is blank below what is left for it. Nothing of a pixel is lost, transparency and colour
     // profile included. The same image gives the same bytes.

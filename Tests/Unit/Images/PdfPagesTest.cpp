@@ -161,14 +161,16 @@ TEST(PdfPages, AreTheBytesThatTheirDescriptionShows) {
     EXPECT_EQ(pdfOf(picture, 0), contentOf(fs::path(UTILIA_TEST_DATA) / "two-pixels.pdf"));
 }
 
-TEST(PdfPages, ShowTheLargestRepresentation) {
-    const auto image = imageOf(gradientPicture(16, 16));
-    const BitmapImageRep large = noisyPicture(64, 32);
-    ASSERT_TRUE(image->addRepresentation(large));
-    ASSERT_TRUE(image->addRepresentation(gradientPicture(32, 64)));  // as large, but later
-    ASSERT_TRUE(image->addRepresentation(gradientPicture(32, 32)));
+TEST(PdfPages, ShowTheFirstRepresentation) {
+    const BitmapImageRep first = noisyPicture(64, 32);
+    const auto image = imageOf(first);
+    ASSERT_TRUE(image->addRepresentation(gradientPicture(90, 90)));
+    ASSERT_TRUE(image->addRepresentation(gradientPicture(16, 16)));
     const auto document = CommonAuxiliary::sharedInstance().dataForImageAsPDF(image, 0);
-    expectPagesOf(readPdf(document.value()), large, 32);
+    expectPagesOf(readPdf(document.value()), first, 32);
+    // Also of a file of several pages.
+    const auto file = Image::initWithData(image->TIFFRepresentation().value());
+    EXPECT_EQ(CommonAuxiliary::sharedInstance().dataForImageAsPDF(file, 0), document);
 }
 
 TEST(PdfPages, CanBeMadeOfAFileThatAnImageRefersTo) {

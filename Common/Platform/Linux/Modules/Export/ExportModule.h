@@ -20,7 +20,8 @@ inline constexpr std::size_t kUtiliaExportReasonSize = 256;
 // shall not, the function that was called gives up and answers false, with any reason.
 struct UtiliaExportSink {
     void* context;
-    // How many bytes there will be at most, where that is known beforehand.
+    // How many bytes there will be at most, where that is known or guessed beforehand. Who does
+    // not need so much room may also ask for less, or go on without.
     bool (*expect)(void* context, std::size_t size);
     bool (*write)(void* context, const std::uint8_t* bytes, std::size_t size);
     // The share of the work that is done, 0 to 1. At least every 100 ms or so of work.

@@ -23,6 +23,8 @@ constexpr std::size_t kBandBytes = 512 * 1024;
 // More do not gain what they cost: the others are held up by what one thread has to do.
 constexpr unsigned kUsualThreads = 4;
 constexpr unsigned kMostThreads = 64;
+// More than a document's own frame; less is not worth asking for beforehand.
+constexpr std::uint64_t kLeastRoom = 64 * 1024;
 // Bands that each thread may be ahead.
 constexpr std::size_t kBandsAhead = 2;
 
@@ -72,12 +74,11 @@ bool PdfWriter::begin() {
     isBegun_ = true;
     catalogue_ = document_.newObject();
     pageTree_ = document_.newObject();
-    // What pictures take is not known; most take less than a byte for each pixel. Memory that is
-    // not written to is not used.
-    if (options_.pixelsExpected > 0 &&
-        !sink_.expect(sink_.context, static_cast<std::size_t>(options_.pixelsExpected))) {
-        return sinkGaveUp();
-    }
+    // What pictures take is not known; most take less than a byte for each pixel. Room that is not
+    // written to costs nothing but addresses; where these are scarce, less of it is asked for.
+    std::uint64_t room = options_.pixelsExpected;
+    while (room > kLeastRoom && !sink_.expect(sink_.context, static_cast<std::size_t>(room)))
+        room /= 2;
     return document_.writeHeader() || sinkGaveUp();
 }
 
