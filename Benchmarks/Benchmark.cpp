@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Benchmarks/Images/CodecMeasures.h"
 #include "Benchmarks/Images/PdfMeasures.h"
 #include "Benchmarks/Messages/MessageMeasures.h"
 #include "Benchmarks/StartUp/ConstructorMeasures.h"
@@ -99,6 +100,7 @@ std::vector<Measurement> allMeasurements() {
     all.push_back({"startup", "start", "in turns", measureStart});
     all.push_back({"startup", "before main", "in turns", measureConstructor});
     all.push_back({"startup", "logout", "in turns", measureLogout});
+    all.push_back({"images", "codecs", "in turns", measureCodecs});
     all.push_back({"images", "pdf pages", "in turns", measurePdfPages});
     for (const char* way : {"utilia", "utilia one page", "cairo", "magick"}) {
         all.push_back({"images", "pdf memory", way,

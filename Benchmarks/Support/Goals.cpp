@@ -141,6 +141,17 @@ void addImageGoals(std::vector<Goal>& goals) {
     const auto peak = [](const char* way, const char* metric) {
         return value("pdf memory", way, metric);
     };
+    const auto codec = [](const std::string& what) {
+        return ratio(value("codecs", "in turns", what + "_ms"),
+                     value("codecs", "in turns", what + "_bare_ms"));
+    };
+    for (const char* format : {"PNG", "JPEG"}) {
+        const std::string name = format == std::string("PNG") ? "png" : "jpeg";
+        goals.push_back({"images", std::string(format) + ": writing against the bare library",
+                         Goal::AtMost, 1.1, " ×", codec(name + "_write")});
+        goals.push_back({"images", std::string(format) + ": reading against the bare library",
+                         Goal::AtMost, 1.1, " ×", codec(name + "_read")});
+    }
     const std::string subject = "PDF of 1440 × 20,000 pixels: ";
     goals.push_back({"images", subject + "one thread against libdeflate over the RGB bytes",
                      Goal::AtMost, 1.3, " ×", ratio(pdf("utilia_1_ms"), pdf("limit_ms"))});

@@ -74,6 +74,16 @@ TEST_P(LosslessFileTypes, KeepEveryPixel) {
         EXPECT_EQ(largestDifference(through(original), original), 0);
 }
 
+TEST_P(LosslessFileTypes, KeepOnePixelThatIsNotOpaqueWhereverItIs) {
+    for (std::uint32_t wide = 1; wide < 19; ++wide) {
+        for (std::size_t place = 0; place < std::size_t{wide} * 2; ++place) {
+            BitmapImageRep original = opaqueNoise(wide, 2);
+            original.rgba[place * 4 + 3] = 254;
+            ASSERT_EQ(largestDifference(through(original), original), 0) << wide << " " << place;
+        }
+    }
+}
+
 TEST_P(LosslessFileTypes, KeepRandomPicturesOfRandomSides) {
     std::mt19937 random(4711);
     const auto below = [&random](unsigned limit) {

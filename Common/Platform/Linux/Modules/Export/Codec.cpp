@@ -1,6 +1,7 @@
 #include "Common/Platform/Linux/Modules/Export/Codec.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace utilia::platform::bitmaps {
 namespace {
@@ -36,13 +37,33 @@ bool Target::takeProfile(Bytes profile) {
 
 Source::Source(const UtiliaExportPixels& pixels, const UtiliaExportSink& sink, Reason& reason)
     : pixels_(pixels), sink_(sink), reason_(reason),
-      rowsPerWord_(std::max<std::size_t>(1, kPixelsPerWord / pixels.pixelsWide)) {
-    for (std::size_t y = 0; y < high() && isOpaque_; ++y) {
-        const std::uint8_t* const pixel = row(y);
-        std::uint8_t all = 255;
-        for (std::size_t x = 0; x < wide(); ++x) all &= pixel[4 * x + 3];
-        isOpaque_ = all == 255;
+      rowsPerWord_(std::max<std::size_t>(1, kPixelsPerWord / pixels.pixelsWide)) {}
+
+bool Source::isOpaque() const {
+    if (!isOpaque_) {
+        std::size_t y = 0;
+        while (y < high() && isRowOpaque(y)) ++y;
+        isOpaque_ = y == high();
     }
+    return *isOpaque_;
+}
+
+bool Source::isRowOpaque(std::size_t y) const {
+    // Eight pixels at a time: this must not be noticed beside the fastest codec.
+    const std::uint8_t* pixel = row(y);
+    std::uint64_t all[4] = {~0ull, ~0ull, ~0ull, ~0ull};
+    std::size_t left = wide();
+    for (; left >= 8; left -= 8, pixel += 32) {
+        std::uint64_t pairs[4];
+        std::memcpy(pairs, pixel, sizeof pairs);
+        for (std::size_t i = 0; i < 4; ++i) all[i] &= pairs[i];
+    }
+    std::uint8_t rest = 255;
+    for (; left > 0; --left, pixel += 4) rest &= pixel[3];
+    std::uint8_t alphas[32];
+    std::memcpy(alphas, all, sizeof alphas);
+    for (std::size_t i = 3; i < sizeof alphas; i += 4) rest &= alphas[i];
+    return rest == 255;
 }
 
 bool Source::rowIsDone(std::size_t y, double from, double part) {

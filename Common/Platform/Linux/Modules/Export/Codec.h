@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 #include "Common/Platform/Image.h"
@@ -47,8 +48,10 @@ public:
         return pixels_.rgba + y * pixels_.pixelsWide * 4;
     }
     Bytes profile() const { return {pixels_.colourProfile, pixels_.colourProfileSize}; }
-    // Whether no pixel lets anything through. Looked up once.
-    bool isOpaque() const { return isOpaque_; }
+    // Whether no pixel lets anything through: of the picture, which is looked through once, or of a
+    // row.
+    bool isOpaque() const;
+    bool isRowOpaque(std::size_t y) const;
 
     bool expect(std::size_t size) { return sink_.expect(sink_.context, size); }
     bool write(const std::uint8_t* bytes, std::size_t size) {
@@ -67,7 +70,7 @@ private:
     const UtiliaExportSink& sink_;
     Reason& reason_;
     std::size_t rowsPerWord_;
-    bool isOpaque_ = true;
+    mutable std::optional<bool> isOpaque_;
     bool hasLost_ = false;
 };
 

@@ -92,15 +92,13 @@ bool writePicture(Encoder& encoder) {
         jpeg_write_icc_profile(&info, source.profile().data(),
                                static_cast<unsigned>(source.profile().size()));
     }
-    std::uint8_t* white = nullptr;
-    if (!source.isOpaque()) {
-        white = static_cast<std::uint8_t*>((*info.mem->alloc_large)(
-            reinterpret_cast<j_common_ptr>(&info), JPOOL_IMAGE, std::size_t{source.wide()} * 4));
-    }
+    // Goes with the encoder.
+    auto* const white = static_cast<std::uint8_t*>((*info.mem->alloc_large)(
+        reinterpret_cast<j_common_ptr>(&info), JPOOL_IMAGE, std::size_t{source.wide()} * 4));
     for (std::size_t y = 0; y < source.high(); ++y) {
         // libjpeg only reads them, its interface just does not say so.
         JSAMPROW row = const_cast<std::uint8_t*>(source.row(y));
-        if (white) {
+        if (!source.isRowOpaque(y)) {
             putOnWhite(row, white, source.wide());
             row = white;
         }
