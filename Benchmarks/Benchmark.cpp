@@ -24,6 +24,7 @@
 #include "Benchmarks/Stores/StoreMeasures.h"
 #include "Benchmarks/Support/Goals.h"
 #include "Benchmarks/Support/Results.h"
+#include "Benchmarks/Web/WebMeasures.h"
 
 // The driver runs every measurement in a process of its own (itself, with --measure), in a private
 // home, and takes the variants of a measurement in turns: what else the machine does then falls on
@@ -100,6 +101,7 @@ std::vector<Measurement> allMeasurements() {
     all.push_back({"startup", "start", "in turns", measureStart});
     all.push_back({"startup", "before main", "in turns", measureConstructor});
     all.push_back({"startup", "logout", "in turns", measureLogout});
+    all.push_back({"web", "1000 small loads", "in turns", measureWebLoads});
     all.push_back({"images", "codecs", "in turns", measureCodecs});
     all.push_back({"images", "pdf pages", "in turns", measurePdfPages});
     for (const char* way : {"utilia", "utilia one page", "cairo", "magick"}) {
@@ -109,7 +111,7 @@ std::vector<Measurement> allMeasurements() {
     return all;
 }
 
-constexpr const char* kParts[] = {"messages", "store", "startup", "images"};
+constexpr const char* kParts[] = {"messages", "store", "startup", "web", "images"};
 
 struct Options {
     bool quick = false;
@@ -126,7 +128,7 @@ medians, their spread, and which goals are met. The script installs the packages
 
 Options:
   --quick           one short repeat: shows that everything runs; its figures mean little
-  --only PART       messages, store, startup or images
+  --only PART       messages, store, startup, web or images
   --repeats N       how often each measurement is made (default 5)
   --output FILE     write the tables to FILE too
   --help            this text

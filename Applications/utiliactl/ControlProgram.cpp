@@ -4,6 +4,7 @@
 #include "Applications/utiliactl/DescriptionsCommand.h"
 #include "Applications/utiliactl/EventsCommand.h"
 #include "Applications/utiliactl/ExtendedLoggingCommand.h"
+#include "Applications/utiliactl/FetchCommand.h"
 #include "Applications/utiliactl/ImageCommand.h"
 #include "Applications/utiliactl/LoginCommand.h"
 #include "Applications/utiliactl/PolicyCommand.h"
@@ -35,6 +36,7 @@ std::vector<std::unique_ptr<Command>> allCommands() {
     commands.push_back(std::make_unique<EventsCommand>());
     commands.push_back(std::make_unique<ReportingCommand>());
     commands.push_back(std::make_unique<ReportsCommand>());
+    commands.push_back(std::make_unique<FetchCommand>());
     commands.push_back(std::make_unique<ExtendedLoggingCommand>());
     commands.push_back(std::make_unique<AdminCommand>());
     commands.push_back(std::make_unique<PolicyCommand>());

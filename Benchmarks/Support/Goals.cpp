@@ -136,6 +136,14 @@ void addStartGoals(std::vector<Goal>& goals) {
                      Goal::AtMost, 100, " ms", value("logout", "in turns", "tool_ms")});
 }
 
+void addWebGoals(std::vector<Goal>& goals) {
+    const auto loads = [](const char* metric) {
+        return value("1000 small loads", "in turns", metric);
+    };
+    goals.push_back({"web", "1000 small loads from the loopback: against libcurl's own loop",
+                     Goal::AtMost, 1.2, " ×", ratio(loads("utilia_ms"), loads("curl_ms"))});
+}
+
 void addImageGoals(std::vector<Goal>& goals) {
     const auto pdf = [](const char* metric) { return value("pdf pages", "in turns", metric); };
     const auto peak = [](const char* way, const char* metric) {
@@ -176,6 +184,7 @@ std::string goalsTable(const Results& results, const std::string& part) {
     addMessageGoals(goals);
     addStoreGoals(goals);
     addStartGoals(goals);
+    addWebGoals(goals);
     addImageGoals(goals);
     std::string text = "\n| goal | wanted | reached | |\n| --- | ---: | ---: | --- |\n";
     for (const Goal& goal : goals) {

@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include "Common/Platform/Linux/FileInput.h"
-#include "Common/Platform/Linux/ServiceThread.h"
+#include "Common/Platform/Thread.h"
 
 namespace utilia::platform {
 namespace {
@@ -101,7 +101,8 @@ void loadFile(const std::string& path, std::size_t maximumSize, URLTransport::Do
     {
         const std::lock_guard guard(all.mutex);
         if (!all.hasThread)
-            all.hasThread = startServiceThread("utilia-files", [&all] { readAll(all); }) == 0;
+            all.hasThread =
+                Thread::detachNewThread("utilia-files", [&all] { readAll(all); }).has_value();
         if (all.hasThread) all.waiting.splice(all.waiting.end(), made);
     }
     if (!made.empty()) read(std::move(made.front()));

@@ -1,7 +1,7 @@
 #include "Common/Platform/Linux/Modules/Desktop/NetworkThread.h"
 
 #include "Common/Platform/Linux/Modules/Desktop/ModuleThread.h"
-#include "Common/Platform/Linux/ServiceThread.h"
+#include "Common/Platform/Linux/Modules/ServiceThread.h"
 
 #include <cerrno>
 #include <utility>

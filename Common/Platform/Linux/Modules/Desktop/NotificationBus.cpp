@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "Common/Platform/Linux/Modules/Desktop/ModuleThread.h"
-#include "Common/Platform/Linux/ServiceThread.h"
+#include "Common/Platform/Linux/Modules/ServiceThread.h"
 
 // The thread works in turns. Whoever asks for something waits until a turn that began after the
 // question has ended, or until his time is over. A turn does everything that has gathered: it

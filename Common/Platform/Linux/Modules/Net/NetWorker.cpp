@@ -12,7 +12,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include "Common/Platform/Linux/ServiceThread.h"
+#include "Common/Platform/Linux/Modules/ServiceThread.h"
 
 // libcurl tells which sockets it waits for and until when; the thread waits for them, and for
 // orders, with one epoll descriptor. Data at a socket restart the clock of the load that it was
@@ -212,22 +212,25 @@ void NetWorker::sortArrived() {
 }
 
 void NetWorker::beginWaiting() {
+    if (isSuspect_) {
+        if (!active_.empty()) return;
+        dropMulti();
+    }
     for (auto next = servers_.begin(); next != servers_.end();) {
-        Server& server = next++->second;
+        const auto entry = next++;
+        Server& server = entry->second;
         while (!server.waiting.empty() && server.active < kMostActiveOfServer &&
                active_.size() < kMostActive) {
             const auto load = server.waiting.begin();
-            ++server.active;
-            load->second.server = &server;
             if (begin(load->first, load->second)) {
+                load->second.server = &server;
+                ++server.active;
                 active_.insert(server.waiting.extract(load));
-                continue;
+            } else {
+                end(server.waiting, load);
             }
-            // It may have been the server's last.
-            const bool isLast = server.waiting.size() == 1;
-            end(server.waiting, load);
-            if (isLast) break;
         }
+        if (server.active == 0 && server.waiting.empty()) servers_.erase(entry);
     }
 }
 
@@ -250,6 +253,7 @@ bool NetWorker::begin(std::uint32_t number, Load& load) {
 
 bool NetWorker::hand(Load& load) {
     if (curl_multi_add_handle(multi_.get(), load.easy.get()) == CURLM_OK) return true;
+    isSuspect_ = true;
     load.transfer->fail(URLErrorCode::Unknown, "out of memory");
     return false;
 }
@@ -299,7 +303,8 @@ void NetWorker::serveSockets(int timeout) {
     std::array<epoll_event, 64> events;
     const int count = epoll_wait(epoll_.get(), events.data(), events.size(), timeout);
     int running = 0;
-    for (int i = 0; i < count; ++i) {
+    CURLMcode code = CURLM_OK;
+    for (int i = 0; i < count && code == CURLM_OK; ++i) {
         const epoll_event& event = events[static_cast<std::size_t>(i)];
         if (event.data.u64 == kOrders) {
             std::uint64_t times = 0;
@@ -314,13 +319,32 @@ void NetWorker::serveSockets(int timeout) {
             const auto load = active_.find(static_cast<std::uint32_t>(event.data.u64 >> 32));
             if (load != active_.end()) load->second.transfer->touch();
         }
-        curl_multi_socket_action(multi_.get(), static_cast<int>(event.data.u64 & 0xFFFFFFFF), what,
-                                 &running);
+        if (!multi_) continue;
+        code = curl_multi_socket_action(multi_.get(), static_cast<int>(event.data.u64 & 0xFFFFFFFF),
+                                        what, &running);
     }
-    if (curlDeadline_ && *curlDeadline_ <= Clock::now()) {
+    if (code == CURLM_OK && multi_ && curlDeadline_ && *curlDeadline_ <= Clock::now()) {
         curlDeadline_.reset();
-        curl_multi_socket_action(multi_.get(), CURL_SOCKET_TIMEOUT, 0, &running);
+        code = curl_multi_socket_action(multi_.get(), CURL_SOCKET_TIMEOUT, 0, &running);
     }
+    if (code != CURLM_OK) abandonLoads();
+}
+
+void NetWorker::abandonLoads() {
+    for (auto next = active_.begin(); next != active_.end();) {
+        const auto load = next++;
+        load->second.transfer->fail(URLErrorCode::Unknown, "out of memory");
+        end(active_, load);
+    }
+    dropMulti();
+}
+
+// With all its connections, and what libcurl remembers of them.
+void NetWorker::dropMulti() {
+    spare_.clear();
+    multi_.reset();
+    curlDeadline_.reset();
+    isSuspect_ = false;
 }
 
 void NetWorker::endTransfers() {
@@ -330,6 +354,7 @@ void NetWorker::endTransfers() {
         if (message->msg != CURLMSG_DONE) continue;
         CURL* const easy = message->easy_handle;
         const CURLcode code = message->data.result;
+        isSuspect_ |= code == CURLE_OUT_OF_MEMORY;
         void* number = nullptr;
         curl_easy_getinfo(easy, CURLINFO_PRIVATE, &number);
         const auto load =
@@ -398,12 +423,21 @@ void NetWorker::endSilent() {
     const auto now = Clock::now();
     if (now < nextCheck_) return;
     nextCheck_ = Clock::time_point::max();
-    endIf([this, now](std::uint32_t, Transfer& transfer) {
-        if (transfer.deadline() <= now) {
+    // Whoever waits for a connection waits for somebody who has one. Otherwise libcurl has lost it,
+    // as can happen when memory runs out.
+    const bool isAnyBegun = std::any_of(active_.begin(), active_.end(), [](const auto& each) {
+        return each.second.transfer->hasBegun();
+    });
+    endIf([this, now, isAnyBegun](std::uint32_t number, Transfer& transfer) {
+        const bool isLost =
+            !isAnyBegun && active_.contains(number) && transfer.earliestDeadline() <= now;
+        isSuspect_ |= isLost;
+        if (transfer.deadline() <= now || isLost) {
             transfer.fail(URLErrorCode::TimedOut);
             return true;
         }
-        nextCheck_ = std::min(nextCheck_, transfer.earliestDeadline());
+        nextCheck_ = std::min(nextCheck_, std::max(transfer.earliestDeadline(),
+                                                   now + std::chrono::milliseconds(100)));
         return false;
     });
 }
@@ -419,9 +453,7 @@ int NetWorker::timeUntilNextTask() const {
 void NetWorker::closeIdleConnections() {
     if (!multi_ || !active_.empty()) return;
     if (Clock::now() < idleSince_ + kIdleConnectionsKept) return;
-    spare_.clear();
-    multi_.reset();
-    curlDeadline_.reset();
+    dropMulti();
 }
 
 }  // namespace utilia::platform::net

@@ -77,6 +77,8 @@ private:
     void endSilent();
     int timeUntilNextTask() const;
     void closeIdleConnections();
+    void abandonLoads();
+    void dropMulti();
     static int watchSocket(CURL* easy, curl_socket_t socket, int what, void* self, void*);
     static int setTimer(CURLM*, long milliseconds, void* self);
 
@@ -99,6 +101,10 @@ private:
 
     // The worker's thread only:
     std::unique_ptr<CURLM, MultiCleanup> multi_;
+    // When libcurl runs out of memory in the middle of something, it divides by the size of tables
+    // that it has taken down, and counts connections that it has not got. So a new one follows when
+    // what has begun with this one is over.
+    bool isSuspect_ = false;
     std::vector<EasyHandle> spare_;
     Loads arrived_;  // before it is known which proxies they use
     std::map<std::string, Server, std::less<>> servers_;  // those with loads

@@ -86,11 +86,11 @@ Transfer::Transfer(const UtiliaNetRequest& request, const UtiliaNetClient& clien
 }
 
 Clock::time_point Transfer::deadline() const {
-    return lastActivity_ == kNotBegun ? end_ : std::min(end_, lastActivity_ + idle_);
+    return hasBegun() ? std::min(end_, lastActivity_ + idle_) : end_;
 }
 
 Clock::time_point Transfer::earliestDeadline() const {
-    return std::min(end_, (lastActivity_ == kNotBegun ? Clock::now() : lastActivity_) + idle_);
+    return std::min(end_, (hasBegun() ? lastActivity_ : handedOver_) + idle_);
 }
 
 bool Transfer::prepare(CURL* easy, std::uint32_t number, const ProxySettings& desktop) try {
@@ -165,6 +165,7 @@ bool Transfer::setAddress(CURL* easy, CURLU* address) {
         set(CURLOPT_NOPROXY, proxies_.exceptions.c_str());
     if (!isSet) throw std::bad_alloc();
     lastActivity_ = kNotBegun;
+    handedOver_ = Clock::now();
     loaded_ = 0;
     isInHead_ = false;
     return true;
@@ -298,7 +299,7 @@ int Transfer::resolving(void*, void*, void* self) {
 // What this process starts must not inherit it.
 curl_socket_t Transfer::openSocket(void* self, curlsocktype, curl_sockaddr* address) {
     auto& transfer = *static_cast<Transfer*>(self);
-    if (transfer.lastActivity_ == kNotBegun) transfer.touch();
+    if (!transfer.hasBegun()) transfer.touch();
     return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 

@@ -51,8 +51,10 @@ public:
     // When it is too late, unless there is activity. Silence does not count before the request has
     // begun, for it may have to wait for a connection.
     Clock::time_point deadline() const;
-    // deadline() will not be before this time, whatever happens.
+    // The same, but as if the request had begun when libcurl was told of it: deadline() is not before
+    // this time.
     Clock::time_point earliestDeadline() const;
+    bool hasBegun() const { return lastActivity_ != kNotBegun; }
 
 private:
     static constexpr Clock::time_point kNotBegun = Clock::time_point::max();
@@ -86,6 +88,7 @@ private:
 
     CURL* easy_ = nullptr;
     Clock::time_point lastActivity_ = kNotBegun;
+    Clock::time_point handedOver_ = Clock::now();
     curl_off_t loaded_ = 0;
     std::uint64_t bodySize_ = 0;
     std::uint64_t headerSize_ = 0;

@@ -1,4 +1,4 @@
-#include "Common/Platform/Linux/ServiceThread.h"
+#include "Common/Platform/Linux/Modules/ServiceThread.h"
 
 #include <cerrno>
 #include <csignal>
