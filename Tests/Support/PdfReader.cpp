@@ -237,7 +237,7 @@ public:
 
 private:
     void readTable() {
-        require(text_.starts_with("%PDF-1.4\n%"), "no header");
+        require(text_.starts_with("%PDF-1.7\n%"), "no header");
         require(text_.ends_with("\n%%EOF\n"), "no end");
         const std::size_t mark = text_.rfind("startxref\n");
         require(mark != std::string_view::npos, "no startxref");

@@ -133,7 +133,7 @@ TEST_F(PdfTools, CountThePagesAndTheirSize) {
         EXPECT_THAT(text,
                     testing::ContainsRegex("Page +" + std::string(page) + " size: +60 x 1000 pts"));
     }
-    EXPECT_THAT(text, testing::ContainsRegex("PDF version: +1.4"));
+    EXPECT_THAT(text, testing::ContainsRegex("PDF version: +1.7"));
     EXPECT_THAT(text, testing::ContainsRegex("Encrypted: +no"));
     EXPECT_THAT(text, Not(HasSubstr("CreationDate")));
     EXPECT_THAT(text, Not(HasSubstr("Producer")));

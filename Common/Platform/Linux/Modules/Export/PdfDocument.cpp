@@ -8,9 +8,9 @@
 namespace utilia::platform::pdf {
 namespace {
 
-// The version that brought transparency. The bytes of the second line tell programs that the file
-// is not text (7.5.2).
-constexpr std::string_view kHeader = "%PDF-1.4\n%\xE2\xE3\xCF\xD3\n";
+// The first version that takes colour profiles of version 4. The bytes of the second line tell
+// programs that the file is not text (7.5.2).
+constexpr std::string_view kHeader = "%PDF-1.7\n%\xE2\xE3\xCF\xD3\n";
 constexpr int kDecimalPlaces = 6;
 // What a float holds exactly, and more than any page can have.
 constexpr double kWholeNumbers = 16'777'216;
