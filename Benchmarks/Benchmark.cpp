@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Benchmarks/Events/EventMeasures.h"
 #include "Benchmarks/Images/CodecMeasures.h"
 #include "Benchmarks/Images/PdfMeasures.h"
 #include "Benchmarks/Messages/MessageMeasures.h"
@@ -108,10 +109,25 @@ std::vector<Measurement> allMeasurements() {
         all.push_back({"images", "pdf memory", way,
                        [=](const Settings& settings) { return measurePdfMemory(way, settings); }});
     }
+    for (const int processes : {1, 32}) {
+        const std::string name =
+            std::to_string(processes) + (processes == 1 ? " process" : " processes");
+        for (const char* log : {"utilia", "append", "by hand", "spdlog", "journald", "SQLite"}) {
+            all.push_back({"events", name + ", in memory", log, [=](const Settings& settings) {
+                               const MemoryFolder memory;
+                               return measureEvents(log, processes, memory.settings(settings));
+                           }});
+            if (std::string_view(log) == "journald") continue;  // which is always in memory
+            all.push_back({"events", name, log, [=](const Settings& settings) {
+                               return measureEvents(log, processes, settings);
+                           }});
+        }
+    }
+    all.push_back({"events", "formatting ten attributes", "utilia", measureFormatting});
     return all;
 }
 
-constexpr const char* kParts[] = {"messages", "store", "startup", "web", "images"};
+constexpr const char* kParts[] = {"messages", "store", "startup", "web", "images", "events"};
 
 struct Options {
     bool quick = false;
@@ -128,7 +144,7 @@ medians, their spread, and which goals are met. The script installs the packages
 
 Options:
   --quick           one short repeat: shows that everything runs; its figures mean little
-  --only PART       messages, store, startup, web or images
+  --only PART       messages, store, startup, web, images or events
   --repeats N       how often each measurement is made (default 5)
   --output FILE     write the tables to FILE too
   --help            this text

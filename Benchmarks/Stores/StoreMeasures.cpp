@@ -86,6 +86,7 @@ MemoryFolder::MemoryFolder() : path_("/dev/shm/utilia-benchmark-XXXXXX") {
     if (!mkdtemp(path_.data())) fail("mkdtemp " + path_);
     // The framework asks for its folders when the store is first used.
     setenv("XDG_DATA_HOME", path_.c_str(), 1);
+    setenv("XDG_STATE_HOME", path_.c_str(), 1);
 }
 
 MemoryFolder::~MemoryFolder() {

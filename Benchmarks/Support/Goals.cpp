@@ -144,6 +144,41 @@ void addWebGoals(std::vector<Goal>& goals) {
                      Goal::AtMost, 1.2, " ×", ratio(loads("utilia_ms"), loads("curl_ms"))});
 }
 
+void addEventGoals(std::vector<Goal>& goals) {
+    struct Crowd {
+        const char* name;
+        double overAppend;
+    };
+    for (const Crowd& crowd : {Crowd{"1 process", 7}, Crowd{"32 processes", 5}}) {
+        const auto of = [&crowd](const char* log, const char* metric) {
+            return value(std::string(crowd.name) + ", in memory", log, metric);
+        };
+        const std::string subject =
+            std::string("a record of 300 B, logs ended at 5 MiB, ") + crowd.name + ": ";
+        goals.push_back({"events", subject + "against a bare append", Goal::AtMost,
+                         crowd.overAppend, " ×", ratio(of("utilia", "us"), of("append", "us"))});
+        goals.push_back({"events", subject + "against the same system calls by hand", Goal::AtMost,
+                         1.3, " ×", ratio(of("utilia", "us"), of("by hand", "us"))});
+        goals.push_back({"events", subject + "records a second", Goal::AtLeast, 300'000, "",
+                         of("utilia", "per_s")});
+        goals.push_back({"events", subject + "against journald", Goal::AtLeast, 3, " ×",
+                         ratio(of("utilia", "per_s"), of("journald", "per_s"))});
+        goals.push_back({"events", subject + "against SQLite", Goal::AtLeast, 2, " ×",
+                         ratio(of("utilia", "per_s"), of("SQLite", "per_s"))});
+    }
+    goals.push_back({"events", "32 processes record as much as one together: against one",
+                     Goal::AtLeast, 0.8, " ×",
+                     ratio(value("32 processes, in memory", "utilia", "per_s"),
+                           value("1 process, in memory", "utilia", "per_s"))});
+    const auto format = [](const char* metric) {
+        return value("formatting ten attributes", "utilia", metric);
+    };
+    goals.push_back({"events", "formatting a record with ten attributes: records a second",
+                     Goal::AtLeast, 1'000'000, "", format("per_s")});
+    goals.push_back({"events", "formatting a record with ten attributes: allocations", Goal::AtMost,
+                     0, "", format("allocations")});
+}
+
 void addImageGoals(std::vector<Goal>& goals) {
     const auto pdf = [](const char* metric) { return value("pdf pages", "in turns", metric); };
     const auto peak = [](const char* way, const char* metric) {
@@ -186,6 +221,7 @@ std::string goalsTable(const Results& results, const std::string& part) {
     addStartGoals(goals);
     addWebGoals(goals);
     addImageGoals(goals);
+    addEventGoals(goals);
     std::string text = "\n| goal | wanted | reached | |\n| --- | ---: | ---: | --- |\n";
     for (const Goal& goal : goals) {
         if (part != goal.part) continue;

@@ -25,12 +25,14 @@ enum class EventLogCode : int {
     Done = 0,
     NothingToGrab = -1,
     NoLogsFolder = -336,
-    OverflowNotReadable = -748,  // also: not a plain file of this user, or its repair failed
-    LogNotOpened = -755,         // also: not a plain file of this user, or not lockable
-    LogNotExamined = -761,
+    // The overflow file, or what a killed collector has left: also no plain file, another user's, or
+    // one that cannot be mended or removed now.
+    OverflowNotReadable = -748,
+    LogNotOpened = -755,    // or not locked: also a folder, a link, a pipe that nobody reads
+    LogNotExamined = -761,  // also a pipe with a reader, or another user's file
     LogNameNotExamined = -767,
     LogNotMoved = -780,
-    LogNotReady = -1051,  // not opened, locked, examined, rotated or created
+    LogNotReady = -1051,  // not opened, locked, examined, ended or created
     RecordNotWritten = -1056,
 };
 

@@ -2,9 +2,11 @@
 
 #include <cerrno>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "Common/Foundation/PathFunctions.h"
+#include "Common/Logging/Log.h"
 #include "Common/Platform/FileManager.h"
 #include "Common/UtiliaCommon/CEP/EventLogReader.h"
 
@@ -63,15 +65,21 @@ Result<void> readAll(LockedFile& file, Take take) {
 struct Parts {
     std::string header;
     std::string records;
+    std::string pieces;
+    bool hasFooter = false;
     bool isWhole = false;  // as it is: a header, records, the footer and nothing else
+
+    // A document of another program, which is not ours to mend.
+    bool isForeign() const {
+        return header.empty() && records.empty() && pieces.starts_with('<') && isXmlText(pieces);
+    }
 };
 
 Result<Parts> partsOf(LockedFile& file) {
     Parts parts;
-    bool isFooterSeen = false;
     bool isInOrder = true;
     EventLogReader reader([&](LogPart part, std::uint64_t, std::string_view bytes) {
-        isInOrder = isInOrder && !isFooterSeen;
+        isInOrder = isInOrder && !parts.hasFooter;
         switch (part) {
         case LogPart::Header:
             parts.header = bytes;
@@ -80,9 +88,11 @@ Result<Parts> partsOf(LockedFile& file) {
             parts.records += bytes;
             break;
         case LogPart::Footer:
-            isFooterSeen = true;
+            parts.hasFooter = true;
             break;
         case LogPart::Piece:
+            parts.pieces += bytes;
+            [[fallthrough]];
         case LogPart::Blank:
             isInOrder = false;
             break;
@@ -91,8 +101,12 @@ Result<Parts> partsOf(LockedFile& file) {
     if (auto read = readAll(file, [&](std::string_view bytes) { reader.read(bytes); }); !read)
         return std::move(read).error();
     reader.finish();
-    parts.isWhole = isInOrder && isFooterSeen && !parts.header.empty();
+    parts.isWhole = isInOrder && parts.hasFooter && !parts.header.empty();
     return parts;
+}
+
+void logPieces(std::size_t size, const std::string& name) {
+    KULogVariadic("%@: %@ bytes that are no whole event are left out", name, std::to_string(size));
 }
 
 void appendHeader(std::string& document, const EventLogFacts& facts) {
@@ -100,6 +114,7 @@ void appendHeader(std::string& document, const EventLogFacts& facts) {
 }
 
 std::string documentOf(Parts parts, const EventLogFile::Facts& facts) {
+    if (parts.isForeign()) return parts.pieces + std::string(kEventLogFooter);
     std::string document = std::move(parts.header);
     if (document.empty()) appendHeader(document, facts());
     document += parts.records;
@@ -109,21 +124,23 @@ std::string documentOf(Parts parts, const EventLogFile::Facts& facts) {
 
 // Blanks what killed writers have left unfinished, in place: that needs no room on the disk, and
 // whoever is killed while he does it leaves a file that is no worse.
-void blankPieces(LockedFile& file) {
+void blankPieces(LockedFile& file, const std::string& name) {
     EventLogGlance glance;
     const auto look = readAll(file, [&](std::string_view bytes) { glance.read(bytes); });
     if (!look || glance.isSound()) return;
     bool isOurs = false;
+    std::size_t size = 0;
     EventLogReader reader([&](LogPart part, std::uint64_t offset, std::string_view bytes) {
         if (part == LogPart::Header) isOurs = true;
         if (part != LogPart::Piece || !isOurs) return;
         std::string blanks(bytes.size(), ' ');
         blanks.back() = '\n';
-        // What cannot be blanked now is set aside by the collector.
-        (void)file.overwrite(offset, blanks);
+        // What cannot be blanked now is left out by the collector.
+        if (file.overwrite(offset, blanks)) size += bytes.size();
     });
     // Each piece is behind the reader when it is blanked.
     if (readAll(file, [&](std::string_view bytes) { reader.read(bytes); })) reader.finish();
+    if (size > 0) logPieces(size, name);
 }
 
 }  // namespace
@@ -140,6 +157,7 @@ EventLogFile::EventLogFile(Names names, Facts facts, std::uint64_t largestSize)
     : names_(std::move(names)), facts_(std::move(facts)), largestSize_(largestSize) {}
 
 EventLogCode EventLogFile::append(std::string_view record) const {
+    if (record.size() > kLongestRecord) return EventLogCode::RecordNotWritten;
     for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
         auto log = LockedFile::open(names_.CEPLogName, LockedFile::Access::Append,
                                     LockedFile::Lock::Shared);
@@ -160,7 +178,7 @@ EventLogCode EventLogFile::append(std::string_view record) const {
             if (!*isStillThere) continue;
             if (!LockedFile::rename(names_.CEPLogName, names_.CEPLogMoreName))
                 return EventLogCode::LogNotReady;
-            end(*log);
+            end(*log, names_.CEPLogMoreName);
         } else if (!isMissing(log.error())) {
             return EventLogCode::LogNotReady;
         }
@@ -182,8 +200,8 @@ EventLogCode EventLogFile::createAndAppend(std::string_view record, bool* isTake
 }
 
 // The file has another name already. What fails here a collector makes good.
-void EventLogFile::end(LockedFile& file) const {
-    blankPieces(file);
+void EventLogFile::end(LockedFile& file, const std::string& name) const {
+    blankPieces(file, name);
     (void)file.append(kEventLogFooter);
     (void)file.makeReadOnly();
     (void)file.synchronize();
@@ -193,9 +211,8 @@ EventLogFile::Grabbed EventLogFile::grab() const {
     const bool isLegacy = platform::FileManager::fileExistsAtPath(names_.CEPLogNameOld);
     const std::string& source = isLegacy ? names_.CEPLogNameOld : names_.CEPLogName;
     Grabbed grabbed;
-    Origin origin = Origin::Known;
     for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
-        switch (take(origin, &grabbed.file)) {
+        switch (take(&grabbed.file)) {
         case Taking::Done:
             grabbed.code = EventLogCode::Done;
             return grabbed;
@@ -215,7 +232,6 @@ EventLogFile::Grabbed EventLogFile::grab() const {
             grabbed.isMore = true;
             continue;
         }
-        origin = isLegacy ? Origin::Legacy : Origin::Known;
     }
     grabbed.code = EventLogCode::OverflowNotReadable;
     return grabbed;
@@ -236,27 +252,28 @@ EventLogFile::Ending EventLogFile::endSource(const std::string& source, EventLog
     const auto renamed = LockedFile::renameUnlessTaken(source, names_.CEPLogTakenName);
     if (!renamed && renamed.error().isPosix(EEXIST)) return Ending::NameTaken;
     if (!renamed) return failed(EventLogCode::LogNotMoved);
-    end(*log);
+    end(*log, source);
     return Ending::Done;
 }
 
-EventLogFile::Taking EventLogFile::take(Origin origin, platform::UniqueFd* taken) const {
+EventLogFile::Taking EventLogFile::take(platform::UniqueFd* taken) const {
     for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
-        Taking taking = takeLeftOver(origin, taken);
+        Taking taking = takeLeftOver(taken);
         if (taking == Taking::Nothing) taking = takeOverflow(taken);
         if (taking != Taking::Overtaken) return taking;
     }
     return Taking::Failed;
 }
 
-EventLogFile::Taking EventLogFile::takeLeftOver(Origin origin, platform::UniqueFd* taken) const {
+EventLogFile::Taking EventLogFile::takeLeftOver(platform::UniqueFd* taken) const {
     auto file = LockedFile::open(names_.CEPLogTakenName, LockedFile::Access::Read,
                                  LockedFile::Lock::Exclusive);
     if (!file) return isMissing(file.error()) ? Taking::Nothing : Taking::Failed;
     const auto isStillThere = file->isAtPath(names_.CEPLogTakenName);
     if (!isStillThere) return Taking::Failed;
     if (!*isStillThere) return Taking::Overtaken;
-    auto whole = handOver(*std::move(file), origin);
+    // The name goes as long as the file is locked: others who wait for it must not find it there.
+    auto whole = handOver(*file, names_.CEPLogTakenName);
     if (!whole || !LockedFile::removeName(names_.CEPLogTakenName)) return Taking::Failed;
     *taken = *std::move(whole);
     return Taking::Done;
@@ -277,15 +294,15 @@ EventLogFile::Taking EventLogFile::takeOverflow(platform::UniqueFd* taken) const
     // and is for the next collector, and this one has no name any more.
     const auto isNamed = file->isAtPath(names_.CEPLogTakenName);
     if (!isNamed) return Taking::Failed;
-    auto whole = handOver(*std::move(file), Origin::Known);
+    auto whole = handOver(*file, names_.CEPLogMoreName);
     if (!whole) return Taking::Failed;
     if (*isNamed && !LockedFile::removeName(names_.CEPLogTakenName)) return Taking::Failed;
     *taken = *std::move(whole);
     return Taking::Done;
 }
 
-// The file, or another one with what is whole in it.
-Result<platform::UniqueFd> EventLogFile::handOver(LockedFile file, Origin origin) const {
+// The file itself, with its lock; or another one with what is whole in it, and then it stays locked.
+Result<platform::UniqueFd> EventLogFile::handOver(LockedFile& file, const std::string& name) const {
     const auto status = file.status();
     if (!status) return status.error();
     // A writer who still waits for the lock must not believe that this is the log.
@@ -294,33 +311,50 @@ Result<platform::UniqueFd> EventLogFile::handOver(LockedFile file, Origin origin
     }
     auto parts = partsOf(file);
     if (!parts) return std::move(parts).error();
-    if (parts->isWhole || (origin == Origin::Legacy && parts->header.empty())) {
+    const bool isForeign = parts->isForeign();
+    if (parts->isWhole || (isForeign && parts->hasFooter)) {
         if (auto rewound = file.rewind(); !rewound) return std::move(rewound).error();
         return file.takeDescriptor();
     }
+    const std::size_t left = isForeign ? 0 : parts->pieces.size();
     auto mended = LockedFile::createNameless(documentOf(*std::move(parts), facts_));
     if (!mended) return std::move(mended).error();
+    if (left > 0) logPieces(left, name);
     return mended->takeDescriptor();
+}
+
+// The file that has the name while it is locked; empty when none can be had.
+std::optional<LockedFile> EventLogFile::openToLook(const std::string& name) const {
+    for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
+        auto file = LockedFile::open(name, LockedFile::Access::Read, LockedFile::Lock::Shared);
+        if (!file || !file->status()) return std::nullopt;
+        const auto isThere = file->isAtPath(name);
+        if (!isThere) return std::nullopt;
+        if (*isThere) return *std::move(file);
+    }
+    return std::nullopt;
 }
 
 std::vector<std::string> EventLogFile::documents() const {
     const bool isLegacy = platform::FileManager::fileExistsAtPath(names_.CEPLogNameOld);
     const std::string& source = isLegacy ? names_.CEPLogNameOld : names_.CEPLogName;
-    const auto open = [](const std::string& path) {
-        return LockedFile::open(path, LockedFile::Access::Read, LockedFile::Lock::Shared);
-    };
-    // As long as this is held, it does not become an overflow file.
-    auto current = open(source);
-    std::vector<std::string> documents;
-    const auto add = [&](Result<LockedFile>& file) {
-        if (!file || !file->status()) return;
-        if (auto parts = partsOf(*file)) documents.push_back(documentOf(*std::move(parts), facts_));
-    };
-    for (const std::string* name : {&names_.CEPLogTakenName, &names_.CEPLogMoreName}) {
-        auto file = open(*name);
-        add(file);
+    // As long as this is held, it does not become an overflow file. A collector may rename that one
+    // to the taken name meanwhile, but not the other way round.
+    auto current = openToLook(source);
+    auto overflow = openToLook(names_.CEPLogMoreName);
+    auto taken = openToLook(names_.CEPLogTakenName);
+    if (overflow && taken) {
+        const auto isSame = overflow->isAtPath(names_.CEPLogTakenName);
+        if (isSame && *isSame) taken.reset();
     }
-    add(current);
+    std::vector<Parts> all;
+    for (std::optional<LockedFile>* file : {&taken, &overflow, &current}) {
+        if (!*file) continue;
+        if (auto parts = partsOf(**file)) all.push_back(*std::move(parts));
+        file->reset();
+    }
+    std::vector<std::string> documents;
+    for (Parts& parts : all) documents.push_back(documentOf(std::move(parts), facts_));
     return documents;
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -48,18 +49,17 @@ public:
     std::vector<std::string> documents() const;
 
 private:
-    // A file of the old name is another program's, and is not mended when nothing of it is known.
-    enum class Origin { Known, Legacy };
     enum class Taking { Done, Nothing, Overtaken, Failed };
     enum class Ending { Done, NameTaken, Failed };
 
     EventLogCode createAndAppend(std::string_view record, bool* isTaken) const;
+    std::optional<platform::LockedFile> openToLook(const std::string& name) const;
     Ending endSource(const std::string& source, EventLogCode* code) const;
-    Taking take(Origin origin, platform::UniqueFd* taken) const;
-    Taking takeLeftOver(Origin origin, platform::UniqueFd* taken) const;
+    Taking take(platform::UniqueFd* taken) const;
+    Taking takeLeftOver(platform::UniqueFd* taken) const;
     Taking takeOverflow(platform::UniqueFd* taken) const;
-    Result<platform::UniqueFd> handOver(platform::LockedFile file, Origin origin) const;
-    void end(platform::LockedFile& file) const;
+    Result<platform::UniqueFd> handOver(platform::LockedFile& file, const std::string& name) const;
+    void end(platform::LockedFile& file, const std::string& name) const;
 
     Names names_;
     Facts facts_;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstring>
 #include <vector>
 
@@ -21,7 +22,8 @@ namespace utilia {
 namespace {
 
 constexpr std::size_t kLongestHeader = std::size_t{1} << 20;
-constexpr std::size_t kLongestRecord = std::size_t{64} << 20;
+// A record longer than this is tried again when twice as much of it is there.
+constexpr std::size_t kLongRecord = std::size_t{1} << 20;
 constexpr std::string_view kTimestampForm = "0000-00-00 00:00:00.000\" tool";
 constexpr std::string_view kNameOfRecord = "event";
 constexpr std::array<std::string_view, 3> kTextsAsGiven = {"\" toollocation=\"",
@@ -47,21 +49,6 @@ Parse recordStart(std::string_view text) {
     return Parse::Whole;
 }
 
-bool isXmlText(std::string_view text) {
-    while (!text.empty()) {
-        const auto c = static_cast<unsigned char>(text[0]);
-        if (c >= 0x20 && c < 0x80) {
-            text.remove_prefix(1);
-            continue;
-        }
-        const DecodedCharacter next = decodeUtf8(text);
-        if (!next.wellFormed || next.character == 0xFFFE || next.character == 0xFFFF) return false;
-        if (next.character < 0x20 && c != '\t' && c != '\n' && c != '\r') return false;
-        text.remove_prefix(next.length);
-    }
-    return true;
-}
-
 bool isName(std::string_view text) { return isPlainName(text) || xmlName(text) == text; }
 
 // Parses one record from the beginning of a text.
@@ -71,7 +58,8 @@ public:
 
     Parse parse() {
         if (const Parse start = recordStart(text_); start != Parse::Whole) return start;
-        return lines(startTag());
+        const Parse tag = startTag();
+        return tag == Parse::Whole && !hasOwnAttributes() ? Parse::Broken : lines(tag);
     }
 
     // Goes by nothing but what follows the action, which ends at `end`.
@@ -84,6 +72,33 @@ public:
 
 private:
     bool isAtEnd() const { return position_ == text_.size(); }
+
+    // Those that every record begins with; an inner element called "event" does not.
+    bool hasOwnAttributes() const {
+        const std::size_t next = first_[1] == "tool" ? 2 : 1;
+        return first_[next] == "toollocation" && first_[next + 1] == "toolversion" &&
+               first_[next + 2] == "action";
+    }
+
+    // Whether each "&" begins a reference to a character that a document may contain.
+    static bool hasGoodReferences(std::string_view value) {
+        for (std::size_t at = value.find('&'); at != std::string_view::npos;
+             at = value.find('&', at + 1)) {
+            const std::size_t end = value.find(';', at);
+            if (end == std::string_view::npos) return false;
+            std::string_view name = value.substr(at + 1, end - at - 1);
+            if (name == "amp" || name == "lt" || name == "gt" || name == "quot") continue;
+            if (!name.starts_with("#x")) return false;
+            name.remove_prefix(2);
+            std::uint32_t character = 0;
+            const auto read =
+                std::from_chars(name.data(), name.data() + name.size(), character, 16);
+            if (read.ec != std::errc{} || read.ptr != name.data() + name.size() ||
+                !isXmlCharacter(character))
+                return false;
+        }
+        return true;
+    }
 
     // All after the first.
     Parse lines(Parse first) {
@@ -148,12 +163,15 @@ private:
         const std::size_t begin = position_;
         position_ = text_.find_first_of("= />\"<\n", position_);
         if (position_ == std::string_view::npos) return cutShort();
-        if (!isName(text_.substr(begin, position_ - begin))) return Parse::Broken;
+        const std::string_view name = text_.substr(begin, position_ - begin);
+        if (!isName(name)) return Parse::Broken;
+        if (names_.empty() && attributes_ < first_.size()) first_[attributes_++] = name;
         if (const Parse quote = expect("=\""); quote != Parse::Whole) return quote;
         const std::size_t end = text_.find('"', position_);
         const std::string_view value = text_.substr(position_, end - position_);
         if (value.find('<') != std::string_view::npos) return Parse::Broken;
         if (end == std::string_view::npos) return cutShort();
+        if (!hasGoodReferences(value)) return Parse::Broken;
         position_ = end + 1;
         return Parse::Whole;
     }
@@ -165,7 +183,9 @@ private:
 
     std::string_view text_;
     std::size_t position_ = 0;
-    std::vector<std::string_view> names_;  // of the open elements
+    std::vector<std::string_view> names_;    // of the open elements
+    std::array<std::string_view, 5> first_;  // attributes of the record's own tag
+    std::size_t attributes_ = 0;
 };
 
 // For a record that cannot be parsed: is everything but the texts that stand in it as they were given?
@@ -207,11 +227,26 @@ bool isBlank(char c) { return c == ' ' || c == '\n' || c == '\t' || c == '\r'; }
 
 }  // namespace
 
+bool isXmlText(std::string_view text) {
+    while (!text.empty()) {
+        const auto c = static_cast<unsigned char>(text[0]);
+        if (c >= 0x20 && c < 0x80) {
+            text.remove_prefix(1);
+            continue;
+        }
+        const DecodedCharacter next = decodeUtf8(text);
+        if (!next.wellFormed || next.character == 0xFFFE || next.character == 0xFFFF) return false;
+        if (next.character < 0x20 && c != '\t' && c != '\n' && c != '\r') return false;
+        text.remove_prefix(next.length);
+    }
+    return true;
+}
+
 EventLogReader::EventLogReader(Observer observer) : observer_(std::move(observer)) {}
 
 void EventLogReader::read(std::string_view bytes) {
     bytes_ += bytes;
-    process();
+    if (bytes_.size() >= wanted_) process();
 }
 
 void EventLogReader::finish() {
@@ -226,6 +261,7 @@ void EventLogReader::process() {
     offset_ += position_;
     bytes_.erase(0, position_);
     position_ = 0;
+    wanted_ = bytes_.size() > kLongRecord ? 2 * bytes_.size() : 0;
 }
 
 void EventLogReader::tell(LogPart part, std::size_t length) {

@@ -16,6 +16,12 @@
 
 namespace utilia {
 
+// Nobody may write a longer one.
+inline constexpr std::size_t kLongestRecord = std::size_t{64} << 20;
+
+// Whether an XML document may contain all of its characters.
+bool isXmlText(std::string_view text);
+
 enum class LogPart {
     Header,  // at most one, and first
     Record,  // whole, with its line feed
@@ -50,6 +56,7 @@ private:
     std::string bytes_;  // those that are not told yet, from position_ on
     std::size_t position_ = 0;
     std::uint64_t offset_ = 0;  // of bytes_[0]
+    std::size_t wanted_ = 0;    // as many are needed for another try
     bool isHeaderOver_ = false;
     bool isAtEnd_ = false;
 };

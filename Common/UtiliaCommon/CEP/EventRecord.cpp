@@ -34,11 +34,6 @@ constexpr auto kPlain = [] {
 
 bool isPlain(char c) { return kPlain[static_cast<unsigned char>(c)]; }
 
-// Of the characters that UTF-8 can spell, those that an XML 1.0 document may contain.
-bool isXmlCharacter(char32_t c) {
-    return (c >= 0x20 && c < 0xFFFE) || c == '\t' || c == '\n' || c == '\r' || c > 0xFFFF;
-}
-
 // How long a surrogate is that somebody has spelt in UTF-8, which its rules forbid; else 0. It was
 // one character to him, and is replaced by one.
 std::size_t surrogateLength(std::string_view text) {

@@ -28,6 +28,12 @@ inline constexpr std::string_view kEventStart = "<event timestamp=\"";
 // Elements deeper than this one, of which the record itself is 0, are left out.
 inline constexpr std::size_t kDeepestElement = 7;
 
+// The characters that an XML 1.0 document may contain.
+constexpr bool isXmlCharacter(char32_t c) {
+    return (c >= 0x20 && c < 0xD800) || (c > 0xDFFF && c < 0xFFFE) || c == '\t' || c == '\n' ||
+           c == '\r' || (c > 0xFFFF && c <= 0x10FFFF);
+}
+
 // The whole record, with its line feed.
 void appendEventRecord(TextBuffer& out, Date now, const EventSource& source,
                        std::string_view action, const Dictionary* attributes,

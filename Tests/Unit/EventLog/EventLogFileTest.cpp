@@ -7,7 +7,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Common/UtiliaCommon/CEP/EventLogReader.h"
 #include "Tests/Support/TemporaryHome.h"
+#include "Tests/Support/TestLog.h"
 #include "Tests/Unit/EventLog/LogSample.h"
 #include "Tests/Unit/EventLog/XmlDocument.h"
 
@@ -227,6 +229,69 @@ TEST_F(EventLogFileTest, ShowsWhatWouldBeGrabbedAndTakesNothing) {
     EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 2));
     EXPECT_EQ(contentOf(file.grab()), expected[0]);
     EXPECT_EQ(contentOf(file.grab()), expected[1]);
+}
+
+TEST_F(EventLogFileTest, ShowsEachRecordOnceThoughTheLogIsEndedMeanwhile) {
+    const EventLogFile file = log();
+    writeTo(current(), sampleHeader() + sampleRecord("a", 1));
+    const int descriptor = open(current().c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    ASSERT_EQ(flock(descriptor, LOCK_EX), 0);
+    std::vector<std::string> shown;
+    std::thread reader([&] { shown = file.documents(); });
+    waitForSomebodyWhoWaits(descriptor);
+    fs::rename(current(), more());
+    ASSERT_EQ(write(descriptor, kEventLogFooter.data(), kEventLogFooter.size()),
+              static_cast<ssize_t>(kEventLogFooter.size()));
+    ASSERT_EQ(fchmod(descriptor, 0444), 0);
+    writeTo(current(), sampleHeader() + sampleRecord("b", 2));
+    close(descriptor);
+    reader.join();
+    const std::vector<std::string> expected = {document(sampleRecord("a", 1)),
+                                               document(sampleRecord("b", 2))};
+    EXPECT_EQ(shown, expected);
+}
+
+TEST_F(EventLogFileTest, KeepsAForeignFileWhoeverIsKilled) {
+    const std::string foreign = "<?xml version=\"1.0\"?><old>";
+    const std::string footer(kEventLogFooter);
+    for (const std::string& left : {foreign, foreign + footer.substr(0, 7), foreign + footer}) {
+        writeTo(taken(), left);
+        const auto shown = log().documents();
+        const auto grabbed = log().grab();
+        ASSERT_EQ(grabbed.code, EventLogCode::Done);
+        const std::string text = contentOf(grabbed);
+        EXPECT_TRUE(text.starts_with(foreign) && text.ends_with(footer)) << text;
+        EXPECT_EQ(shown, std::vector<std::string>{text});
+    }
+    writeTo(legacy(), foreign);
+    const auto shown = log().documents();
+    EXPECT_EQ(shown, std::vector<std::string>{contentOf(log().grab())});
+}
+
+TEST_F(EventLogFileTest, SaysHowMuchItLeavesOut) {
+    const test::TestLog lines;
+    writeTo(more(), sampleHeader() + "junk" + std::string(kEventLogFooter));
+    EXPECT_EQ(contentOf(log().grab()), document(""));
+    writeTo(current(), sampleHeader() + std::string(7, '\0'));
+    EXPECT_EQ(log(1).append(sampleRecord("a", 1)), EventLogCode::Done);
+    const std::vector<std::string> expected = {
+        more().string() + ": 4 bytes that are no whole event are left out",
+        more().string() + ": 7 bytes that are no whole event are left out"};
+    EXPECT_EQ(lines.lines(), expected);
+}
+
+TEST_F(EventLogFileTest, RefusesARecordThatNoReaderWouldAccept) {
+    EXPECT_EQ(log().append(std::string(kLongestRecord + 1, 'x')), EventLogCode::RecordNotWritten);
+    EXPECT_FALSE(fs::exists(current()));
+}
+
+TEST_F(EventLogFileTest, KeepsAHugeRecord) {
+    const EventLogFile file = log();
+    const std::string huge = sampleRecord("huge", 1, std::size_t{20} << 20);
+    EXPECT_EQ(file.append(huge), EventLogCode::Done);
+    EXPECT_EQ(file.append(sampleRecord("a", 1)), EventLogCode::Done);
+    EXPECT_TRUE(contentOf(file.grab()) == document(huge));
+    EXPECT_EQ(contentOf(file.grab()), document(sampleRecord("a", 1)));
 }
 
 TEST_F(EventLogFileTest, TakesFirstWhatAKilledCollectorHasLeft) {

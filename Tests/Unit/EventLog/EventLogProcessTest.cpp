@@ -349,7 +349,7 @@ TEST_F(EventLogProcessTest, LosesNothingToACollectorThatDiesBeforeItHasTaken) {
                 ASSERT_NO_FATAL_FAILURE(collect(file, found));
                 EXPECT_EQ(found["after"][round], 1);
                 EXPECT_LE(found["first"][round], 1);
-                // Once its name is removed, a file is the collector's alone.
+                // From the removal of its name on, a file is the collector's alone, and dies with it.
                 lost += found["first"][round] == 0;
                 EXPECT_TRUE(!hasOverflow || found["second"][round] == 1);
                 prepare();
@@ -439,6 +439,131 @@ TEST_F(EventLogProcessTest, LosesNothingWhateverWritersDoWhileOneCollects) {
                     prepare();
                 });
             EXPECT_GT(points, 15u);
+        }
+    }
+}
+
+// The documents that were handed over, and what is left; then the folder is empty.
+class Collected final {
+public:
+    explicit Collected(fs::path folder) : folder_(std::move(folder)) {}
+
+    // In any process: keeps what it is handed.
+    static void keep(const EventLogFile& file, const fs::path& folder, const std::string& name) {
+        const auto grabbed = file.grab();
+        if (grabbed.code == EventLogCode::NothingToGrab) return;
+        if (grabbed.code != EventLogCode::Done) _exit(19);
+        test::writeTo(folder / name, contentOf(grabbed.file.get()));
+    }
+
+    void countAll(const EventLogFile& file, Found& found) const {
+        for (const auto& entry : fs::directory_iterator(folder_)) {
+            ASSERT_NO_FATAL_FAILURE(countRecords(test::contentOf(entry.path()), true, found));
+            fs::remove(entry.path());
+        }
+        for (auto grabbed = file.grab(); grabbed.code == EventLogCode::Done; grabbed = file.grab())
+            ASSERT_NO_FATAL_FAILURE(countRecords(contentOf(grabbed.file.get()), true, found));
+    }
+
+private:
+    fs::path folder_;
+};
+
+// Two collectors, of which one stops before each of its system calls, and files that must be mended.
+TEST_F(EventLogProcessTest, HandsNoFileOverTwiceThatMustBeMended) {
+    const EventLogFile file = log(100'000);
+    const Collected collected(links_.path());
+    const std::string cut = sampleRecord("cut", 9).substr(0, 120);
+    for (const char* place :
+         {"krv.utilia.ceplog-taken.xml", "krv.utilia.ceplog-more.xml", "krv.utilia.ceplog.xml"}) {
+        SCOPED_TRACE(place);
+        const auto prepare = [&] {
+            test::writeTo(folder_.path() / place,
+                          test::sampleHeader() + sampleRecord("a", 1) + cut + sampleRecord("a", 2));
+        };
+        prepare();
+        pid_t second = -1;
+        std::optional<int> ended;
+        const std::size_t points = test::forEachStopPoint(
+            [&] { Collected::keep(file, links_.path(), "first"); },
+            [&] {
+                second = inChild([&] {
+                    Collected::keep(file, links_.path(), "second");
+                    if (file.append(sampleRecord("b", 3)) != EventLogCode::Done) _exit(18);
+                    Collected::keep(file, links_.path(), "third");
+                });
+                ended = untilEndedOrBlocked(second);
+            },
+            [&] {
+                EXPECT_EQ(ended ? *ended : statusOf(second), 0);
+                Found found;
+                ASSERT_NO_FATAL_FAILURE(collected.countAll(file, found));
+                EXPECT_EQ(found, (Found{{"a", {{1, 1}, {2, 1}}}, {"b", {{3, 1}}}}));
+                EXPECT_TRUE(fs::is_empty(folder_.path()));
+                prepare();
+            });
+        EXPECT_GT(points, 10u);
+        // Of the last run, which nothing stopped.
+        Found rest;
+        ASSERT_NO_FATAL_FAILURE(collected.countAll(file, rest));
+    }
+}
+
+// A writer that stops before each of its system calls, while others end the log, collect, or both.
+TEST_F(EventLogProcessTest, LosesNothingWhateverOthersDoWhileOneWrites) {
+    const EventLogFile file = log(100'000);
+    const EventLogFile ending = log(300);
+    const EventLogFile endingLarge = log(3'000);
+    const Collected collected(links_.path());
+    for (const char* begin : {"small", "too large", "none"}) {
+        for (const char* others : {"collect", "end", "end and collect", "collect and write"}) {
+            SCOPED_TRACE(std::string(begin) + ", " + others);
+            const std::string_view words = others;
+            // Each ends at most one log, so that none is replaced uncollected.
+            const bool ends = std::string_view(begin) == "too large";
+            const bool endsMeanwhile = words.starts_with("end") && !ends;
+            const auto prepare = [&] {
+                if (std::string_view(begin) != "none") {
+                    EXPECT_EQ(file.append(sampleRecord("before", 1, ends ? 5'000 : 0)),
+                              EventLogCode::Done);
+                }
+            };
+            prepare();
+            pid_t other = -1;
+            std::optional<int> ended;
+            const std::size_t points = test::forEachStopPoint(
+                [&] {
+                    if ((ends ? endingLarge : file).append(sampleRecord("stopped", 2)) !=
+                        EventLogCode::Done)
+                        _exit(18);
+                },
+                [&] {
+                    other = inChild([&] {
+                        if (words.starts_with("collect"))
+                            Collected::keep(file, links_.path(), "first");
+                        if (words != "collect" &&
+                            (endsMeanwhile ? ending : file).append(sampleRecord("other", 3)) !=
+                                EventLogCode::Done)
+                            _exit(18);
+                        if (words.ends_with("collect"))
+                            Collected::keep(file, links_.path(), "second");
+                    });
+                    ended = untilEndedOrBlocked(other);
+                },
+                [&] {
+                    EXPECT_EQ(ended ? *ended : statusOf(other), 0);
+                    Found found;
+                    ASSERT_NO_FATAL_FAILURE(collected.countAll(file, found));
+                    Found expected{{"stopped", {{2, 1}}}};
+                    if (std::string_view(begin) != "none") expected["before"][1] = 1;
+                    if (words != "collect") expected["other"][3] = 1;
+                    EXPECT_EQ(found, expected);
+                    EXPECT_TRUE(fs::is_empty(folder_.path()));
+                    prepare();
+                });
+            EXPECT_GT(points, 4u);
+            Found rest;
+            ASSERT_NO_FATAL_FAILURE(collected.countAll(file, rest));
         }
     }
 }

@@ -133,6 +133,35 @@ TEST(EventLogReader, TakesNoNestedElementForARecord) {
     EXPECT_EQ(parts[1].second, nested);
 }
 
+TEST(EventLogReader, TakesNoNestedElementOfAPieceForARecord) {
+    const Dictionary inner{{"timestamp", "2021-03-05 05:06:07.123"}, {"tool", "x"}};
+    const Dictionary details{{"event", inner}, {"more", inner}};
+    TextBuffer out;
+    appendEventRecord(out, Date{}, {}, "Sample", nullptr, nullptr, &details);
+    const std::string nested(out.text());
+    for (std::size_t length = 1; length < nested.size(); ++length) {
+        const std::string piece = nested.substr(0, length);
+        EXPECT_EQ(recordsOf(partsOf(sampleHeader() + piece + sampleRecord("a", 1))),
+                  sampleRecord("a", 1))
+            << piece;
+    }
+}
+
+TEST(EventLogReader, KeepsNoRecordWithADamagedReference) {
+    const std::string sound = sampleRecord("a", 1);
+    for (const auto& [from, to] : {std::pair{"&amp;", "&ampa"},
+                                   {"&amp;", "&bmp;"},
+                                   {"&#xFC;", "&#xZC;"},
+                                   {"&#xFC;", "&#x0C;"},
+                                   {"&#xFC;", "&#xFCa"}}) {
+        std::string damaged = sound;
+        damaged.replace(damaged.find(from), std::string(from).size(), to);
+        EXPECT_EQ(recordsOf(partsOf(sampleHeader() + damaged + sampleRecord("b", 2))),
+                  sampleRecord("b", 2))
+            << to;
+    }
+}
+
 TEST(EventLogReader, KeepsARecordWhoseActionHasMarkup) {
     const Dictionary details{{"k", Array{"a"}}};
     for (const char* action : {"a<b", "say \"x\"", "<event>", "a\nb", "&", "</details>"}) {

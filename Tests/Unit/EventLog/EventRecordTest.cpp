@@ -155,7 +155,7 @@ TEST(EventRecord, EscapesInOrder) {
     EXPECT_EQ(escaped("na\u00EFve caf\u00E9"), "na&#xEF;ve caf&#xE9;");
     EXPECT_EQ(escaped("a\tb\r\nc"), "a&#x9;b&#xD;&#xA;c");
     EXPECT_EQ(escaped("\U0001F600"), "&#x1F600;");
-    EXPECT_EQ(escaped("\x7F"), "&#x7F;");
+    EXPECT_EQ(escaped("\x7F\u0080\u0085\u009F"), "&#x7F;&#x80;&#x85;&#x9F;");
 }
 
 TEST(EventRecord, ReplacesWhatNoDocumentMayContain) {

@@ -35,8 +35,8 @@ inline std::string sampleHeader() {
 // A record that a number and a name tell from all others, of about `size` bytes.
 inline std::string sampleRecord(const std::string& writer, int number, std::size_t size = 0) {
     const EventSource source{"com.korvane.utilia.Sample", "/Sample.app", "1.0-1"};
-    Dictionary details{{"writer", writer}, {"number", number}};
-    if (size > 250) details.set("filling", std::string(size - 250, 'x'));
+    Dictionary details{{"writer", writer}, {"number", number}, {"text", "a & \u00FC"}};
+    if (size > 280) details.set("filling", std::string(size - 280, 'x'));
     if (number % 3 == 0) details.set("list", Array{"a", Dictionary{{"event", "inner"}}});
     TextBuffer out;
     appendEventRecord(out, Date{636613567.1235}, source, "Sample", nullptr, nullptr, &details);
