@@ -8,9 +8,8 @@
 #include "Applications/utiliactl/PlainText.h"
 #include "Common/Platform/FileManager.h"
 #include "Common/Platform/JSONSerialization.h"
-#include "Common/Platform/UserDefaults.h"
+#include "Common/UtiliaCommon/CEP/CEPLog.h"
 #include "Common/UtiliaCommon/CEP/EventLog.h"
-#include "Common/UtiliaCommon/ToolDataProvider/PortProtocol.h"
 
 namespace utilia::control {
 namespace {
@@ -102,11 +101,13 @@ Result<void> EventsCommand::show(std::ostream& out) const {
 
 Result<void> EventsCommand::log(std::ostream&) const {
     if (auto found = findLog(); !found) return found;
-    const auto agent = platform::UserDefaults::initWithDomain(kAgentBundleIdentifier);
-    if (agent && agent->boolForKey("CEPDisabled"))
+    CEPLog& reporting = CEPLog::sharedInstance();
+    if (reporting.isCEPDisabled())
         return Error::utilia(UtiliaErrorCode::Refused,
                              "usage reporting is switched off: nothing is recorded");
-    const int code = CEPLogEvent(action_, nullptr, &options_, &details_);
+    // As CEPLog::log(), which does not tell how it went.
+    const std::string action = reporting.handlePermanentStart(action_);
+    const int code = CEPLogEvent(action, nullptr, &options_, &details_);
     if (code == 0) return {};
     return Error::utilia(UtiliaErrorCode::Unavailable, CEPLogPath() +
                                                            ": the event is not recorded (" +

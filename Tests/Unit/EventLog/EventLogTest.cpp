@@ -1,3 +1,4 @@
+#include <cctype>
 #include <filesystem>
 
 #include <fcntl.h>
@@ -10,6 +11,7 @@
 #include "Tests/Process/UnprivilegedUser.h"
 #include "Tests/Support/ChildRole.h"
 #include "Tests/Support/FaultInjection.h"
+#include "Tests/Support/PrivateMounts.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestBundle.h"
 #include "Tests/Unit/EventLog/LogSample.h"
@@ -99,14 +101,21 @@ TEST_F(EventLogTest, TellsTheSettingsOfTheRunningApplication) {
 }
 
 TEST_F(EventLogTest, NeverTellsTheComputersIdentity) {
-    ASSERT_EQ(CEPLogInit(), 0);
-    ASSERT_EQ(CEPLogEvent("Start", nullptr, nullptr, nullptr), 0);
-    std::string identity = test::contentOf("/etc/machine-id");
-    if (identity.size() < 32) return;  // this computer has none
-    identity.resize(32);
+    const std::string identity = "4d7e2f0a9b1c4e5f8a6b3c2d1e0f9a8b";
+    const test::PrivateMounts mounts;
+    fs::remove(mounts.etc() / "machine-id");
+    test::writeTo(mounts.etc() / "machine-id", identity + "\n");
+    EXPECT_TRUE(mounts.run([] {
+        EXPECT_EQ(CEPLogInit(), 0);
+        EXPECT_EQ(CEPLogEvent("Start", nullptr, nullptr, nullptr), 0);
+    }));
+    const auto log = XmlDocument::parse(document());
+    ASSERT_TRUE(log);
+    const std::string uuid = XmlDocument::text(XmlDocument::child(log->root(), "HardwareUUID"));
+    EXPECT_EQ(uuid.size(), 36u);
     std::string text;
     for (const char c : document()) {
-        if (c != '-') text += static_cast<char>(std::tolower(c));
+        if (c != '-') text += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     }
     EXPECT_EQ(text.find(identity), std::string::npos);
 }

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Common/Platform/UserDefaults.h"
+#include "Tests/Support/PrivateMounts.h"
 #include "Tests/Unit/Utiliactl/ControlProgram.h"
 
 namespace utilia {
@@ -73,6 +74,20 @@ TEST_F(EventsCommandTest, LogsNothingWhileReportingIsOff) {
     platform::UserDefaults::initWithDomain("com.korvane.utilia")->setObject(true, "CEPDisabled");
     EXPECT_THAT(refusal(1, {"events", "log", "Start"}), HasSubstr("switched off"));
     EXPECT_FALSE(std::filesystem::exists(log()));
+}
+
+TEST_F(EventsCommandTest, LogsNothingWhereTheAdministratorHasSwitchedReportingOff) {
+    const test::PrivateMounts mounts;
+    mounts.writeSettings(R"({"UsageReportingDisabled": true})");
+    EXPECT_TRUE(mounts.run([&] {
+        EXPECT_THAT(refusal(1, {"events", "log", "Start"}), HasSubstr("switched off"));
+    }));
+    EXPECT_FALSE(std::filesystem::exists(log()));
+}
+
+TEST_F(EventsCommandTest, LogsAPermanentStartAsAStart) {
+    EXPECT_EQ(answer({"events", "log", "StartPermanent"}), "");
+    EXPECT_EQ(shown().at("events").at(0).at("action"), "Start");
 }
 
 TEST_F(EventsCommandTest, RefusesWhatIsNoObject) {
