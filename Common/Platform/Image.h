@@ -55,11 +55,11 @@ struct UTILIA_EXPORT BitmapImageRep {
 // Threads: an image belongs to one thread at a time.
 class UTILIA_EXPORT Image final {
 public:
-    // One representation for each TIFF directory within the limits, or for the first picture of
-    // another format. Empty when the bytes are no image: no format that is read, more directories
-    // than the limit, or a first picture that is beyond the limits or cannot be decoded (of TIFF,
-    // what lies past 64 MiB of its pixels is only looked at when they are asked for). The template
-    // flag starts false.
+    // One representation for each TIFF directory within the limits (of the first
+    // kImageMaximumRepresentations), or for the first picture of another format. Empty when the
+    // bytes are no image: no format that is read, or a first picture that is beyond the limits or
+    // cannot be decoded (of TIFF, what lies past 64 MiB of its pixels is only looked at when they
+    // are asked for). The template flag starts false.
     static std::shared_ptr<Image> initWithData(std::span<const std::uint8_t> bytes);
     // Always an image: the file is opened when its content is first asked for. A name that ends in
     // "Template" before its extension sets the template flag.

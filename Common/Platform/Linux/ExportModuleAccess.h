@@ -34,6 +34,8 @@ public:
     // Tells progress that nothing is done yet. Answers false when that cancels.
     bool begin() { return goesOn(0); }
 
+    bool isCancelled() const { return isCancelled_; }
+
     // Why the module gave up: UtiliaErrorCode::Cancelled when progress wanted that, else Refused
     // with the module's reason or for want of memory.
     Error error(std::string_view doing) const;

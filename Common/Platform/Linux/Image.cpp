@@ -1,6 +1,8 @@
 #include "Common/Platform/Image.h"
 
 #include <algorithm>
+#include <new>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -21,7 +23,18 @@
 namespace utilia::platform {
 namespace {
 
+constexpr std::string_view kWhat = "Images";
 constexpr std::string_view kTemplateSuffix = "Template";
+
+// For what has an error to answer with. Making that takes less memory than what did not fit.
+template <class Function>
+std::invoke_result_t<Function> orOutOfMemory(Function function) {
+    try {
+        return function();
+    } catch (const std::bad_alloc&) {
+        return Error::utilia(UtiliaErrorCode::Refused, "image: not enough memory");
+    }
+}
 
 bool isTemplateName(std::string_view path) {
     return stringByDeletingPathExtension(lastPathComponent(path)).ends_with(kTemplateSuffix);
@@ -67,9 +80,10 @@ struct Image::Implementation {
 
     // Opens the file of an image that refers to one. A file that cannot be used leaves an image
     // without content.
-    void load() {
+    void load() noexcept {
         if (unreadPath.empty()) return;
-        static_cast<void>(readFile(std::exchange(unreadPath, {})));
+        const std::string path = std::exchange(unreadPath, {});
+        unlessOutOfMemory(kWhat, [&] { static_cast<void>(readFile(path)); });
     }
 
     Result<void> readFile(const std::string& path) {
@@ -149,7 +163,7 @@ Image::Image(std::unique_ptr<Implementation> implementation)
 Image::~Image() = default;
 
 std::shared_ptr<Image> Image::initWithData(std::span<const std::uint8_t> bytes) {
-    return unlessOutOfMemory("Images", [bytes]() -> std::shared_ptr<Image> {
+    return unlessOutOfMemory(kWhat, [bytes]() -> std::shared_ptr<Image> {
         auto implementation = std::make_unique<Implementation>();
         if (!implementation->read(bytes)) return nullptr;
         return std::shared_ptr<Image>(new Image(std::move(implementation)));
@@ -157,24 +171,30 @@ std::shared_ptr<Image> Image::initWithData(std::span<const std::uint8_t> bytes) 
 }
 
 std::shared_ptr<Image> Image::initByReferencingFile(std::string_view path) {
-    auto implementation = std::make_unique<Implementation>();
-    implementation->unreadPath = path;
-    implementation->isTemplate = isTemplateName(path);
-    return std::shared_ptr<Image>(new Image(std::move(implementation)));
+    return unlessOutOfMemory(kWhat, [path] {
+        auto implementation = std::make_unique<Implementation>();
+        implementation->unreadPath = path;
+        implementation->isTemplate = isTemplateName(path);
+        return std::shared_ptr<Image>(new Image(std::move(implementation)));
+    });
 }
 
 Result<std::shared_ptr<Image>> Image::imageWithContentsOfFile(std::string_view path) {
-    auto implementation = std::make_unique<Implementation>();
-    implementation->isTemplate = isTemplateName(path);
-    if (auto done = implementation->readFile(std::string(path)); !done)
-        return std::move(done).error();
-    return std::shared_ptr<Image>(new Image(std::move(implementation)));
+    return orOutOfMemory([path]() -> Result<std::shared_ptr<Image>> {
+        auto implementation = std::make_unique<Implementation>();
+        implementation->isTemplate = isTemplateName(path);
+        if (auto done = implementation->readFile(std::string(path)); !done)
+            return std::move(done).error();
+        return std::shared_ptr<Image>(new Image(std::move(implementation)));
+    });
 }
 
 std::shared_ptr<Image> Image::initWithBitmap(BitmapImageRep bitmap) {
-    auto implementation = std::make_unique<Implementation>();
-    if (!implementation->add(std::move(bitmap))) return nullptr;
-    return std::shared_ptr<Image>(new Image(std::move(implementation)));
+    return unlessOutOfMemory(kWhat, [&bitmap]() -> std::shared_ptr<Image> {
+        auto implementation = std::make_unique<Implementation>();
+        if (!implementation->add(std::move(bitmap))) return nullptr;
+        return std::shared_ptr<Image>(new Image(std::move(implementation)));
+    });
 }
 
 bool Image::isValid() { return representationCount() > 0; }
@@ -189,35 +209,43 @@ std::size_t Image::representationCount() {
 }
 
 Result<BitmapImageRep> Image::representation(std::size_t index) {
-    const auto one = implementation_->find(index);
-    if (!one) return one.error();
-    if (const auto* held = std::get_if<Implementation::SharedBitmap>(*one)) return **held;
-    return implementation_->decode(std::get<UtiliaIconsDirectory>(**one));
+    return orOutOfMemory([&]() -> Result<BitmapImageRep> {
+        const auto one = implementation_->find(index);
+        if (!one) return one.error();
+        if (const auto* held = std::get_if<Implementation::SharedBitmap>(*one)) return **held;
+        return implementation_->decode(std::get<UtiliaIconsDirectory>(**one));
+    });
 }
 
 Result<std::shared_ptr<const BitmapImageRep>> Image::bitmap(std::size_t index) {
-    const auto one = implementation_->find(index);
-    if (!one) return one.error();
-    if (const auto* held = std::get_if<Implementation::SharedBitmap>(*one)) return *held;
-    auto decoded = implementation_->decode(std::get<UtiliaIconsDirectory>(**one));
-    if (!decoded) return std::move(decoded).error();
-    return Implementation::SharedBitmap(
-        std::make_shared<const BitmapImageRep>(*std::move(decoded)));
+    using SharedBitmap = Implementation::SharedBitmap;
+    return orOutOfMemory([&]() -> Result<SharedBitmap> {
+        const auto one = implementation_->find(index);
+        if (!one) return one.error();
+        if (const auto* held = std::get_if<SharedBitmap>(*one)) return *held;
+        auto decoded = implementation_->decode(std::get<UtiliaIconsDirectory>(**one));
+        if (!decoded) return std::move(decoded).error();
+        return SharedBitmap(std::make_shared<const BitmapImageRep>(*std::move(decoded)));
+    });
 }
 
 bool Image::addRepresentation(BitmapImageRep bitmap) {
-    if (representationCount() >= kImageMaximumRepresentations ||
-        !implementation_->add(std::move(bitmap)))
-        return false;
-    implementation_->encoded.reset();
-    return true;
+    return unlessOutOfMemory(kWhat, [&] {
+        if (representationCount() >= kImageMaximumRepresentations ||
+            !implementation_->add(std::move(bitmap)))
+            return false;
+        implementation_->encoded.reset();
+        return true;
+    });
 }
 
 Result<Data> Image::representationUsingType(std::size_t index, BitmapImageFileType type,
                                             const ExportProgress& progress) {
-    const auto shared = bitmap(index);
-    if (!shared) return shared.error();
-    return encodeBitmap(**shared, type, progress);
+    return orOutOfMemory([&]() -> Result<Data> {
+        const auto shared = bitmap(index);
+        if (!shared) return shared.error();
+        return encodeBitmap(**shared, type, progress);
+    });
 }
 
 namespace {
@@ -271,9 +299,11 @@ std::uint32_t Image::pixelsHigh() {
 
 std::optional<Data> Image::TIFFRepresentation() {
     implementation_->load();
-    if (implementation_->isAsRead()) return implementation_->source;
-    if (!implementation_->encoded) implementation_->encoded = implementation_->encode();
-    return implementation_->encoded;
+    return unlessOutOfMemory(kWhat, [this]() -> std::optional<Data> {
+        if (implementation_->isAsRead()) return implementation_->source;
+        if (!implementation_->encoded) implementation_->encoded = implementation_->encode();
+        return implementation_->encoded;
+    });
 }
 
 }  // namespace utilia::platform

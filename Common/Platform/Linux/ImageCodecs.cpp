@@ -111,7 +111,8 @@ Result<BitmapImageRep> decodeTIFF(std::span<const std::uint8_t> bytes,
     return bitmap;
 }
 
-Result<Data> encodeTIFF(std::span<const BitmapToWrite> toWrite) {
+Result<Data> encodeTIFF(std::span<const BitmapToWrite> toWrite,
+                        const UtiliaIconsProgress* progress) {
     constexpr std::string_view kDoing = "encode image";
     const UtiliaIconsModule* const module = icons();
     if (!module) return noModule();
@@ -124,7 +125,7 @@ Result<Data> encodeTIFF(std::span<const BitmapToWrite> toWrite) {
     std::size_t size = 0;
     std::array<char, kUtiliaIconsReasonSize> reason{};
     const std::unique_ptr<std::uint8_t, void (*)(std::uint8_t*)> bytes(
-        module->encode(all.data(), all.size(), &size, reason.data()), module->release);
+        module->encode(all.data(), all.size(), &size, progress, reason.data()), module->release);
     if (!bytes) return refused(kDoing, reason.data());
     return Data(bytes.get(), bytes.get() + size);
 }
@@ -151,9 +152,10 @@ Result<Data> encodeBitmap(const BitmapImageRep& bitmap, BitmapImageFileType type
     if (!sink.begin()) return sink.error(kDoing);
     if (type == BitmapImageFileType::Tiff) {
         const BitmapToWrite one{&bitmap};
-        auto bytes = encodeTIFF({&one, 1});
-        if (!bytes) return bytes;
-        if (auto told = sink.finish(kDoing); !told) return told;
+        const UtiliaIconsProgress told{sink.table()->context, sink.table()->progress};
+        auto bytes = encodeTIFF({&one, 1}, &told);
+        if (!bytes) return sink.isCancelled() ? sink.error(kDoing) : bytes;
+        if (auto end = sink.finish(kDoing); !end) return end;
         return bytes;
     }
     const UtiliaExportBitmaps* const module = bitmaps();

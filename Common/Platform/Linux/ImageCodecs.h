@@ -25,7 +25,8 @@ struct BitmapToWrite {
     const BitmapImageRep* bitmap;
     std::uint32_t compression = UtiliaIconsUncompressed;
 };
-Result<Data> encodeTIFF(std::span<const BitmapToWrite> bitmaps);
+Result<Data> encodeTIFF(std::span<const BitmapToWrite> bitmaps,
+                        const UtiliaIconsProgress* progress = nullptr);
 
 // The first picture of a file of any format but TIFF.
 Result<BitmapImageRep> decodeBitmap(std::span<const std::uint8_t> bytes);

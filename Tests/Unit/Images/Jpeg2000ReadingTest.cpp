@@ -212,4 +212,11 @@ TEST(Jpeg2000Reading, RefusesMoreChannelsThanColoursHave) {
     EXPECT_EQ(Image::initWithData(fileOf({.channels = std::vector<Channel>(9)})), nullptr);
 }
 
+TEST(Jpeg2000Reading, RefusesColoursThatAreNotUnderstood) {
+    Data file = fileOf({});
+    const std::string text(file.begin(), file.end());
+    file[text.find("colr") + 10] = 14;  // CIELab
+    EXPECT_EQ(Image::initWithData(file), nullptr);
+}
+
 }  // namespace

@@ -52,6 +52,8 @@ struct Layout {
         case OPJ_CLRSPC_GRAY:
             return colourComponents >= 1 ? std::optional(layout) : std::nullopt;
         default:
+            // The numbers of CIELab, which is no profile.
+            if (image.icc_profile_buf && image.icc_profile_len == 0) return std::nullopt;
             // Bare codestreams do not tell.
             if (colourComponents == 0) return std::nullopt;
             if (colourComponents >= 3) layout.colours = Colours::RGB;

@@ -29,8 +29,8 @@ bool decode(const std::uint8_t* bytes, std::size_t size, std::uint32_t number, s
 }
 
 std::uint8_t* encode(const UtiliaIconsBitmap* bitmaps, std::size_t count, std::size_t* size,
-                     char* reason) noexcept try {
-    return encodeBitmaps({bitmaps, count}, size, Reason(reason));
+                     const UtiliaIconsProgress* progress, char* reason) noexcept try {
+    return encodeBitmaps({bitmaps, count}, size, progress, Reason(reason));
 } catch (const std::bad_alloc&) {
     Reason(reason).set("not enough memory");
     return nullptr;

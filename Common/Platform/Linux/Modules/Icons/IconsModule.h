@@ -47,12 +47,18 @@ struct UtiliaIconsProfileTaker {
     bool (*take)(void* context, const std::uint8_t* bytes, std::size_t size);
 };
 
+// Is told which share of the writing is done, 0 to 1; answers false to give up.
+struct UtiliaIconsProgress {
+    void* context;
+    bool (*goesOn)(void* context, double done);
+};
+
 struct UtiliaIconsModule {
     std::uint32_t version;  // kUtiliaIconsVersion; the rest is only read when it matches
 
-    // Fills in the directories within the limits and answers how many there are; 0 for bytes that
-    // are no image: no TIFF, more directories than `capacity`, or a first directory that is beyond
-    // the limits or damaged.
+    // Fills in those of the first `capacity` directories that are within the limits, and answers how
+    // many there are; 0 for bytes that are no image: no TIFF, or a first directory that is beyond the
+    // limits or damaged.
     std::size_t (*list)(const std::uint8_t* bytes, std::size_t size,
                         UtiliaIconsDirectory* directories, std::size_t capacity);
 
@@ -64,9 +70,9 @@ struct UtiliaIconsModule {
                    char* reason);
 
     // Writes one directory for each bitmap. Answers null, and why, when it could not; else bytes
-    // that the caller gives back to `release`.
+    // that the caller gives back to `release`. `progress` may be null.
     std::uint8_t* (*encode)(const UtiliaIconsBitmap* bitmaps, std::size_t count, std::size_t* size,
-                            char* reason);
+                            const UtiliaIconsProgress* progress, char* reason);
     void (*release)(std::uint8_t* bytes);
 };
 

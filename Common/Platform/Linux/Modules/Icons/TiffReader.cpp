@@ -312,7 +312,7 @@ std::size_t listDirectories(std::span<const std::uint8_t> bytes,
     if (!tiff) return 0;
     std::size_t count = 0;
     for (std::uint32_t number = 0;; ++number) {
-        if (number >= directories.size()) return 0;
+        if (number >= directories.size()) return count;
         const auto directory = checkedDirectory(tiff, bytes.size());
         if (number == 0 && (!directory || !readPixels(tiff, *directory, nullptr))) return 0;
         if (directory) {

@@ -55,7 +55,25 @@ bool setFields(TIFF* tiff, const UtiliaIconsBitmap& bitmap, std::uint32_t rowsPe
     return done;
 }
 
-bool writeBitmap(TIFF* tiff, const UtiliaIconsBitmap& bitmap) {
+// What of all the rows is written, told as it goes.
+class WrittenRows final {
+public:
+    WrittenRows(std::span<const UtiliaIconsBitmap> bitmaps, const UtiliaIconsProgress* progress)
+        : progress_(progress) {
+        for (const UtiliaIconsBitmap& bitmap : bitmaps) all_ += bitmap.pixelsHigh;
+    }
+    bool add(std::uint32_t rows) {
+        written_ += rows;
+        return !progress_ || progress_->goesOn(progress_->context, written_ / all_);
+    }
+
+private:
+    const UtiliaIconsProgress* progress_;
+    double all_ = 0;
+    double written_ = 0;
+};
+
+bool writeBitmap(TIFF* tiff, const UtiliaIconsBitmap& bitmap, WrittenRows& written) {
     const std::size_t rowBytes = std::size_t{bitmap.pixelsWide} * 4;
     const std::uint32_t rowsPerStrip =
         std::min(bitmap.pixelsHigh,
@@ -66,7 +84,8 @@ bool writeBitmap(TIFF* tiff, const UtiliaIconsBitmap& bitmap) {
         const std::uint32_t rows = std::min(rowsPerStrip, bitmap.pixelsHigh - y);
         // libtiff copies 8-bit samples before it changes them, its interface just does not say so.
         auto* from = const_cast<std::uint8_t*>(bitmap.rgba) + rowBytes * y;
-        if (TIFFWriteEncodedStrip(tiff, strip, from, static_cast<tmsize_t>(rowBytes * rows)) < 0)
+        if (TIFFWriteEncodedStrip(tiff, strip, from, static_cast<tmsize_t>(rowBytes * rows)) < 0 ||
+            !written.add(rows))
             return false;
     }
     return TIFFWriteDirectory(tiff) != 0;
@@ -75,7 +94,7 @@ bool writeBitmap(TIFF* tiff, const UtiliaIconsBitmap& bitmap) {
 }  // namespace
 
 std::uint8_t* encodeBitmaps(std::span<const UtiliaIconsBitmap> bitmaps, std::size_t* size,
-                            Reason reason) {
+                            const UtiliaIconsProgress* progress, Reason reason) {
     std::size_t expected = kDirectoryBytes;
     for (const UtiliaIconsBitmap& bitmap : bitmaps) {
         const std::size_t bytes = std::size_t{bitmap.pixelsWide} * bitmap.pixelsHigh * 4;
@@ -84,8 +103,9 @@ std::uint8_t* encodeBitmaps(std::span<const UtiliaIconsBitmap> bitmaps, std::siz
     }
     TiffFile file(expected, reason);
     if (!file.tiff()) return nullptr;
+    WrittenRows written(bitmaps, progress);
     for (const UtiliaIconsBitmap& bitmap : bitmaps) {
-        if (!writeBitmap(file.tiff(), bitmap)) {
+        if (!writeBitmap(file.tiff(), bitmap, written)) {
             file.reason().set("cannot be written as TIFF");
             return nullptr;
         }

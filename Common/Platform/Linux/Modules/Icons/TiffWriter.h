@@ -11,6 +11,6 @@ namespace utilia::platform::icons {
 
 // UtiliaIconsModule::encode.
 std::uint8_t* encodeBitmaps(std::span<const UtiliaIconsBitmap> bitmaps, std::size_t* size,
-                            Reason reason);
+                            const UtiliaIconsProgress* progress, Reason reason);
 
 }  // namespace utilia::platform::icons
