@@ -2,6 +2,7 @@
 
 #include "Applications/utiliactl/AdminCommand.h"
 #include "Applications/utiliactl/DescriptionsCommand.h"
+#include "Applications/utiliactl/DoctorCommand.h"
 #include "Applications/utiliactl/EventsCommand.h"
 #include "Applications/utiliactl/ExtendedLoggingCommand.h"
 #include "Applications/utiliactl/FetchCommand.h"
@@ -23,6 +24,7 @@ namespace {
 
 std::vector<std::unique_ptr<Command>> allCommands() {
     std::vector<std::unique_ptr<Command>> commands;
+    commands.push_back(std::make_unique<DoctorCommand>());
     commands.push_back(std::make_unique<PortsCommand>());
     commands.push_back(std::make_unique<PortNameCommand>());
     commands.push_back(std::make_unique<StoreCommand>());

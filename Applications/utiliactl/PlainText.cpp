@@ -35,7 +35,7 @@ void append(std::string& text, const Value& value, std::size_t depth) {
     }
 }
 
-char harmless(char c) { return (c >= 0 && c < ' ') || c == '\x7f' ? '?' : c; }
+char harmlessCharacter(char c) { return (c >= 0 && c < ' ') || c == '\x7f' ? '?' : c; }
 
 std::size_t width(std::string_view text) { return utf16FromUtf8(text).size(); }
 
@@ -60,13 +60,18 @@ std::string table(const std::vector<std::string>& headings,
     const auto appendRow = [&](const std::vector<std::string>& row) {
         for (std::size_t column = 0; column < row.size(); ++column) {
             std::transform(row[column].begin(), row[column].end(), std::back_inserter(text),
-                           harmless);
+                           harmlessCharacter);
             if (column + 1 < row.size()) text.append(widths[column] - width(row[column]) + 2, ' ');
         }
         text += '\n';
     };
     appendRow(headings);
     for (const auto& row : rows) appendRow(row);
+    return text;
+}
+
+std::string harmless(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), harmlessCharacter);
     return text;
 }
 

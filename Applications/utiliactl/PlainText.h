@@ -18,7 +18,9 @@ std::string outline(const Value& value);
 std::string table(const std::vector<std::string>& headings,
                   const std::vector<std::vector<std::string>>& rows, std::string_view whenEmpty);
 
-// Text that cannot disturb a terminal: control characters as escapes, in quotes.
+// Text that cannot disturb a terminal: control characters are shown as "?".
+std::string harmless(std::string text);
+// The same in quotes, with control characters as escapes.
 std::string inQuotes(std::string_view text);
 
 }  // namespace utilia::control
