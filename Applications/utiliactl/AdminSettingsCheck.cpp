@@ -21,8 +21,10 @@ using platform::FileManager;
 using platform::ItemStatus;
 using Severity = Finding::Severity;
 
-constexpr std::string_view kKnownKeys[] = {kKAVUpdatesDisabled, kKAVUsageReportingDisabled,
-                                           kKAVWhiteToolsListKey};
+// The agent's own; the framework does not know it.
+constexpr std::string_view kHideRestrictedTools = "HideRestrictedTools";
+constexpr std::string_view kKnownKeys[] = {kHideRestrictedTools, kKAVUpdatesDisabled,
+                                           kKAVUsageReportingDisabled, kKAVWhiteToolsListKey};
 
 std::string inText(const Value& value) { return jsonFromValue(value).dump(); }
 
@@ -175,6 +177,11 @@ std::vector<Finding> checkSettings(const Dictionary& settings) {
             if (!value.boolean()) {
                 findings.add(Severity::Error,
                              "\"UpdatesDisabled\" is neither true nor false: " + inText(value));
+            }
+        } else if (key == kHideRestrictedTools) {
+            if (!value.boolean()) {
+                findings.add(Severity::Error,
+                             "\"HideRestrictedTools\" is neither true nor false: " + inText(value));
             }
         } else if (key == kKAVUsageReportingDisabled) {
             if (!value.boolean()) {

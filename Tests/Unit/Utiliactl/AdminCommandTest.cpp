@@ -1,3 +1,5 @@
+// Long file: the settings file with everything that can be wrong with it, through one fixture.
+
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -329,6 +331,11 @@ TEST_F(AdminCommand, ChecksWhatTheSettingsSay) {
             "error \"WhiteToolsList\" is no array, so that every tool is forbidden: \"Timer\""});
     mounts_.writeSettings(R"({"WhiteToolsList": []})");
     EXPECT_EQ(findings(0), std::vector<std::string>{"notice every tool is forbidden"});
+    mounts_.writeSettings(R"({"HideRestrictedTools": true})");
+    EXPECT_EQ(findings(0), std::vector<std::string>());
+    mounts_.writeSettings(R"({"HideRestrictedTools": "yes"})");
+    EXPECT_EQ(findings(1), std::vector<std::string>{
+                               "error \"HideRestrictedTools\" is neither true nor false: \"yes\""});
     mounts_.writeSettings(R"({"WhiteToolsList": ["business-toolset-only", "Timer"]})");
     EXPECT_EQ(findings(0), std::vector<std::string>{
                                "warning \"WhiteToolsList\" holds \"business-toolset-only\", "
