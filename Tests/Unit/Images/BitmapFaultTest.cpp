@@ -7,6 +7,7 @@
 
 #include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
 #include "Tests/Support/FaultInjection.h"
+#include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestLog.h"
 #include "Tests/Unit/Images/BitmapFixture.h"
 
@@ -69,6 +70,45 @@ TEST_P(BitmapFaults, OfMemoryMakeNoFileWhileItIsWritten) {
             }
         });
     EXPECT_EQ(runs > 0, !memoryFaults().empty());
+}
+
+TEST(ImageFaults, OfMemoryLeaveNoFunctionAsAnException) {
+    const TestLog log;
+    const TemporaryFolder folder;
+    const std::string path = (folder.path() / "picture.bmp").string();
+    writeFile(path, encoded(flag(9, 8), BitmapImageFileType::Bmp));
+    const BitmapImageRep picture = flag(7, 6);
+    const auto whole = Image::initWithBitmap(picture);
+    bool hasThrown = false;
+    std::size_t valid = 0;
+    const auto use = [&](Image& image) {
+        valid += image.isValid();
+        valid += image.pixelsWide() + image.pixelsHigh();
+        valid += image.representation(0).has_value();
+        valid += image.bitmap(0).has_value();
+        valid += image.CGImage().has_value();
+        valid += image.addRepresentation(BitmapImageRep{1, 1, Data()});
+        valid += image.TIFFRepresentation().has_value();
+        valid += image.representationUsingType(0, BitmapImageFileType::Bmp).has_value();
+    };
+    const std::size_t runs = forEachFault(
+        memoryFaults(),
+        [&] {
+            try {
+                if (const auto image = Image::initByReferencingFile(path)) use(*image);
+                if (const auto image = Image::imageWithContentsOfFile(path)) use(**image);
+                use(*whole);
+            } catch (...) {
+                hasThrown = true;
+            }
+        },
+        [&](const FaultRun& run) {
+            EXPECT_FALSE(hasThrown);
+            hasThrown = false;
+            static_cast<void>(run);
+        });
+    EXPECT_EQ(runs > 0, !memoryFaults().empty());
+    EXPECT_GT(valid, 0u);
 }
 
 }  // namespace
