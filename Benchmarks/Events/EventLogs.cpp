@@ -85,7 +85,6 @@ public:
 private:
     static void writeAndClose(int file) {
         put(file, sampleRecord());
-        check(flock(file, LOCK_UN), "unlock");
         close(file);
     }
     // False when somebody else was faster.

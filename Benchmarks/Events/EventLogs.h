@@ -24,8 +24,8 @@ std::string_view sampleRecord();
 std::unique_ptr<PeerLog> makeOwnLog();
 // The least: a write to a descriptor that stays open.
 std::unique_ptr<PeerLog> makeBareAppend(const std::string& folder);
-// The same system calls as the framework's, with ready bytes: open, flock, fstat, write, unlock and
-// close, and at 5 MiB exclusive lock, rename, footer, fchmod, fsync, and a new file that is
+// The same system calls as the framework's, with ready bytes: open, flock, fstat, write and close,
+// and at 5 MiB exclusive lock, rename, footer, fchmod, fsync, and a new file that is
 // published with its lock and header.
 std::unique_ptr<PeerLog> makeHandMadeLog(const std::string& folder);
 // spdlog's file sink, flushed after each record; nothing is ended.

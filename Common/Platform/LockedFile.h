@@ -85,12 +85,14 @@ public:
     static Result<void> removeName(const std::string& path);
 
 private:
-    explicit LockedFile(UniqueFd file);
+    explicit LockedFile(UniqueFd guarded);
+    void guardLate();
     void release();
     Result<int> readable();  // the descriptor
 
     UniqueFd file_;
-    UniqueFd reader_;  // of a file that was opened to append to
+    bool isGuardedLate_ = false;  // from children
+    UniqueFd reader_;             // of a file that was opened to append to
 };
 
 }  // namespace utilia::platform

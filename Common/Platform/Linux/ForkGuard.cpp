@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <mutex>
 #include <vector>
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -13,39 +15,62 @@ namespace {
 
 std::atomic<unsigned> forks = 0;
 
-struct Registry {
+struct Entries {
     std::mutex mutex;
     std::vector<int> descriptors;
 
-    Registry();
+    Entries();
 };
 
 // Made on first use and never destroyed: a fork may come from an exit handler too.
-Registry& registry() {
-    static Registry* const instance = new Registry;
+Entries& entries() {
+    static Entries* const instance = new Entries;
     return *instance;
 }
 
-Registry::Registry() {
-    pthread_atfork([] { registry().mutex.lock(); }, [] { registry().mutex.unlock(); },
+Entries::Entries() {
+    pthread_atfork([] { entries().mutex.lock(); }, [] { entries().mutex.unlock(); },
                    [] {
-                       for (const int descriptor : registry().descriptors) close(descriptor);
-                       registry().descriptors.clear();
+                       for (const int descriptor : entries().descriptors) ::close(descriptor);
+                       entries().descriptors.clear();
                        forks.fetch_add(1, std::memory_order_relaxed);
-                       registry().mutex.unlock();
+                       entries().mutex.unlock();
                    });
 }
 
 }  // namespace
 
 void ForkGuard::closeInChild(int descriptor) {
-    Registry& all = registry();
+    Entries& all = entries();
     const std::lock_guard guard(all.mutex);
     all.descriptors.push_back(descriptor);
 }
 
+int ForkGuard::open(const char* path, int flags, unsigned mode) {
+    Entries& all = entries();
+    const std::lock_guard guard(all.mutex);
+    // Before the file: where memory runs out, none is open.
+    all.descriptors.reserve(all.descriptors.size() + 1);
+    int descriptor;
+    do {
+        descriptor = ::open(path, flags, static_cast<mode_t>(mode));
+    } while (descriptor < 0 && errno == EINTR);
+    if (descriptor >= 0) all.descriptors.push_back(descriptor);
+    return descriptor;
+}
+
+bool ForkGuard::close(int descriptor) {
+    Entries& all = entries();
+    const std::lock_guard guard(all.mutex);
+    const auto found = std::find(all.descriptors.begin(), all.descriptors.end(), descriptor);
+    if (found == all.descriptors.end()) return false;
+    all.descriptors.erase(found);
+    ::close(descriptor);
+    return true;
+}
+
 bool ForkGuard::forget(int descriptor) {
-    Registry& all = registry();
+    Entries& all = entries();
     const std::lock_guard guard(all.mutex);
     const auto found = std::find(all.descriptors.begin(), all.descriptors.end(), descriptor);
     if (found == all.descriptors.end()) return false;

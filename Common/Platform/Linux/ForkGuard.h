@@ -10,6 +10,10 @@ namespace utilia::platform {
 class ForkGuard final {
 public:
     static void closeInChild(int descriptor);
+    // Opens a file that no child has, not even one that is forked at this moment; -1 with errno.
+    static int open(const char* path, int flags, unsigned mode = 0);
+    // Closes it in the same way. False in a forked child, where nothing is done.
+    static bool close(int descriptor);
     // To be called before the descriptor is closed. False in a forked child, where the descriptor
     // is closed already and its number may be another file's by now.
     static bool forget(int descriptor);

@@ -562,7 +562,7 @@ TEST_F(EventLogProcessTest, LosesNothingWhateverOthersDoWhileOneWrites) {
                     EXPECT_TRUE(fs::is_empty(folder_.path()));
                     prepare();
                 });
-            EXPECT_GT(points, 4u);
+            EXPECT_GE(points, 4u);  // open, flock, fstat, write
             Found rest;
             ASSERT_NO_FATAL_FAILURE(collected.countAll(file, rest));
         }
