@@ -11,6 +11,7 @@
 #include "Common/Logging/Log.h"
 #include "Common/Platform/Application.h"
 #include "Common/Platform/NotificationCenter.h"
+#include "Common/UtiliaCommon/CEP/CEPLog.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
 #include "Common/UtiliaCommon/UtiliaCommon.h"
 
@@ -87,5 +88,8 @@ int main() {
     application.finishLaunching();
     KeepAwakeTool tool;
     application.setDelegate(&tool);
-    return application.run();
+    CEPLog::sharedInstance().log("StartPermanent");
+    const int status = application.run();
+    CEPLog::sharedInstance().log("Quit");
+    return status;
 }

@@ -12,6 +12,7 @@
 #include "Applications/Tools/MoonPhase/MoonCalendar.h"
 #include "Common/Platform/Application.h"
 #include "Common/Platform/RunLoop.h"
+#include "Common/UtiliaCommon/CEP/CEPLog.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
 #include "Common/UtiliaCommon/UtiliaCommon.h"
 
@@ -98,5 +99,8 @@ int main() {
     application.finishLaunching();
     MoonPhaseTool tool;
     application.setDelegate(&tool);
-    return application.run();
+    utilia::CEPLog::sharedInstance().log("Start");
+    const int status = application.run();
+    utilia::CEPLog::sharedInstance().log("Quit");
+    return status;
 }

@@ -22,6 +22,7 @@
 #include "Common/Logging/Log.h"
 #include "Common/Platform/Application.h"
 #include "Common/Platform/NotificationCenter.h"
+#include "Common/UtiliaCommon/CEP/CEPLog.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
 #include "Common/UtiliaCommon/UtiliaCommon.h"
 #include "Integration/Qt/QtHost.h"
@@ -134,7 +135,9 @@ int main(int count, char** words) {
     colors.follow();
     ScreenCaptureTool tool(arguments);
     platform::Application::sharedApplication().setDelegate(&tool);
+    CEPLog::sharedInstance().log("Start");
     const int status = host.exec();
     platform::Application::sharedApplication().setDelegate(nullptr);
+    CEPLog::sharedInstance().log("Quit");
     return status;
 }

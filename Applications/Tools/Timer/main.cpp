@@ -17,6 +17,7 @@
 #include "Common/Platform/NotificationCenter.h"
 #include "Common/Platform/ProcessInfo.h"
 #include "Common/Platform/RunLoop.h"
+#include "Common/UtiliaCommon/CEP/CEPLog.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
 #include "Common/UtiliaCommon/UtiliaCommon.h"
 
@@ -131,5 +132,9 @@ int main(int count, char** words) {
     application.finishLaunching();
     TimerTool timer(arguments);
     application.setDelegate(&timer);
-    return application.run();
+    // For usage reporting, unless the user has switched it off.
+    CEPLog::sharedInstance().log("StartPermanent");
+    const int status = application.run();
+    CEPLog::sharedInstance().log("Quit");
+    return status;
 }

@@ -1,6 +1,7 @@
 #include <csignal>
 
 #include "Common/Platform/RunLoop.h"
+#include "Common/Platform/UserDefaults.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Tests/Process/Agent/AgentFixture.h"
 #include "Tests/Process/SampleImage.h"
@@ -50,6 +51,23 @@ TEST_F(AgentTrayTest, HasAMenuOfTheToolsAsTheyAre) {
     EXPECT_EQ(ask(panel, "spoken"), "Timer – 0:42, Running; World_Clock, Running");
     EXPECT_THAT(ask(panel, "changes"), testing::Not(HasSubstr("layout")))
         << "what has changed in place is told as that";
+}
+
+TEST_F(AgentTrayTest, OwnsTheUploadOfUsageReportsAndRecordsItsStartAndItsEnd) {
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    const auto preferences = platform::UserDefaults::initWithDomain("com.korvane.utilia");
+    const auto due = preferences->objectForKey("CEPSyncDate");
+    ASSERT_TRUE(due && due->date()) << "the first upload is due";
+    EXPECT_GT(*due->date(), Date::now());
+    agent.signal(SIGTERM);
+    EXPECT_EQ(agent.waitForExit(), 0);
+    std::ifstream file(home_.state() / "korvane-utilia/Library/Logs/krv.utilia.ceplog.xml");
+    const std::string recorded(std::istreambuf_iterator<char>(file), {});
+    EXPECT_THAT(recorded,
+                testing::ContainsRegex("tool=\"com.korvane.utilia\" [^\n]* action=\"Launch\"/>\n"
+                                       "<event [^\n]* action=\"Quit\"/>\n"));
 }
 
 TEST_F(AgentTrayTest, SaysWhenThereAreNoTools) {
