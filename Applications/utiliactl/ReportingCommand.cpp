@@ -1,5 +1,6 @@
 #include "Applications/utiliactl/ReportingCommand.h"
 
+#include <cerrno>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -71,9 +72,12 @@ Result<std::vector<Document>> documentsOfNextUpload() {
         if (!waiting) return waiting.error();
         for (const std::string& report : *waiting) {
             const std::string path = stringByAppendingPathComponent(folder, report);
+            const auto status = FileManager::attributesOfItemAtPath(path);
+            // What is no file is not sent as one.
+            if (status && status->type != platform::ItemStatus::Type::RegularFile) continue;
             const auto content = FileManager::contentsAtPath(path, kMaximumDocument);
-            // Accepted in the meantime, or nothing that is sent.
-            if (!content) continue;
+            if (!content && content.error().isPosix(ENOENT)) continue;  // accepted in the meantime
+            if (!content) return content.error();
             documents.push_back({path, std::string(content->begin(), content->end())});
         }
     }

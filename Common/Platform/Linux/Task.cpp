@@ -30,17 +30,17 @@ Result<UniqueFd> lockFile(const std::string& path, int operation) {
     return Error::utilia(UtiliaErrorCode::Busy, "flock " + path + ": held by somebody else");
 }
 
-// Whoever only looks, in isLocked(), has the lock for a moment.
+// Whoever only looks, in isLocked(), has a shared lock for a moment. That is waited for, a second at most; another task is
+// not.
 Result<UniqueFd> lockForTask(const std::string& path) {
-    constexpr int kTries = 20;
+    constexpr int kTries = 1000;
     constexpr timespec kPause{0, 1'000'000};
-    auto locked = lockFile(path, LOCK_EX);
-    for (int tries = 1; tries < kTries && !locked && locked.error().is(UtiliaErrorCode::Busy);
-         ++tries) {
+    for (int tries = 1;; ++tries) {
+        auto locked = lockFile(path, LOCK_EX);
+        if (locked || !locked.error().is(UtiliaErrorCode::Busy) || tries == kTries) return locked;
+        if (!lockFile(path, LOCK_SH)) return locked;
         nanosleep(&kPause, nullptr);
-        locked = lockFile(path, LOCK_EX);
     }
-    return locked;
 }
 
 }  // namespace

@@ -96,6 +96,16 @@ bool isReadyForReports(const std::string& folder) {
     return false;
 }
 
+// Whether the command can name the folder, and the output beside it; one log line when not.
+bool isUsableFolder(const std::string& folder) {
+    if (isUsableInUpload(folder) && isUsableInUpload(reportUploadOutput())) return true;
+    KULogVariadic(
+        "%@: nothing can be uploaded from %@, as its name holds one of , ; \" $ ` \\ or a "
+        "line break. What was recorded stays.",
+        kWhat, folder);
+    return false;
+}
+
 }  // namespace
 
 CEPLog& CEPLog::sharedInstance() {
@@ -328,8 +338,8 @@ std::vector<std::string> CEPLog::sendCEPImp(bool force) {
     return unlessOutOfMemory(kWhat, [&]() -> Reports {
         if (!isReportUploadBuilt() || isDisabledByAdministrator_) return {};
         if ((!force && isCEPDisabled()) || !cepOwner()) return {};
-        // Before anything is collected that could not be sent: a log that stays keeps its room.
-        if (!canUpload(logPath().value_or(reportFolder()))) return {};
+        // Before anything is collected that could never be sent.
+        if (!isUsableFolder(logPath().value_or(reportFolder()))) return {};
         std::optional<std::string> folder;
         {
             const auto turn = takeTurn();
@@ -339,29 +349,13 @@ std::vector<std::string> CEPLog::sendCEPImp(bool force) {
     });
 }
 
-bool CEPLog::canUpload(const std::string& folder) const {
-    if (!isUsableInUpload(folder) || !isUsableInUpload(reportUploadOutput())) {
-        KULogVariadic("%@: nothing can be uploaded from %@, as its name holds one of , ; \" $ ` \\ "
-                      "or a line break. What was recorded stays.",
-                      kWhat, folder);
-        return false;
-    }
-    const auto checked = checkReportUpload(uploadPlace());
-    if (!checked) KULogVariadic("%@: %@", kWhat, checked.error());
-    return checked.has_value();
-}
-
-ReportUploadPlace CEPLog::uploadPlace() const {
-    return {services_.endpoint, services_.curlHome, proxies_};
-}
-
 std::vector<std::string> CEPLog::sendReports(const std::string& folder) const {
     const auto waiting = waitingReports(folder);
     if (!waiting) {
         KULogVariadic("%@: %@", kWhat, waiting.error());
         return {};
     }
-    const ReportUploadPlace place = uploadPlace();
+    const ReportUploadPlace place{services_.endpoint, services_.curlHome, proxies_};
     std::vector<std::string> begun;
     for (const std::string& report : *waiting) {
         std::string path = stringByAppendingPathComponent(folder, report);

@@ -18,7 +18,6 @@
 #include "Common/Platform/Task.h"
 #include "Common/Platform/UserDefaults.h"
 #include "Common/UtiliaCommon/CEP/CEPClock.h"
-#include "Common/UtiliaCommon/CEP/ReportUpload.h"
 
 // Usage reporting: what the applications record, the switch by which a user ends that, and the
 // weekly upload of what was recorded, which one process does for all, its owner (the agent).
@@ -127,7 +126,8 @@ public:
     // its report when the server has accepted it. Answers the paths of those reports.
     //
     // From a folder whose name the command of the tasks cannot take nothing is uploaded or even
-    // collected, nor without what the framework's bundle brings for it; one log line says so.
+    // collected, and without what the framework's bundle brings for uploads reports wait; one log
+    // line says so.
     std::vector<std::string> sendCEPImp(bool force);
 
 private:
@@ -137,8 +137,6 @@ private:
     void uploadForTheLastTime();
     Result<void> beginUpload(bool force);
     void uploadEnded();
-    bool canUpload(const std::string& folder) const;
-    ReportUploadPlace uploadPlace() const;
     std::vector<std::string> sendReports(const std::string& folder) const;
 
     const CEPLogServices services_;

@@ -15,10 +15,6 @@ std::vector<std::string> reportUploadProxies() { return {}; }
 
 std::string reportUploadOutput() { return {}; }
 
-Result<void> checkReportUpload(const ReportUploadPlace&) {
-    return Error::utilia(UtiliaErrorCode::Unavailable, "this build does not upload");
-}
-
 bool isUsableInUpload(std::string_view) { return false; }
 
 std::string reportUploadCommand(std::string_view, std::string_view, std::string_view) { return {}; }

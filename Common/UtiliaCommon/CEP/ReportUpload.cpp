@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <initializer_list>
-#include <utility>
 
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Platform/Bundle.h"
@@ -86,7 +85,7 @@ std::string reportUploadCommand(std::string_view report, std::string_view output
     return filled(kFormat, {archive, report, archive, endpoint, output, archive, report});
 }
 
-Result<void> checkReportUpload(const ReportUploadPlace& place) {
+Result<platform::Task> reportUploadTask(const std::string& report, const ReportUploadPlace& place) {
     const std::string programs = programFolder();
     if (programs.empty())
         return missing("tar and curl for the upload are missing in the framework's bundle");
@@ -95,15 +94,10 @@ Result<void> checkReportUpload(const ReportUploadPlace& place) {
         return missing(programs + ": a colon in its name keeps tar and curl from being found");
     const std::string curlrc = stringByAppendingPathComponent(place.curlHome, ".curlrc");
     if (!FileManager::fileExistsAtPath(curlrc)) return missing(curlrc + " is missing");
-    return {};
-}
-
-Result<platform::Task> reportUploadTask(const std::string& report, const ReportUploadPlace& place) {
-    if (auto checked = checkReportUpload(place); !checked) return std::move(checked).error();
     platform::Task task;
     task.launchPath = "/bin/bash";
     task.arguments = {"-c", reportUploadCommand(report, reportUploadOutput(), place.endpoint)};
-    task.environment = {"PATH=" + programFolder() + ":" + std::string(kSystemPath),
+    task.environment = {"PATH=" + programs + ":" + std::string(kSystemPath),
                         "CURL_HOME=" + place.curlHome, "LC_ALL=C"};
     task.environment.insert(task.environment.end(), place.proxies.begin(), place.proxies.end());
     task.lockedFile = report;

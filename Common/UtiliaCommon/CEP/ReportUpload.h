@@ -33,9 +33,6 @@ std::vector<std::string> reportUploadProxies();
 // The file that takes what the server answers: "…/Library/Logs/krv.utilia.ceplog.log".
 UTILIA_EXPORT std::string reportUploadOutput();
 
-// Fails with NotFound when the framework's bundle, or the folder of the .curlrc, lacks what uploads need.
-Result<void> checkReportUpload(const ReportUploadPlace& place);
-
 // Whether the path means itself in the command: it holds none of , ; " $ ` \ and no line break.
 UTILIA_EXPORT bool isUsableInUpload(std::string_view path);
 
@@ -43,8 +40,8 @@ UTILIA_EXPORT bool isUsableInUpload(std::string_view path);
 UTILIA_EXPORT std::string reportUploadCommand(std::string_view report, std::string_view output,
                                               std::string_view endpoint);
 
-// The task that runs the command, and nothing but what it needs around it. Fails as
-// checkReportUpload().
+// The task that runs the command, and nothing but what it needs around it. Fails with NotFound when
+// the framework's bundle, or the folder of the .curlrc, lacks what uploads need.
 UTILIA_EXPORT Result<platform::Task> reportUploadTask(const std::string& report,
                                                       const ReportUploadPlace& place);
 

@@ -151,7 +151,7 @@ TEST_F(ReportUploadTest, WithoutItsConfigurationNothingIsUploaded) {
     log.log("Act");
     EXPECT_THAT(log.sendCEPImp(false), IsEmpty());
     EXPECT_THAT(messages_.lines(), ElementsAre(HasSubstr("missing/.curlrc is missing")));
-    EXPECT_THAT(actions(), ElementsAre("Act")) << "nor collected";
+    EXPECT_THAT(test::actionsIn(report(1)), ElementsAre("Act")) << "collected all the same";
 }
 
 TEST_F(ReportUploadTest, TheFrameworksBundleCarriesTheProgramsAndTheConfiguration) {
