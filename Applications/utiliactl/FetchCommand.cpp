@@ -19,8 +19,10 @@ Result<Data> load(const std::string& url, double timeout) {
     loader.loadUrl(
         url, [&answer](Data data) { answer = std::move(data); },
         [&answer](const Error& error, const std::string&) { answer = error; });
-    platform::RunLoop::mainRunLoop().runUntil([&answer] { return answer.has_value(); },
-                                              std::chrono::hours(24 * 365));
+    platform::RunLoop::mainRunLoop().runUntil(
+        [&] { return answer.has_value() || !loader.downloadDescriptionTask(); },
+        std::chrono::hours(24 * 365));
+    if (!answer) return Error::url(URLErrorCode::Unknown, "the load cannot begin");
     return *std::move(answer);
 }
 
@@ -48,8 +50,9 @@ Result<void> FetchCommand::run(std::ostream& out) {
     const auto data = load(url_, timeout_);
     if (!data) {
         return Error{data.error().domain, data.error().code,
-                     url_ + ": " + data.error().description + " (" + data.error().domain + " " +
-                         std::to_string(data.error().code) + ")"};
+                     WebDataLoader::withoutCredentials(url_) + ": " + data.error().description +
+                         " (" + data.error().domain + " " + std::to_string(data.error().code) +
+                         ")"};
     }
     if (output_.empty()) {
         out.write(reinterpret_cast<const char*>(data->data()),
@@ -58,7 +61,10 @@ Result<void> FetchCommand::run(std::ostream& out) {
     }
     if (const auto written = platform::FileManager::writeToFile(output_, *data); !written)
         return written.error();
-    if (json_) out << textOfJson({{"url", url_}, {"size", data->size()}, {"output", output_}});
+    if (json_)
+        out << textOfJson({{"url", WebDataLoader::withoutCredentials(url_)},
+                           {"size", data->size()},
+                           {"output", output_}});
     return {};
 }
 

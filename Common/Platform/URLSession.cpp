@@ -64,7 +64,11 @@ bool URLSessionDataTask::complete() noexcept {
 }
 
 void URLSessionDataTask::finish(URLSessionResult result) noexcept {
-    if (state_ == State::Canceling) result = failure(URLErrorCode::Cancelled, "cancelled");
+    if (state_ == State::Canceling) {
+        // The prepared error may be in it already.
+        if (result.error) preparedError_ = *std::move(result.error);
+        result = failure(URLErrorCode::Cancelled, "cancelled");
+    }
     // What the completion holds ends with it, and not with the task.
     const Completion completion = std::exchange(completion_, nullptr);
     if (completion) completion(shared_from_this(), std::move(result));

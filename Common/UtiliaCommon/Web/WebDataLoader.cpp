@@ -19,35 +19,28 @@ using platform::MainQueue;
 using platform::URLSessionDataTask;
 using platform::URLSessionResult;
 
-// Log lines are kept, and shown to others: without "user:password@".
-std::string withoutCredentials(const std::string& url) {
-    const std::size_t scheme = url.find("://");
-    if (scheme == std::string::npos) return url;
-    const std::size_t start = scheme + 3;
-    const std::size_t end = url.find_first_of("/?#", start);
-    const std::size_t sign = url.substr(0, end).rfind('@');
-    if (sign == std::string::npos || sign < start) return url;
-    return url.substr(0, start) + url.substr(sign + 1);
-}
-
 // 200 and 204.
 bool isSuccess(int statusCode) { return (statusCode | 4) == 204; }
 
 struct Load {
     Load(std::string_view address, WebDataLoader::SuccessHandler success,
          WebDataLoader::ErrorHandler error)
-        : url(address), loggedURL(withoutCredentials(url)), onSuccess(std::move(success)),
-          onError(std::move(error)) {}
+        : url(address), loggedURL(WebDataLoader::withoutCredentials(url)),
+          onSuccess(std::move(success)), onError(std::move(error)) {}
 
     // On the main queue.
     void handle() {
         // What the callbacks hold ends here, on the main thread.
         const auto success = std::move(onSuccess);
         const auto failure = std::move(onError);
-        if (task && !task->complete()) {
+        const bool isCancelled = result.error && result.error->is(URLErrorCode::Cancelled);
+        if ((task && !task->complete()) || isCancelled) {
             if (KUIsExtendedLoggingOn()) KULogVariadic("Web request cancelled");
         } else if (result.error) {
-            KULogVariadic("Error loading web resource at %@ : %@", loggedURL, *result.error);
+            unlessOutOfMemory("An error of loading a web resource", [this] {
+                KULogVariadic("Error loading web resource at %@ : %@", loggedURL,
+                              result.error->text());
+            });
             if (failure) failure(*result.error, url);
         } else if (!isSuccess(result.statusCode)) {
             KULogVariadic("Error loading web resource at %@. HTTP status code: %ld", loggedURL,
@@ -70,8 +63,7 @@ struct Load {
     WebDataLoader::SuccessHandler onSuccess;
     WebDataLoader::ErrorHandler onError;
     const Error noResource =
-        Error::url(URLErrorCode::ZeroByteResource,
-                   "The operation could not be completed (NSURLErrorDomain error -1014)");
+        Error::url(URLErrorCode::ZeroByteResource, "the answer is no success with content");
     Error outOfMemory = Error::url(URLErrorCode::Unknown, "out of memory");
     const std::thread::id beginner = std::this_thread::get_id();
     std::shared_ptr<URLSessionDataTask> task;
@@ -119,6 +111,16 @@ WebDataLoader::WebDataLoader(std::chrono::duration<double> requestTimeout) {
 }
 
 WebDataLoader::~WebDataLoader() = default;
+
+std::string WebDataLoader::withoutCredentials(std::string_view url) {
+    const std::size_t scheme = url.find("://");
+    if (scheme == std::string_view::npos) return std::string(url);
+    const std::size_t start = scheme + 3;
+    const std::size_t end = url.find_first_of("/?#", start);
+    const std::size_t sign = url.substr(0, end).rfind('@');
+    if (sign == std::string_view::npos || sign < start) return std::string(url);
+    return std::string(url.substr(0, start)).append(url.substr(sign + 1));
+}
 
 void WebDataLoader::loadUrl(std::string_view url, SuccessHandler onSuccess, ErrorHandler onError) {
     unlessOutOfMemory("Loading a web resource", [&] {

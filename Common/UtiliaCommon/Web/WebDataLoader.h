@@ -47,6 +47,9 @@ public:
     // begun on the main thread may still be running when this is called on another.
     void cancel();
 
+    // The URL as log lines have it, which others may see: without "user:password@".
+    static std::string withoutCredentials(std::string_view url);
+
     // The loader's own session. Null where there was no memory for one.
     std::shared_ptr<platform::URLSession> urlSession() const;
     void setUrlSession(std::shared_ptr<platform::URLSession> session);

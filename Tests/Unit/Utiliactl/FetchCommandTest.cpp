@@ -44,6 +44,8 @@ TEST_F(FetchCommandTest, SaysWhyNothingIsLoadedAndWritesNoFile) {
     EXPECT_THAT(refused, HasSubstr("utiliactl: " + url + ": "));
     EXPECT_THAT(refused, HasSubstr("(NSURLErrorDomain -1014)\n"));
     EXPECT_FALSE(std::filesystem::exists(file));
+    const std::string secret = "http://me:word@" + url.substr(7);
+    EXPECT_THAT(refusal(1, {"fetch", secret}), testing::Not(HasSubstr("word")));
     EXPECT_THAT(refusal(1, {"fetch", "ftp://example.test/"}),
                 HasSubstr("(NSURLErrorDomain -1002)\n"));
 }

@@ -109,8 +109,8 @@ TEST_F(WebDataLoaderTest, ErrorsArePassedOnAndLogged) {
     const Outcome outcome = outcomeOf(failed(URLErrorCode::TimedOut));
     EXPECT_EQ(outcome.error, Error::url(URLErrorCode::TimedOut, "as the test says"));
     EXPECT_EQ(outcome.url, kURL);
-    EXPECT_EQ(log_.lines(),
-              Lines{"Error loading web resource at http://example.com/page : as the test says"});
+    EXPECT_EQ(log_.lines(), Lines{"Error loading web resource at http://example.com/page : Error "
+                                  "Domain=NSURLErrorDomain Code=-1001 \"as the test says\""});
 }
 
 TEST_F(WebDataLoaderTest, NamesAndPasswordsOfAddressesAreNotLogged) {
@@ -176,6 +176,14 @@ TEST_F(WebDataLoaderTest, ACancelInsideTheCallbackOrAfterItDoesNothing) {
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(log_.count("cancelled"), 0u);
     EXPECT_EQ(transport_->cancels, 0);
+}
+
+TEST_F(WebDataLoaderTest, ATransportThatCancelsByItselfCallsNothing) {
+    for (const bool isExtended : {false, true}) {
+        setExtendedLoggingProbe([isExtended] { return isExtended; });
+        EXPECT_EQ(outcomeOf(failed(URLErrorCode::Cancelled)).calls(), 0);
+        EXPECT_EQ(log_.lines(), isExtended ? Lines{"Web request cancelled"} : Lines{});
+    }
 }
 
 TEST_F(WebDataLoaderTest, WithoutALoadThereIsNothingToCancel) {

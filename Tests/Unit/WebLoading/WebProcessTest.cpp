@@ -95,9 +95,10 @@ protected:
     std::string expectNoLoads() {
         ScriptedChild tool(ChildProcess::role("webTool", {}, {.program = program().string()}));
         const std::string answer = tool.ask("load", {"http://127.0.0.1:1/"});
-        EXPECT_EQ(tool.log(),
-                  std::vector<std::string>{"Error loading web resource at http://127.0.0.1:1/ : " +
-                                           answer.substr(answer.find(' ') + 1)});
+        EXPECT_EQ(tool.log(), std::vector<std::string>{
+                                  "Error loading web resource at http://127.0.0.1:1/ : Error "
+                                  "Domain=NSURLErrorDomain Code=-1 \"" +
+                                  answer.substr(answer.find(' ') + 1) + "\""});
         EXPECT_TRUE(answer.starts_with("-1 module Net: ")) << answer;
         EXPECT_EQ(tool.ask("load", {"http://127.0.0.1:1/"}), answer);
         return answer;
@@ -138,7 +139,7 @@ protected:
         std::ofstream(mounts_.etc() / name) << text;
     }
     ScriptedChild startTool(const std::string& nameServer) {
-        writeEtc("resolv.conf", "nameserver " + nameServer + "\n");
+        writeEtc("resolv.conf", "nameserver " + nameServer + "\noptions timeout:30 attempts:1\n");
         writeEtc("nsswitch.conf", "hosts: files dns\n");
         writeEtc("hosts", "127.0.0.1 localhost\n");
         return ScriptedChild(
@@ -186,8 +187,8 @@ TEST_F(WebInANetwork, ANameServerThatDoesNotAnswerHoldsUpNobodyElse) {
         tool.ask("load-in-milliseconds", {"300", "http://somewhere.test/"}).starts_with("-1001 "));
     EXPECT_EQ(tool.ask("cancel-lookup", {"http://elsewhere.test/"}), "0");
     EXPECT_EQ(tool.ask("load", {url}), "hello");
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4))
-        << "the resolver gives up after five";
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20))
+        << "the resolver gives up after thirty";
 }
 
 }  // namespace

@@ -204,6 +204,10 @@ TEST_F(DesktopProxy, IsNotWaitedForForLong) {
     fs::permissions(program, fs::perms::owner_all);
     auto tool = startTool({{"PATH", home_.path().string() + ":/usr/bin:/bin"}});
     EXPECT_EQ(tool.ask("load", {tool.ask("serve")}), "hello");
+    // Nor for one that says nothing more, and does not end.
+    std::ofstream(program) << "#!/bin/sh\nexec >&-\nexec sleep 1000\n";
+    auto closing = startTool({{"PATH", home_.path().string() + ":/usr/bin:/bin"}});
+    EXPECT_EQ(closing.ask("load", {closing.ask("serve")}), "hello");
     // Nor is a program that is missing.
     auto other = startTool({{"PATH", home_.path().string() + "/none"}});
     EXPECT_EQ(other.ask("load", {other.ask("serve")}), "hello");

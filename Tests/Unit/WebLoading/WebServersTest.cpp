@@ -1,3 +1,4 @@
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -76,6 +77,13 @@ TEST_F(WebServers, PackedPagesAreUnpacked) {
     const auto requests = server.waitForRequests(1);
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_NE(requests[0].headers.at("Accept-Encoding").find("gzip"), std::string::npos);
+}
+
+TEST_F(WebServers, PackedPagesThatAreTooLargeWhenUnpackedAreNotLoaded) {
+    const NginxServer server("gzip on; gzip_types *; gzip_min_length 1; gzip_comp_level 1;");
+    write(server, "page", "");
+    std::filesystem::resize_file(server.root() / "page", std::size_t{66} << 20);
+    expectError(URLErrorCode::DataLengthExceedsMaximum, server.url("/page"));
 }
 
 TEST_F(WebServers, PagesInChunksAreLoaded) {

@@ -317,7 +317,7 @@ void NetWorker::serveSockets(int timeout) {
         if (event.events & (EPOLLERR | EPOLLHUP)) what |= CURL_CSELECT_ERR;
         if (event.events & EPOLLIN) {
             const auto load = active_.find(static_cast<std::uint32_t>(event.data.u64 >> 32));
-            if (load != active_.end()) load->second.transfer->touch();
+            if (load != active_.end()) load->second.transfer->dataArrived();
         }
         if (!multi_) continue;
         code = curl_multi_socket_action(multi_.get(), static_cast<int>(event.data.u64 & 0xFFFFFFFF),

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <map>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
@@ -159,6 +160,17 @@ pid_t startProgram(int output) {
     return error == 0 ? process : 0;
 }
 
+// A program that has closed its output need not end. Where the kernel reaps this process's children by
+// itself, there is nothing to wait for.
+void reap(pid_t process) {
+    for (int tries = 0; tries < 50; ++tries) {
+        if (waitpid(process, nullptr, WNOHANG) != 0) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    kill(process, SIGKILL);
+    waitpid(process, nullptr, 0);
+}
+
 }  // namespace
 
 ProxySettings proxiesOfEnvironment(bool* isGiven) {
@@ -192,9 +204,7 @@ ProxySettings askDesktop() {
     close(ends[1]);
     const std::string answer = process != 0 ? readAll(ends[0], process) : "";
     close(ends[0]);
-    // The process may have asked the kernel to reap its children by itself; then there is nothing
-    // to wait for.
-    if (process != 0) waitpid(process, nullptr, 0);
+    if (process != 0) reap(process);
     return proxiesOfDesktop(answer);
 }
 

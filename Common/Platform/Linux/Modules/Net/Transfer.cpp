@@ -96,16 +96,6 @@ Clock::time_point Transfer::earliestDeadline() const {
 bool Transfer::prepare(CURL* easy, std::uint32_t number, const ProxySettings& desktop) try {
     if (asksDesktop_) proxies_ = desktop;
     easy_ = easy;
-    const Address address(curl_url());
-    if (!address) throw std::bad_alloc();
-    if (curl_url_set(address.get(), CURLUPART_URL, url_.c_str(), 0) != CURLUE_OK) {
-        fail(URLErrorCode::BadURL);
-        return false;
-    }
-    user_ = partOf(address.get(), CURLUPART_USER, CURLU_URLDECODE);
-    password_ = partOf(address.get(), CURLUPART_PASSWORD, CURLU_URLDECODE);
-    origin_ = originOf(address.get());
-
     const auto set = [easy](CURLoption option, auto value) {
         if (curl_easy_setopt(easy, option, value) == CURLE_OUT_OF_MEMORY) throw std::bad_alloc();
     };
@@ -118,12 +108,7 @@ bool Transfer::prepare(CURL* easy, std::uint32_t number, const ProxySettings& de
     set(CURLOPT_USERAGENT, "UtiliaCommon/" UTILIA_VERSION);
     set(CURLOPT_ACCEPT_ENCODING, "");
     set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
-    set(CURLOPT_PIPEWAIT, 1L);
     set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-    // By which libcurl divides the time among several addresses of a host.
-    set(CURLOPT_CONNECTTIMEOUT_MS,
-        static_cast<long>(std::clamp<Clock::rep>(
-            std::chrono::ceil<std::chrono::milliseconds>(idle_).count(), 1, 2'000'000'000)));
     set(CURLOPT_MAXFILESIZE_LARGE,
         static_cast<curl_off_t>(std::min<std::uint64_t>(maximumSize_, std::uint64_t{1} << 62)));
     if (!certificateFile_.empty()) set(CURLOPT_CAINFO, certificateFile_.c_str());
@@ -141,6 +126,17 @@ bool Transfer::prepare(CURL* easy, std::uint32_t number, const ProxySettings& de
     set(CURLOPT_RESOLVER_START_DATA, static_cast<void*>(this));
     set(CURLOPT_OPENSOCKETFUNCTION, &Transfer::openSocket);
     set(CURLOPT_OPENSOCKETDATA, static_cast<void*>(this));
+    // libcurl reads addresses itself; here they are only of interest for whom a password is.
+    if (server_.find('@') == std::string::npos) return setRequest(easy, url_, false);
+    const Address address(curl_url());
+    if (!address) throw std::bad_alloc();
+    if (curl_url_set(address.get(), CURLUPART_URL, url_.c_str(), 0) != CURLUE_OK) {
+        fail(URLErrorCode::BadURL);
+        return false;
+    }
+    user_ = partOf(address.get(), CURLUPART_USER, CURLU_URLDECODE);
+    password_ = partOf(address.get(), CURLUPART_PASSWORD, CURLU_URLDECODE);
+    origin_ = originOf(address.get());
     return setAddress(easy, address.get());
 } catch (const std::bad_alloc&) {
     fail(URLErrorCode::Unknown, "out of memory");
@@ -152,23 +148,41 @@ bool Transfer::setAddress(CURL* easy, CURLU* address) {
     curl_url_set(address, CURLUPART_USER, nullptr, 0);
     curl_url_set(address, CURLUPART_PASSWORD, nullptr, 0);
     const std::string url = partOf(address, CURLUPART_URL);
-    const bool isOfFirstHost = originOf(address) == origin_;
+    if (url.empty()) throw std::bad_alloc();
+    return setRequest(easy, url, !user_.empty() && originOf(address) == origin_);
+}
+
+bool Transfer::setRequest(CURL* easy, const std::string& url, bool isWithPassword) {
     const auto set = [easy](CURLoption option, const char* text) {
         return curl_easy_setopt(easy, option, text) == CURLE_OK;
     };
-    const bool isSet =
-        !url.empty() && set(CURLOPT_URL, url.c_str()) &&
-        set(CURLOPT_USERNAME, isOfFirstHost && !user_.empty() ? user_.c_str() : nullptr) &&
-        set(CURLOPT_PASSWORD, isOfFirstHost && !password_.empty() ? password_.c_str() : nullptr) &&
-        // Not empty texts for their own sake: they keep libcurl from reading the environment.
-        set(CURLOPT_PROXY, proxies_.forURL(url).c_str()) &&
-        set(CURLOPT_NOPROXY, proxies_.exceptions.c_str());
+    const bool isSet = set(CURLOPT_URL, url.c_str()) &&
+                       set(CURLOPT_USERNAME, isWithPassword ? user_.c_str() : nullptr) &&
+                       set(CURLOPT_PASSWORD, isWithPassword ? password_.c_str() : nullptr) &&
+                       // Also when they are empty: so libcurl does not read the environment.
+                       set(CURLOPT_PROXY, proxies_.forURL(url).c_str()) &&
+                       set(CURLOPT_NOPROXY, proxies_.exceptions.c_str());
     if (!isSet) throw std::bad_alloc();
+    // By this, libcurl divides the time among several addresses of a host.
+    setConnectLimit(idle_);
     lastActivity_ = kNotBegun;
     handedOver_ = Clock::now();
     loaded_ = 0;
     isInHead_ = false;
     return true;
+}
+
+void Transfer::setConnectLimit(Clock::duration limit) {
+    const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(limit).count();
+    isConnectLimited_ = limit == idle_;
+    curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT_MS,
+                     static_cast<long>(std::clamp<Clock::rep>(milliseconds, 1, 2'000'000'000)));
+}
+
+// A host that talks, if only about how to talk in secret, has been connected to.
+void Transfer::dataArrived() {
+    touch();
+    if (isConnectLimited_) setConnectLimit(std::chrono::hours(24 * 7));
 }
 
 bool Transfer::goOn(CURL* easy, CURLcode code) try {

@@ -46,8 +46,8 @@ public:
     // Tells the client; the last thing.
     void finish() noexcept;
 
-    // Data have arrived, or a connection is being made.
-    void touch() { lastActivity_ = Clock::now(); }
+    // Something has arrived at the socket.
+    void dataArrived();
     // When it is too late, unless there is activity. Silence does not count before the request has
     // begun, for it may have to wait for a connection.
     Clock::time_point deadline() const;
@@ -67,7 +67,10 @@ private:
     static int resolving(void*, void*, void* self);
     static curl_socket_t openSocket(void* self, curlsocktype purpose, curl_sockaddr* address);
 
+    void touch() { lastActivity_ = Clock::now(); }
     bool setAddress(CURL* easy, CURLU* address);
+    bool setRequest(CURL* easy, const std::string& url, bool isWithPassword);
+    void setConnectLimit(Clock::duration limit);
     bool follow(CURL* easy);
     bool takeHeader(std::string_view line);
     bool takeBody(const std::uint8_t* bytes, std::size_t size);
@@ -95,6 +98,7 @@ private:
     int redirects_ = 0;
     bool isInHead_ = false;  // its status line has come, and the empty line has not
     bool hasReceived_ = false;
+    bool isConnectLimited_ = false;
     URLErrorCode error_{0};
     long statusCode_ = 0;
     std::array<char, CURL_ERROR_SIZE> detail_{};       // what libcurl says
