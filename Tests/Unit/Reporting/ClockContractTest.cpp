@@ -40,7 +40,7 @@ struct FakeClockAtWork {
 template <class Clock>
 class ReportingClock : public testing::Test {
 protected:
-    const Clock at_;
+    const Clock at_{};
 };
 
 using Clocks = testing::Types<SystemClockAtWork, FakeClockAtWork>;
