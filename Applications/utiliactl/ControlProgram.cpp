@@ -18,6 +18,7 @@
 #include "Applications/utiliactl/StoreCommand.h"
 #include "Applications/utiliactl/SuggestionsCommand.h"
 #include "Applications/utiliactl/ToolsCommand.h"
+#include "Applications/utiliactl/WatchCommand.h"
 
 namespace utilia::control {
 namespace {
@@ -25,6 +26,7 @@ namespace {
 std::vector<std::unique_ptr<Command>> allCommands() {
     std::vector<std::unique_ptr<Command>> commands;
     commands.push_back(std::make_unique<DoctorCommand>());
+    commands.push_back(std::make_unique<WatchCommand>());
     commands.push_back(std::make_unique<PortsCommand>());
     commands.push_back(std::make_unique<PortNameCommand>());
     commands.push_back(std::make_unique<StoreCommand>());

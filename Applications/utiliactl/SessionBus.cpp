@@ -11,20 +11,17 @@ namespace {
 
 constexpr unsigned kPatience = 2000;  // milliseconds
 
-// A bus that is stopped takes connections and says nothing, so the greeting is waited for in a loop
-// of its own that can give up.
+// A bus that is stopped takes connections and says nothing, so the greeting is waited for in the main
+// loop, which can give up. (The connection tells that loop of its end, later.)
 class Greeting final {
 public:
-    Greeting() : context_(g_main_context_new()), cancelled_(g_cancellable_new()) {
-        g_main_context_push_thread_default(context_);
-        GSource* const timeout = g_timeout_source_new(kPatience);
-        g_source_set_callback(timeout, &Greeting::giveUp, this, nullptr);
-        g_source_attach(timeout, context_);
-        g_source_unref(timeout);
+    Greeting() : timeout_(g_timeout_source_new(kPatience)), cancelled_(g_cancellable_new()) {
+        g_source_set_callback(timeout_, &Greeting::giveUp, this, nullptr);
+        g_source_attach(timeout_, nullptr);
     }
     ~Greeting() {
-        g_main_context_pop_thread_default(context_);
-        g_main_context_unref(context_);
+        g_source_destroy(timeout_);
+        g_source_unref(timeout_);
         g_object_unref(cancelled_);
     }
     Greeting(const Greeting&) = delete;
@@ -36,7 +33,7 @@ public:
             static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                               G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
             nullptr, cancelled_, &Greeting::finish, this);
-        while (!isFinished_) g_main_context_iteration(context_, TRUE);
+        while (!isFinished_) g_main_context_iteration(nullptr, TRUE);
         if (connection_) return SessionBus(connection_);
         return Error::utilia(
             UtiliaErrorCode::Unavailable,
@@ -58,7 +55,7 @@ private:
         greeting.isFinished_ = true;
     }
 
-    GMainContext* context_;
+    GSource* timeout_;
     GCancellable* cancelled_;
     GDBusConnection* connection_ = nullptr;
     std::string failure_;
