@@ -214,6 +214,14 @@ TEST_F(WebDamage, PackedContentThatIsDamagedCannotBeDecoded) {
     expectError(URLErrorCode::CannotDecodeContentData, server.url());
 }
 
+// What libcurl cannot tell: the response is whole, what is packed in it is not.
+TEST_F(WebDamage, PackedContentThatIsCutOffIsTakenForWhatThereIs) {
+    const std::string gzip("\x1f\x8b\x08\x00\x00\x00\x00\x00\x00\x03", 10);
+    MisbehavingServer server(
+        says(std::string(kHead) + "Content-Encoding: gzip\r\nContent-Length: 10\r\n\r\n" + gzip));
+    EXPECT_EQ(load(server.url()).successes, 1);
+}
+
 TEST_F(WebDamage, NobodyAtTheHostIsNoConnection) {
     std::string url;
     {

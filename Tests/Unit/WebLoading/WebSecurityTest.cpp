@@ -1,6 +1,12 @@
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
 
 #include "Tests/Support/MisbehavingServer.h"
 #include "Tests/Support/NginxServer.h"
@@ -72,6 +78,48 @@ TEST_F(WebSecurity, NobodyAtTheHostIsNotAMatterOfSecurity) {
         url = server.url("/", "https");
     }
     expectError(URLErrorCode::CannotConnectToHost, url);
+}
+
+// Passes on to nginx what a client says, and back in small pieces with pauses.
+MisbehavingServer::Handler slowRelayTo(std::uint16_t port) {
+    return [port](MisbehavingServer::Connection& connection) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(port);
+        const platform::UniqueFd server(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (connect(server.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+            return;
+        for (;;) {
+            std::array<pollfd, 2> ends{
+                {{server.get(), POLLIN, 0}, {connection.descriptor(), POLLIN, 0}}};
+            std::array<char, 2048> bytes;
+            if (poll(ends.data(), ends.size(), -1) < 0) return;
+            if (ends[0].revents) {
+                const ssize_t size = recv(server.get(), bytes.data(), 60, 0);
+                std::this_thread::sleep_for(std::chrono::milliseconds(150));
+                if (size <= 0 || !connection.send({bytes.data(), static_cast<std::size_t>(size)})) {
+                    return;
+                }
+            } else {
+                const ssize_t size = recv(connection.descriptor(), bytes.data(), bytes.size(), 0);
+                if (size <= 0 || send(server.get(), bytes.data(), static_cast<std::size_t>(size),
+                                      MSG_NOSIGNAL) != size) {
+                    return;
+                }
+            }
+        }
+    };
+}
+
+TEST_F(WebSecurity, AHandshakeThatIsSlowAndSteadyIsNotCut) {
+    const NginxServer server("location / { return 200 secret; }",
+                             {.certificateNames = {"127.0.0.1"}});
+    trust(server);
+    MisbehavingServer relay(slowRelayTo(server.securePort()));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(load(relay.url("/", "https"), std::chrono::milliseconds(1200)).text(), "secret");
+    EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2000));
 }
 
 TEST_F(WebSecurity, CookiesAreNotKept) {
