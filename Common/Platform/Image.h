@@ -67,8 +67,8 @@ public:
     // The same, but reads the file now and tells why it cannot be: the file's own error, Refused
     // with the reason when it holds no image that is read, Unavailable without the module.
     static Result<std::shared_ptr<Image>> imageWithContentsOfFile(std::string_view path);
-    // Takes the pixels as they are, without a profile that does not describe RGB; empty when their size does not fit the sides, or the sides are
-    // 0 or beyond the limits.
+    // Takes the pixels as they are, without a profile that does not describe RGB; empty when their
+    // size does not fit the sides, or the sides are 0 or beyond the limits.
     static std::shared_ptr<Image> initWithBitmap(BitmapImageRep bitmap);
 
     Image(const Image&) = delete;
@@ -89,7 +89,8 @@ public:
     // of several pages is page one. Fails when there is none, or it is damaged.
     Result<std::shared_ptr<const BitmapImageRep>> CGImage();
     // Adds one more; answers false (and changes nothing) for pixels that initWithBitmap would
-    // refuse, and for more representations than the limit.
+    // refuse, and for more representations than the limit. What is written from then on are the
+    // representations: pages of a TIFF file that are none, past the limit or not read, are left out.
     bool addRepresentation(BitmapImageRep bitmap);
     // Of the largest representation; 0 without one.
     std::uint32_t pixelsWide();

@@ -15,10 +15,10 @@
 
 // An image keeps what it was made from: TIFF bytes, of which only the directories are known until
 // pixels are asked for, and bitmaps, which were handed in. Of every other format it keeps the
-// pixels, decoded at once: that tells whether there is an image at all. Bytes that nobody added to are their own
-// TIFF representation, so what was read goes out again exactly as it came, at the cost of a copy.
-// With a bitmap added to them, every directory is decoded and written anew with the compression it
-// had.
+// pixels, decoded at once: that tells whether there is an image at all. Bytes that nobody added to
+// are their own TIFF representation, so what was read goes out again exactly as it came, at the
+// cost of a copy. With a bitmap added to them, every directory is decoded and written anew with the
+// compression it had.
 
 namespace utilia::platform {
 namespace {
@@ -28,7 +28,7 @@ constexpr std::string_view kTemplateSuffix = "Template";
 
 // For what has an error to answer with. Making that takes less memory than what did not fit.
 template <class Function>
-std::invoke_result_t<Function> orOutOfMemory(Function function) {
+std::invoke_result_t<Function> orRefusedWithoutMemory(Function function) {
     try {
         return function();
     } catch (const std::bad_alloc&) {
@@ -180,7 +180,7 @@ std::shared_ptr<Image> Image::initByReferencingFile(std::string_view path) {
 }
 
 Result<std::shared_ptr<Image>> Image::imageWithContentsOfFile(std::string_view path) {
-    return orOutOfMemory([path]() -> Result<std::shared_ptr<Image>> {
+    return orRefusedWithoutMemory([path]() -> Result<std::shared_ptr<Image>> {
         auto implementation = std::make_unique<Implementation>();
         implementation->isTemplate = isTemplateName(path);
         if (auto done = implementation->readFile(std::string(path)); !done)
@@ -209,7 +209,7 @@ std::size_t Image::representationCount() {
 }
 
 Result<BitmapImageRep> Image::representation(std::size_t index) {
-    return orOutOfMemory([&]() -> Result<BitmapImageRep> {
+    return orRefusedWithoutMemory([&]() -> Result<BitmapImageRep> {
         const auto one = implementation_->find(index);
         if (!one) return one.error();
         if (const auto* held = std::get_if<Implementation::SharedBitmap>(*one)) return **held;
@@ -219,7 +219,7 @@ Result<BitmapImageRep> Image::representation(std::size_t index) {
 
 Result<std::shared_ptr<const BitmapImageRep>> Image::bitmap(std::size_t index) {
     using SharedBitmap = Implementation::SharedBitmap;
-    return orOutOfMemory([&]() -> Result<SharedBitmap> {
+    return orRefusedWithoutMemory([&]() -> Result<SharedBitmap> {
         const auto one = implementation_->find(index);
         if (!one) return one.error();
         if (const auto* held = std::get_if<SharedBitmap>(*one)) return *held;
@@ -241,7 +241,7 @@ bool Image::addRepresentation(BitmapImageRep bitmap) {
 
 Result<Data> Image::representationUsingType(std::size_t index, BitmapImageFileType type,
                                             const ExportProgress& progress) {
-    return orOutOfMemory([&]() -> Result<Data> {
+    return orRefusedWithoutMemory([&]() -> Result<Data> {
         const auto shared = bitmap(index);
         if (!shared) return shared.error();
         return encodeBitmap(**shared, type, progress);

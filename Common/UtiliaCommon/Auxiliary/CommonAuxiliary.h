@@ -32,8 +32,8 @@ namespace utilia {
 // followed; one that was not there before is removed again when it cannot be written whole, one
 // that was there keeps what was written until then.
 //
-// Threads: any, an image one at a time; the update descriptions in the agent only the one that uses the standard user
-// defaults.
+// Threads: any, an image one at a time; the update descriptions in the agent only the one that uses
+// the standard user defaults.
 class UTILIA_EXPORT CommonAuxiliary final {
 public:
     // The one instance of the process.

@@ -137,7 +137,7 @@ TEST_F(ModuleInAnotherPlace, WithAModuleOfAnotherVersionThereAreNoImages) {
     fs::create_directories(modules());
     fs::copy_file(UTILIA_FOREIGN_MODULE, modules() / "Icons.so");
     EXPECT_EQ(expectImagesToBeUnusable("symbol"),
-              "Images cannot be used: module Icons: version 999 instead of 2");
+              "Images cannot be used: module Icons: version 999 instead of 3");
 }
 
 const Data kPng{0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n', 0, 0, 0, 0};

@@ -172,7 +172,7 @@ TEST_F(ImageCommand, ShowsProgressOnATerminalAndTakesItAway) {
     options.standardError = terminal.path();
     options.standardOutput = at("out");
     auto child = ChildProcess::program(UTILIA_CONTROL_PROGRAM,
-                                       {"image", tallInput(1040), at("a.jp2")}, options);
+                                       {"image", tallInput(6000), at("a.jp2")}, options);
     EXPECT_EQ(child.waitForExit(std::chrono::seconds(120)), 0);
     const std::string shown = terminal.shownUntil("");
     EXPECT_NE(shown.find("\r\"" + at("a.jp2") + "\": "), std::string::npos) << shown;

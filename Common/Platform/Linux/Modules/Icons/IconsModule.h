@@ -10,7 +10,7 @@
 
 extern "C" {
 
-inline constexpr std::uint32_t kUtiliaIconsVersion = 2;
+inline constexpr std::uint32_t kUtiliaIconsVersion = 3;
 inline constexpr const char* kUtiliaIconsSymbol = "utiliaIconsModule";
 inline constexpr std::size_t kUtiliaIconsReasonSize = 256;
 
