@@ -26,7 +26,9 @@
 // As with every lock here, a forked child does not keep it. No child can be forked between the open
 // and the descriptor's entry in the guard, nor between the close and its removal; so the close alone
 // gives the lock up, and a record of a log costs one system call less. Only a file that is made is
-// entered later; its lock is given up by LOCK_UN, which reaches a child's copy, too.
+// entered later; its lock is given up by LOCK_UN, which reaches a child's copy, too. A child that is
+// spawned rather than forked has a copy until it is another program, and delays whoever waits for as
+// long; and no process is forked while an open hangs.
 //
 // The object does not keep the file's path, which would cost every record of a log an allocation:
 // for a message the kernel is asked.

@@ -9,6 +9,7 @@
 #include "Common/Logging/Log.h"
 #include "Common/Platform/FileManager.h"
 #include "Common/UtiliaCommon/CEP/EventLogReader.h"
+#include "Common/UtiliaCommon/CEP/EventRecord.h"
 
 // The life of a file:
 //
@@ -44,6 +45,8 @@ using platform::LockedFile;
 // Nobody is overtaken that often; but what lies there may be no log, and nobody's turn ever comes.
 constexpr int kMostAttempts = 10'000;
 constexpr std::uint32_t kLogMode = 0644;
+constexpr std::size_t kMostOfPieces = std::size_t{16} << 20;
+constexpr std::string_view kRootElement = "<KorvaneProblemReport>";
 constexpr std::size_t kChunk = std::size_t{256} << 10;
 
 bool isMissing(const Error& error) { return error.isPosix(ENOENT); }
@@ -65,13 +68,19 @@ Result<void> readAll(LockedFile& file, Take take) {
 struct Parts {
     std::string header;
     std::string records;
-    std::string pieces;
+    std::string pieces;  // at most kMostOfPieces of them
+    std::uint64_t pieceBytes = 0;
     bool hasFooter = false;
     bool isWhole = false;  // as it is: a header, records, the footer and nothing else
 
-    // A document of another program, which is not ours to mend.
+    // A document of another program, which is not ours to mend; nothing that a log of ours is cut to.
     bool isForeign() const {
-        return header.empty() && records.empty() && pieces.starts_with('<') && isXmlText(pieces);
+        const std::string_view text = pieces;
+        const std::string ownStart = std::string(kHeaderStart) + std::string(kRootElement);
+        return header.empty() && records.empty() && pieceBytes == pieces.size() &&
+               text.starts_with('<') && !text.starts_with(kEventStart) &&
+               !kEventStart.starts_with(text) && !ownStart.starts_with(text) &&
+               text.find(kRootElement) == std::string_view::npos && isXmlText(text);
     }
 };
 
@@ -91,7 +100,9 @@ Result<Parts> partsOf(LockedFile& file) {
             parts.hasFooter = true;
             break;
         case LogPart::Piece:
-            parts.pieces += bytes;
+            parts.pieceBytes += bytes.size();
+            // Zeros can go on for as long as the disk is.
+            parts.pieces += bytes.substr(0, kMostOfPieces - parts.pieces.size());
             [[fallthrough]];
         case LogPart::Blank:
             isInOrder = false;
@@ -105,7 +116,7 @@ Result<Parts> partsOf(LockedFile& file) {
     return parts;
 }
 
-void logPieces(std::size_t size, const std::string& name) {
+void logPieces(std::uint64_t size, const std::string& name) {
     KULogVariadic("%@: %@ bytes that are no whole event are left out", name, std::to_string(size));
 }
 
@@ -316,7 +327,7 @@ Result<platform::UniqueFd> EventLogFile::handOver(LockedFile& file, const std::s
         if (auto rewound = file.rewind(); !rewound) return std::move(rewound).error();
         return file.takeDescriptor();
     }
-    const std::size_t left = isForeign ? 0 : parts->pieces.size();
+    const std::uint64_t left = isForeign ? 0 : parts->pieceBytes;
     auto mended = LockedFile::createNameless(documentOf(*std::move(parts), facts_));
     if (!mended) return std::move(mended).error();
     if (left > 0) logPieces(left, name);

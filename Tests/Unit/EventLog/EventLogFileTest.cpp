@@ -217,6 +217,29 @@ TEST_F(EventLogFileTest, HandsOverAWholeDocumentWhateverWasLeftUnfinished) {
     }
 }
 
+TEST_F(EventLogFileTest, MakesADocumentOfWhatALogOfOursIsCutTo) {
+    const std::string header = sampleHeader();
+    const std::string cut = sampleRecord("cut", 1).substr(0, 90);
+    std::vector<std::string> contents = {"",       cut, "<", "<event", "<event timestamp=\"2026",
+                                         cut + cut};
+    for (std::size_t size = 1; size < header.size(); size += 7)
+        contents.push_back(header.substr(0, size));
+    for (const std::string& content : contents) {
+        for (const fs::path& place : {current(), more(), taken()}) {
+            SCOPED_TRACE(content);
+            writeTo(place, content);
+            EXPECT_EQ(contentOf(log().grab()), document(""));
+        }
+    }
+}
+
+TEST_F(EventLogFileTest, CollectsWhatIsThereBesideManyZeros) {
+    writeTo(more(), sampleHeader() + sampleRecord("a", 1));
+    fs::resize_file(more(), std::uintmax_t{200} << 20);
+    std::ofstream(more(), std::ios::app) << sampleRecord("b", 2);
+    EXPECT_EQ(contentOf(log().grab()), document(sampleRecord("a", 1) + sampleRecord("b", 2)));
+}
+
 TEST_F(EventLogFileTest, ShowsWhatWouldBeGrabbedAndTakesNothing) {
     const EventLogFile file = log(1);
     EXPECT_TRUE(file.documents().empty());
