@@ -30,22 +30,21 @@ std::optional<std::string> ownURL() {
     return bundle ? std::optional(bundle->bundlePath()) : std::nullopt;
 }
 
-// The reports that wait, and the log that the next one is made of.
+// What the next upload would send: the reports that wait, and those that it would make of the logs.
 QString documentsToSend() {
-    constexpr std::size_t kMaximumSize = 8u << 20;
-    std::vector<std::string> paths;
-    if (const auto waiting = waitingReports(reportFolder())) {
-        for (const std::string& report : *waiting)
-            paths.push_back(stringByAppendingPathComponent(reportFolder(), report));
-    }
-    paths.push_back(CEPLogPath());
+    constexpr std::size_t kMaximumSize = 64u << 20;
     QString documents;
-    for (const std::string& path : paths) {
-        const auto bytes = platform::FileManager::contentsAtPath(path, kMaximumSize);
-        if (bytes)
-            documents += QString::fromUtf8(reinterpret_cast<const char*>(bytes->data()),
-                                           static_cast<qsizetype>(bytes->size()));
+    if (const auto waiting = waitingReports(reportFolder())) {
+        for (const std::string& report : *waiting) {
+            const auto bytes = platform::FileManager::contentsAtPath(
+                stringByAppendingPathComponent(reportFolder(), report), kMaximumSize);
+            if (bytes)
+                documents += QString::fromUtf8(reinterpret_cast<const char*>(bytes->data()),
+                                               static_cast<qsizetype>(bytes->size()));
+        }
     }
+    for (const std::string& document : CEPLogDocuments())
+        documents += QString::fromStdString(document);
     return documents;
 }
 

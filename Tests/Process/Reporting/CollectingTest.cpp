@@ -120,8 +120,8 @@ TEST_F(CollectingTest, CollectorsAndWritersAtOnceLoseAndDoubleNothing) {
 }
 
 TEST_F(CollectingTest, CollectorsThatAreKilledLeaveNoUnfinishedReportAndDoubleNothing) {
-    constexpr int kKills = 60;
-    auto writer = ChildProcess::role("writeRecords", {"w", "1000000"});
+    constexpr int kKills = 30;
+    auto writer = ChildProcess::role("writeRecords", {"w", "20000"});
     ASSERT_EQ(writer.waitForLine(), "ready");
     writer.say("go");
     std::mt19937 random(20261121);
