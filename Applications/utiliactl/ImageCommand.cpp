@@ -6,12 +6,10 @@
 #include <string_view>
 #include <vector>
 
-#include "Applications/utiliactl/CollectedLog.h"
 #include "Applications/utiliactl/PlainText.h"
 #include "Applications/utiliactl/TerminalProgress.h"
 #include "Common/Foundation/PathFunctions.h"
-#include "Common/Platform/FileManager.h"
-#include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
+#include "Common/UtiliaCommon/Auxiliary/ImageExport.h"
 
 namespace utilia::control {
 namespace {
@@ -64,11 +62,6 @@ const Format* formatOfFile(const std::string& path) {
     return found == std::end(kFormats) ? nullptr : found;
 }
 
-Error cannotWrite(const std::string& path, const std::string& why) {
-    return Error::utilia(UtiliaErrorCode::Refused,
-                         why.empty() ? inQuotes(path) + " cannot be written" : why);
-}
-
 }  // namespace
 
 CLI::App* ImageCommand::declare(CLI::App& program) {
@@ -108,20 +101,18 @@ bool ImageCommand::isPDF() const {
 Result<void> ImageCommand::run(std::ostream& out) {
     const auto image = platform::Image::imageWithContentsOfFile(input_);
     if (!image) return image.error();
-    CommonAuxiliary& auxiliary = CommonAuxiliary::sharedInstance();
     TerminalProgress terminal(output_);
     const platform::ExportProgress progress = [&terminal](double done) {
         terminal.show(done);
         if (done >= 1) ignoreInterrupts();
         return true;
     };
-    const CollectedLog log;
     const Format* const format = type_.empty() ? formatOfFile(output_) : formatNamed(type_);
-    const bool isWritten =
-        isPDF() ? auxiliary.saveImageAsPDF(*image, output_, pageHeight_.value_or(0), progress)
-                : auxiliary.saveImage(*image, format->type, output_, progress);
+    const auto exported = isPDF() ? exportedPDF(*image, pageHeight_.value_or(0), progress)
+                                  : exportedBitmap(*image, format->type, progress);
     terminal.clear();
-    if (!isWritten) return cannotWrite(output_, log.lastLine());
+    if (!exported) return exported.error().withContext(output_);
+    if (const auto saved = saveExported(exported, output_); !saved) return saved.error();
     out << inQuotes(output_) << " is written.\n";
     return {};
 }

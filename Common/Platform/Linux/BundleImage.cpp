@@ -10,10 +10,7 @@ std::shared_ptr<Image> Bundle::imageForResource(std::string_view name) const {
     const auto path = pathForResource(name, "png");
     if (!path) return nullptr;
     auto image = Image::imageWithContentsOfFile(*path);
-    if (!image) {
-        KULogVariadic("An image of a bundle cannot be used: %@", image.error().description);
-        return nullptr;
-    }
+    if (!image) return nullptr;
     for (const char* const scale : {"@2x", "@3x"}) {
         const auto largerPath = pathForResource(std::string(name) + scale, "png");
         if (!largerPath) continue;

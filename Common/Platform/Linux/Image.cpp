@@ -69,12 +69,9 @@ struct Image::Implementation {
 
     Result<void> readTIFF(Data bytes) {
         const auto directories = directoriesOfTIFF(bytes);
-        if (directories.empty()) {
-            return Error::utilia(UtiliaErrorCode::Refused,
-                                 "decode image: no TIFF picture that can be read");
-        }
+        if (!directories) return directories.error();
         source = std::move(bytes);
-        representations.assign(directories.begin(), directories.end());
+        representations.assign(directories->begin(), directories->end());
         return {};
     }
 
@@ -83,14 +80,17 @@ struct Image::Implementation {
     void load() noexcept {
         if (unreadPath.empty()) return;
         const std::string path = std::exchange(unreadPath, {});
-        unlessOutOfMemory(kWhat, [&] { static_cast<void>(readFile(path)); });
+        unlessOutOfMemory(kWhat, [&] {
+            if (const auto done = readFile(path); !done) logUnavailable(done.error());
+        });
     }
 
     Result<void> readFile(const std::string& path) {
         auto bytes = FileManager::contentsAtPath(path, kImageMaximumFileSize);
         if (!bytes) return std::move(bytes).error();
         auto done = read(*std::move(bytes));
-        if (!done) return done.error().withContext(path);
+        if (!done && !done.error().is(UtiliaErrorCode::Unavailable))
+            return done.error().withContext(path);
         return done;
     }
 
@@ -142,7 +142,7 @@ struct Image::Implementation {
         if (bitmaps.empty()) return std::nullopt;
         auto bytes = encodeTIFF(bitmaps);
         if (bytes) return *std::move(bytes);
-        // That there is no module was logged when it was looked for.
+        logUnavailable(bytes.error());
         if (!bytes.error().is(UtiliaErrorCode::Unavailable))
             KULogVariadic("An image cannot be encoded: %s", bytes.error().description);
         return std::nullopt;
@@ -165,7 +165,10 @@ Image::~Image() = default;
 std::shared_ptr<Image> Image::initWithData(std::span<const std::uint8_t> bytes) {
     return unlessOutOfMemory(kWhat, [bytes]() -> std::shared_ptr<Image> {
         auto implementation = std::make_unique<Implementation>();
-        if (!implementation->read(bytes)) return nullptr;
+        if (const auto done = implementation->read(bytes); !done) {
+            logUnavailable(done.error());
+            return nullptr;
+        }
         return std::shared_ptr<Image>(new Image(std::move(implementation)));
     });
 }

@@ -2,7 +2,10 @@
 
 #include <array>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <set>
+#include <string>
 #include <utility>
 
 #include "Common/Logging/Log.h"
@@ -16,27 +19,16 @@ namespace {
 constexpr std::size_t kProfileHeader = 128;
 constexpr std::size_t kMaximumProfile = 4u << 20;
 
-// One line in the log of a process tells that a module is missing.
-template <class Table>
-const Table* orLogged(const Result<const Table*>& module) {
-    if (module) return *module;
-    KULogVariadic("Images cannot be used: %s", module.error().description);
-    return nullptr;
-}
-
-const UtiliaIconsModule* icons() {
-    static const UtiliaIconsModule* const module =
-        orLogged(moduleTable<UtiliaIconsModule>("Icons", kUtiliaIconsSymbol, kUtiliaIconsVersion));
+Result<const UtiliaIconsModule*> icons() {
+    static const Result<const UtiliaIconsModule*> module =
+        moduleTable<UtiliaIconsModule>("Icons", kUtiliaIconsSymbol, kUtiliaIconsVersion);
     return module;
 }
 
-const UtiliaExportBitmaps* bitmaps() {
-    static const UtiliaExportModule* const module = orLogged(exportModule());
-    return module ? module->bitmaps : nullptr;
-}
-
-Error noModule() {
-    return Error::utilia(UtiliaErrorCode::Unavailable, "the module for images cannot be used");
+Result<const UtiliaExportBitmaps*> bitmaps() {
+    const auto module = exportModule();
+    if (!module) return module.error();
+    return (*module)->bitmaps;
 }
 
 Error refused(std::string_view doing, std::string_view why) {
@@ -86,27 +78,29 @@ bool isTIFF(std::span<const std::uint8_t> bytes) {
     return imageSignature(bytes.data(), bytes.size()) == ImageSignature::TIFF;
 }
 
-std::vector<UtiliaIconsDirectory> directoriesOfTIFF(std::span<const std::uint8_t> bytes) {
-    const UtiliaIconsModule* const module = icons();
-    if (!module) return {};
+Result<std::vector<UtiliaIconsDirectory>> directoriesOfTIFF(std::span<const std::uint8_t> bytes) {
+    const auto module = icons();
+    if (!module) return module.error();
     std::array<UtiliaIconsDirectory, kImageMaximumRepresentations> directories{};
     const std::size_t count =
-        module->list(bytes.data(), bytes.size(), directories.data(), directories.size());
-    return {directories.begin(), directories.begin() + static_cast<std::ptrdiff_t>(count)};
+        (*module)->list(bytes.data(), bytes.size(), directories.data(), directories.size());
+    if (count == 0) return refused("decode image", "no TIFF picture that can be read");
+    return std::vector<UtiliaIconsDirectory>(
+        directories.begin(), directories.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
 Result<BitmapImageRep> decodeTIFF(std::span<const std::uint8_t> bytes,
                                   const UtiliaIconsDirectory& directory) {
     constexpr std::string_view kDoing = "decode image";
-    const UtiliaIconsModule* const module = icons();
-    if (!module) return noModule();
+    const auto module = icons();
+    if (!module) return module.error();
     BitmapImageRep bitmap;
     if (!beginPixels(&bitmap, directory.pixelsWide, directory.pixelsHigh))
         return refused(kDoing, "not enough memory");
     const UtiliaIconsProfileTaker taker{&bitmap, takeProfile};
     std::array<char, kUtiliaIconsReasonSize> reason{};
-    if (!module->decode(bytes.data(), bytes.size(), directory.number, bitmap.rgba.data(),
-                        bitmap.rgba.size(), &taker, reason.data()))
+    if (!(*module)->decode(bytes.data(), bytes.size(), directory.number, bitmap.rgba.data(),
+                           bitmap.rgba.size(), &taker, reason.data()))
         return refused(kDoing, reason.data());
     return bitmap;
 }
@@ -114,8 +108,8 @@ Result<BitmapImageRep> decodeTIFF(std::span<const std::uint8_t> bytes,
 Result<Data> encodeTIFF(std::span<const BitmapToWrite> toWrite,
                         const UtiliaIconsProgress* progress) {
     constexpr std::string_view kDoing = "encode image";
-    const UtiliaIconsModule* const module = icons();
-    if (!module) return noModule();
+    const auto module = icons();
+    if (!module) return module.error();
     std::vector<UtiliaIconsBitmap> all;
     for (const auto& [bitmap, compression] : toWrite) {
         const Data& profile = bitmap->colourProfile;
@@ -125,7 +119,8 @@ Result<Data> encodeTIFF(std::span<const BitmapToWrite> toWrite,
     std::size_t size = 0;
     std::array<char, kUtiliaIconsReasonSize> reason{};
     const std::unique_ptr<std::uint8_t, void (*)(std::uint8_t*)> bytes(
-        module->encode(all.data(), all.size(), &size, progress, reason.data()), module->release);
+        (*module)->encode(all.data(), all.size(), &size, progress, reason.data()),
+        (*module)->release);
     if (!bytes) return refused(kDoing, reason.data());
     return Data(bytes.get(), bytes.get() + size);
 }
@@ -134,12 +129,12 @@ Result<BitmapImageRep> decodeBitmap(std::span<const std::uint8_t> bytes) {
     constexpr std::string_view kDoing = "decode image";
     const auto type = fileTypeOf(bytes);
     if (!type) return refused(kDoing, "no format that is known");
-    const UtiliaExportBitmaps* const module = bitmaps();
-    if (!module) return noModule();
+    const auto module = bitmaps();
+    if (!module) return module.error();
     BitmapImageRep bitmap;
     const UtiliaExportTarget target{&bitmap, beginPixels, takeProfile};
     std::array<char, kUtiliaExportReasonSize> reason{};
-    if (!module->decode(*type, bytes.data(), bytes.size(), &target, reason.data()))
+    if (!(*module)->decode(*type, bytes.data(), bytes.size(), &target, reason.data()))
         return refused(kDoing, reason.data());
     if (!isWithinLimits(bitmap)) return refused(kDoing, "no pixels");
     return bitmap;
@@ -158,14 +153,23 @@ Result<Data> encodeBitmap(const BitmapImageRep& bitmap, BitmapImageFileType type
         if (auto end = sink.finish(kDoing); !end) return end;
         return bytes;
     }
-    const UtiliaExportBitmaps* const module = bitmaps();
-    if (!module) return noModule();
+    const auto module = bitmaps();
+    if (!module) return module.error();
     const Data& profile = bitmap.colourProfile;
     const UtiliaExportPixels pixels{bitmap.rgba.data(), bitmap.pixelsWide, bitmap.pixelsHigh,
                                     profile.empty() ? nullptr : profile.data(), profile.size()};
-    if (!module->encode(static_cast<std::uint32_t>(type), &pixels, sink.table(), sink.reason()))
+    if (!(*module)->encode(static_cast<std::uint32_t>(type), &pixels, sink.table(), sink.reason()))
         return sink.error(kDoing);
     return sink.finish(kDoing);
+}
+
+void logUnavailable(const Error& error) {
+    if (!error.is(UtiliaErrorCode::Unavailable)) return;
+    static std::mutex mutex;
+    static auto* const logged = new std::set<std::string>;
+    const std::lock_guard guard(mutex);
+    if (logged->insert(error.description).second)
+        KULogVariadic("Images cannot be used: %s", error.description);
 }
 
 bool isWithinLimits(const BitmapImageRep& bitmap) {

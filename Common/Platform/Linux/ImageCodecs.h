@@ -16,8 +16,8 @@ namespace utilia::platform {
 
 bool isTIFF(std::span<const std::uint8_t> bytes);
 
-// What lies in a TIFF file; empty when that is nothing.
-std::vector<UtiliaIconsDirectory> directoriesOfTIFF(std::span<const std::uint8_t> bytes);
+// What lies in a TIFF file, at least one.
+Result<std::vector<UtiliaIconsDirectory>> directoriesOfTIFF(std::span<const std::uint8_t> bytes);
 Result<BitmapImageRep> decodeTIFF(std::span<const std::uint8_t> bytes,
                                   const UtiliaIconsDirectory& directory);
 
@@ -32,6 +32,10 @@ Result<Data> encodeTIFF(std::span<const BitmapToWrite> bitmaps,
 Result<BitmapImageRep> decodeBitmap(std::span<const std::uint8_t> bytes);
 Result<Data> encodeBitmap(const BitmapImageRep& bitmap, BitmapImageFileType type,
                           const ExportProgress& progress);
+
+// For those who have no error to answer with: one line in the log of a process tells that a module
+// cannot be used. Other errors are none of it.
+void logUnavailable(const Error& error);
 
 // Whether these are within the limits, and there are as many bytes as they take.
 bool isWithinLimits(const BitmapImageRep& bitmap);

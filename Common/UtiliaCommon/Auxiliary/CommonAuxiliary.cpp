@@ -1,17 +1,18 @@
 #include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
 
 #include <algorithm>
+#include <new>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Logging/Log.h"
 #include "Common/Logging/MemoryGuard.h"
 #include "Common/Platform/Bundle.h"
-#include "Common/Platform/FileManager.h"
 #include "Common/Platform/LoginItems.h"
 #include "Common/Platform/Workspace.h"
-#include "Common/UtiliaCommon/Auxiliary/PDFPagesInternal.h"
+#include "Common/UtiliaCommon/Auxiliary/ImageExport.h"
 #include "Common/UtiliaCommon/LocalizedTexts.h"
 #include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
 #include "Common/UtiliaCommon/Resources/VersionManager.h"
@@ -26,7 +27,6 @@ using platform::LoginItems;
 constexpr std::string_view kWhat = "Login items";
 constexpr std::string_view kDescriptions = "Update descriptions";
 constexpr std::string_view kSuggestions = "Tool suggestions";
-constexpr std::string_view kExport = "Image export";
 
 struct List {
     LoginItems items;
@@ -62,23 +62,19 @@ bool isRunningTool(const Value& bundleIdentifier) {
            !platform::RunningApplication::runningApplicationsWithBundleIdentifier(*text).empty();
 }
 
-// An export that its caller has ended is no failure.
-void logExportFailure(const Error& error) {
-    if (!error.is(UtiliaErrorCode::Cancelled)) KULogVariadic("%@: %@", kExport, error.description);
+// What fails while an image is exported is answered by nothing, and no line in the log tells of it.
+template <class Function>
+std::invoke_result_t<Function> orNothing(Function function) {
+    try {
+        return function();
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
 }
 
-// What an export function made, as its caller gets it.
-std::optional<Data> exported(Result<Data> data) {
-    if (data) return *std::move(data);
-    logExportFailure(data.error());
-    return std::nullopt;
-}
-
-bool saved(const std::optional<Data>& data, std::string_view path) {
-    if (!data) return false;
-    const auto written = platform::FileManager::writeToFile(path, *data);
-    if (!written) logExportFailure(written.error());
-    return written.has_value();
+std::optional<Data> dataOf(Result<Data> exported) {
+    if (!exported) return std::nullopt;
+    return *std::move(exported);
 }
 
 }  // namespace
@@ -205,43 +201,33 @@ std::optional<Data>
 CommonAuxiliary::dataForImageAsPDF(const std::shared_ptr<platform::Image>& image,
                                    std::uint64_t pageHeight,
                                    const platform::ExportProgress& progress) {
-    return unlessOutOfMemory(kExport, [&]() -> std::optional<Data> {
-        if (!image) return std::nullopt;
-        auto picture = image->CGImage();
-        return exported(picture ? PDFPages(*picture, pageHeight, progress)
-                                : Result<Data>(std::move(picture).error()));
-    });
+    return orNothing([&] { return dataOf(exportedPDF(image, pageHeight, progress)); });
 }
 
 bool CommonAuxiliary::saveImageAsPDF(const std::shared_ptr<platform::Image>& image,
                                      std::string_view toFile, std::uint64_t pageHeight,
                                      const platform::ExportProgress& progress) {
-    return unlessOutOfMemory(
-        kExport, [&] { return saved(dataForImageAsPDF(image, pageHeight, progress), toFile); });
+    return orNothing(
+        [&] { return saveExported(exportedPDF(image, pageHeight, progress), toFile).has_value(); });
 }
 
 std::optional<Data> CommonAuxiliary::dataForImage(const std::shared_ptr<platform::Image>& image,
                                                   platform::BitmapImageFileType asType,
                                                   const platform::ExportProgress& progress) {
-    return unlessOutOfMemory(kExport, [&]() -> std::optional<Data> {
-        if (!image) return std::nullopt;
-        return exported(image->representationUsingType(0, asType, progress));
-    });
+    return orNothing([&] { return dataOf(exportedBitmap(image, asType, progress)); });
 }
 
 bool CommonAuxiliary::saveImage(const std::shared_ptr<platform::Image>& image,
                                 platform::BitmapImageFileType asType, std::string_view toFile,
                                 const platform::ExportProgress& progress) {
-    return unlessOutOfMemory(kExport,
-                             [&] { return saved(dataForImage(image, asType, progress), toFile); });
+    return orNothing(
+        [&] { return saveExported(exportedBitmap(image, asType, progress), toFile).has_value(); });
 }
 
 std::shared_ptr<platform::Image> CommonAuxiliary::watermarkImage() {
-    return unlessOutOfMemory(kExport, []() -> std::shared_ptr<platform::Image> {
+    return orNothing([]() -> std::shared_ptr<platform::Image> {
         const platform::Bundle* const bundle = platform::Bundle::frameworkBundle();
-        auto image = bundle ? bundle->imageForResource("Watermark") : nullptr;
-        if (!image) KULogVariadic("%@: the watermark is missing", kExport);
-        return image;
+        return bundle ? bundle->imageForResource("Watermark") : nullptr;
     });
 }
 

@@ -27,8 +27,8 @@ namespace utilia {
 // to. A tool that ends without taking that back, however it ends, is forgotten by the next query.
 //
 // Image export: what an image shows, as the content of a file that other programs read. Whatever is
-// wrong (no image, none that can be decoded, not enough memory) gives nothing, with one log line;
-// an end that progress asks for gives nothing without one. A file is written in place, links are
+// wrong (no image, none that can be decoded, not enough memory, an end that progress asks for) gives
+// nothing, and no line in the log. A file is written in place, links are
 // followed; one that was not there before is removed again when it cannot be written whole, one
 // that was there keeps what was written until then.
 //
@@ -89,7 +89,7 @@ public:
                    const platform::ExportProgress& progress = {});
 
     // The mark of the product to be laid over pictures: white and dark on transparency, in three
-    // sizes. Empty, with one log line, when the framework's bundle lacks it.
+    // sizes. Empty when the framework's bundle lacks it.
     std::shared_ptr<platform::Image> watermarkImage();
 };
 

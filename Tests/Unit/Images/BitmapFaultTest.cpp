@@ -1,4 +1,5 @@
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <vector>
@@ -72,13 +73,21 @@ TEST_P(BitmapFaults, OfMemoryMakeNoFileWhileItIsWritten) {
     EXPECT_EQ(runs > 0, !memoryFaults().empty());
 }
 
+// The test's own copy, which may not fit either.
+std::optional<BitmapImageRep> copyOf(const BitmapImageRep& bitmap) {
+    try {
+        return bitmap;
+    } catch (const std::bad_alloc&) {
+        return std::nullopt;
+    }
+}
+
 TEST(ImageFaults, OfMemoryLeaveNoFunctionAsAnException) {
     const TestLog log;
     const TemporaryFolder folder;
     const std::string path = (folder.path() / "picture.bmp").string();
     writeFile(path, encoded(flag(9, 8), BitmapImageFileType::Bmp));
     const BitmapImageRep picture = flag(7, 6);
-    const auto whole = Image::initWithBitmap(picture);
     bool hasThrown = false;
     std::size_t valid = 0;
     const auto use = [&](Image& image) {
@@ -87,7 +96,7 @@ TEST(ImageFaults, OfMemoryLeaveNoFunctionAsAnException) {
         valid += image.representation(0).has_value();
         valid += image.bitmap(0).has_value();
         valid += image.CGImage().has_value();
-        valid += image.addRepresentation(BitmapImageRep{1, 1, Data()});
+        if (auto more = copyOf(picture)) valid += image.addRepresentation(*std::move(more));
         valid += image.TIFFRepresentation().has_value();
         valid += image.representationUsingType(0, BitmapImageFileType::Bmp).has_value();
     };
@@ -97,7 +106,9 @@ TEST(ImageFaults, OfMemoryLeaveNoFunctionAsAnException) {
             try {
                 if (const auto image = Image::initByReferencingFile(path)) use(*image);
                 if (const auto image = Image::imageWithContentsOfFile(path)) use(**image);
-                use(*whole);
+                if (auto drawn = copyOf(picture)) {
+                    if (const auto image = Image::initWithBitmap(*std::move(drawn))) use(*image);
+                }
             } catch (...) {
                 hasThrown = true;
             }

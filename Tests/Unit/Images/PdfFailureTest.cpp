@@ -18,6 +18,7 @@
 
 #include "Common/Platform/FileManager.h"
 #include "Common/Platform/PDFContext.h"
+#include "Common/UtiliaCommon/Auxiliary/ImageExport.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/ChildRole.h"
 #include "Tests/Support/FaultInjection.h"
@@ -145,16 +146,18 @@ TEST(PdfFailures, OfTheFileKeepItWhenItWasThere) {
     EXPECT_LT(saved, runs);
 }
 
-TEST(PdfFailures, AreSaidOnceWithTheFile) {
+TEST(PdfFailures, AreErrorsWithTheFileAndNoLines) {
     const TestLog log;
     const TemporaryFolder folder;
     const fs::path path = folder.path() / "missing" / "pages.pdf";
     EXPECT_FALSE(save(imageOf(gradientPicture(5, 5)), path));
     EXPECT_FALSE(save(imageOf(gradientPicture(5, 5)), folder.path()));
-    EXPECT_EQ(log.lines(),
-              (std::vector<std::string>{
-                  "Image export: open " + path.string() + ": No such file or directory",
-                  "Image export: open " + folder.path().string() + ": Is a directory"}));
+    EXPECT_TRUE(log.lines().empty());
+    const auto exported = exportedPDF(imageOf(gradientPicture(5, 5)), 0, {});
+    EXPECT_EQ(saveExported(exported, path.string()).error().description,
+              "open " + path.string() + ": No such file or directory");
+    EXPECT_EQ(saveExported(exported, folder.path().string()).error().description,
+              "open " + folder.path().string() + ": Is a directory");
     EXPECT_FALSE(fs::exists(path.parent_path()));
 }
 

@@ -126,13 +126,12 @@ TEST_F(ImageCommand, SaysWhyAnImageCannotBeRead) {
 
 TEST_F(ImageCommand, SaysWhyAFileCannotBeWritten) {
     EXPECT_EQ(refusal(1, {"image", input(), at("nowhere/a.png")}),
-              "utiliactl: Image export: open " + at("nowhere/a.png") +
-                  ": No such file or directory\n");
+              "utiliactl: open " + at("nowhere/a.png") + ": No such file or directory\n");
     EXPECT_EQ(refusal(1, {"image", input(), at("nowhere/a.pdf")}),
-              "utiliactl: Image export: open " + at("nowhere/a.pdf") +
-                  ": No such file or directory\n");
+              "utiliactl: open " + at("nowhere/a.pdf") + ": No such file or directory\n");
     EXPECT_EQ(refusal(1, {"image", input(flag(2, 65'501)), at("a.jpg")}),
-              "utiliactl: Image export: encode image: JPEG holds at most 65,500 pixels a side\n");
+              "utiliactl: " + at("a.jpg") +
+                  ": encode image: JPEG holds at most 65,500 pixels a side\n");
     EXPECT_FALSE(hasWritten("a.jpg"));
 }
 
