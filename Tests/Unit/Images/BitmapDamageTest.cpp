@@ -195,6 +195,15 @@ std::vector<std::pair<std::string, Data>> hostileBitmaps() {
         for (const bool isProgressive : {false, true})
             files.emplace_back("JPEG " + name, jpegWithSides(shortWide, shortHigh, isProgressive));
     }
+    // As many channels as there may be.
+    Data channels = jpeg2000WithSides(11, 9, 11, false);
+    channels[40] = 0x40;
+    channels[41] = 0;
+    channels.insert(channels.begin() + 42, 3 * (0x4000 - 4), 7);
+    files.emplace_back("JPEG 2000 of channels", channels);
+    // As many tiles as there may be, each of which would take kilobytes.
+    for (const bool isFile : {false, true})
+        files.emplace_back("JPEG 2000 of tiles", jpeg2000WithSides(255, 256, 1, isFile));
     return files;
 }
 

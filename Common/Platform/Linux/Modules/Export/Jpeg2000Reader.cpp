@@ -223,11 +223,59 @@ bool readTiles(opj_codec_t* codec, Jpeg2000Stream& stream, opj_image_t& image, T
     return true;
 }
 
+std::uint64_t numberAt(Bytes bytes, std::size_t at) {
+    return std::uint64_t{bytes[at]} << 24 | std::uint64_t{bytes[at + 1]} << 16 |
+           std::uint64_t{bytes[at + 2]} << 8 | bytes[at + 3];
+}
+
+// The codestream in the boxes of a file, each of which begins with its length and its kind; empty
+// when there is none.
+Bytes codestreamOf(Bytes file) {
+    std::size_t at = 0;
+    while (at <= file.size() && file.size() - at >= 16) {
+        const bool isCodestream = beginsWith(file.data(), file.size(), "jp2c", 4, at + 4);
+        const std::uint64_t length = numberAt(file, at);
+        // 1 is followed by the true length in 8 bytes, 0 is to the end of the file.
+        if (isCodestream) return file.subspan(at + (length == 1 ? 16 : 8));
+        const std::uint64_t size =
+            length == 1 ? numberAt(file, at + 8) << 32 | numberAt(file, at + 12) : length;
+        if (size < 8 || size > file.size() - at) break;
+        at += static_cast<std::size_t>(size);
+    }
+    return {};
+}
+
+// Looks at the sizes that a codestream begins with, before OpenJPEG makes room for each tile that
+// they promise, which is some kilobytes a channel.
+bool sizesAreSound(Bytes codestream, Target& target) {
+    constexpr std::size_t kSizes = 42;
+    constexpr std::uint64_t kLeastOfTile = 14;  // its header, and the mark before its data
+    if (codestream.size() < kSizes ||
+        !beginsWith(codestream.data(), codestream.size(), "\xff\x4f\xff\x51", 4))
+        return target.reason().refuse("damaged header");
+    const auto number = [codestream](std::size_t at) { return numberAt(codestream, at); };
+    const std::uint64_t right = number(8), bottom = number(12), left = number(16), top = number(20);
+    const std::uint64_t tileWide = number(24), tileHigh = number(28);
+    const std::uint64_t tileLeft = number(32), tileTop = number(36);
+    if (left >= right || top >= bottom || tileLeft > left || tileTop > top || tileWide == 0 ||
+        tileHigh == 0)
+        return target.reason().refuse("damaged header");
+    const std::uint64_t tiles = ((right - tileLeft + tileWide - 1) / tileWide) *
+                                ((bottom - tileTop + tileHigh - 1) / tileHigh);
+    const unsigned components = codestream[40] * 256u + codestream[41];
+    if (components == 0 || components > kMaximumComponents)
+        return target.reason().refuse("an unknown number of channels");
+    if (tiles > codestream.size() / kLeastOfTile)
+        return target.reason().refuse("more tiles than the file can hold");
+    return target.accepts(right - left, bottom - top, kPixelsPerByte);
+}
+
 }  // namespace
 
 bool decodeJpeg2000(Bytes bytes, Target& target) {
     Reason& reason = target.reason();
     const bool isFile = imageSignature(bytes.data(), bytes.size()) == ImageSignature::JPEG2000;
+    if (!sizesAreSound(isFile ? codestreamOf(bytes) : bytes, target)) return false;
     const Jpeg2000Codec codec(opj_create_decompress(isFile ? OPJ_CODEC_JP2 : OPJ_CODEC_J2K));
     Jpeg2000Stream stream(bytes);
     if (!codec || !stream.stream()) return reason.refuse("not enough memory");
