@@ -24,12 +24,18 @@ if(NOT CMAKE_BUILD_TYPE)
     set(CMAKE_BUILD_TYPE RelWithDebInfo)
 endif()
 
-# The build tree has the shape of the install tree: programs in bin/, the library and its framework bundle in
-# lib/ (or what an installation has in its place).
+# The build tree has the shape of the install tree: programs in bin/, the library and its framework bundle in lib/. Where
+# an installation has another folder in its place, programs find it under that name as well.
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
-set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/${CMAKE_INSTALL_LIBDIR}")
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
 set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/archive")
-set(UTILIA_FRAMEWORK_DIR "${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/UtiliaCommon.framework")
+set(UTILIA_FRAMEWORK_DIR "${CMAKE_BINARY_DIR}/lib/UtiliaCommon.framework")
+if(NOT CMAKE_INSTALL_LIBDIR STREQUAL "lib")
+    set(utilia_other_name "${CMAKE_BINARY_DIR}/${CMAKE_INSTALL_LIBDIR}")
+    get_filename_component(utilia_other_folder "${utilia_other_name}" DIRECTORY)
+    file(MAKE_DIRECTORY "${CMAKE_LIBRARY_OUTPUT_DIRECTORY}" "${utilia_other_folder}")
+    file(CREATE_LINK "${CMAKE_LIBRARY_OUTPUT_DIRECTORY}" "${utilia_other_name}" SYMBOLIC)
+endif()
 
 find_program(UTILIA_CCACHE ccache)
 if(UTILIA_CCACHE)
