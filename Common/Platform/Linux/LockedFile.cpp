@@ -211,7 +211,13 @@ LockedFile& LockedFile::operator=(LockedFile&& other) noexcept {
 LockedFile::~LockedFile() { release(); }
 
 void LockedFile::guardLate() {
-    ForkGuard::closeInChild(file_.get());
+    try {
+        ForkGuard::closeInChild(file_.get());
+    } catch (...) {
+        // What the guard does not know, it does not close.
+        file_.reset();
+        throw;
+    }
     isGuardedLate_ = true;
 }
 

@@ -1,6 +1,6 @@
 #include "Common/UtiliaCommon/AdminSettings/KAVAdminStorage.h"
 
-#include <ctime>
+#include <chrono>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -132,9 +132,11 @@ TEST_F(AdminStorage, ADamagedFileIsSetAsideByAnotherMode) {
         mounts_.writeSettings(damage.text);
         EXPECT_TRUE(mounts_.run([&] {
             const TestLog log;
-            const auto before = std::time(nullptr);
+            // Not by time(), which lags behind by some milliseconds.
+            using Clock = std::chrono::system_clock;
+            const auto before = Clock::to_time_t(Clock::now());
             EXPECT_EQ(codeOfOpening(kOpenOrCreate), 0);
-            const auto after = std::time(nullptr);
+            const auto after = Clock::to_time_t(Clock::now());
             const auto names = namesIn(kFolder);
             ASSERT_EQ(names.size(), 2u);
             const std::string prefix = "settings.conf.backup.";

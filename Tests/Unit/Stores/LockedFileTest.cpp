@@ -72,13 +72,20 @@ TEST_F(LockedFileTest, IsNotKeptByAForkedChild) {
     ASSERT_TRUE(file);
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
+    int lifeSign[2];
+    ASSERT_EQ(pipe(lifeSign), 0);
     const pid_t child = fork();
+    char byte = 0;
     if (child == 0) {
         close(ends[1]);
-        char byte = 0;
+        if (write(lifeSign[1], "!", 1) != 1) _exit(2);
         _exit(static_cast<int>(read(ends[0], &byte, 1)));
     }
     close(ends[0]);
+    // Its copy ends with its first steps.
+    ASSERT_EQ(read(lifeSign[0], &byte, 1), 1);
+    close(lifeSign[0]);
+    close(lifeSign[1]);
     file = LockedFile::open("/nowhere", Access::Read, Lock::Shared);
     EXPECT_TRUE(isFree(LOCK_EX)) << "although the child lives";
     close(ends[1]);
