@@ -5,6 +5,7 @@
 #include "Common/Platform/Application.h"
 #include "Common/Platform/Port.h"
 #include "Common/Platform/RunLoop.h"
+#include "Common/Platform/Workspace.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataServerProvider.h"
 #include "Tests/Support/ChildRole.h"
 
@@ -28,6 +29,8 @@ UTILIA_CHILD_ROLE(deafPort) {
 // Agents as they are launched: without a channel to the test, they live as long as who launched
 // them.
 UTILIA_CHILD_ROLE(launchedAgent) {
+    // Before the port, as the start-up checks do it: who sees the port finds the agent running.
+    if (!platform::RunningApplication::registerCurrentApplication()) return 1;
     ToolDataServerProvider::sharedInstance();
     return platform::Application::sharedApplication().run();
 }
