@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,6 +13,7 @@
 #include "Common/UtiliaCommon/CEP/ReportUpload.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/NginxServer.h"
+#include "Tests/Support/TextBetween.h"
 #include "Tests/Unit/Reporting/ReportingFixture.h"
 
 namespace utilia::test {
@@ -43,15 +43,11 @@ struct SentForm {
         const std::string line = body.substr(0, body.find("\r\n"));
         const std::size_t head = body.find("\r\n\r\n");
         const std::size_t end = body.rfind("\r\n" + line + "--\r\n");
-        std::smatch match;
-        const std::string fields = body.substr(0, head);
+        const std::string fields = body.substr(0, head) + "\r\n";
         if (head == std::string::npos || end == std::string::npos) return form;
-        if (std::regex_search(fields, match, std::regex("; name=\"([^\"]*)\"")))
-            form.field = match[1];
-        if (std::regex_search(fields, match, std::regex("filename=\"([^\"]*)\"")))
-            form.fileName = match[1];
-        if (std::regex_search(fields, match, std::regex("Content-Type: ([^\r]*)")))
-            form.type = match[1];
+        form.field = textBetween(fields, "; name=\"", "\"");
+        form.fileName = textBetween(fields, "filename=\"", "\"");
+        form.type = textBetween(fields, "Content-Type: ", "\r\n");
         form.content = body.substr(head + 4, end - head - 4);
         return form;
     }

@@ -1,7 +1,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <limits>
-#include <regex>
 
 #include <time.h>
 
@@ -179,6 +178,21 @@ std::string spelling(char32_t unit) {
             static_cast<char>(0x80 | (unit & 0x3F))};
 }
 
+// References to characters that XML forbids as references to the replacement character.
+std::string withoutForbidden(const std::string& text) {
+    std::string result = text;
+    std::size_t place = 0;
+    while ((place = result.find("&#x", place)) != std::string::npos) {
+        const std::size_t end = result.find(';', place);
+        const auto code = std::stoul(result.substr(place + 3, end - place - 3), nullptr, 16);
+        const bool isControl = code < 0x20 && code != '\t' && code != '\n' && code != '\r';
+        if (isControl || (code >= 0xD800 && code <= 0xDFFF) || code == 0xFFFE || code == 0xFFFF)
+            result.replace(place, end - place, "&#xFFFD");
+        place += 3;
+    }
+    return result;
+}
+
 TEST(EventRecord, TransformsLikeTheOriginalPlatform) {
     std::size_t tried = 0;
     for (const auto& vector : test::testVectors("xml-hex")) {
@@ -195,8 +209,7 @@ TEST(EventRecord, TransformsLikeTheOriginalPlatform) {
         // The vectors are of the transform alone: before it, markup is escaped and what XML forbids
         // is replaced.
         if (input.starts_with('&')) expected.replace(0, 1, "&amp;");
-        const std::regex forbidden("&#x([0-8BCEF]|1[0-9A-F]|D[89A-F]..|FFF[EF]);");
-        expected = std::regex_replace(expected, forbidden, "&#xFFFD;");
+        expected = withoutForbidden(expected);
         EXPECT_EQ(escaped(input), expected);
         ++tried;
     }

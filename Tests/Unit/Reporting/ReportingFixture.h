@@ -5,7 +5,6 @@
 #include <iterator>
 #include <memory>
 #include <mutex>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -20,6 +19,7 @@
 #include "Common/UtiliaCommon/CEP/ReportFolder.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestLog.h"
+#include "Tests/Support/TextBetween.h"
 #include "Tests/Unit/Reporting/FakeClock.h"
 
 namespace utilia::test {
@@ -57,11 +57,15 @@ inline void writeFile(const std::filesystem::path& path, std::string_view conten
 
 // The actions of a document's records, in their order.
 inline std::vector<std::string> actionsIn(const std::string& document) {
-    static const std::regex record("<event [^>]* action=\"([^\"]*)\"");
     std::vector<std::string> actions;
-    for (std::sregex_iterator match(document.begin(), document.end(), record), end; match != end;
-         ++match)
-        actions.push_back((*match)[1]);
+    std::size_t position = 0;
+    for (;;) {
+        std::size_t start = position;
+        const std::string record = textBetween(document, "<event ", ">", &start);
+        if (start == std::string::npos) break;
+        position = start;
+        actions.push_back(textBetween(record, " action=\"", "\""));
+    }
     return actions;
 }
 
