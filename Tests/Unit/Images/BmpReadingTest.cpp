@@ -16,7 +16,8 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 
 void put(Data& to, std::uint32_t value, unsigned bytes) {
-    for (unsigned i = 0; i < bytes; ++i) to.push_back(static_cast<std::uint8_t>(value >> 8 * i));
+    for (unsigned i = 0; i < bytes; ++i)
+        to.push_back(static_cast<std::uint8_t>(std::uint64_t{value} >> 8 * i));
 }
 
 // A BMP file in its parts.

@@ -4,9 +4,9 @@
 // definition, it lacks even the table.
 #ifdef UTILIA_FOREIGN_VERSION
 extern "C" __attribute__((visibility("default"))) const std::uint32_t utiliaIconsModule[];
-const std::uint32_t utiliaIconsModule[] = {UTILIA_FOREIGN_VERSION};
+alignas(void*) const std::uint32_t utiliaIconsModule[] = {UTILIA_FOREIGN_VERSION};
 extern "C" __attribute__((visibility("default"))) const std::uint32_t utiliaExportModule[];
-const std::uint32_t utiliaExportModule[] = {UTILIA_FOREIGN_VERSION};
+alignas(void*) const std::uint32_t utiliaExportModule[] = {UTILIA_FOREIGN_VERSION};
 #else
 extern "C" __attribute__((visibility("default"))) int utiliaNothing();
 int utiliaNothing() { return 0; }
