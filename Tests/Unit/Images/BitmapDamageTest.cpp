@@ -301,12 +301,14 @@ TEST(BitmapMemory, IsWhatTheDocumentationSays) {
         EXPECT_EQ(side, 2000);
         EXPECT_GE(readKilobytes, kPixelKilobytes * 9 / 10) << "the measure sees nothing";
         const bool hasTiles = one.type == BitmapImageFileType::Jpeg2000;
-        if (kMeasuresMemory)
+        if (kMeasuresMemory) {
             EXPECT_LE(readKilobytes, kPixelKilobytes + (hasTiles ? 48 << 10 : 4 << 10));
+        }
         const auto [writtenKilobytes, size] = measured(one.type, "write");
         EXPECT_GT(size, 0);
-        if (kMeasuresMemory)
+        if (kMeasuresMemory) {
             EXPECT_LE(writtenKilobytes, 3 * size / 1024 + (hasTiles ? 48 << 10 : 8 << 10));
+        }
     }
 }
 
