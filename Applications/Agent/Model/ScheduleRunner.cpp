@@ -128,7 +128,8 @@ void ScheduleRunner::actOn(const Work& work) {
 }
 
 void ScheduleRunner::advance(const Occasion& occasion) const {
-    const auto& [identifier, name, date] = occasion;
+    const auto& [identifier, name, occasionDate] = occasion;
+    const Date date = occasionDate;
     double interval = 0;
     readSchedulerPlist(identifier, name,
                        [&](const Dictionary& record) { interval = intervalIn(record); });

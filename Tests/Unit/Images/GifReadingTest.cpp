@@ -61,6 +61,11 @@ Data fileOf(int wide, int high, const std::vector<GifFrame>& frames) {
             EGifGCBToExtension(&control, block);
             EGifPutExtension(gif, GRAPHICS_EXT_FUNC_CODE, 4, block);
         }
+        // giflib loses the last frame's colours when the next one has none.
+        if (!frame.hasOwnColours && gif->Image.ColorMap) {
+            GifFreeMapObject(gif->Image.ColorMap);
+            gif->Image.ColorMap = nullptr;
+        }
         EXPECT_EQ(EGifPutImageDesc(gif, frame.left, frame.top, frame.wide, frame.high,
                                    frame.isInterlaced, frame.hasOwnColours ? own : nullptr),
                   GIF_OK);
