@@ -117,7 +117,9 @@ Data pngWithSides(std::uint32_t wide, std::uint32_t high) {
 Data jpegWithSides(std::uint16_t wide, std::uint16_t high, bool isProgressive) {
     Data file = encoded(flag(11, 9), BitmapImageFileType::Jpeg);
     std::size_t at = 2;
-    while (file.at(at + 1) != 0xc0) at += 2u + (file.at(at + 2) << 8 | file.at(at + 3));
+    while (file.at(at + 1) != 0xc0) {
+        at += std::size_t{2} + file.at(at + 2) * std::size_t{256} + file.at(at + 3);
+    }
     if (isProgressive) file[at + 1] = 0xc2;
     for (const auto& [place, side] : {std::pair(5, high), std::pair(7, wide)}) {
         file[at + static_cast<std::size_t>(place)] = static_cast<std::uint8_t>(side >> 8);

@@ -86,7 +86,7 @@ Data rowsOf(const BmpFile& file, Value value) {
         unsigned filled = 0;
         for (std::uint32_t x = 0; x < static_cast<std::uint32_t>(file.wide); ++x) {
             if (file.bits >= 8) {
-                put(row, value(x, y), file.bits / 8);
+                put(row, static_cast<std::uint32_t>(value(x, y)), file.bits / 8);
                 continue;
             }
             if (filled == 0) row.push_back(0);

@@ -77,7 +77,6 @@ TEST_F(WebMemory, WhereItRunsOutEachLoadHasOneCallbackOrWasNeverBegun) {
     const std::string url = server.url("/to");
     EXPECT_EQ(load(url).successes, 1);  // what is made once
     std::size_t runs = 0;
-    std::size_t successes = 0;
     for (const Fault& fault : memoryFaults()) {
         for (const auto threads : {FaultThreads::Mine, FaultThreads::All}) {
             for (unsigned ordinal = 1;; ++ordinal) {
@@ -85,7 +84,6 @@ TEST_F(WebMemory, WhereItRunsOutEachLoadHasOneCallbackOrWasNeverBegun) {
                 Outcome outcome;
                 if (!loadWith(fault, ordinal, threads, url, outcome)) break;
                 ++runs;
-                successes += static_cast<std::size_t>(outcome.successes);
                 const bool isRefused = log_.count("out of memory") > 0;
                 ASSERT_TRUE(outcome.calls() == 1 || (outcome.calls() == 0 && isRefused))
                     << "allocation " << ordinal << ": " << outcome.calls();
