@@ -63,6 +63,11 @@ int pictureSide(const QFontMetrics& metrics) {
     return std::max(kSmallestPicture, 2 * metrics.height() + kLineGap - 4);
 }
 
+// As QPainter takes them: vertically centred.
+int flags(Qt::Alignment alignment) {
+    return static_cast<int>((alignment | Qt::AlignVCenter).toInt());
+}
+
 }  // namespace
 
 ToolItemModel::ToolItemModel(ToolList& tools, QObject* parent)
@@ -184,8 +189,8 @@ void ToolItemDelegate::paint(QPainter* painter, const QStyleOptionViewItem& plai
         painter->setPen(soft);
         painter->drawText(
             mirrored(place.adjusted(dot + 6, 0, 0, 0)),
-            Qt::AlignVCenter | Qt::AlignAbsolute |
-                (option.direction == Qt::RightToLeft ? Qt::AlignLeft : Qt::AlignRight),
+            flags(Qt::AlignAbsolute |
+                  (option.direction == Qt::RightToLeft ? Qt::AlignLeft : Qt::AlignRight)),
             stateText);
         const QRect mark(place.left(), place.center().y() - dot / 2, dot, dot);
         painter->setRenderHint(QPainter::Antialiasing);
@@ -207,12 +212,12 @@ void ToolItemDelegate::paint(QPainter* painter, const QStyleOptionViewItem& plai
     painter->setFont(bold);
     painter->setPen(isReady ? strong : soft);
     painter->drawText(
-        mirrored({left, top, width, nameMetrics.height()}), leading | Qt::AlignVCenter,
+        mirrored({left, top, width, nameMetrics.height()}), flags(leading),
         nameMetrics.elidedText(index.data(Qt::DisplayRole).toString(), Qt::ElideRight, width));
     top += nameMetrics.height() + kLineGap;
     painter->setFont(option.font);
     painter->setPen(soft);
-    painter->drawText(mirrored({left, top, width, metrics.height()}), leading | Qt::AlignVCenter,
+    painter->drawText(mirrored({left, top, width, metrics.height()}), flags(leading),
                       metrics.elidedText(more, Qt::ElideRight, width));
     painter->restore();
 }
