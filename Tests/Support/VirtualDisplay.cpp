@@ -164,6 +164,28 @@ void VirtualDisplay::click(const std::string& window, int x, int y) const {
     }
 }
 
+void VirtualDisplay::clickOnScreen(int x, int y, int button) const {
+    if (run({"xdotool", "mousemove", std::to_string(x), std::to_string(y), "click",
+             std::to_string(button)})
+            .status != 0) {
+        throw std::runtime_error("xdotool cannot click");
+    }
+}
+
+std::string VirtualDisplay::pixels(int left, int top, int width, int height) const {
+    const TemporaryFolder folder;
+    const fs::path picture = folder.path() / "pixels";
+    const std::string place = std::to_string(width) + "x" + std::to_string(height) + "+" +
+                              std::to_string(left) + "+" + std::to_string(top);
+    const auto taken = run({"import", "-silent", "-window", "root", "-crop", place, "-depth", "8",
+                            "rgb:" + picture.string()});
+    std::ifstream file(picture, std::ios::binary);
+    std::string bytes(std::istreambuf_iterator<char>(file), {});
+    if (taken.status != 0 || bytes.size() != static_cast<std::size_t>(3 * width * height))
+        throw std::runtime_error("import takes no picture");
+    return bytes;
+}
+
 void VirtualDisplay::end() { server_.kill(); }
 
 void VirtualDisplay::photograph(const fs::path& picture) const {

@@ -48,6 +48,10 @@ public:
     // Names of keys as xdotool has them: "Return", "alt+F4". They go to the window with the keyboard.
     void press(const std::vector<std::string>& keys) const;
     void click(const std::string& window, int x, int y) const;
+    // At a place of the screen, with a button of the mouse: 1 is the left one, 3 the right one.
+    void clickOnScreen(int x, int y, int button) const;
+    // A part of the screen, row by row: red, green and blue of each pixel.
+    std::string pixels(int left, int top, int width, int height) const;
     // The display goes away under its programs.
     void end();
     // The whole screen, as PNG.

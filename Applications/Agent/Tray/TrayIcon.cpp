@@ -44,13 +44,13 @@ void TrayIcon::show(QDBusConnection bus, QObject* menuPlace) {
     request << serviceName_ << 0u;
     bus_.asyncCall(request);
 
-    watcher_ = std::make_unique<QDBusServiceWatcher>(
-        watcherService(), bus_,
-        QDBusServiceWatcher::WatchForRegistration | QDBusServiceWatcher::WatchForUnregistration);
-    connect(watcher_.get(), &QDBusServiceWatcher::serviceRegistered, this,
-            [this] { registerWithPanel(); });
-    connect(watcher_.get(), &QDBusServiceWatcher::serviceUnregistered, this,
-            [this] { setShown(false); });
+    // Also when one panel follows another at once, which is neither the end nor the start of the service.
+    watcher_ = std::make_unique<QDBusServiceWatcher>(watcherService(), bus_,
+                                                     QDBusServiceWatcher::WatchForOwnerChange);
+    connect(watcher_.get(), &QDBusServiceWatcher::serviceOwnerChanged, this,
+            [this](const QString&, const QString&, const QString& owner) {
+                owner.isEmpty() ? setShown(false) : registerWithPanel();
+            });
     for (const QString& signal : {QStringLiteral("StatusNotifierHostRegistered"),
                                   QStringLiteral("StatusNotifierHostUnregistered")}) {
         bus_.connect(watcherService(), watcherPath(), watcherService(), signal, this,

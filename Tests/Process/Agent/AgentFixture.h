@@ -49,12 +49,15 @@ protected:
         return {std::istreambuf_iterator<char>(file), {}};
     }
     void startBus() { bus_ = std::make_unique<test::PrivateBus>(home_.runtime() / "bus"); }
-    // Answers when it has the name.
-    test::ChildProcess startPanel() const {
+    // It says "ready" when it has the name.
+    test::ChildProcess queuePanel() const {
         test::ChildProcessOptions options;
         options.environment = {{"DBUS_SESSION_BUS_ADDRESS", bus_->address()}};
         options.diesWithTest = true;
-        auto panel = test::ChildProcess::program(kPython, {UTILIA_PANEL}, options);
+        return test::ChildProcess::program(kPython, {UTILIA_PANEL}, options);
+    }
+    test::ChildProcess startPanel() const {
+        auto panel = queuePanel();
         EXPECT_EQ(panel.waitForLine(), "ready");
         return panel;
     }

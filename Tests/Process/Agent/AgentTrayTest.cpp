@@ -129,6 +129,24 @@ TEST_F(AgentTrayTest, ComesWhenThePanelIsLateAndComesBackWhenItRestarts) {
     EXPECT_EQ(ask(restarted, "menu"), withOwn("Timer"));
 }
 
+TEST_F(AgentTrayTest, GoesOverToAPanelThatWaitsForTheOtherOnesEnd) {
+    auto first = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(first, agent);
+    auto second = queuePanel();
+    ASSERT_TRUE(test::eventually([&] {
+        return test::runProgram({"gdbus", "call", "--session", "--dest", "org.freedesktop.DBus",
+                                 "--object-path", "/org/freedesktop/DBus", "--method",
+                                 "org.freedesktop.DBus.ListQueuedOwners",
+                                 "org.kde.StatusNotifierWatcher"},
+                                {{"DBUS_SESSION_BUS_ADDRESS", bus_->address()}})
+                   .text.find(", ") != std::string::npos;
+    }));
+    first.kill();
+    EXPECT_EQ(second.waitForLine(), "ready");
+    expectItem(second, agent);
+}
+
 TEST_F(AgentTrayTest, ComesBackAfterTheAgentWasKilled) {
     install(timer_);
     auto panel = startPanel();
