@@ -34,6 +34,11 @@ public:
         std::uint64_t device = 0;
         std::uint64_t inode = 0;
         bool isOwnerWritable = false;
+        bool hasName = false;
+
+        bool isSameFileAs(const Status& other) const {
+            return device == other.device && inode == other.inode;
+        }
     };
 
     // An existing file, whatever it is.
@@ -53,11 +58,15 @@ public:
 
     // Fails for anything but a plain file of this user: a folder with EISDIR, a pipe or device with
     // EACCES, another user's file with EPERM.
-    Result<Status> status() const;
+    Result<Status> status();
     // Whether `path` names this very file; false when it names none.
     Result<bool> isAtPath(const std::string& path) const;
-    // The shared lock is given up before the exclusive one is there.
-    Result<void> lockExclusively();
+    // Waits for the lock; one that the object has already is given up before the other is there.
+    Result<void> lock(Lock lock);
+    // The file stays open, and others may have their turn.
+    Result<void> unlock();
+    // False in a forked child, where the file is closed and only lets itself be destroyed.
+    bool isOfThisProcess() const;
 
     // In one step, and never finished in a second one: what could not be written whole is an error,
     // though a part of it may be in the file.
@@ -83,6 +92,8 @@ public:
     // The same, but EEXIST when the new name is taken.
     static Result<void> renameUnlessTaken(const std::string& path, const std::string& newPath);
     static Result<void> removeName(const std::string& path);
+    // Of whatever has that name, be it a link.
+    static Result<Status> statusAtPath(const std::string& path);
 
 private:
     explicit LockedFile(UniqueFd guarded);
@@ -91,7 +102,9 @@ private:
     Result<int> readable();  // the descriptor
 
     UniqueFd file_;
+    unsigned generation_;         // of processes, at the time of opening
     bool isGuardedLate_ = false;  // from children
+    bool isExamined_ = false;     // and found to be a plain file of this user
     UniqueFd reader_;             // of a file that was opened to append to
 };
 

@@ -30,6 +30,9 @@
 // spawned rather than forked has a copy until it is another program, and delays whoever waits for as
 // long; and no process is forked while an open hangs.
 //
+// An object may live on in a forked child, where its descriptor is closed and the number may be
+// another file's; the generation tells.
+//
 // The object does not keep the file's path, which would cost every record of a log an allocation:
 // for a message the kernel is asked.
 
@@ -79,6 +82,18 @@ int waitForLock(int descriptor, int operation) {
     if (errno != EWOULDBLOCK) return -1;
     const SlowLockWatch watch(descriptor, nameOf(descriptor));
     return lockUninterrupted(descriptor, operation);
+}
+
+// Why this is no plain file of this user; 0 when it is one.
+int refusal(const struct stat& found) {
+    if (S_ISDIR(found.st_mode)) return EISDIR;
+    if (!S_ISREG(found.st_mode)) return EACCES;
+    return found.st_uid == geteuid() ? 0 : EPERM;
+}
+
+LockedFile::Status statusOf(const struct stat& found) {
+    return {static_cast<std::uint64_t>(found.st_size), found.st_dev, found.st_ino,
+            (found.st_mode & S_IWUSR) != 0, found.st_nlink > 0};
 }
 
 // Whole, in one step.
@@ -161,7 +176,8 @@ Result<UniqueFd> createNamed(const std::string& path, mode_t mode,
 
 }  // namespace
 
-LockedFile::LockedFile(UniqueFd guarded) : file_(std::move(guarded)) {}
+LockedFile::LockedFile(UniqueFd guarded)
+    : file_(std::move(guarded)), generation_(ForkGuard::generation()) {}
 
 Result<LockedFile> LockedFile::open(const std::string& path, Access access, Lock lock) {
     return orOutOfMemory("open", path, [&]() -> Result<LockedFile> {
@@ -203,7 +219,9 @@ LockedFile& LockedFile::operator=(LockedFile&& other) noexcept {
         release();
         file_ = std::move(other.file_);
         reader_ = std::move(other.reader_);
+        generation_ = other.generation_;
         isGuardedLate_ = other.isGuardedLate_;
+        isExamined_ = other.isExamined_;
     }
     return *this;
 }
@@ -219,12 +237,15 @@ void LockedFile::guardLate() {
         throw;
     }
     isGuardedLate_ = true;
+    generation_ = ForkGuard::generation();
 }
 
 void LockedFile::release() {
     reader_.reset();
     if (!file_) return;
+    const bool isOwn = isOfThisProcess();
     const int descriptor = file_.release();
+    if (!isOwn) return;
     if (isGuardedLate_ && ForkGuard::forget(descriptor)) {
         lockUninterrupted(descriptor, LOCK_UN);
         close(descriptor);
@@ -238,14 +259,20 @@ UniqueFd LockedFile::takeDescriptor() {
     return std::move(file_);
 }
 
-Result<LockedFile::Status> LockedFile::status() const {
+Result<LockedFile::Status> LockedFile::status() {
     struct stat found {};
     if (fstat(file_.get(), &found) != 0) return failed("stat", file_.get());
-    if (S_ISDIR(found.st_mode)) return failed("examine", file_.get(), EISDIR);
-    if (!S_ISREG(found.st_mode)) return failed("examine", file_.get(), EACCES);
-    if (found.st_uid != geteuid()) return failed("examine", file_.get(), EPERM);
-    return Status{static_cast<std::uint64_t>(found.st_size), found.st_dev, found.st_ino,
-                  (found.st_mode & S_IWUSR) != 0};
+    if (!isExamined_) {
+        if (const int error = refusal(found)) return failed("examine", file_.get(), error);
+        isExamined_ = true;
+    }
+    return statusOf(found);
+}
+
+Result<LockedFile::Status> LockedFile::statusAtPath(const std::string& path) {
+    struct stat found {};
+    if (lstat(path.c_str(), &found) != 0) return Error::posix(errno, "stat", path);
+    return statusOf(found);
 }
 
 Result<bool> LockedFile::isAtPath(const std::string& path) const {
@@ -259,10 +286,17 @@ Result<bool> LockedFile::isAtPath(const std::string& path) const {
     return here.st_dev == there.st_dev && here.st_ino == there.st_ino;
 }
 
-Result<void> LockedFile::lockExclusively() {
-    if (waitForLock(file_.get(), LOCK_EX) != 0) return failed("flock", file_.get());
+Result<void> LockedFile::lock(Lock lock) {
+    if (waitForLock(file_.get(), operationFor(lock)) != 0) return failed("flock", file_.get());
     return {};
 }
+
+Result<void> LockedFile::unlock() {
+    if (lockUninterrupted(file_.get(), LOCK_UN) != 0) return failed("flock", file_.get());
+    return {};
+}
+
+bool LockedFile::isOfThisProcess() const { return generation_ == ForkGuard::generation(); }
 
 Result<void> LockedFile::append(std::string_view bytes) {
     ssize_t written;

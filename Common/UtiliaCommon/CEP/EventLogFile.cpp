@@ -33,6 +33,10 @@
 // under that name, the next one takes first. And it ends the current file under that name as well,
 // not under the overflow's, where another overflow may have come to lie meanwhile.
 //
+// A log stays open between records. Whoever ends it or removes it by these rules has left marks on
+// the file itself, which its writer sees once he has the lock: it is read-only, or has no name.
+// Against those who move it by no rule he looks at the name as well, unless he has just done so.
+//
 // A process can be killed at any point of this. A record that was cut is blanked when its file is
 // ended; everything else that a document needs and a killed process has not written is mended when
 // it is handed over (EventLogReader.h).
@@ -45,6 +49,8 @@ using platform::LockedFile;
 // Nobody is overtaken that often; but what lies there may be no log, and nobody's turn ever comes.
 constexpr int kMostAttempts = 10'000;
 constexpr std::uint32_t kLogMode = 0644;
+// Looking at a name costs three times as much as looking at an open file.
+constexpr std::chrono::milliseconds kTrustInName{10};
 constexpr std::size_t kMostOfPieces = std::size_t{16} << 20;
 constexpr std::string_view kRootElement = "<KorvaneProblemReport>";
 constexpr std::size_t kChunk = std::size_t{256} << 10;
@@ -169,6 +175,7 @@ EventLogFile::EventLogFile(Names names, Facts facts, std::uint64_t largestSize)
 
 EventLogCode EventLogFile::append(std::string_view record) const {
     if (record.size() > kLongestRecord) return EventLogCode::RecordNotWritten;
+    if (const auto code = appendToKept(record)) return *code;
     for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
         auto log = LockedFile::open(names_.CEPLogName, LockedFile::Access::Append,
                                     LockedFile::Lock::Shared);
@@ -181,9 +188,8 @@ EventLogCode EventLogFile::append(std::string_view record) const {
                 if (!isStillThere || *isStillThere) return EventLogCode::LogNotReady;
                 continue;
             }
-            if (status->size <= largestSize_)
-                return log->append(record) ? EventLogCode::Done : EventLogCode::RecordNotWritten;
-            if (!log->lockExclusively()) return EventLogCode::LogNotReady;
+            if (status->size <= largestSize_) return appendAndKeep(*std::move(log), record);
+            if (!log->lock(LockedFile::Lock::Exclusive)) return EventLogCode::LogNotReady;
             const auto isStillThere = log->isAtPath(names_.CEPLogName);
             if (!isStillThere) return EventLogCode::LogNotReady;
             if (!*isStillThere) continue;
@@ -200,6 +206,44 @@ EventLogCode EventLogFile::append(std::string_view record) const {
     return EventLogCode::LogNotReady;
 }
 
+Result<LockedFile::Status> EventLogFile::statusOfKept() const {
+    const auto now = std::chrono::steady_clock::now();
+    if (now - kept_.lookedAtName < kTrustInName) return kept_.file->status();
+    kept_.lookedAtName = now;
+    return LockedFile::statusAtPath(names_.CEPLogName);
+}
+
+// None where the log must be opened.
+std::optional<EventLogCode> EventLogFile::appendToKept(std::string_view record) const {
+    const std::unique_lock turn(kept_.turn, std::try_to_lock);
+    if (!turn || !kept_.file) return std::nullopt;
+    LockedFile& log = *kept_.file;
+    if (log.isOfThisProcess() && log.lock(LockedFile::Lock::Shared)) {
+        const auto status = statusOfKept();
+        if (status && status->isSameFileAs(kept_.status) && status->hasName &&
+            status->isOwnerWritable && status->size <= largestSize_) {
+            const bool isWritten = log.append(record).has_value();
+            if (!log.unlock()) kept_.file.reset();
+            return isWritten ? EventLogCode::Done : EventLogCode::RecordNotWritten;
+        }
+    }
+    kept_.file.reset();
+    return std::nullopt;
+}
+
+EventLogCode EventLogFile::appendAndKeep(LockedFile log, std::string_view record) const {
+    if (!log.append(record)) return EventLogCode::RecordNotWritten;
+    const std::unique_lock turn(kept_.turn, std::try_to_lock);
+    if (!turn) return EventLogCode::Done;
+    const auto status = log.status();
+    if (status && log.unlock()) {
+        kept_.file = std::move(log);
+        kept_.status = *status;
+        kept_.lookedAtName = std::chrono::steady_clock::now();
+    }
+    return EventLogCode::Done;
+}
+
 EventLogCode EventLogFile::createAndAppend(std::string_view record, bool* isTaken) const {
     const EventLogFacts facts = facts_();
     auto log = LockedFile::create(names_.CEPLogName, kLogMode, eventLogHeader(facts));
@@ -207,7 +251,7 @@ EventLogCode EventLogFile::createAndAppend(std::string_view record, bool* isTake
         *isTaken = log.error().isPosix(EEXIST);
         return EventLogCode::LogNotReady;
     }
-    return log->append(record) ? EventLogCode::Done : EventLogCode::RecordNotWritten;
+    return appendAndKeep(*std::move(log), record);
 }
 
 // The file has another name already. What fails here a collector makes good.

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,7 +18,7 @@ namespace utilia {
 // The log's files in their folder, and the protocol by which writers and collectors share them.
 // CEPLogEvent() and CEPLogGrab() are the process's one instance of it; codes are theirs.
 //
-// Threads: any, at the same time, for nothing changes in the object.
+// Threads: any, at the same time.
 class EventLogFile final {
 public:
     static constexpr std::uint64_t kLargestSize = 5'242'880;
@@ -52,6 +54,18 @@ private:
     enum class Taking { Done, Nothing, Overtaken, Failed };
     enum class Ending { Done, NameTaken, Failed };
 
+    // The log that was appended to last. It stays open, since opening costs more than all else that a
+    // record takes; locked it is only meanwhile.
+    struct Kept {
+        std::mutex turn;  // never waited for: whoever has no turn opens the log himself
+        std::optional<platform::LockedFile> file = {};
+        platform::LockedFile::Status status = {};
+        std::chrono::steady_clock::time_point lookedAtName = {};
+    };
+
+    Result<platform::LockedFile::Status> statusOfKept() const;
+    std::optional<EventLogCode> appendToKept(std::string_view record) const;
+    EventLogCode appendAndKeep(platform::LockedFile log, std::string_view record) const;
     EventLogCode createAndAppend(std::string_view record, bool* isTaken) const;
     std::optional<platform::LockedFile> openToLook(const std::string& name) const;
     Ending endSource(const std::string& source, EventLogCode* code) const;
@@ -64,6 +78,7 @@ private:
     Names names_;
     Facts facts_;
     std::uint64_t largestSize_;
+    mutable Kept kept_ = {};
 };
 
 }  // namespace utilia

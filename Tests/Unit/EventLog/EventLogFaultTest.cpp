@@ -61,7 +61,8 @@ protected:
     }
 
     // A record is there once if its writer was told so, and at most once otherwise.
-    void appendUnderEachFault(std::span<const test::Fault> table, std::uint64_t largestSize) {
+    void appendUnderEachFault(std::span<const test::Fault> table, std::uint64_t largestSize,
+                              bool isKeptOpen) {
         const EventLogFile file = log(largestSize);
         const std::string record = sampleRecord("a", 2);
         EventLogCode code = EventLogCode::Done;
@@ -69,7 +70,10 @@ protected:
             table,
             [&] {
                 empty();
-                EXPECT_EQ(log().append(sampleRecord("before", 1)), EventLogCode::Done);
+                const EventLogFile other = log();
+                EXPECT_EQ(other.append(sampleRecord("before", 1)), EventLogCode::Done);
+                EXPECT_EQ((isKeptOpen ? file : other).append(sampleRecord("before", 2)),
+                          EventLogCode::Done);
             },
             [&] { code = file.append(record); },
             [&](const FaultRun&) {
@@ -79,7 +83,7 @@ protected:
                 EXPECT_EQ(log().append(sampleRecord("after", 3)), EventLogCode::Done)
                     << "the next call without a fault succeeds";
                 const std::string all = collected();
-                EXPECT_EQ(count(all, "writer=\"before\""), 1u);
+                EXPECT_EQ(count(all, "writer=\"before\""), 2u);
                 EXPECT_EQ(count(all, "writer=\"after\""), 1u);
                 EXPECT_EQ(count(all, "writer=\"a\""), code == EventLogCode::Done ? 1u : 0u);
                 EXPECT_TRUE(fs::is_empty(folder_.path()));
@@ -125,11 +129,15 @@ protected:
 };
 
 TEST_F(EventLogFaultTest, AppendsOrSaysThatItDidNot) {
-    appendUnderEachFault(test::storageFaults(), EventLogFile::kLargestSize);
+    appendUnderEachFault(test::storageFaults(), EventLogFile::kLargestSize, false);
+}
+
+TEST_F(EventLogFaultTest, AppendsToTheLogThatItKeepsOrSaysThatItDidNot) {
+    appendUnderEachFault(test::storageFaults(), EventLogFile::kLargestSize, true);
 }
 
 TEST_F(EventLogFaultTest, EndsALogOrLeavesItToOthers) {
-    appendUnderEachFault(test::storageFaults(), 1);
+    appendUnderEachFault(test::storageFaults(), 1, false);
 }
 
 TEST_F(EventLogFaultTest, AppendsOrSaysThatMemoryHasRunOut) {
@@ -184,12 +192,12 @@ TEST_F(EventLogFaultTest, AnswersTheCodeOfEachStep) {
     EXPECT_EQ(grabWith(kUtiliaFaultRename, 1, EACCES), -780);
     const auto appendWith = [&](UtiliaFaultCall call, int error) {
         const ArmedFault fault({.call = call, .error = error});
-        const auto code = file.append(sampleRecord("a", 1));
+        const auto code = log().append(sampleRecord("a", 1));
         EXPECT_EQ(fault.hits(), 1u);
         return static_cast<int>(code);
     };
     empty();
-    EXPECT_EQ(file.append(sampleRecord("a", 1)), EventLogCode::Done);
+    EXPECT_EQ(log().append(sampleRecord("a", 1)), EventLogCode::Done);
     EXPECT_EQ(appendWith(kUtiliaFaultOpen, EACCES), -1051);
     EXPECT_EQ(appendWith(kUtiliaFaultFlock, ENOLCK), -1051);
     EXPECT_EQ(appendWith(kUtiliaFaultFstat, EIO), -1051);

@@ -1,10 +1,14 @@
+// Long file: the cases share how a log is made and what a collector gets.
+#include <chrono>
 #include <cstdlib>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "Common/UtiliaCommon/CEP/EventLogReader.h"
@@ -52,6 +56,16 @@ protected:
 
     test::TemporaryFolder folder_;
 };
+
+// How many descriptors of this process lead there.
+int openFilesAt(const fs::path& path) {
+    int count = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        count += fs::equivalent(entry.path(), path, gone) ? 1 : 0;
+    }
+    return count;
+}
 
 // Until the kernel has a process waiting for the lock on the file.
 void waitForSomebodyWhoWaits(int descriptor) {
@@ -134,6 +148,130 @@ TEST_F(EventLogFileTest, BeginsAnewWhereItsFileWasEnded) {
     writer.join();
     EXPECT_EQ(test::contentOf(more()), sampleHeader());
     EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 1));
+}
+
+// Longer than a writer trusts that its log still has the name.
+void waitUntilTheNameIsLookedAt() { std::this_thread::sleep_for(std::chrono::milliseconds(20)); }
+
+TEST_F(EventLogFileTest, KeepsItsLogOpenAndUnlocked) {
+    const EventLogFile file = log();
+    for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
+    EXPECT_EQ(openFilesAt(current()), 1);
+    const int descriptor = open(current().c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(flock(descriptor, LOCK_EX | LOCK_NB), 0);
+    close(descriptor);
+    waitUntilTheNameIsLookedAt();
+    EXPECT_EQ(file.append(sampleRecord("a", 3)), EventLogCode::Done);
+    EXPECT_EQ(openFilesAt(current()), 1);
+    EXPECT_EQ(test::contentOf(current()),
+              sampleHeader() + sampleRecord("a", 1) + sampleRecord("a", 2) + sampleRecord("a", 3));
+}
+
+TEST_F(EventLogFileTest, LeavesALogThatIsRemovedOrReplaced) {
+    const EventLogFile file = log();
+    const auto keepOne = [&] {
+        fs::remove_all(current());
+        for (int i = 1; i <= 2; ++i)
+            EXPECT_EQ(file.append(sampleRecord("kept", i)), EventLogCode::Done);
+        EXPECT_EQ(openFilesAt(current()), 1);
+    };
+    keepOne();
+    fs::remove(current());
+    EXPECT_EQ(file.append(sampleRecord("a", 1)), EventLogCode::Done);
+    EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 1));
+
+    keepOne();
+    writeTo(legacy(), sampleHeader());
+    fs::rename(legacy(), current());
+    EXPECT_EQ(file.append(sampleRecord("a", 1)), EventLogCode::Done);
+    EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 1));
+
+    keepOne();
+    fs::remove(current());
+    fs::create_directory(current());
+    EXPECT_EQ(file.append(sampleRecord("a", 1)), EventLogCode::LogNotReady);
+
+    keepOne();
+    fs::remove(current());
+    fs::create_symlink(more(), current());
+    EXPECT_EQ(file.append(sampleRecord("a", 1)), EventLogCode::LogNotReady);
+}
+
+TEST_F(EventLogFileTest, LeavesALogThatHasAnotherNameByNow) {
+    const EventLogFile file = log();
+    for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
+    fs::rename(current(), legacy());
+    const std::string before = test::contentOf(legacy());
+    waitUntilTheNameIsLookedAt();
+    EXPECT_EQ(file.append(sampleRecord("a", 3)), EventLogCode::Done);
+    EXPECT_EQ(test::contentOf(legacy()), before);
+    EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 3));
+}
+
+TEST_F(EventLogFileTest, LeavesALogThatAnotherWriterEndsOrACollectorTakes) {
+    const EventLogFile file = log();
+    for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
+    EXPECT_EQ(log(1).append(sampleRecord("b", 1)), EventLogCode::Done);
+    EXPECT_EQ(file.append(sampleRecord("a", 3)), EventLogCode::Done);
+    EXPECT_EQ(test::contentOf(current()),
+              sampleHeader() + sampleRecord("b", 1) + sampleRecord("a", 3));
+    EXPECT_EQ(contentOf(log().grab()), document(sampleRecord("a", 1) + sampleRecord("a", 2)));
+    EXPECT_EQ(contentOf(log().grab()), document(sampleRecord("b", 1) + sampleRecord("a", 3)));
+    EXPECT_EQ(file.append(sampleRecord("a", 4)), EventLogCode::Done);
+    EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 4));
+}
+
+TEST_F(EventLogFileTest, EndsTheLogThatItKeeps) {
+    const EventLogFile file = log(sampleHeader().size() + 2 * sampleRecord("a", 1).size() - 1);
+    for (int i = 1; i <= 3; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
+    EXPECT_EQ(test::contentOf(more()), document(sampleRecord("a", 1) + sampleRecord("a", 2)));
+    EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 3));
+}
+
+TEST_F(EventLogFileTest, DoesNotShareTheLogThatItKeepsWithAForkedChild) {
+    EventLogFile* const file =
+        new EventLogFile(EventLogFile::Names::inFolder(folder_.path().string()), test::sampleFacts);
+    for (int i = 1; i <= 2; ++i) EXPECT_EQ(file->append(sampleRecord("a", i)), EventLogCode::Done);
+    const int descriptor = open(current().c_str(), O_RDONLY | O_CLOEXEC);
+    const pid_t child = fork();
+    if (child == 0) {
+        // The kept file's number is another file's here, which must stay open.
+        const int other = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        const bool isAppended = file->append(sampleRecord("child", 1)) == EventLogCode::Done;
+        delete file;
+        _exit(isAppended && fcntl(other, F_GETFD) >= 0 ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(file->append(sampleRecord("a", 3)), EventLogCode::Done);
+    EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 1) +
+                                              sampleRecord("a", 2) + sampleRecord("child", 1) +
+                                              sampleRecord("a", 3));
+    delete file;
+    EXPECT_EQ(flock(descriptor, LOCK_EX | LOCK_NB), 0);
+    close(descriptor);
+    EXPECT_EQ(openFilesAt(current()), 0);
+}
+
+TEST_F(EventLogFileTest, AppendsFromManyThreadsThroughOneObject) {
+    constexpr int kThreads = 8;
+    constexpr int kRecords = 500;
+    const EventLogFile file = log();
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&file, thread] {
+            const std::string name = "t" + std::to_string(thread);
+            for (int i = 1; i <= kRecords; ++i)
+                EXPECT_EQ(file.append(sampleRecord(name, i)), EventLogCode::Done);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    const auto parsed =
+        XmlDocument::parse(test::contentOf(current()) + std::string(kEventLogFooter));
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(parsed->events().size(), static_cast<std::size_t>(kThreads * kRecords));
+    EXPECT_EQ(openFilesAt(current()), 1);
 }
 
 TEST_F(EventLogFileTest, HasNothingToGrabWithoutLog) {

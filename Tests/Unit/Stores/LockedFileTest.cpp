@@ -94,6 +94,43 @@ TEST_F(LockedFileTest, IsNotKeptByAForkedChild) {
     EXPECT_EQ(status, 0);
 }
 
+TEST_F(LockedFileTest, IsUnlockedAndLockedAgainWhileItIsOpen) {
+    std::ofstream(path()) << "text";
+    auto file = LockedFile::open(path(), Access::Append, Lock::Exclusive);
+    ASSERT_TRUE(file);
+    EXPECT_TRUE(file->isOfThisProcess());
+    EXPECT_TRUE(file->unlock());
+    EXPECT_TRUE(isFree(LOCK_EX));
+    EXPECT_TRUE(file->lock(Lock::Shared));
+    EXPECT_TRUE(isFree(LOCK_SH));
+    EXPECT_FALSE(isFree(LOCK_EX));
+    EXPECT_TRUE(file->lock(Lock::Exclusive));
+    EXPECT_FALSE(isFree(LOCK_SH));
+}
+
+TEST_F(LockedFileTest, TellsWhatLiesAtAPath) {
+    std::ofstream(path()) << "text";
+    auto file = LockedFile::open(path(), Access::Read, Lock::Shared);
+    ASSERT_TRUE(file);
+    const auto own = file->status();
+    ASSERT_TRUE(own);
+    EXPECT_TRUE(own->hasName);
+    EXPECT_EQ(own->size, 4u);
+    const auto there = LockedFile::statusAtPath(path());
+    ASSERT_TRUE(there);
+    EXPECT_TRUE(there->isSameFileAs(*own));
+    EXPECT_EQ(there->size, 4u);
+
+    const std::string link = path() + "-link";
+    fs::create_symlink(path(), link);
+    const auto linked = LockedFile::statusAtPath(link);
+    ASSERT_TRUE(linked);
+    EXPECT_FALSE(linked->isSameFileAs(*own));
+    fs::remove(path());
+    EXPECT_FALSE(file->status()->hasName);
+    EXPECT_TRUE(LockedFile::statusAtPath(path()).error().isPosix(ENOENT));
+}
+
 TEST_F(LockedFileTest, OverwritesInPlaceAndGoesOnAppending) {
     const std::string_view pieces[] = {"0123456789"};
     auto file = LockedFile::create(path(), 0644, pieces);
