@@ -1,3 +1,5 @@
+#include <random>
+
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -89,7 +91,7 @@ void PrintTo(const Answer& answer, std::ostream* out) { *out << answer.name; }
 class UploadAnswer : public UploadTest, public testing::WithParamInterface<Answer> {};
 
 TEST_P(UploadAnswer, DecidesWhetherTheReportIsRemoved) {
-    const NginxServer server("lingering_close always;" + answering(GetParam().directives) +
+    const NginxServer server(answering(GetParam().directives) +
                              "location /elsewhere { return 200 elsewhere; }");
     useServer(server);
     const auto log = makeUploader(server);
@@ -110,7 +112,7 @@ TEST_P(UploadAnswer, DecidesWhetherTheReportIsRemoved) {
 INSTANTIATE_TEST_SUITE_P(
     Answers, UploadAnswer,
     testing::Values(Answer{"200", "return 200 ok;", true}, Answer{"201", "return 201 ok;", true},
-                    Answer{"202", "return 202 taken;", true}, Answer{"299", "return 299 ok;", true},
+                    Answer{"204", "return 204;", true}, Answer{"299", "return 299 ok;", true},
                     Answer{"300", "return 300 ok;", false},
                     Answer{"301", "return 301 /elsewhere;", false},
                     Answer{"302", "return 302 /elsewhere;", false},
@@ -126,6 +128,61 @@ INSTANTIATE_TEST_SUITE_P(
                     // The connection ends without an answer.
                     Answer{"Closed", "return 444;", false},
                     Answer{"OfAGateway", "proxy_pass http://127.0.0.1:1;", false}),
+    [](const auto& each) { return "Answer" + std::string(each.param.name); });
+
+// These answer without having looked at the report, and end the connection at once.
+class HastyAnswer : public UploadTest, public testing::WithParamInterface<Answer> {};
+
+TEST_P(HastyAnswer, CountsEachTime) {
+    const NginxServer server("lingering_close off;" + answering(GetParam().directives));
+    useServer(server);
+    constexpr std::size_t kReports = 50;
+    for (std::size_t number = 0; number < kReports; ++number)
+        test::writeFile(pathOf(reportName(number)), "<a/>\n");
+    const auto begun = makeUploader(server)->sendCEPImp(false);
+    EXPECT_EQ(begun.size(), kReports);
+    ASSERT_TRUE(waitForTasks(begun));
+    EXPECT_EQ(filesInFolder().size(), GetParam().isAccepted ? 0 : 2 * kReports);
+    EXPECT_EQ(server.waitForRequests(kReports).size(), kReports);
+}
+
+INSTANTIATE_TEST_SUITE_P(Answers, HastyAnswer,
+                         testing::Values(Answer{"200", "return 200 ok;", true},
+                                         Answer{"204", "return 204;", true},
+                                         Answer{"500", "return 500;", false}),
+                         [](const auto& each) { return "Answer" + std::string(each.param.name); });
+
+// These answer while the report is on its way, and take no more of it.
+class DeafServer : public UploadTest, public testing::WithParamInterface<Answer> {};
+
+TEST_P(DeafServer, IsBelievedWhenItsAnswerIsWhole) {
+    const NginxServer identity;
+    // Time enough for curl to begin with a report that nobody asks for.
+    useServer(identity, {{"max-time = 900", "max-time = 6"}});
+    auto server = test::ChildProcess::program(
+        "/usr/bin/python3", {UTILIA_DEAF_SERVER, identity.certificate(), identity.key(),
+                             std::string("HTTP/1.1 ") + GetParam().directives});
+    const auto port = server.waitForLine();
+    ASSERT_TRUE(port);
+    // More than what the kernel keeps for a reader who does not read; and archives save nothing.
+    std::string noise(24 << 20, '\0');
+    std::mt19937 random(20261121);
+    for (char& each : noise) each = static_cast<char>(random());
+    test::writeFile(pathOf("utilia_report.xml"), noise);
+    const auto begun =
+        makeUploader("https://localhost:" + *port + kEndpointPath)->sendCEPImp(false);
+    ASSERT_EQ(begun.size(), 1u);
+    ASSERT_TRUE(waitForTasks(begun));
+    EXPECT_EQ(filesInFolder().size(), GetParam().isAccepted ? 0u : 2u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Answers, DeafServer,
+    testing::Values(Answer{"204", "204 No Content\r\n\r\n", true},
+                    Answer{"Whole", "200 OK\r\nContent-Length: 5\r\n\r\ntaken", true},
+                    Answer{"Cut", "200 OK\r\nContent-Length: 5\r\n\r\ntake", false},
+                    Answer{"OfUnknownLength", "200 OK\r\n\r\ntaken", false},
+                    Answer{"500", "500 Broken\r\nContent-Length: 0\r\n\r\n", false}),
     [](const auto& each) { return "Answer" + std::string(each.param.name); });
 
 TEST_F(UploadTest, AServerThatNobodyTrustsGetsNothing) {
