@@ -8,7 +8,9 @@
 
 #include "Common/Platform/Alert.h"
 #include "Tests/Process/Alerts/AskingRole.h"
+#include "Tests/Support/PrivateBus.h"
 #include "Tests/Support/RecordingPort.h"
+#include "Tests/Support/ScreenReader.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestBundle.h"
 #include "Tests/Support/VirtualDisplay.h"
@@ -25,10 +27,12 @@ using test::ChildProcessOptions;
 using test::TemporaryHome;
 using test::TestBundle;
 using test::VirtualDisplay;
+using Element = test::ScreenReader::Element;
 using testing::AllOf;
+using testing::Contains;
+using testing::Field;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::MatchesRegex;
 using testing::Not;
 
 constexpr const char* kPython = "/usr/bin/python3";  // the one that has the bindings
@@ -36,56 +40,16 @@ constexpr const char* kTool = "Sample Tool";
 constexpr const char* kDark = "#2A2B2E";
 constexpr const char* kLight = "#EFEFEF";
 
-enum class Services { None, TheSystems };
-
-// A session bus of its own, on which services of the system may or may not be started.
-class SessionBus final {
-public:
-    SessionBus(const fs::path& folder, Services services) {
-        const std::string place = "unix:path=" + (folder / "test-bus").string();
-        std::vector<std::string> arguments{"--nofork", "--address=" + place,
-                                           "--print-address=" +
-                                               std::to_string(test::kChildChannel)};
-        ChildProcessOptions options;
-        if (services == Services::None) {
-            const fs::path settings = folder / "test-bus.conf";
-            std::ofstream(settings)
-                << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration "
-                   "1.0//EN\" "
-                   "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">"
-                   "<busconfig><type>session</type><listen>"
-                << place
-                << "</listen><policy context=\"default\"><allow send_destination=\"*\"/>"
-                   "<allow receive_sender=\"*\"/><allow own=\"*\"/></policy></busconfig>";
-            arguments.push_back("--config-file=" + settings.string());
-        } else {
-            arguments.push_back("--session");
-            options.environment["XDG_DATA_DIRS"] = "\x01";  // where they are described
-        }
-        options.ownSession = true;
-        options.diesWithTest = true;
-        options.standardError = folder / "test-bus.log";
-        bus_ = ChildProcess::program("/usr/bin/dbus-daemon", arguments, options);
-        const auto address = bus_.waitForLine();
-        if (!address) throw std::runtime_error("the session bus does not start");
-        environment_ = {{"DBUS_SESSION_BUS_ADDRESS", *address}};
-    }
-    const std::map<std::string, std::string>& environment() const { return environment_; }
-
-private:
-    ChildProcess bus_;
-    std::map<std::string, std::string> environment_;
-};
-
 class AlertOnDesktop : public testing::Test {
 protected:
-    void startBus(Services services) {
-        bus_ = std::make_unique<SessionBus>(home_.runtime(), services);
+    void startBus() {
+        bus_.reset();  // before another one has its place
+        bus_ = std::make_unique<test::PrivateBus>(home_.runtime() / "test-bus");
     }
     ChildProcess startPortal(const std::string& form, int scheme) {
-        startBus(Services::None);
+        startBus();
         ChildProcessOptions options;
-        options.environment = bus_->environment();
+        options.environment = {{"DBUS_SESSION_BUS_ADDRESS", bus_->address()}};
         options.diesWithTest = true;
         auto portal = ChildProcess::program(
             kPython, {UTILIA_SETTINGS_PORTAL, form, std::to_string(scheme)}, options);
@@ -94,7 +58,7 @@ protected:
     }
     std::map<std::string, std::string> environment() const {
         std::map<std::string, std::string> all = display_.environment();
-        if (bus_) all.insert(bus_->environment().begin(), bus_->environment().end());
+        if (bus_) all["DBUS_SESSION_BUS_ADDRESS"] = bus_->address();
         return all;
     }
     AskingTool ask(const std::string& language = "en") {
@@ -113,7 +77,7 @@ protected:
     TemporaryHome home_;
     TestBundle bundle_{home_};
     VirtualDisplay display_{home_.path()};
-    std::unique_ptr<SessionBus> bus_;
+    std::unique_ptr<test::PrivateBus> bus_;
 };
 
 TEST_F(AlertOnDesktop, IsLightWithoutABus) {
@@ -123,7 +87,7 @@ TEST_F(AlertOnDesktop, IsLightWithoutABus) {
 }
 
 TEST_F(AlertOnDesktop, IsLightWithoutAPortal) {
-    startBus(Services::None);
+    startBus();
     AskingTool tool = ask();
     const std::string window = display_.waitForWindow(kTool);
     EXPECT_TRUE(becomes(window, kLight)) << background(window);
@@ -215,38 +179,42 @@ TEST_F(AlertOnDesktop, ReadsFromLeftToRightElsewhere) {
     EXPECT_EQ(tool.answer(), 1000);
 }
 
-TEST_F(AlertOnDesktop, TellsScreenReadersAllThereIsToKnow) {
-    startBus(Services::TheSystems);
+class SpokenAlert : public AlertOnDesktop {
+protected:
+    SpokenAlert() {
+        startBus();
+        reader_ = std::make_unique<test::ScreenReader>(*bus_, home_.path());
+    }
+    std::unique_ptr<test::ScreenReader> reader_;
+};
+
+TEST_F(SpokenAlert, TellsScreenReadersAllThereIsToKnow) {
     AskingTool tool = ask("de");
     display_.waitForWindow(kTool);
-    const auto heard = test::runProgram({kPython, UTILIA_SCREEN_READER}, environment());
-    ASSERT_EQ(heard.status, 0);
+    const auto elements = reader_->read(kTool, environment());
     const std::string message =
         "Korvane Utilia wird benötigt, damit Sample Tool richtig funktioniert. Möchten Sie "
         "Korvane Utilia starten?";
-    EXPECT_THAT(heard.text, HasSubstr("0\talert\tSample Tool\t" + message + "\t"));
-    EXPECT_THAT(heard.text, HasSubstr("1\tlabel\tSample Tool\t"));
-    EXPECT_THAT(heard.text, HasSubstr("1\tlabel\t" + message + "\t"));
-    EXPECT_THAT(
-        heard.text,
-        HasSubstr("push button\tKorvane Utilia starten\t\tdefault,focusable,focused,showing"));
-    EXPECT_THAT(heard.text, HasSubstr("push button\tBeenden\t\tfocusable,showing"));
-
-    // Whatever can get the focus has a name.
-    std::istringstream lines(heard.text);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.find("focusable") == std::string::npos) continue;
-        EXPECT_THAT(line, Not(MatchesRegex("[0-9]+\t[a-z ]+\t\t.*"))) << line;
-    }
+    const auto reads = [](const char* role, const std::string& name) {
+        return AllOf(Field(&Element::role, role), Field(&Element::name, name));
+    };
+    EXPECT_THAT(elements.front(),
+                AllOf(reads("alert", kTool), Field(&Element::description, message)));
+    EXPECT_THAT(elements, Contains(reads("label", kTool)));
+    EXPECT_THAT(elements, Contains(reads("label", message)));
+    EXPECT_THAT(elements,
+                Contains(AllOf(reads("push button", "Korvane Utilia starten"),
+                               Field(&Element::states, "default,focusable,focused,showing"))));
+    EXPECT_THAT(elements, Contains(AllOf(reads("push button", "Beenden"),
+                                         Field(&Element::states, "focusable,showing"))));
+    for (const Element& element : elements)
+        EXPECT_TRUE(!element.isForUsers() || !element.name.empty()) << element;
 }
 
-TEST_F(AlertOnDesktop, LetsAScreenReaderPressItsButtons) {
-    startBus(Services::TheSystems);
+TEST_F(SpokenAlert, LetsAScreenReaderPressItsButtons) {
     AskingTool tool = ask("de");
     display_.waitForWindow(kTool);
-    EXPECT_EQ(
-        test::runProgram({kPython, UTILIA_SCREEN_READER, "press", "Beenden"}, environment()).status,
-        0);
+    EXPECT_TRUE(reader_->press(kTool, "Beenden", environment()));
     EXPECT_EQ(tool.answer(), 1001);
     EXPECT_THAT(tool.log(), IsEmpty());
 }
