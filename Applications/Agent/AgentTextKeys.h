@@ -25,40 +25,42 @@ inline constexpr std::string_view kRestrictedText = "Not allowed by your adminis
 inline constexpr std::string_view kDamagedText = "Damaged: install it again";
 inline constexpr std::string_view kMissingText = "To be started at login, but not installed";
 inline constexpr std::string_view kRunningText = "Running";
+inline constexpr std::string_view kActiveText = "Active";
 inline constexpr std::string_view kOffText = "Not running";
 inline constexpr std::string_view kPermanentText = "Always shown";
 
-// The window.
-inline constexpr std::string_view kToolsText = "Tools";
-inline constexpr std::string_view kSettingsText = "Settings";
-inline constexpr std::string_view kStartText = "Start";
-inline constexpr std::string_view kOpenText = "Open";
-inline constexpr std::string_view kTurnOffText = "Turn Off";
-inline constexpr std::string_view kStartToolAtLoginText = "Start this tool at login";
+// The window. "&" stands before the letter that works with Alt; on one page each letter stands for one thing only.
+inline constexpr std::string_view kToolListText = "Installed tools";
+inline constexpr std::string_view kToolsText = "&Tools";
+inline constexpr std::string_view kSettingsText = "S&ettings";
+inline constexpr std::string_view kStartText = "&Start";
+inline constexpr std::string_view kOpenText = "&Open";
+inline constexpr std::string_view kTurnOffText = "Turn O&ff";
+inline constexpr std::string_view kStartToolAtLoginText = "Start this tool at &login";
 inline constexpr std::string_view kNoTrayText =
     "Your desktop shows no status icons. Your tools are in this window.";
 inline constexpr std::string_view kCannotStartText = "%@ cannot be started.";
 inline constexpr std::string_view kCannotTurnOffText = "%@ cannot be turned off.";
 inline constexpr std::string_view kSuggestionText = "You have not used %@ yet.";
-inline constexpr std::string_view kTryText = "Try It";
-inline constexpr std::string_view kNotNowText = "Not Now";
+inline constexpr std::string_view kTryText = "T&ry It";
+inline constexpr std::string_view kNotNowText = "&Not Now";
 
 // The settings.
 inline constexpr std::string_view kGeneralText = "General";
-inline constexpr std::string_view kOpenAtLoginText = "Open Korvane Utilia at login";
-inline constexpr std::string_view kSuggestToolsText = "Suggest tools that I have not used";
+inline constexpr std::string_view kOpenAtLoginText = "Open Korvane Utilia at &login";
+inline constexpr std::string_view kSuggestToolsText = "&Suggest tools that I have not used";
 inline constexpr std::string_view kUsageText = "Usage reporting";
-inline constexpr std::string_view kShareUsageText = "Report how I use the tools";
+inline constexpr std::string_view kShareUsageText = "&Report how I use the tools";
 inline constexpr std::string_view kUsageExplanationText =
     "Once a week a report of which tools were started and used is sent to their makers. The "
     "preview "
     "shows exactly what is in it.";
 inline constexpr std::string_view kUsageByAdministratorText =
     "Your administrator has switched usage reporting off.";
-inline constexpr std::string_view kPreviewText = "Preview…";
+inline constexpr std::string_view kPreviewText = "&Preview…";
 inline constexpr std::string_view kPreviewTitleText = "What will be sent next";
 inline constexpr std::string_view kNothingToSendText = "Nothing has been recorded yet.";
-inline constexpr std::string_view kCloseText = "Close";
+inline constexpr std::string_view kCloseText = "&Close";
 // %@: a version.
 inline constexpr std::string_view kWhatIsNewText = "New in version %@";
 inline constexpr std::string_view kNoDescriptionText =
@@ -75,8 +77,10 @@ inline constexpr std::array kAgentTexts{kShowWindowText,
                                         kDamagedText,
                                         kMissingText,
                                         kRunningText,
+                                        kActiveText,
                                         kOffText,
                                         kPermanentText,
+                                        kToolListText,
                                         kToolsText,
                                         kSettingsText,
                                         kStartText,

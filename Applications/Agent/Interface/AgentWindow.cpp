@@ -3,8 +3,8 @@
 #include <QKeySequence>
 #include <QScreen>
 #include <QShortcut>
+#include <QTabBar>
 #include <QTabWidget>
-#include <QVBoxLayout>
 
 #include "Applications/Agent/AgentTexts.h"
 #include "Applications/Agent/Interface/SettingsPage.h"
@@ -22,9 +22,10 @@ AgentWindow::AgentWindow(ToolList& tools)
     pages_->addTab(tools_, text(kToolsText));
     pages_->addTab(settings_, text(kSettingsText));
     pages_->setDocumentMode(true);
-    auto* const layout = new QVBoxLayout(this);
-    layout->setContentsMargins(0, 0, 0, 0);
-    layout->addWidget(pages_);
+    // The keyboard goes to the tabs, and not to what is around them.
+    pages_->setFocusPolicy(Qt::NoFocus);
+    pages_->tabBar()->setFocusPolicy(Qt::TabFocus);
+    setCentralWidget(pages_);
 
     const int em = fontMetrics().averageCharWidth();
     // With large letters a small screen must still show the buttons.
@@ -44,7 +45,7 @@ void AgentWindow::setWithoutTray(bool isWithoutTray) {
 void AgentWindow::showEvent(QShowEvent* event) {
     tools_->updateSuggestion();
     settings_->update();
-    QWidget::showEvent(event);
+    QMainWindow::showEvent(event);
 }
 
 void AgentWindow::present(Page page) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <QWidget>
+#include <QMainWindow>
 
 #include "Applications/Agent/Model/ToolList.h"
 
@@ -14,7 +14,7 @@ class ToolsPage;
 // The agent's window: the tools, and the settings. Closing it leaves the agent running.
 //
 // Threads: the main thread. The list outlives this object.
-class AgentWindow final : public QWidget {
+class AgentWindow final : public QMainWindow {
 public:
     explicit AgentWindow(ToolList& tools);
 

@@ -53,6 +53,7 @@ QString documentsToSend() {
 SettingsPage::SettingsPage(std::function<void()> suggestionsChanged, QWidget* parent)
     : QScrollArea(parent), suggestionsChanged_(std::move(suggestionsChanged)) {
     setFrameShape(QFrame::NoFrame);
+    setFocusPolicy(Qt::NoFocus);  // Page Down comes here from the controls
     setWidgetResizable(true);
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     auto* const content = new QWidget(this);
@@ -144,6 +145,7 @@ void SettingsPage::addWhatIsNew(QVBoxLayout& layout) {
     description_->setTextFormat(Qt::PlainText);
     description_->setWordWrap(true);
     description_->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+    description_->setFocusPolicy(Qt::StrongFocus);
     column->addWidget(description_);
     layout.addWidget(group);
 }

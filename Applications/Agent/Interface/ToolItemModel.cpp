@@ -31,9 +31,14 @@ QString detail(const ToolEntry& tool) {
     return QString::fromStdString(tool.menuText).simplified();
 }
 
+QString runState(const ToolEntry& tool) {
+    if (!tool.isRunning) return text(kOffText);
+    return text(tool.isActive() ? kActiveText : kRunningText);
+}
+
 QString state(const ToolEntry& tool) {
     if (!tool.isReady()) return {};
-    if (tool.isRunning) return text(kRunningText);
+    if (tool.isRunning) return runState(tool);
     return tool.isPermanent() ? text(kPermanentText) : QString();
 }
 
@@ -41,7 +46,7 @@ QString state(const ToolEntry& tool) {
 QString spoken(const ToolEntry& tool) {
     QStringList parts{QString::fromStdString(tool.name)};
     if (const QString more = detail(tool); !more.isEmpty()) parts.append(more);
-    if (tool.isReady()) parts.append(text(tool.isRunning ? kRunningText : kOffText));
+    if (tool.isReady()) parts.append(runState(tool));
     if (tool.isReady() && tool.isPermanent()) parts.append(text(kPermanentText));
     return parts.join(QStringLiteral(", "));
 }

@@ -15,7 +15,7 @@ public:
     enum Role {
         IdentifierRole = Qt::UserRole,
         DetailRole,  // the second line: the tool's text, or why it cannot be used
-        StateRole,   // "Running"; empty for a tool that is not ready
+        StateRole,   // "Running" or "Active"; empty for a tool that is not ready
         RunningRole,
         ReadyRole,
     };

@@ -4,8 +4,10 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QListView>
+#include <QMenu>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QShortcut>
 #include <QVBoxLayout>
 
 #include "Applications/Agent/AgentTexts.h"
@@ -40,7 +42,7 @@ ToolsPage::ToolsPage(ToolList& tools, QWidget* parent)
     view_->setEditTriggers(QAbstractItemView::NoEditTriggers);
     view_->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     view_->setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
-    view_->setAccessibleName(text(kToolsText));
+    view_->setAccessibleName(text(kToolListText));
     empty_->setText(text(kNoToolsText));
     empty_->setAlignment(Qt::AlignCenter);
     notice_->hide();
@@ -53,6 +55,12 @@ ToolsPage::ToolsPage(ToolList& tools, QWidget* parent)
     layout->addWidget(makeButtons());
 
     connect(view_, &QListView::activated, this, [this] { activate(); });
+    view_->setContextMenuPolicy(Qt::CustomContextMenu);
+    connect(view_, &QListView::customContextMenuRequested, this, &ToolsPage::showMenu);
+    // For keyboards that have no key for menus.
+    auto* const menuKeys = new QShortcut(Qt::SHIFT | Qt::Key_F10, view_);
+    menuKeys->setContext(Qt::WidgetShortcut);
+    connect(menuKeys, &QShortcut::activated, this, [this] { showMenu({}); });
     connect(view_->selectionModel(), &QItemSelectionModel::currentChanged, this, [this] {
         if (view_->currentIndex().isValid()) lastSelected_ = selected();
         updateButtons();
@@ -71,6 +79,7 @@ QWidget* ToolsPage::makeSuggestion() {
     row->addWidget(suggestionLabel_, 1);
     row->addWidget(tryIt);
     row->addWidget(notNow);
+    setTabOrder(notNow, view_);
     connect(tryIt, &QPushButton::clicked, this, [this] {
         const std::string identifier = suggested_;
         Suggestions::setKnown(identifier);
@@ -91,8 +100,8 @@ QWidget* ToolsPage::makeButtons() {
     auto* const row = new QHBoxLayout(box);
     row->setContentsMargins(0, 0, 0, 0);
     atLogin_ = new QCheckBox(text(kStartToolAtLoginText), box);
-    open_ = new QPushButton(text(kStartText), box);
     turnOff_ = new QPushButton(text(kTurnOffText), box);
+    open_ = new QPushButton(text(kStartText), box);
     row->addWidget(atLogin_);
     row->addStretch(1);
     row->addWidget(turnOff_);
@@ -121,8 +130,11 @@ void ToolsPage::takeFocus() { view_->setFocus(); }
 void ToolsPage::updateSuggestion() {
     suggested_ = Suggestions::next(tools_.entries()).value_or("");
     suggestion_->setVisible(!suggested_.empty());
-    if (!suggested_.empty())
-        suggestionLabel_->setText(textWithName(kSuggestionText, nameOf(tools_, suggested_)));
+    if (suggested_.empty()) return;
+    suggestionLabel_->setText(textWithName(kSuggestionText, nameOf(tools_, suggested_)));
+    // Who comes to a button by the keyboard hears what it is about.
+    for (QPushButton* const button : suggestion_->findChildren<QPushButton*>())
+        button->setAccessibleDescription(suggestionLabel_->text());
 }
 
 std::string ToolsPage::selected() const {
@@ -165,6 +177,25 @@ void ToolsPage::activate() {
     const ToolEntry* const tool = tools_.find(identifier);
     if (!tool || !tool->isReady()) return;
     report(tools_.activate(identifier), identifier, kCannotStartText);
+}
+
+// The buttons once more, where the mouse is, or for the menu key at the tool.
+void ToolsPage::showMenu(const QPoint& place) {
+    const QModelIndex tool = view_->currentIndex();
+    if (!tool.isValid()) return;
+    auto* const menu = new QMenu(this);
+    menu->setAttribute(Qt::WA_DeleteOnClose);
+    for (QAbstractButton* const button :
+         std::initializer_list<QAbstractButton*>{open_, turnOff_, atLogin_}) {
+        QAction* const action = menu->addAction(button->text());
+        action->setEnabled(button->isEnabled());
+        action->setCheckable(button->isCheckable());
+        action->setChecked(button->isChecked());
+        connect(action, &QAction::triggered, button, &QAbstractButton::click);
+    }
+    const bool isAtMouse = view_->indexAt(place) == tool;
+    menu->popup(
+        view_->viewport()->mapToGlobal(isAtMouse ? place : view_->visualRect(tool).center()));
 }
 
 void ToolsPage::report(const Result<void>& result, const std::string& identifier,

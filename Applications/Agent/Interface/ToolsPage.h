@@ -18,7 +18,7 @@ namespace utilia::agent {
 class ToolItemModel;
 
 // The tools as a list, and what can be done with the one that is selected. Everything works by keyboard: arrows select,
-// Return starts or opens, Tab leads to the buttons.
+// Return starts or opens, Tab leads to the buttons, which are also in the menu of the menu key.
 //
 // Threads: the main thread. The list outlives this object.
 class ToolsPage final : public QWidget {
@@ -36,6 +36,7 @@ private:
     std::string selected() const;
     void updateButtons();
     void activate();
+    void showMenu(const QPoint& place);
     void report(const Result<void>& result, const std::string& identifier, std::string_view format);
     void follow(const ToolList::Change& change);
     QWidget* makeSuggestion();

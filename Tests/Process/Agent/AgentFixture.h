@@ -14,6 +14,7 @@
 #include "Common/UtiliaCommon/ToolDataProvider/PortProtocol.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/PrivateBus.h"
+#include "Tests/Support/PrivateMounts.h"
 #include "Tests/Support/RecordingPort.h"
 #include "Tests/Support/ReportPipe.h"
 #include "Tests/Support/TemporaryHome.h"
@@ -37,9 +38,11 @@ protected:
                 {"DBUS_SESSION_BUS_ADDRESS", bus_ ? bus_->address() : "disabled:"}};
     }
     test::ChildProcess startAgent(const Environment& environment,
-                                  const std::vector<std::string>& arguments = {}) const {
+                                  const std::vector<std::string>& arguments = {},
+                                  const test::PrivateMounts* mounts = nullptr) const {
         test::ChildProcessOptions options;
         options.environment = environment;
+        options.mounts = mounts;
         options.standardError = home_.path() / "agent.log";
         options.diesWithTest = true;
         return test::ChildProcess::program(UTILIA_AGENT_PROGRAM, arguments, options);

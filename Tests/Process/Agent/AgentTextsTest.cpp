@@ -1,7 +1,11 @@
+#include <cctype>
 #include <filesystem>
+#include <map>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -40,6 +44,49 @@ TEST(AgentTexts, AreInEveryLanguageAndKeepThePlaceOfTheName) {
                 EXPECT_TRUE(!isNeeded || text->find(part) != text->npos) << language << ": " << key;
             }
             EXPECT_TRUE(language != std::string_view("en") || *text == key) << key;
+        }
+    }
+}
+
+// What is on one page at the same time: the controls of the window, and those of each page.
+const std::vector<std::string_view> kPages[] = {
+    {kToolsText, kSettingsText, kStartText, kTurnOffText, kStartToolAtLoginText, kTryText,
+     kNotNowText},
+    {kToolsText, kSettingsText, kOpenText, kTurnOffText, kStartToolAtLoginText, kTryText,
+     kNotNowText},
+    {kToolsText, kSettingsText, kOpenAtLoginText, kSuggestToolsText, kShareUsageText, kPreviewText},
+    {kCloseText},
+};
+
+// The letter after the "&", in UTF-8; empty for none.
+std::string keyOf(const std::string& text) {
+    const std::size_t place = text.find('&');
+    if (place == text.npos || text.find('&', place + 1) != text.npos) return {};
+    std::size_t end = place + 2;
+    while (end < text.size() && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) ++end;
+    std::string letter = text.substr(place + 1, end - place - 1);
+    if (letter.size() == 1) letter[0] = static_cast<char>(std::toupper(letter[0]));
+    return letter == " " ? std::string() : letter;
+}
+
+TEST(AgentTexts, HaveALetterForAltThatStandsForOneControlOfAPage) {
+    for (const char* language : kLanguages) {
+        const MessageCatalog catalog = catalogOf(language);
+        std::set<std::string_view> checked;
+        for (const auto& page : kPages) {
+            std::map<std::string, std::string_view> letters;
+            for (const std::string_view key : page) {
+                const std::string letter = keyOf(std::string(catalog.find(key).value_or("")));
+                EXPECT_FALSE(letter.empty()) << language << ": " << key;
+                const auto [other, isNew] = letters.emplace(letter, key);
+                EXPECT_TRUE(isNew)
+                    << language << ": " << letter << " is " << key << " and " << other->second;
+                checked.insert(key);
+            }
+        }
+        for (const std::string_view key : kAgentTexts) {
+            const bool hasLetter = catalog.find(key).value_or("").find('&') != key.npos;
+            EXPECT_EQ(hasLetter, checked.contains(key)) << language << ": " << key;
         }
     }
 }

@@ -1,0 +1,260 @@
+#include <algorithm>
+#include <cctype>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <set>
+
+#include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
+#include "Tests/Process/Agent/AgentFixture.h"
+#include "Tests/Support/PrivateMounts.h"
+#include "Tests/Support/ScreenReader.h"
+#include "Tests/Support/VirtualDisplay.h"
+
+// The agent's window for who hears it, and for who has a keyboard only.
+
+namespace utilia::agent {
+namespace {
+
+using test::ChildProcess;
+using test::ScreenReader;
+using test::TestBundle;
+using test::VirtualDisplay;
+using testing::AllOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::Field;
+using Element = ScreenReader::Element;
+
+constexpr const char* kTitle = "Korvane Utilia";
+constexpr const char* kLanguages[] = {"ar", "de", "en", "es", "fr", "ja", "pl"};
+
+class AgentAccessibilityTest : public AgentApplicationTest {
+protected:
+    AgentAccessibilityTest() {
+        startBus();
+        reader_ = std::make_unique<ScreenReader>(*bus_, home_.path());
+    }
+    ChildProcess open(const std::string& language = "en",
+                      const test::PrivateMounts* mounts = nullptr) {
+        Environment environment = display_.environment();
+        environment.merge(reader_->environment());
+        environment["LANGUAGE"] = language;
+        auto agent = startAgent(environment, {"--show-ui"}, mounts);
+        display_.waitForWindow(kTitle);
+        return agent;
+    }
+    std::vector<Element> read(const std::string& title = kTitle) const {
+        return reader_->read(title, display_.environment());
+    }
+
+    // The control with the keyboard; for lists and tabs, what they are in.
+    std::string focused() const {
+        for (const Element& element : read()) {
+            const bool isOne = element.role == "list item" || element.role == "page tab";
+            if (!isOne && element.is("focusable") && element.is("focused")) return element.name;
+        }
+        return "";
+    }
+
+    std::unique_ptr<ScreenReader> reader_;
+    test::TemporaryFolder displayFolder_;
+    VirtualDisplay display_{displayFolder_.path()};
+};
+
+// What a user can do something with: what it is and what it is called.
+void expectNamesAndRoles(const std::vector<Element>& elements) {
+    static const std::set<std::string> kRoles{"check box",   "label",    "list",
+                                              "list item",   "page tab", "page tab list",
+                                              "push button", "text"};
+    std::size_t count = 0;
+    for (const Element& element : elements) {
+        if (!element.isForUsers()) continue;
+        EXPECT_FALSE(element.name.empty()) << element;
+        EXPECT_TRUE(kRoles.contains(element.role)) << element;
+        ++count;
+    }
+    EXPECT_GT(count, 0u);
+}
+
+TEST_F(AgentAccessibilityTest, NamesEverythingThatCanBeUsed) {
+    install(timer_);
+    install(clock_);
+    auto agent = open();
+    const auto tools = read();
+    expectNamesAndRoles(tools);
+    EXPECT_EQ(tools.front().role, "frame");
+    EXPECT_THAT(tools, Contains(AllOf(Field(&Element::role, "list"),
+                                      Field(&Element::name, "Installed tools"))));
+    EXPECT_THAT(tools,
+                Contains(AllOf(Field(&Element::name, "Try It"),
+                               Field(&Element::description, "You have not used Timer yet."))));
+    display_.press({"alt+e"});
+    expectNamesAndRoles(read());
+    display_.press({"alt+p"});
+    display_.waitForWindow("What will be sent next");
+    expectNamesAndRoles(read("What will be sent next"));
+}
+
+TEST_F(AgentAccessibilityTest, NamesWhatIsInAMessage) {
+    install(timer_);
+    auto agent = open();
+    // It is there until it is started.
+    std::filesystem::remove(timer_.program());
+    display_.press({"Return"});
+    ASSERT_TRUE(test::eventually([&] { return read().front().role == "alert"; }));
+    const auto message = read();
+    expectNamesAndRoles(message);
+    EXPECT_THAT(message, Contains(Field(&Element::name, "Timer cannot be started.")));
+    display_.press({"alt+c"});
+    EXPECT_TRUE(test::eventually([&] { return read().front().role == "frame"; }));
+}
+
+TEST_F(AgentAccessibilityTest, SpeaksNameAndStatusOfEachTool) {
+    const TestBundle notes(home_,
+                           {.name = "Notes", .bundleIdentifier = "com.korvane.utilia.QuickNotes"});
+    const TestBundle ruler(home_,
+                           {.name = "Ruler", .bundleIdentifier = "com.korvane.utilia.ScreenRuler"});
+    const TestBundle broken(home_,
+                            {.name = "Broken", .bundleIdentifier = "com.korvane.utilia.ReadLater"});
+    const test::PrivateMounts mounts;
+    mounts.writeSettings(
+        R"({"WhiteToolsList": ["worldclock", "quicknotes", "screenruler", "readlater"]})");
+    for (const TestBundle& tool : {std::cref<TestBundle>(timer_), std::cref<TestBundle>(clock_),
+                                   std::cref(notes), std::cref(ruler), std::cref(broken)})
+        install(tool);
+    const test::RecordingPort clockPort(portOf(clock_));
+    const test::RecordingPort notesPort(portOf(notes));
+    std::filesystem::remove_all(broken.path());
+
+    auto agent = open("en", &mounts);
+    sayStatus(clock_, 1);
+    speak(clock_, 108, {"12:30 in Lima"});
+    sayStatus(notes, 2);
+    const auto rows = [&] {
+        std::vector<std::string> names;
+        for (const Element& element : read()) {
+            if (element.role == "list item") names.push_back(element.name);
+        }
+        return names;
+    };
+    const auto expected =
+        ElementsAre("Notes, Running, Always shown", "Read Later, Damaged: install it again",
+                    "Ruler, Not running", "Timer, Not allowed by your administrator",
+                    "World_Clock, 12:30 in Lima, Active");
+    (void)test::eventually([&] { return testing::Value(rows(), expected); });
+    EXPECT_THAT(rows(), expected);
+}
+
+TEST_F(AgentAccessibilityTest, LetsAScreenReaderStartATool) {
+    install(timer_);
+    auto agent = open();
+    EXPECT_TRUE(reader_->press(kTitle, "Start", display_.environment()));
+    EXPECT_EQ(reports_.waitForLine(), "started");
+}
+
+// The letters that work with Alt, and what does; upper case.
+std::map<std::string, std::string> lettersOf(const std::vector<Element>& elements) {
+    std::map<std::string, std::string> letters;
+    for (const Element& element : elements) {
+        if (!element.isForUsers() || element.role == "page tab list") continue;
+        if (element.keys.empty()) {
+            EXPECT_NE(element.role, "push button") << element;
+            EXPECT_NE(element.role, "check box") << element;
+            EXPECT_NE(element.role, "page tab") << element;
+            continue;
+        }
+        // The same key stands there several times, in upper and lower case.
+        std::string key = element.keys.substr(0, element.keys.find(','));
+        std::transform(key.begin(), key.end(), key.begin(), [](unsigned char letter) {
+            return static_cast<char>(std::toupper(letter));
+        });
+        const auto [place, isNew] = letters.emplace(key, element.name);
+        EXPECT_TRUE(isNew) << key << ": " << place->second << ", " << element.name;
+    }
+    return letters;
+}
+
+TEST_F(AgentAccessibilityTest, HasALetterForEachControlInEveryLanguage) {
+    install(timer_);
+    const test::RecordingPort timerPort(portOf(timer_));
+    for (const char* language : kLanguages) {
+        SCOPED_TRACE(language);
+        auto agent = open(language);
+        EXPECT_EQ(lettersOf(read()).size(), 5u) << "two pages, and what is done with a tool";
+        display_.press({"ctrl+Tab"});
+        EXPECT_GE(lettersOf(read()).size(), 6u);
+        agent.signal(SIGTERM);
+        EXPECT_EQ(agent.waitForExit(), 0);
+    }
+}
+
+TEST_F(AgentAccessibilityTest, LeadsToEveryControlWithTab) {
+    install(timer_);
+    install(clock_);
+    const test::RecordingPort timerPort(portOf(timer_));
+    auto agent = open();
+    sayStatus(timer_, 1);
+    ASSERT_TRUE(test::eventually([&] {
+        const auto all = read();
+        return std::any_of(all.begin(), all.end(),
+                           [](const Element& one) { return one.name == "Timer, Active"; });
+    }));
+    const std::map<std::string, std::vector<std::string>> pages{
+        {"alt+t",
+         {"Tools", "Try It", "Not Now", "Installed tools", "Start this tool at login", "Turn Off",
+          "Open"}},
+        {"alt+e",
+         {"Settings", "Open Korvane Utilia at login", "Suggest tools that I have not used",
+          "Report how I use the tools", "Preview…",
+          "There is no description of this version in your language or in English."}}};
+    for (const auto& [page, order] : pages) {
+        display_.press({page});
+        for (std::size_t i = 0; i < order.size() && focused() != order.front(); ++i)
+            display_.press({"Tab"});
+        std::set<std::string> all;
+        for (const Element& element : read()) {
+            // Arrows lead to the others.
+            const bool isOne = element.role == "list item" || element.role == "page tab";
+            if (!isOne && element.isForUsers()) all.insert(element.name);
+        }
+        EXPECT_EQ(all, std::set<std::string>(order.begin(), order.end()));
+        std::vector<std::string> reached;
+        for (std::size_t i = 0; i < order.size(); ++i) {
+            reached.push_back(focused());
+            display_.press({"Tab"});
+        }
+        EXPECT_EQ(reached, order);
+        EXPECT_EQ(focused(), order.front()) << "once around";
+    }
+}
+
+TEST_F(AgentAccessibilityTest, DoesByKeyboardWhatCanBeDoneWithATool) {
+    install(timer_);
+    auto agent = open();
+    const auto isAtLogin = [] { return UtiliaToolLauncher::isToolInLaunchAtLogin(kTimer); };
+    display_.press({"Menu", "Up", "Return"});  // the last entry
+    EXPECT_TRUE(test::eventually(isAtLogin));
+    display_.press({"alt+l"});
+    EXPECT_TRUE(test::eventually([&] { return !isAtLogin(); }));
+    display_.press({"shift+Tab", "shift+F10", "Up", "Return"});
+    EXPECT_TRUE(test::eventually(isAtLogin));
+    display_.press({"shift+F10", "Escape"});
+    EXPECT_EQ(read().front().role, "frame") << "only the menu is closed";
+
+    display_.press({"alt+s"});
+    EXPECT_EQ(reports_.waitForLine(), "started");
+    test::RecordingPort timerPort(portOf(timer_));
+    sayStatus(timer_, 1);
+    const auto hasBeenToldToEnd = [&] {
+        display_.press({"alt+f"});
+        const auto& all = timerPort.messages();
+        return std::any_of(all.begin(), all.end(),
+                           [](const test::RecordedMessage& one) { return one.id == 105; });
+    };
+    EXPECT_TRUE(test::eventually(hasBeenToldToEnd));
+}
+
+}  // namespace
+}  // namespace utilia::agent
