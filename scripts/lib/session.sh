@@ -57,6 +57,18 @@ session_processes() {
         while IFS=/ read -r _ _ process _; do printf "%s " "$process"; done || true
 }
 
+# process_of PROGRAM: of the session's processes the one that runs a program of this file name.
+process_of() {
+    local process
+    for process in $(session_processes); do
+        if [[ $(readlink "/proc/$process/exe") == */"$1" ]]; then
+            printf '%s' "$process"
+            return
+        fi
+    done
+    return 1
+}
+
 # end_session KEEP: ends every process of the session, in an orderly way when they let us, and removes its folder.
 end_session() {
     local keep=$1 process left
