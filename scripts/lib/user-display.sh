@@ -38,13 +38,13 @@ Korvane Utilia's window opens, and its icon appears in your panel, if that shows
 
 It ends when you choose "Quit Korvane Utilia" from the menu$([[ ! -t 0 ]] || printf ', or press Return here').
 WORDS
-    while kill -0 "$agent_pid" 2>/dev/null; do
-        if [[ -t 0 ]]; then
-            ! read -r -t 1 || break
-        else
-            wait "$agent_pid" || true
-        fi
-    done
+    # No "read -t" here: bash may crash when a trap leaves it.
+    if [[ -t 0 ]]; then
+        head -n 1 <&0 >/dev/null &
+        wait -n "$agent_pid" $! || true
+    else
+        wait "$agent_pid" || true
+    fi
     kill -TERM "$agent_pid" 2>/dev/null || true
     wait "$agent_pid" || status=$?
     [[ ! -s $session/log ]] || sed 's/^/   agent | /' "$session/log"
