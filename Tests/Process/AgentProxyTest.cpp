@@ -1,7 +1,10 @@
 // The agent's stand-in for a tool: look-up, wishes, commands, and what it shows when the tool is
 // gone.
 
+#include <chrono>
 #include <memory>
+
+#include <gmock/gmock.h>
 
 #include "Tests/Process/AgentFixture.h"
 
@@ -298,6 +301,68 @@ TEST_F(AgentProxy, CommandToAToolThatDoesNotReadCostsItsTimeoutOnce) {
                   "Failed to send Command to Agent port. Exception: "
                   "NSPortTimeoutException Reason: [NSPort sendBeforeDate:] timed out"});
     EXPECT_EQ(agent.ask("has-port", {tool}), "yes") << "the port is kept until its end is known";
+}
+
+// ---- without waiting
+
+// Far less than what one call waits for a tool without room, far more than what a call costs.
+constexpr long kAtOnce = 5'000;  // milliseconds
+constexpr int kMoreThanAToolHasRoomFor = 600;
+
+TEST_F(AgentProxy, KeepsCommandsInOrderForAToolThatDoesNotReadYet) {
+    RecordingPort deaf(toolPortName(kToolPath));  // reads in take() only
+    ScriptedChild agent = startAgent();
+    const std::string tool = add(agent);
+    agent.ask("never-wait", {tool});
+    const int count = kMoreThanAToolHasRoomFor;
+    const std::string taken = agent.ask("send-numbered", {tool, std::to_string(count)});
+    ASSERT_NE(taken, "no");
+    EXPECT_LT(std::stol(taken), kAtOnce);
+    Messages expected{wish(101, false), wish(102, false)};
+    for (int i = 0; i < count; ++i) expected.push_back({107, {std::to_string(i)}});
+    EXPECT_EQ(deaf.take(expected.size()), expected);
+    EXPECT_EQ(agent.ask("send-command", {tool, "103"}), "yes");
+    EXPECT_EQ(deaf.take(1), (Messages{{103, {}}})) << "nothing is kept any more";
+    EXPECT_EQ(agent.log(), std::vector<std::string>{});
+}
+
+TEST_F(AgentProxy, TellsWhatItKeptInVainAfterTheTimeOut) {
+    ChildProcess deaf = startDeafTool();
+    ScriptedChild agent = startAgent();
+    const std::string tool = add(agent);
+    agent.ask("never-wait", {tool});
+    // One after the other, until one of another kind is surely kept.
+    ASSERT_NE(agent.ask("send-numbered", {tool, std::to_string(kMoreThanAToolHasRoomFor)}), "no");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(agent.ask("send-command", {tool, "105"}), "yes");
+    EXPECT_EQ(agent.ask("wait-for-undelivered-end", {"105 "}), "105 ");
+    const auto taken = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(taken, std::chrono::milliseconds(9'900)) << "as long as a call waits";
+    EXPECT_THAT(agent.log(), testing::Each("Failed to send Command to Agent port. Exception: "
+                                           "NSPortTimeoutException Reason: [NSPort "
+                                           "sendBeforeDate:] timed out"));
+    EXPECT_EQ(agent.ask("has-port", {tool}), "yes");
+}
+
+TEST_F(AgentProxy, TellsWhatItKeptForAToolThatEnds) {
+    ChildProcess deaf = startDeafTool();
+    ScriptedChild agent = startAgent();
+    const std::string tool = add(agent);
+    agent.ask("never-wait", {tool});
+    ASSERT_NE(agent.ask("send-numbered", {tool, std::to_string(kMoreThanAToolHasRoomFor)}), "no");
+    EXPECT_EQ(agent.ask("send-command", {tool, "105"}), "yes");
+    deaf.kill();
+    EXPECT_EQ(agent.ask("wait-for-undelivered-end", {"105 "}), "105 ");
+    EXPECT_EQ(agent.ask("send-command", {tool, "107"}), "no") << "there is no tool";
+}
+
+TEST_F(AgentProxy, RefusesMoreThanIsSensiblyKept) {
+    ChildProcess deaf = startDeafTool();
+    ScriptedChild agent = startAgent();
+    const std::string tool = add(agent);
+    agent.ask("never-wait", {tool});
+    EXPECT_EQ(agent.ask("send-numbered", {tool, "5000"}), "no");
+    EXPECT_EQ(agent.log().size(), 1u);
 }
 
 }  // namespace

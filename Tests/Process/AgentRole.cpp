@@ -55,6 +55,7 @@ public:
         addListCommands();
         addProxyCommands();
         addSendCommands();
+        addKeepingCommands();
         addObserverCommands();
         addApplicationCommands();
     }
@@ -205,6 +206,34 @@ private:
         });
     }
 
+    void addKeepingCommands() {
+        onProxy("never-wait", [this](auto& proxy, const Arguments&) {
+            proxy.setSending(ToolDataAgentProvider::Sending::KeepsLate);
+            proxy.setUndeliveredHandler([this](AgentMessage message) {
+                undelivered_ += std::to_string(static_cast<int>(message)) + " ";
+            });
+            return std::string();
+        });
+        // So many commands that are numbered from 0; milliseconds that all of them took, or "no".
+        onProxy("send-numbered", [](auto& proxy, const Arguments& a) {
+            const auto start = std::chrono::steady_clock::now();
+            for (int i = 0; i < std::stoi(a.at(1)); ++i) {
+                const std::string number = std::to_string(i);
+                if (!proxy.sendCommand(AgentMessage::MenuIconClicked, encodeText(number)))
+                    return std::string("no");
+            }
+            const auto taken = std::chrono::steady_clock::now() - start;
+            return std::to_string(
+                std::chrono::duration_cast<std::chrono::milliseconds>(taken).count());
+        });
+        // Until the last one that could not be delivered is this.
+        script_.on("wait-for-undelivered-end", [this](const Arguments& a) {
+            (void)ChildScript::waitUntil([&] { return undelivered_.ends_with(a.at(0)); });
+            return undelivered_.substr(undelivered_.size() -
+                                       std::min(a.at(0).size(), undelivered_.size()));
+        });
+    }
+
     static void killAndWait(pid_t process) {
         const int handle = static_cast<int>(syscall(SYS_pidfd_open, process, 0));
         ::kill(process, SIGKILL);
@@ -275,6 +304,7 @@ private:
     void silentUpdateResources() override { events_.emplace_back("silentUpdateResources"); }
 
     ChildScript script_;
+    std::string undelivered_;
     std::vector<Proxy> proxies_;
     std::vector<Handle> handles_;
     std::vector<std::string> events_;

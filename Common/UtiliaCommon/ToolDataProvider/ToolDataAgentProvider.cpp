@@ -10,6 +10,7 @@
 #include "Common/Logging/Log.h"
 #include "Common/Logging/MemoryGuard.h"
 #include "Common/Platform/NotificationCenter.h"
+#include "Common/UtiliaCommon/ToolDataProvider/KeptCommandsInternal.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataServerProvider.h"
 
 namespace utilia {
@@ -20,6 +21,12 @@ using platform::PortMessage;
 using platform::PortNameServer;
 
 constexpr std::string_view kWhat = "The channel to a tool";
+
+// Says "Agent port" of a tool's port. It always has, and people search their logs for it.
+void logFailure(const platform::PortException& exception) {
+    KULogVariadic("Failed to send Command to Agent port. Exception: %@ Reason: %@",
+                  exception.name(), exception.reason());
+}
 
 // As a URL gives it: both ends form their texts from this one.
 std::string withoutTrailingSlashes(std::string_view path) {
@@ -162,26 +169,49 @@ bool ToolDataAgentProvider::sendCommand(AgentMessage id,
     const auto self = weak_from_this().lock();
     if (!ensureToolPortOpen()) return false;
     return unlessOutOfMemory(kWhat, [&] {
-        std::vector<PortMessage::Component> components;
-        if (params) components.push_back(*params);
-        PortMessage message(toolPort_, std::move(components));
-        message.setMsgid(static_cast<std::uint32_t>(id));
         try {
-            message.sendBeforeDate(std::chrono::steady_clock::now() + sendTimeout(id));
+            send(id, params);
         } catch (const platform::PortException& exception) {
-            // Says "Agent port" of a tool's port. It always has, and people search their logs for
-            // it.
-            KULogVariadic("Failed to send Command to Agent port. Exception: %@ Reason: %@",
-                          exception.name(), exception.reason());
+            logFailure(exception);
             return false;
         }
         return true;
     });
 }
 
+void ToolDataAgentProvider::send(AgentMessage id, std::optional<PortMessage::Component> params) {
+    if (kept_) return kept_->send(toolPort_, id, params);
+    sendAgentMessage(toolPort_, id, params, std::chrono::steady_clock::now() + sendTimeout(id));
+}
+
+void ToolDataAgentProvider::setSending(Sending sending) {
+    kept_.reset();
+    if (sending == Sending::Waits) return;
+    unlessOutOfMemory(kWhat, [this] {
+        kept_ = std::make_shared<KeptCommands>(
+            [weak = weak_from_this()](AgentMessage id, const platform::PortException& exception) {
+                if (const auto self = weak.lock()) self->keptCommandFailed(id, exception);
+            });
+    });
+}
+
+void ToolDataAgentProvider::setUndeliveredHandler(std::function<void(AgentMessage)> undelivered) {
+    undelivered_ = std::move(undelivered);
+}
+
+void ToolDataAgentProvider::keptCommandFailed(AgentMessage id,
+                                              const platform::PortException& exception) {
+    logFailure(exception);
+    if (id == AgentMessage::StatusRequest) showPersisted();
+    if (const auto undelivered = undelivered_) undelivered(id);
+}
+
 void ToolDataAgentProvider::requestStatus() {
     const auto self = weak_from_this().lock();
-    if (sendCommand(AgentMessage::StatusRequest)) return;
+    if (!sendCommand(AgentMessage::StatusRequest)) showPersisted();
+}
+
+void ToolDataAgentProvider::showPersisted() {
     if (!persist_ || !persist_->isPermanent()) return;
     setStatus(kToolStatusPermanent);
     setPermanentIcons();

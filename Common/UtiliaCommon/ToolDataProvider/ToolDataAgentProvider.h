@@ -16,6 +16,8 @@
 
 namespace utilia {
 
+class KeptCommands;
+
 // The agent's stand-in for one tool: what the agent shows for it, as the tool last reported it or
 // as it is persisted, and the way to tell the tool something.
 //
@@ -44,6 +46,12 @@ public:
         ToolPort,
     };
     using Observer = std::function<void(Property)>;
+
+    // What becomes of a message that the tool has no room for.
+    enum class Sending {
+        Waits,  // the call waits for room, at most the message's time-out
+        KeepsLate  // the call never waits: the message is kept, in order, and tried again until its time-out
+    };
 
     ToolDataAgentProvider();
     ~ToolDataAgentProvider();
@@ -86,12 +94,20 @@ public:
     // Finds the tool's port unless it is held; a port newly found is told both wishes. Answers
     // whether one is held.
     bool ensureToolPortOpen();
-    // One message to the tool, with the data as its only component. Waits at most 10 s. False when
-    // the tool cannot be reached or the send fails (which is logged).
+    // How this proxy sends, wishes and requests included: a new one Waits. An agent with a window had
+    // better not, since a stopped tool would stop the window. Set it before the first message.
+    void setSending(Sending sending);
+    // Told of each kept message that could not be sent after all, after that is logged. It may
+    // remove the proxy.
+    void setUndeliveredHandler(std::function<void(AgentMessage)> undelivered);
+
+    // One message to the tool, with the data as its only component. Waits at most 10 s, or keeps the
+    // message and answers true (Sending). False when the tool cannot be reached or the send fails
+    // (which is logged).
     bool sendCommand(AgentMessage message,
                      std::optional<platform::PortMessage::Component> params = std::nullopt);
     // Asks the tool for its status; of a permanent tool that cannot be asked, shows what is
-    // persisted.
+    // persisted, also when a kept request turns out to be in vain.
     void requestStatus();
     // Shows the persisted icon, menu icon and text, as far as there are any.
     void setPermanentIcons();
@@ -113,6 +129,9 @@ private:
 
     void changed(Property property);
     void sendWish(AgentMessage message, bool needed);
+    void send(AgentMessage message, std::optional<platform::PortMessage::Component> params);
+    void keptCommandFailed(AgentMessage message, const platform::PortException& exception);
+    void showPersisted();
 
     std::string name_;
     std::optional<std::string> canonicalName_;
@@ -129,6 +148,8 @@ private:
     bool menuIconNeeded_ = false;
     std::shared_ptr<ToolPersistentDataReader> persist_;
     std::shared_ptr<Observers> observers_;
+    std::shared_ptr<KeptCommands> kept_;  // null: sending waits
+    std::function<void(AgentMessage)> undelivered_;
 };
 
 }  // namespace utilia
