@@ -9,7 +9,10 @@
 #include <QFileInfo>
 #include <QStandardPaths>
 
+#include "Applications/Agent/AgentTextKeys.h"
+#include "Applications/Agent/AgentTexts.h"
 #include "Applications/Agent/Model/LoginSession.h"
+#include "Applications/Agent/Model/Storage.h"
 #include "Applications/Agent/Model/Suggestions.h"
 #include "Common/Logging/Log.h"
 #include "Common/Platform/Workspace.h"
@@ -40,7 +43,8 @@ AgentApplication::AgentApplication()
                   .launch = [this](const std::string& tool) { return launch(tool); }}) {
     observation_ = tools_.observe([this](const ToolList::Change& change) { follow(change); });
     icon_->setShownHandler([this] { panelIsKnown(); });
-    bus_.setLostHandler([this] { panelIsKnown(); });
+    tools_.setUndeliveredHandler(
+        [this](const std::string& tool, AgentMessage message) { notDelivered(tool, message); });
     reload_.setSingleShot(true);
     reload_.setInterval(kReloadDelay);
     connect(&reload_, &QTimer::timeout, this, [this] {
@@ -51,6 +55,7 @@ AgentApplication::AgentApplication()
     for (const auto signal :
          {&QFileSystemWatcher::directoryChanged, &QFileSystemWatcher::fileChanged})
         connect(&installations_, signal, this, [this] { reload_.start(); });
+    connect(&records_, &QFileSystemWatcher::directoryChanged, this, [this] { reload_.start(); });
     qApp->installEventFilter(this);
 }
 
@@ -61,10 +66,8 @@ void AgentApplication::start(const std::vector<std::string>& arguments) {
     AgentScheduler::upgradeSchedulerData();
     tools_.reload();
     watchInstalledTools();
-    bus_.connect([this](const QDBusConnection& bus) {
-        published_->publish(bus);
-        icon_->show(bus, &menuPlace_);
-    });
+    bus_.start({.connected = [this](const QDBusConnection& bus) { busIsThere(bus); },
+                .missed = [this] { busIsMissed(); }});
     schedules_.start();
     if (isLogin_) schedules_.startAtLogin(LoginSession::toolsToStart(tools_.entries()));
     if (!arguments.empty()) applicationShouldHandleReopen(false, arguments);
@@ -75,20 +78,41 @@ void AgentApplication::start(const std::vector<std::string>& arguments) {
 void AgentApplication::show(AgentWindow::Page page) {
     if (!window_) {
         window_ = std::make_unique<AgentWindow>(tools_);
-        panelIsKnown();
+        window_->setShownHandler([this] { updateMessages(); });
     }
     window_->present(page);
 }
 
 void AgentApplication::panelIsKnown() {
-    const bool isWithoutTray = bus_.hasFailed() || (icon_->isKnown() && !icon_->isShown());
-    if (window_) {
-        window_->setWithoutTray(isWithoutTray);
-    } else if (isWithoutTray && !isLogin_) {
-        // Not inside a constructor or a message of the bus.
-        QMetaObject::invokeMethod(
-            this, [this] { show(AgentWindow::Page::Tools); }, Qt::QueuedConnection);
+    updateMessages();
+    const bool isWithoutTray =
+        bus_.state() == SessionBus::State::Missing || (icon_->isKnown() && !icon_->isShown());
+    if (window_ || !isWithoutTray || isLogin_) return;
+    // Not inside a constructor or a message of the bus.
+    QMetaObject::invokeMethod(
+        this, [this] { show(AgentWindow::Page::Tools); }, Qt::QueuedConnection);
+}
+
+QStringList AgentApplication::messages() const {
+    QStringList all;
+    if (bus_.state() == SessionBus::State::Missing) {
+        all.append(text(kNoBusText));
+    } else if (bus_.state() == SessionBus::State::Lost) {
+        all.append(text(kBusLostText));
+    } else if (icon_->isKnown() && !icon_->isShown()) {
+        all.append(text(kNoTrayText));
     }
+    if (const auto folder = Storage::unwritableFolder())
+        all.append(textWithName(kCannotKeepText, QString::fromStdString(*folder)));
+    for (const std::string& identifier : unresponsive_) {
+        if (const ToolEntry* const tool = tools_.find(identifier))
+            all.append(textWithName(kNotRespondingText, QString::fromStdString(tool->name)));
+    }
+    return all;
+}
+
+void AgentApplication::updateMessages() {
+    if (window_) window_->setMessages(messages());
 }
 
 bool AgentApplication::applicationShouldHandleReopen(bool, const std::vector<std::string>&) {
@@ -104,6 +128,27 @@ bool AgentApplication::eventFilter(QObject* watched, QEvent* event) {
         menu_->update();
     }
     return QObject::eventFilter(watched, event);
+}
+
+// ---- the bus
+
+void AgentApplication::busIsThere(const QDBusConnection& bus) {
+    if (!records_.directories().isEmpty()) {
+        records_.removePaths(records_.directories());
+        // What was told while nobody could hear it.
+        reload_.start();
+        if (busBack_) busBack_();
+    }
+    published_->publish(bus);
+    icon_->show(bus, &menuPlace_);
+    updateMessages();
+}
+
+void AgentApplication::busIsMissed() {
+    icon_->forgetBus();
+    if (const auto folder = Storage::sharedFolder())
+        records_.addPath(QString::fromStdString(*folder));
+    panelIsKnown();
 }
 
 // ---- tools
@@ -136,10 +181,18 @@ Outcome AgentApplication::launch(const std::string& identifier) {
 void AgentApplication::follow(const ToolList::Change& change) {
     for (const std::string& identifier : change.tools) {
         const ToolEntry* const tool = tools_.find(identifier);
+        if (unresponsive_.erase(identifier)) updateMessages();
         if (!tool || !tool->isRunning) continue;
         Suggestions::setKnown(identifier);
         if (firing_.erase(identifier)) tools_.tell(identifier, AgentMessage::DateScheduleFired);
     }
+}
+
+// A click that comes to nothing is the user's to know of. A date is told when the tool speaks again.
+void AgentApplication::notDelivered(const std::string& identifier, AgentMessage message) {
+    if (message == AgentMessage::DateScheduleFired) firing_.insert(identifier);
+    unresponsive_.insert(identifier);
+    updateMessages();
 }
 
 // Folders that do not exist yet are watched through the nearest one that does.

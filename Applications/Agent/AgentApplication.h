@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -22,7 +23,10 @@ namespace utilia::agent {
 // The agent as the user meets it: the list of tools behind a status icon, a window and an object on the session bus, and
 // the schedules.
 //
-// The window is made when it is first wanted. It opens by itself where no panel shows the icon, except at login.
+// The window is made when it is first wanted. It opens by itself where no panel shows the icon, except at login and when
+// the bus is lost, as it is when a session ends.
+//
+// Without a bus nobody tells that schedules have changed: the file of the shared store is watched instead.
 //
 // Threads: the main thread.
 class AgentApplication final : public QObject, public platform::ApplicationDelegate {
@@ -32,6 +36,8 @@ public:
 
     // `arguments` are those of the program, without its name.
     void start(const std::vector<std::string>& arguments);
+    // Called when a bus that was lost is back, for what else talked to it.
+    void setBusBackHandler(std::function<void()> back) { busBack_ = std::move(back); }
 
     bool applicationShouldHandleReopen(bool hasVisibleWindows,
                                        const std::vector<std::string>& arguments) override;
@@ -48,6 +54,11 @@ private:
     void follow(const ToolList::Change& change);
     void watchInstalledTools();
     void panelIsKnown();
+    void busIsThere(const QDBusConnection& bus);
+    void busIsMissed();
+    QStringList messages() const;
+    void updateMessages();
+    void notDelivered(const std::string& identifier, AgentMessage message);
 
     ToolList tools_;
     // What is put on the bus; each object carries one interface.
@@ -62,7 +73,10 @@ private:
     std::unique_ptr<AgentWindow> window_;
     QFileSystemWatcher installations_;
     QTimer reload_;
-    std::set<std::string> firing_;  // started for their dates, and not heard of yet
+    QFileSystemWatcher records_;
+    std::set<std::string> firing_;  // to be told that their dates have come, when they speak
+    std::set<std::string> unresponsive_;
+    std::function<void()> busBack_;
     Handle observation_;
     bool isLogin_ = false;
 };

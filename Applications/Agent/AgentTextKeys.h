@@ -39,6 +39,16 @@ inline constexpr std::string_view kTurnOffText = "Turn O&ff";
 inline constexpr std::string_view kStartToolAtLoginText = "Start this tool at &login";
 inline constexpr std::string_view kNoTrayText =
     "Your desktop shows no status icons. Your tools are in this window.";
+inline constexpr std::string_view kNoBusText = "There is no session bus (D-Bus), so that no status "
+                                               "icon can be shown. Your tools are in this window.";
+inline constexpr std::string_view kBusLostText =
+    "The session bus (D-Bus) is lost, and the status icon with it. Both are waited for; your tools "
+    "are in this window.";
+// %@: a folder.
+inline constexpr std::string_view kCannotKeepText =
+    "What you change is not kept: the folder %@ cannot be written.";
+// %@: the name of a tool.
+inline constexpr std::string_view kNotRespondingText = "%@ does not respond.";
 inline constexpr std::string_view kCannotStartText = "%@ cannot be started.";
 inline constexpr std::string_view kCannotTurnOffText = "%@ cannot be turned off.";
 inline constexpr std::string_view kSuggestionText = "You have not used %@ yet.";
@@ -88,6 +98,10 @@ inline constexpr std::array kAgentTexts{kShowWindowText,
                                         kTurnOffText,
                                         kStartToolAtLoginText,
                                         kNoTrayText,
+                                        kNoBusText,
+                                        kBusLostText,
+                                        kCannotKeepText,
+                                        kNotRespondingText,
                                         kCannotStartText,
                                         kCannotTurnOffText,
                                         kSuggestionText,

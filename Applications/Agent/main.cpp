@@ -7,7 +7,6 @@
 #include <vector>
 
 #include <QApplication>
-#include <QFile>
 #include <QLocale>
 
 #include "Applications/Agent/AgentApplication.h"
@@ -27,12 +26,28 @@ Shows the tools of the suite in the panel, and starts them when they are due. Wh
 already, or with --show-ui, its window opens.
 )";
 
+// A bus that is started again at its address has another identity, which the old one's would refuse.
+QByteArray withoutIdentity(const QByteArray& addresses) {
+    QByteArrayList kept;
+    for (const QByteArray& address : addresses.split(';')) {
+        const qsizetype colon = address.indexOf(':') + 1;
+        QByteArrayList pairs = address.mid(colon).split(',');
+        pairs.removeIf([](const QByteArray& pair) { return pair.startsWith("guid="); });
+        kept.append(address.left(colon) + pairs.join(','));
+    }
+    return kept.join(';');
+}
+
 // Nobody's agent may start a session bus, which the bus library does where none is named.
 void nameSessionBus() {
     constexpr const char* kName = "DBUS_SESSION_BUS_ADDRESS";
-    if (!qEnvironmentVariableIsEmpty(kName)) return;
-    const QString usual = qEnvironmentVariable("XDG_RUNTIME_DIR") + QLatin1String("/bus");
-    qputenv(kName, QFile::exists(usual) ? "unix:path=" + QFile::encodeName(usual) : "disabled:");
+    if (!qEnvironmentVariableIsEmpty(kName)) {
+        qputenv(kName, withoutIdentity(qgetenv(kName)));
+        return;
+    }
+    const QByteArray folder = qgetenv("XDG_RUNTIME_DIR");
+    // The usual place, also where there is nothing yet: a bus that comes late is waited for.
+    qputenv(kName, folder.isEmpty() ? "disabled:" : "unix:path=" + folder + "/bus");
 }
 
 // Until the display is open: the toolkit would leave a core behind, and say little.
@@ -70,6 +85,7 @@ int main(int argc, char** argv) {
     usage.log("Launch");
     utilia::agent::AgentApplication agent;
     utilia::platform::Application::sharedApplication().setDelegate(&agent);
+    agent.setBusBackHandler([&colors] { colors.followAgain(); });
     agent.start(arguments);
     const int status = host.exec();
     utilia::platform::Application::sharedApplication().setDelegate(nullptr);

@@ -4,6 +4,7 @@
 #include <memory>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include <QApplication>
 #include <QDBusConnection>
@@ -27,6 +28,9 @@ QString service() { return QStringLiteral("org.freedesktop.portal.Desktop"); }
 QString path() { return QStringLiteral("/org/freedesktop/portal/desktop"); }
 QString interface() { return QStringLiteral("org.freedesktop.portal.Settings"); }
 QString group() { return QStringLiteral("org.freedesktop.appearance"); }
+QString connectionName(int number) {
+    return QStringLiteral("utilia-desktop-colors-%1").arg(number);
+}
 QString key() { return QStringLiteral("color-scheme"); }
 
 // Anything that is no number is no preference.
@@ -82,7 +86,6 @@ QPalette darkPalette() {
 DesktopColors::DesktopColors() : original_(QApplication::palette()) {}
 
 void DesktopColors::follow() {
-    const QString address = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS");
     struct First {
         QSemaphore isThere;
         std::atomic<uint> scheme{kNoPreference};
@@ -91,25 +94,42 @@ void DesktopColors::follow() {
     // The bus library finds the types of a slot by their names, and learns its own with the first
     // message only.
     qRegisterMetaType<QDBusVariant>();
-    const auto talk = [this, address, first] {
-        QDBusConnection bus =
-            QDBusConnection::connectToBus(address, QStringLiteral("utilia-desktop-colors"));
+    const bool isAsked = ask([first](uint scheme) {
+        first->scheme = scheme;
+        first->isThere.release();
+    });
+    if (isAsked && first->isThere.tryAcquire(1, kPatience)) apply(first->scheme);
+}
+
+void DesktopColors::followAgain() {
+    ask([](uint) {});
+}
+
+// False where there is no thread to ask on; the colours then stay as they are.
+bool DesktopColors::ask(std::function<void(uint)> answered) {
+    const QString before = connectionName(connections_);
+    const QString name = connectionName(++connections_);
+    const auto talk = [this, address = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"), before,
+                       name, answered = std::move(answered)] {
+        QDBusConnection::disconnectFromBus(before);
+        uint scheme = kNoPreference;
+        QDBusConnection bus = QDBusConnection::connectToBus(address, name);
         if (bus.isConnected()) {
             // Before the question, so that no change comes in between.
             bus.connect(service(), path(), interface(), QStringLiteral("SettingChanged"), this,
                         SLOT(settingChanged(QString, QString, QDBusVariant)));
-            first->scheme = askPortal(bus);
+            scheme = askPortal(bus);
         }
-        first->isThere.release();
+        answered(scheme);
         QMetaObject::invokeMethod(
-            this, [this, first] { apply(first->scheme); }, Qt::QueuedConnection);
+            this, [this, scheme] { apply(scheme); }, Qt::QueuedConnection);
     };
     try {
         std::thread(talk).detach();
     } catch (const std::system_error&) {
-        return;  // the colours stay as they are
+        return false;
     }
-    if (first->isThere.tryAcquire(1, kPatience)) apply(first->scheme);
+    return true;
 }
 
 void DesktopColors::settingChanged(const QString& changedGroup, const QString& changedKey,

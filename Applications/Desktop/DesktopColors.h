@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include <QDBusVariant>
 #include <QObject>
 #include <QPalette>
@@ -19,13 +21,17 @@ public:
     // Asks the portal, and waits for a moment for its answer, so that the window appears in the right colours. A later
     // answer is taken when it comes.
     void follow();
+    // For a bus that was lost and is back: the same on a new connection, without waiting.
+    void followAgain();
 
 private Q_SLOTS:
     void settingChanged(const QString& group, const QString& key, const QDBusVariant& value);
 
 private:
+    bool ask(std::function<void(uint)> answered);
     void apply(uint scheme);
     QPalette original_;
+    int connections_ = 0;
 };
 
 }  // namespace utilia::desktop

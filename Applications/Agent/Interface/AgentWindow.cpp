@@ -5,8 +5,10 @@
 #include <QShortcut>
 #include <QTabBar>
 #include <QTabWidget>
+#include <QVBoxLayout>
 
 #include "Applications/Agent/AgentTexts.h"
+#include "Applications/Agent/Interface/MessageBar.h"
 #include "Applications/Agent/Interface/SettingsPage.h"
 #include "Applications/Agent/Interface/ToolPictures.h"
 #include "Applications/Agent/Interface/ToolsPage.h"
@@ -14,7 +16,8 @@
 namespace utilia::agent {
 
 AgentWindow::AgentWindow(ToolList& tools)
-    : pages_(new QTabWidget(this)), tools_(new ToolsPage(tools, this)),
+    : messages_(new MessageBar(this)), pages_(new QTabWidget(this)),
+      tools_(new ToolsPage(tools, this)),
       settings_(new SettingsPage([this] { tools_->updateSuggestion(); }, this)) {
     setWindowTitle(
         QString::fromUtf8(kProductName.data(), static_cast<qsizetype>(kProductName.size())));
@@ -25,7 +28,12 @@ AgentWindow::AgentWindow(ToolList& tools)
     // The keyboard goes to the tabs, and not to what is around them.
     pages_->setFocusPolicy(Qt::NoFocus);
     pages_->tabBar()->setFocusPolicy(Qt::TabFocus);
-    setCentralWidget(pages_);
+    auto* const content = new QWidget(this);
+    auto* const layout = new QVBoxLayout(content);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->addWidget(messages_);
+    layout->addWidget(pages_, 1);
+    setCentralWidget(content);
 
     const int em = fontMetrics().averageCharWidth();
     // With large letters a small screen must still show the buttons.
@@ -38,14 +46,13 @@ AgentWindow::AgentWindow(ToolList& tools)
     connect(pages_, &QTabWidget::currentChanged, this, [this] { settings_->update(); });
 }
 
-void AgentWindow::setWithoutTray(bool isWithoutTray) {
-    tools_->setNotice(isWithoutTray ? text(kNoTrayText) : QString());
-}
+void AgentWindow::setMessages(const QStringList& messages) { messages_->setMessages(messages); }
 
 void AgentWindow::showEvent(QShowEvent* event) {
     tools_->updateSuggestion();
     settings_->update();
     QMainWindow::showEvent(event);
+    if (shown_) shown_();
 }
 
 void AgentWindow::present(Page page) {

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <functional>
+
 #include <QMainWindow>
+#include <QStringList>
 
 #include "Applications/Agent/Model/ToolList.h"
 
@@ -8,6 +11,7 @@ class QTabWidget;
 
 namespace utilia::agent {
 
+class MessageBar;
 class SettingsPage;
 class ToolsPage;
 
@@ -21,13 +25,17 @@ public:
     enum class Page { Tools, Settings };
     // Shows the window on this page, in front of others.
     void present(Page page);
-    // Whether the desktop is known to show no status icon.
-    void setWithoutTray(bool isWithoutTray);
+    // What is to be known on every page.
+    void setMessages(const QStringList& messages);
+    // Called whenever the window appears.
+    void setShownHandler(std::function<void()> shown) { shown_ = std::move(shown); }
 
 protected:
     void showEvent(QShowEvent* event) override;
 
 private:
+    std::function<void()> shown_;
+    MessageBar* messages_;
     QTabWidget* pages_;
     ToolsPage* tools_;
     SettingsPage* settings_;

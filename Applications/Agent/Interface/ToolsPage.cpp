@@ -35,7 +35,7 @@ QString nameOf(const ToolList& tools, const std::string& identifier) {
 
 ToolsPage::ToolsPage(ToolList& tools, QWidget* parent)
     : QWidget(parent), tools_(tools), model_(new ToolItemModel(tools, this)),
-      notice_(makeLine(this)), view_(new QListView(this)), empty_(makeLine(this)) {
+      view_(new QListView(this)), empty_(makeLine(this)) {
     view_->setModel(model_);
     view_->setItemDelegate(new ToolItemDelegate(view_));
     view_->setUniformItemSizes(true);
@@ -45,10 +45,8 @@ ToolsPage::ToolsPage(ToolList& tools, QWidget* parent)
     view_->setAccessibleName(text(kToolListText));
     empty_->setText(text(kNoToolsText));
     empty_->setAlignment(Qt::AlignCenter);
-    notice_->hide();
 
     auto* const layout = new QVBoxLayout(this);
-    layout->addWidget(notice_);
     layout->addWidget(makeSuggestion());
     layout->addWidget(view_, 1);
     layout->addWidget(empty_, 1);
@@ -118,11 +116,6 @@ QWidget* ToolsPage::makeButtons() {
         updateButtons();
     });
     return box;
-}
-
-void ToolsPage::setNotice(const QString& notice) {
-    notice_->setText(notice);
-    notice_->setVisible(!notice.isEmpty());
 }
 
 void ToolsPage::takeFocus() { view_->setFocus(); }

@@ -25,8 +25,6 @@ class ToolsPage final : public QWidget {
 public:
     ToolsPage(ToolList& tools, QWidget* parent);
 
-    // Tells the user once above the list; empty hides the line.
-    void setNotice(const QString& notice);
     // Looks again for a tool to suggest.
     void updateSuggestion();
     // The keyboard goes to the list.
@@ -44,7 +42,6 @@ private:
 
     ToolList& tools_;
     ToolItemModel* model_;
-    QLabel* notice_;
     QListView* view_;
     QLabel* empty_;
     QLabel* suggestionLabel_ = nullptr;

@@ -177,6 +177,10 @@ void ToolList::watch(const ToolEntry& entry) {
             changed(identifier);
         });
     watched_[entry.identifier] = {proxy, std::move(observation)};
+    proxy->setSending(ToolDataAgentProvider::Sending::KeepsLate);
+    proxy->setUndeliveredHandler([this, identifier = entry.identifier](AgentMessage message) {
+        if (const auto undelivered = undelivered_) undelivered(identifier, message);
+    });
     proxy->setToolIconNeeded(true);
     proxy->setMenuIconNeeded(true);
     proxy->requestStatus();
@@ -272,6 +276,10 @@ Result<void> ToolList::turnOff(std::string_view identifier) {
 bool ToolList::tell(std::string_view identifier, AgentMessage message) {
     ToolDataAgentProvider* const proxy = proxyOf(identifier);
     return proxy && proxy->sendCommand(message);
+}
+
+void ToolList::setUndeliveredHandler(UndeliveredHandler undelivered) {
+    undelivered_ = std::move(undelivered);
 }
 
 }  // namespace utilia::agent

@@ -28,6 +28,9 @@ inline constexpr std::string_view kHideRestrictedToolsKey = "HideRestrictedTools
 //
 // Restricted, damaged and missing tools have no proxy, so they are never spoken to.
 //
+// A tool that does not read what it is told stops nobody: messages to it are kept in order until their time-out (10 s),
+// and what could not be delivered by then is told to the handler.
+//
 // Changes are gathered: observers are told at most once in `gather` of everything that changed, and of nothing that
 // is as they were told last. A tool that says the same again, or twice in that time, costs one call or none.
 //
@@ -64,8 +67,12 @@ public:
     Result<void> activate(std::string_view identifier);
     // Fails with NotFound when it does not run.
     Result<void> turnOff(std::string_view identifier);
-    // Sends a running tool the message; answers whether it could be told.
+    // Sends a running tool the message; answers whether it could be told, or the message is kept for it.
     bool tell(std::string_view identifier, AgentMessage message);
+    // Told of the messages that a tool did not take in time.
+    using UndeliveredHandler =
+        std::function<void(const std::string& identifier, AgentMessage message)>;
+    void setUndeliveredHandler(UndeliveredHandler undelivered);
 
 private:
     struct Watched {
@@ -89,6 +96,7 @@ private:
     std::set<std::string> dirty_;
     std::shared_ptr<Observers> observers_;
     Handle delivery_;
+    UndeliveredHandler undelivered_;
 };
 
 }  // namespace utilia::agent

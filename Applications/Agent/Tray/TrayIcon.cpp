@@ -59,6 +59,13 @@ void TrayIcon::show(QDBusConnection bus, QObject* menuPlace) {
     registerWithPanel();
 }
 
+void TrayIcon::forgetBus() {
+    watcher_.reset();
+    bus_ = QDBusConnection(QString());
+    isKnown_ = false;
+    isShown_ = false;
+}
+
 void TrayIcon::registerWithPanel() {
     QDBusMessage call =
         QDBusMessage::createMethodCall(watcherService(), watcherPath(), watcherService(),

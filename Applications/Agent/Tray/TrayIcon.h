@@ -43,8 +43,10 @@ public:
     // `place` becomes the object on the bus; `activate` is a click on the icon that is not for the menu.
     TrayIcon(QObject* place, std::function<void()> activate);
 
-    // Puts item and menu on the bus, without waiting. `menuPlace` carries the menu.
+    // Puts item and menu on this bus, without waiting. `menuPlace` carries the menu.
     void show(QDBusConnection bus, QObject* menuPlace);
+    // The bus of before is gone: no panel shows the icon, and none is known until the next show().
+    void forgetBus();
     // The colours around have changed.
     void update();
 

@@ -19,6 +19,7 @@
 #include "Tests/Support/ReportPipe.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestBundle.h"
+#include "Tests/Support/VirtualDisplay.h"
 
 namespace utilia::agent {
 

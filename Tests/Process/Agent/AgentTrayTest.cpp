@@ -26,6 +26,20 @@ UTILIA_CHILD_ROLE(startedTool) {
     return 0;
 }
 
+// A tool that reads what it is told as long as nobody stops it, and tells its test how often it was clicked.
+UTILIA_CHILD_ROLE(clickedTool) {
+    RecordingPort port(self.arguments.at(0));
+    self.say("registered");
+    const auto count = std::stoul(self.arguments.at(1));
+    (void)test::eventually([&] {
+        return static_cast<unsigned long>(std::count(port.messages().begin(), port.messages().end(),
+                                                     RecordedMessage{107, {}})) >= count;
+    });
+    self.say(std::to_string(port.messages().size()));
+    self.waitForLine();
+    return 0;
+}
+
 class AgentTrayTest : public AgentApplicationTest {
 protected:
     AgentTrayTest() { startBus(); }
@@ -115,6 +129,28 @@ TEST_F(AgentTrayTest, StartsAToolOnAClickAndTellsOneThatRuns) {
     timer.clear();
     EXPECT_EQ(ask(panel, "click Timer"), "done");
     EXPECT_EQ(timer.take(1), (std::vector<RecordedMessage>{{107, {}}}));
+}
+
+TEST_F(AgentTrayTest, AnswersWhileAToolThatIsStoppedIsClicked) {
+    constexpr int kClicks = 600;  // a stopped tool has room for some three hundred
+    install(timer_);
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    auto tool = test::ChildProcess::role("clickedTool", {portOf(timer_), std::to_string(kClicks)});
+    ASSERT_EQ(tool.waitForLine(), "registered");
+    sayStatus(timer_, 1);
+    const std::string active = withOwn("Timer [checkmark]");
+    ASSERT_EQ(menuThatBecomes(panel, active), active);
+    tool.signal(SIGSTOP);
+    EXPECT_EQ(ask(panel, "clicks " + std::to_string(kClicks) + " Timer"), "done");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ask(panel, "menu"), active);
+    const auto taken = std::chrono::steady_clock::now() - start;
+    // One click that waited for the tool would take ten.
+    EXPECT_LT(taken, std::chrono::seconds(1));
+    tool.signal(SIGCONT);
+    EXPECT_EQ(tool.waitForLine(), std::to_string(kClicks + 2)) << "all of them, and the wishes";
 }
 
 TEST_F(AgentTrayTest, ComesWhenThePanelIsLateAndComesBackWhenItRestarts) {

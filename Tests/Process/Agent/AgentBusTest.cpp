@@ -1,0 +1,147 @@
+#include <filesystem>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "Common/Platform/UniqueFd.h"
+#include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
+#include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
+#include "Tests/Process/Agent/AgentFixture.h"
+
+// An agent whose session bus is late, lost, or not there at all.
+
+namespace utilia::agent {
+namespace {
+
+using test::RecordingPort;
+using testing::HasSubstr;
+
+class AgentBusTest : public AgentApplicationTest {
+protected:
+    // Without a word about the bus: it is where sessions have theirs, once it is.
+    static Environment unnamedBus() {
+        return {{"QT_QPA_PLATFORM", "offscreen"},
+                {"LANGUAGE", "en"},
+                {"DBUS_SESSION_BUS_ADDRESS", "\x01"}};
+    }
+    std::string published() const {
+        return test::runProgram({"gdbus", "call", "--session", "--dest", "com.korvane.utilia",
+                                 "--object-path", "/com/korvane/utilia/Tools", "--method",
+                                 "com.korvane.utilia.Tools1.List"},
+                                {{"DBUS_SESSION_BUS_ADDRESS", bus_->address()}})
+            .text;
+    }
+    bool hasLogged(const std::string& line) const {
+        return test::eventually([&] { return log().find(line) != std::string::npos; });
+    }
+    std::string ownTools(const std::string& tools) const { return tools + "; " + kOwnEntries; }
+    // A file of the bus's name that nobody listens at.
+    void leaveSocketBehind() const {
+        const platform::UniqueFd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        const std::string path = home_.runtime() / "bus";
+        ASSERT_LT(path.size(), sizeof address.sun_path);
+        path.copy(address.sun_path, path.size());
+        ASSERT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+                  0);
+    }
+    void schedule(const char* tool, const std::string& name) const {
+        updateSchedulerPlist(tool, name, [](Dictionary& record) {
+            record.set("launchAtDate", true);
+            record.set("date", Date{Date::now().secondsSinceReferenceDate - 60});
+        });
+    }
+};
+
+TEST_F(AgentBusTest, ComesBackWithTheBusThatItLost) {
+    install(timer_);
+    startBus();
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    const RecordingPort timer(portOf(timer_));
+    sayStatus(timer_, 1);
+    const std::string before = ownTools("Timer [checkmark]");
+    ASSERT_EQ(menuThatBecomes(panel, before), before);
+
+    for (int times = 0; times < 2; ++times) {
+        bus_.reset();
+        ASSERT_TRUE(hasLogged("the session bus is lost"));
+        EXPECT_TRUE(agent.isRunning());
+        startBus();
+        auto next = startPanel();
+        expectItem(next, agent);
+        EXPECT_EQ(ask(next, "menu"), before);
+        speak(timer_, 108, {std::to_string(times)});
+        const std::string changed = ownTools("Timer – " + std::to_string(times) + " [checkmark]");
+        EXPECT_EQ(menuThatBecomes(next, changed), changed) << "and is told what changes";
+        speak(timer_, 108, {""});
+        EXPECT_EQ(menuThatBecomes(next, before), before);
+        EXPECT_THAT(published(), HasSubstr("'identifier': <'com.korvane.utilia.Timer'>"));
+    }
+    EXPECT_TRUE(agent.isRunning());
+    agent.signal(SIGTERM);
+    EXPECT_EQ(agent.waitForExit(), 0);
+}
+
+TEST_F(AgentBusTest, HearsOfSchedulesAgainOnTheNewBus) {
+    install(timer_);
+    startBus();
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    bus_.reset();
+    ASSERT_TRUE(hasLogged("the session bus is lost"));
+    startBus();
+    auto next = startPanel();
+    expectItem(next, agent);
+    // Once this is listed the agent has looked at everything that it missed.
+    install(clock_);
+    const std::string both = ownTools("Timer; World__Clock");
+    ASSERT_EQ(menuThatBecomes(next, both), both);
+    AgentScheduler::scheduleToolAtDate(Date{Date::now().secondsSinceReferenceDate - 60}, kTimer,
+                                       "Timer");
+    EXPECT_EQ(reports_.waitForLine(), "started");
+}
+
+TEST_F(AgentBusTest, WaitsForABusThatIsLate) {
+    install(timer_);
+    auto agent = startAgent(unnamedBus());
+    ASSERT_TRUE(hasLogged("no status icon, and nothing is published"));
+    startBus();
+    auto panel = startPanel();
+    expectItem(panel, agent);
+    EXPECT_EQ(ask(panel, "menu"), ownTools("Timer"));
+}
+
+TEST_F(AgentBusTest, TakesTheBusThatReplacesADeadSocket) {
+    leaveSocketBehind();
+    auto agent = startAgent(unnamedBus());
+    ASSERT_TRUE(hasLogged("no status icon, and nothing is published"));
+    std::filesystem::remove(home_.runtime() / "bus");
+    startBus();
+    auto panel = startPanel();
+    expectItem(panel, agent);
+}
+
+TEST_F(AgentBusTest, ActsOnSchedulesWithoutABusThatCouldTellOfThem) {
+    install(timer_);
+    install(clock_);
+    for (const char* address : {"disabled:", "unix:path=/nowhere/bus", ""}) {
+        auto environment = offscreen();
+        environment["DBUS_SESSION_BUS_ADDRESS"] = address;
+        auto agent = startAgent(environment);
+        sayStatus(timer_, 0);  // waits until the agent is there
+        ASSERT_TRUE(hasLogged("no status icon, and nothing is published")) << address;
+        schedule(kTimer, "Timer");
+        EXPECT_EQ(reports_.waitForLine(), "started") << address;
+        EXPECT_TRUE(agent.isRunning());
+        agent.signal(SIGTERM);
+        EXPECT_EQ(agent.waitForExit(), 0);
+        std::filesystem::remove(home_.path() / "agent.log");
+    }
+}
+
+}  // namespace
+}  // namespace utilia::agent
