@@ -87,6 +87,10 @@ VirtualDisplay::VirtualDisplay(const fs::path& folder) {
     environment_ = {{"DISPLAY", ":" + *number},
                     {"XAUTHORITY", authority.string()},
                     {"WAYLAND_DISPLAY", kUnset}};
+    // With the first key that a test presses the display changes over to another keyboard, and says
+    // so. A window manager then lets go of its keys to look at them anew, and the next key that
+    // comes meanwhile is not for it. So this happens before there is one.
+    press({"Shift_L"});
 
     ReportPipe up(folder);
     options.environment = environment_;
