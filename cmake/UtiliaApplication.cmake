@@ -11,7 +11,7 @@
 #   INFO          further XML for the Info.plist's dictionary
 #   LOCALIZATION  a folder of translations, LANGUAGE.po, which become the bundle's texts (needs gettext's msgfmt)
 #   RESOURCES     files for Contents/Resources
-#   ICON          a picture for Contents/Resources that the desktop entry names
+#   ICON          a picture for Contents/Resources that the desktop entry and the Info.plist name
 #   HELPERS       programs (targets) that lie beside its own: Bundle::pathForAuxiliaryExecutable finds them
 #   WITHIN        the application that this one belongs to: it lies in that one's Contents/Applications, and has no
 #                 desktop entry of its own
@@ -44,6 +44,10 @@ function(utilia_application target)
     set(UTILIA_PROGRAM "${target}")
     set(UTILIA_PROGRAM_PATH "${contents}/Linux/${target}")
     set(UTILIA_INFO "${arg_INFO}")
+    if(arg_ICON)
+        get_filename_component(icon "${arg_ICON}" NAME)
+        string(PREPEND UTILIA_INFO "<key>CFBundleIconFile</key>\n    <string>${icon}</string>\n    ")
+    endif()
     set(UTILIA_VERSION "${PROJECT_VERSION}")
     configure_file("${CMAKE_CURRENT_FUNCTION_LIST_DIR}/ApplicationInfo.plist.in" "${contents}/Info.plist" @ONLY)
     if(arg_SAMPLE)
@@ -73,7 +77,6 @@ function(utilia_application target)
     set(UTILIA_ICON "")
     set(installed_icon "")
     if(arg_ICON)
-        get_filename_component(icon "${arg_ICON}" NAME)
         set(UTILIA_ICON "Icon=${contents}/Resources/${icon}\n")
         set(installed_icon "Icon=\${CMAKE_INSTALL_PREFIX}/${installed_contents}/Resources/${icon}\\n")
     endif()

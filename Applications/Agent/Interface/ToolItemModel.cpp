@@ -197,7 +197,10 @@ void ToolItemDelegate::paint(QPainter* painter, const QStyleOptionViewItem& plai
             flags(Qt::AlignAbsolute |
                   (option.direction == Qt::RightToLeft ? Qt::AlignLeft : Qt::AlignRight)),
             stateText);
-        const QRect mark(place.left(), place.center().y() - dot / 2, dot, dot);
+        // Beside the small letters, which lie lower than the middle of the line.
+        const int middle = inner.top() + (inner.height() - metrics.height()) / 2 +
+                           metrics.ascent() - metrics.xHeight() / 2;
+        const QRect mark(place.left(), middle - dot / 2, dot, dot);
         painter->setRenderHint(QPainter::Antialiasing);
         const bool isRunning = index.data(ToolItemModel::RunningRole).toBool();
         // Filled and hollow, so that the mark does not speak by colour alone.

@@ -3,11 +3,16 @@
 #include <algorithm>
 #include <optional>
 
+#include <QCache>
+#include <QDateTime>
+#include <QFileInfo>
 #include <QFont>
+#include <QImageReader>
 #include <QPainter>
 #include <QPainterPath>
 #include <QString>
 
+#include "Common/Platform/Bundle.h"
 #include "Common/Platform/Image.h"
 
 namespace utilia::agent {
@@ -44,6 +49,42 @@ QImage recolored(QImage mask, const QColor& color) {
     painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
     painter.fillRect(mask.rect(), color);
     return mask;
+}
+
+QImage inSquare(const QImage& image, int side) {
+    QImage square = clear(side);
+    QPainter painter(&square);
+    painter.drawImage((side - image.width()) / 2, (side - image.height()) / 2, image);
+    return square;
+}
+
+QImage readBundlePicture(const std::string& bundlePath, int side) {
+    const auto bundle = platform::Bundle::bundleWithPath(bundlePath);
+    const auto icon = bundle ? bundle->infoDictionary().string("CFBundleIconFile") : std::nullopt;
+    const auto file = icon ? bundle->pathForResource(*icon, "") : std::nullopt;
+    if (!file) return {};
+    QImageReader reader(QString::fromStdString(*file));
+    const QSize size = reader.size();
+    if (size.isEmpty()) return {};
+    reader.setScaledSize(size.scaled(side, side, Qt::KeepAspectRatio));
+    const QImage image = reader.read();
+    return image.isNull() ? image : inSquare(image, side);
+}
+
+// Menus and lists ask again and again, and reading takes a while.
+QImage bundlePicture(const ToolEntry& tool, int side) {
+    if (tool.path.empty()) return {};
+    constexpr int kKept = 200;
+    static QCache<QString, QImage> pictures(kKept);
+    const QFileInfo info(QString::fromStdString(tool.path) + QLatin1String("/Contents/Info.plist"));
+    const QString key =
+        QStringLiteral("%1 %2 %3")
+            .arg(QString::number(side), QString::number(info.lastModified().toMSecsSinceEpoch()),
+                 info.filePath());
+    if (const QImage* const kept = pictures.object(key)) return *kept;
+    const QImage picture = readBundlePicture(tool.path, side);
+    pictures.insert(key, new QImage(picture));
+    return picture;
 }
 
 QImage letterPicture(const ToolEntry& tool, int side) {
@@ -100,18 +141,17 @@ QImage pictureOf(platform::Image* image, int side, const QColor& color) {
     const QImage raw((*pixels)->rgba.data(), static_cast<int>((*pixels)->pixelsWide),
                      static_cast<int>((*pixels)->pixelsHigh),
                      static_cast<qsizetype>((*pixels)->pixelsWide) * 4, QImage::Format_RGBA8888);
-    const QImage scaled = raw.scaled(side, side, Qt::KeepAspectRatio, Qt::SmoothTransformation);
-    QImage square = clear(side);
-    QPainter painter(&square);
-    painter.drawImage((side - scaled.width()) / 2, (side - scaled.height()) / 2, scaled);
-    painter.end();
+    QImage square =
+        inSquare(raw.scaled(side, side, Qt::KeepAspectRatio, Qt::SmoothTransformation), side);
     return image->isTemplate() ? recolored(std::move(square), color) : square;
 }
 
 QImage pictureOf(const ToolEntry& tool, int side, const QColor& color) {
+    side = std::clamp(side, 1, kLargestSide);
     QImage picture = pictureOf(tool.toolIcon.get(), side, color);
     if (picture.isNull()) picture = pictureOf(tool.menuIcon.get(), side, color);
-    return picture.isNull() ? letterPicture(tool, std::clamp(side, 1, kLargestSide)) : picture;
+    if (picture.isNull()) picture = bundlePicture(tool, side);
+    return picture.isNull() ? letterPicture(tool, side) : picture;
 }
 
 QImage agentMark(int side, const QColor& color) {

@@ -18,8 +18,8 @@ namespace utilia::agent {
 // The representation that fits `side` pixels best, scaled into a square of that side. Null for no usable picture.
 QImage pictureOf(platform::Image* image, int side, const QColor& color);
 
-// What stands for the tool in menus and lists: its tool icon, else its menu icon, else its first letter on a disc whose
-// colour follows from its identifier.
+// What stands for the tool in menus and lists: its tool icon, else its menu icon, else, as long as it never ran, the icon
+// that its bundle names, else its first letter on a disc whose colour follows from its identifier.
 QImage pictureOf(const ToolEntry& tool, int side, const QColor& color);
 
 // The mark of the agent itself: for windows in colour, and as a mask for panels.

@@ -101,6 +101,32 @@ TEST_F(AgentWindowTest, SwitchesUsageReportingByKeyboardAloneAndShowsWhatIsSent)
     display_.waitForWindow("What will be sent next");
 }
 
+TEST_F(AgentWindowTest, ShowsTheIconThatABundleNamesUntilTheToolHasRun) {
+    const auto installWithIcon = [this](const std::string& name, const std::string& icon) {
+        const test::TestBundle tool(home_, {.name = name,
+                                            .bundleIdentifier = "com.korvane.utilia." + name,
+                                            .info = {{"CFBundleIconFile", icon}}});
+        std::filesystem::create_directories(tool.path() + "/Contents/Resources");
+        install(tool);
+        return tool.path() + "/Contents/Resources/" + icon;
+    };
+    std::ofstream(installWithIcon("QuickNotes", "notes.svg"))
+        << "<svg xmlns='http://www.w3.org/2000/svg' width='8' height='8'>"
+           "<rect width='8' height='8' fill='#c81e5a'/></svg>";
+    ASSERT_EQ(test::runProgram({"convert", "-size", "64x64", "xc:#1e5ac8",
+                                "png:" + installWithIcon("ScreenRuler", "ruler.png")})
+                  .status,
+              0);
+    std::ofstream(installWithIcon("SpeakText", "text.png")) << "no picture";
+    auto agent = startAgent(onScreen(), {"--show-ui"});
+    display_.waitForWindow(kTitle);
+    const auto shows = [this](const std::string& color) {
+        return display_.pixels(0, 0, 1000, 700).find(color) != std::string::npos;
+    };
+    EXPECT_TRUE(test::eventually([&] { return shows("\xc8\x1e\x5a"); })) << "an SVG picture";
+    EXPECT_TRUE(test::eventually([&] { return shows("\x1e\x5a\xc8"); })) << "a PNG picture";
+}
+
 TEST_F(AgentWindowTest, StartsAToolByKeyboardAlone) {
     install(clock_);
     install(timer_);
