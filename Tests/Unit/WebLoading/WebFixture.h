@@ -60,7 +60,7 @@ protected:
         loader.loadUrl(url, success(outcome), failure(outcome));
     }
     static bool waitUntil(const std::function<bool()>& done) {
-        return platform::RunLoop::mainRunLoop().runUntil(done, std::chrono::seconds(20));
+        return platform::RunLoop::mainRunLoop().runUntil(done, std::chrono::seconds(60));
     }
     // What the main queue holds already is worked off.
     static void drain() { platform::RunLoop::mainRunLoop().runFor(std::chrono::seconds(0)); }

@@ -23,7 +23,8 @@
 // loads of a host that does not answer leave room for those of others.
 //
 // When the process ends, libraries clean up after themselves, under the feet of a thread that is in
-// the middle of them. So a function that runs before theirs parks the thread.
+// the middle of them. So a function that runs before theirs parks the thread; it stops before the
+// next socket, for each may mean a handshake.
 
 namespace utilia::platform::net {
 namespace {
@@ -35,7 +36,8 @@ constexpr long kMostConnectionsOfHost = 6;
 constexpr std::size_t kMostSpare = 16;
 constexpr std::chrono::seconds kIdleConnectionsKept{10};
 constexpr std::chrono::seconds kDesktopRemembered{60};
-constexpr std::chrono::seconds kLongestParking{1};
+// One call of libcurl; the longest are handshakes, which read all certificates of the machine.
+constexpr std::chrono::seconds kLongestParking{5};
 constexpr std::uint64_t kOrders = ~std::uint64_t{0};
 constexpr int kForever = -1;
 
@@ -304,7 +306,7 @@ void NetWorker::serveSockets(int timeout) {
     const int count = epoll_wait(epoll_.get(), events.data(), events.size(), timeout);
     int running = 0;
     CURLMcode code = CURLM_OK;
-    for (int i = 0; i < count && code == CURLM_OK; ++i) {
+    for (int i = 0; i < count && code == CURLM_OK && !isEnding_; ++i) {
         const epoll_event& event = events[static_cast<std::size_t>(i)];
         if (event.data.u64 == kOrders) {
             std::uint64_t times = 0;
@@ -323,6 +325,7 @@ void NetWorker::serveSockets(int timeout) {
         code = curl_multi_socket_action(multi_.get(), static_cast<int>(event.data.u64 & 0xFFFFFFFF),
                                         what, &running);
     }
+    if (isEnding_) return;
     if (code == CURLM_OK && multi_ && curlDeadline_ && *curlDeadline_ <= Clock::now()) {
         curlDeadline_.reset();
         code = curl_multi_socket_action(multi_.get(), CURL_SOCKET_TIMEOUT, 0, &running);

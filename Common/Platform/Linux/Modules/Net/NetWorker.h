@@ -91,7 +91,7 @@ private:
     bool hasCancellations_ = false;
     bool isDesktopHeard_ = false;  // its answer has come
     ProxySettings heard_;
-    bool isEnding_ = false;
+    std::atomic<bool> isEnding_ = false;
     bool isParked_ = false;
     std::condition_variable parked_;
     std::thread::id thread_;
