@@ -54,11 +54,11 @@ public:
     void say(const std::string& line);
     // The next line the child says; empty when it ended or the time is over.
     std::optional<std::string>
-    waitForLine(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    waitForLine(std::chrono::milliseconds timeout = std::chrono::seconds(60));
     void signal(int number);
     void kill();  // SIGKILL, and reaped on return
     // The exit status, or 128 + signal; empty when it still runs at the end of the time.
-    std::optional<int> waitForExit(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    std::optional<int> waitForExit(std::chrono::milliseconds timeout = std::chrono::seconds(60));
     bool isRunning();
 
 private:

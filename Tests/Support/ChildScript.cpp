@@ -110,7 +110,7 @@ void ChildScript::execute(const std::string& line) {
 }
 
 bool ChildScript::waitUntil(const std::function<bool()>& done) {
-    return RunLoop::currentRunLoop().runUntil(done, std::chrono::seconds(20));
+    return RunLoop::currentRunLoop().runUntil(done, std::chrono::seconds(60));
 }
 
 ScriptedChild::ScriptedChild(ChildProcess process) : process_(std::move(process)) {

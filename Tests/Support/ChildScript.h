@@ -70,7 +70,7 @@ public:
     std::string ask(const std::string& command, const std::vector<std::string>& arguments = {});
     // The command alone; the answer is to be taken with answer().
     void tell(const std::string& command, const std::vector<std::string>& arguments = {});
-    std::string answer(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    std::string answer(std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
     std::vector<std::string> log() { return splitFields(ask("log")); }
     // How many of the child's log lines contain the text.

@@ -88,7 +88,7 @@ std::string MisbehavingServer::url(const std::string& path, const std::string& s
 
 int MisbehavingServer::waitForConnections(int count) {
     std::unique_lock guard(mutex_);
-    arrived_.wait_for(guard, std::chrono::seconds(20), [&] { return connections_ >= count; });
+    arrived_.wait_for(guard, std::chrono::seconds(60), [&] { return connections_ >= count; });
     return connections_;
 }
 

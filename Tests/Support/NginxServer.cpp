@@ -273,7 +273,7 @@ std::vector<NginxRequest> NginxServer::requests() const {
 }
 
 std::vector<NginxRequest> NginxServer::waitForRequests(std::size_t count) const {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     const UniqueFd changes(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (inotify_add_watch(changes.get(), (folder_.path() / "requests.log").c_str(), IN_MODIFY) < 0)
         fail("inotify_add_watch");

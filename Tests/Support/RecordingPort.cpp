@@ -13,7 +13,7 @@ using platform::PortMessage;
 using platform::PortNameServer;
 
 bool eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) return false;
         platform::RunLoop::currentRunLoop().runFor(std::chrono::milliseconds(2));
@@ -52,7 +52,7 @@ RecordingPort::~RecordingPort() {
 
 bool RecordingPort::waitForMessages(std::size_t count) {
     return platform::RunLoop::currentRunLoop().runUntil([&] { return messages_.size() >= count; },
-                                                        std::chrono::seconds(20));
+                                                        std::chrono::seconds(60));
 }
 
 std::vector<RecordedMessage> RecordingPort::take(std::size_t count) {
@@ -78,7 +78,7 @@ bool RecordingPort::send(std::string_view portName, std::uint32_t id,
     }
     PortMessage message(port, std::move(spans));
     message.setMsgid(id);
-    message.sendBeforeDate(std::chrono::steady_clock::now() + std::chrono::seconds(20));
+    message.sendBeforeDate(std::chrono::steady_clock::now() + std::chrono::seconds(60));
     return true;
 }
 

@@ -18,7 +18,7 @@ public:
     std::string path() const { return path_.string(); }
     // The next line; empty when the time is over.
     std::optional<std::string>
-    waitForLine(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    waitForLine(std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
     // One line to the pipe at a path, whole; for the reporting process.
     static void report(const std::string& path, const std::string& line);

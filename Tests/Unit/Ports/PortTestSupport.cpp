@@ -44,7 +44,7 @@ PortUnderTest::PortUnderTest(std::string_view name) {
 
 bool runUntil(const std::function<bool()>& condition) {
     const Handle tick = platform::Timer::scheduledTimer(std::chrono::milliseconds(3), true, [] {});
-    return platform::RunLoop::currentRunLoop().runUntil(condition, std::chrono::seconds(20));
+    return platform::RunLoop::currentRunLoop().runUntil(condition, std::chrono::seconds(60));
 }
 
 std::string runUntilLine(ChildProcess& child) {
