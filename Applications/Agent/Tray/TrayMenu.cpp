@@ -36,6 +36,12 @@ QString onOneLine(const std::string& text) {
     return simple.size() <= kLongestText ? simple : simple.left(kLongestText - 1) + QChar(0x2026);
 }
 
+// A text of the other direction stays in order by itself (FIRST STRONG ISOLATE … POP DIRECTIONAL ISOLATE).
+QString nextTo(const QString& name, const QString& text) {
+    if (name.isRightToLeft() == text.isRightToLeft()) return text;
+    return QChar(0x2068) + text + QChar(0x2069);
+}
+
 QByteArray png(const QImage& image) {
     QByteArray bytes;
     QBuffer buffer(&bytes);
@@ -100,7 +106,8 @@ MenuItem TrayMenu::itemOf(const ToolEntry& tool) {
         shown = textWithName(kMissingToolText, name);
         break;
     case ToolEntry::Condition::Ready:
-        if (!tool.menuText.empty()) shown += QStringLiteral(" \u2013 ") + onOneLine(tool.menuText);
+        if (!tool.menuText.empty())
+            shown += QStringLiteral(" \u2013 ") + nextTo(name, onOneLine(tool.menuText));
         spoken = shown + QStringLiteral(", ") + text(tool.isRunning ? kRunningText : kOffText);
         break;
     }

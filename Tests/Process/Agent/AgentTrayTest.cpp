@@ -229,6 +229,13 @@ TEST_F(AgentTrayTest, SpeaksTheUsersLanguageAndRunsFromRightToLeft) {
     expectItem(panel, arabic);
     EXPECT_EQ(ask(panel, "direction"), "rtl");
     EXPECT_THAT(ask(panel, "menu"), HasSubstr("إظهار النافذة"));
+    const RecordingPort timer(portOf(timer_));
+    speak(timer_, 108, {"أحدب 91 %"});
+    const auto menu = [&] { return ask(panel, "menu"); };
+    EXPECT_TRUE(test::eventually([&] {
+        return menu().starts_with("Timer – \u2068أحدب 91 %\u2069;");
+    })) << "the sign stays behind the number: "
+        << menu();
 }
 
 // ---- schedules
