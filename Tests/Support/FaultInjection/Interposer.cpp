@@ -394,6 +394,12 @@ int fstat(int file, struct stat* status) noexcept {
     return attempt(kUtiliaFaultFstat, -1, [&] { return UTILIA_NEXT(fstat)(file, status); });
 }
 
+// No header declares it any more. ThreadSanitizer's fstat still goes on to it.
+int __fxstat(int version, int file, struct stat* status) noexcept {
+    return attempt(kUtiliaFaultFstat, -1,
+                   [&] { return UTILIA_NEXT(__fxstat)(version, file, status); });
+}
+
 int stat(const char* path, struct stat* status) noexcept {
     return attempt(kUtiliaFaultStat, -1, [&] { return UTILIA_NEXT(stat)(path, status); });
 }
