@@ -2,7 +2,6 @@
 #include <atomic>
 #include <chrono>
 #include <map>
-#include <random>
 #include <set>
 #include <thread>
 #include <utility>
@@ -10,17 +9,14 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "Tests/Support/FaultInjection.h"
 #include "Tests/Support/TemporaryHome.h"
+#include "Tests/Unit/EventLog/LogProcesses.h"
 #include "Tests/Unit/EventLog/LogSample.h"
-#include "Tests/Unit/EventLog/XmlDocument.h"
 
 // Processes that share a log. Each record has its writer's name and a number; where they are found
 // afterwards is compared with what the writers were told.
@@ -29,64 +25,23 @@ namespace utilia {
 namespace {
 
 namespace fs = std::filesystem;
+using test::contentOf;
+using test::Found;
 using test::sampleRecord;
-using test::XmlDocument;
+using test::shared;
+using test::statusOf;
 
-// Which records of which writer were found, and how often.
-using Found = std::map<std::string, std::map<int, int>>;
-
-std::string valueAfter(std::string_view text, std::string_view words) {
-    const std::size_t begin = text.find(words) + words.size();
-    return std::string(text.substr(begin, text.find('"', begin) - begin));
-}
-
-// Counts the records of a document that must be whole: the header, records, and the footer.
 void countRecords(std::string content, bool isEnded, Found& found) {
-    ASSERT_TRUE(content.starts_with(test::sampleHeader())) << content.substr(0, 100);
-    ASSERT_EQ(content.ends_with(kEventLogFooter), isEnded);
-    if (!isEnded) content += kEventLogFooter;
-    ASSERT_TRUE(XmlDocument::parse(content));
-    std::string_view rest = content;
-    for (std::size_t at = rest.find("\n\t<details writer="); at != std::string_view::npos;
-         at = rest.find("\n\t<details writer=")) {
-        rest.remove_prefix(at);
-        ++found[valueAfter(rest, "writer=\"")][std::stoi(valueAfter(rest, "number=\""))];
-        rest.remove_prefix(5);
-    }
-}
-
-template <class T>
-T* shared(std::size_t count) {
-    void* const memory =
-        mmap(nullptr, count * sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) throw std::runtime_error("mmap");
-    return new (memory) T[count]();
-}
-
-std::string contentOf(int descriptor) {
-    std::string content;
-    char chunk[1 << 16];
-    for (ssize_t size = 0; (size = read(descriptor, chunk, sizeof chunk)) > 0;)
-        content.append(chunk, static_cast<std::size_t>(size));
-    return content;
+    ASSERT_EQ(test::addRecords(std::move(content), isEnded, found), "");
 }
 
 // A forked child that dies with the test.
 template <class Body>
 pid_t inChild(Body body) {
-    const pid_t child = fork();
-    if (child < 0) throw std::runtime_error("fork");
-    if (child != 0) return child;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    body();
-    _exit(testing::Test::HasFailure() ? 1 : 0);
-}
-
-int statusOf(pid_t child) {
-    int status = 0;
-    while (waitpid(child, &status, 0) != child) {
-    }
-    return status;
+    return test::forkChild([&body] {
+        body();
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    });
 }
 
 // Until the child has ended, or waits for a lock. Answers whether it has ended, and how.
@@ -144,19 +99,6 @@ void keepLink(const UtiliaFileChange* change) {
     isLinking = false;
 }
 
-// The calling process dies after this time, wherever it is then.
-void dieAfter(std::chrono::nanoseconds time) {
-    sigevent death{};
-    death.sigev_notify = SIGEV_SIGNAL;
-    death.sigev_signo = SIGKILL;
-    timer_t timer{};
-    itimerspec when{};
-    when.it_value.tv_nsec = static_cast<long>(time.count());
-    if (timer_create(CLOCK_MONOTONIC, &death, &timer) != 0 ||
-        timer_settime(timer, 0, &when, nullptr) != 0)
-        _exit(21);
-}
-
 TEST_F(EventLogProcessTest, KeepsEveryRecordOf32ProcessesExactlyOnce) {
     constexpr int kWriters = 32;
     constexpr int kRecords = 10'000;
@@ -181,7 +123,7 @@ TEST_F(EventLogProcessTest, KeepsEveryRecordOf32ProcessesExactlyOnce) {
         ASSERT_EQ(stat(entry.path().c_str(), &status), 0);
         EXPECT_EQ((status.st_mode & 0222) != 0, isCurrent);
         EXPECT_LE(static_cast<std::size_t>(status.st_size), (1u << 20) + 32 * 400 + 2000);
-        ASSERT_NO_FATAL_FAILURE(countRecords(test::contentOf(entry.path()), !isCurrent, found));
+        ASSERT_NO_FATAL_FAILURE(countRecords(contentOf(entry.path()), !isCurrent, found));
         ++logs;
     }
     EXPECT_GT(logs, 50u);
@@ -235,7 +177,7 @@ TEST_F(EventLogProcessTest, KeepsEveryRecordWhileTwoCollectorsTakeThem) {
         if (!name.starts_with("report-")) continue;
         // No log is handed over twice.
         EXPECT_TRUE(collected.insert(name.substr(name.rfind('-') + 1)).second) << name;
-        ASSERT_NO_FATAL_FAILURE(countRecords(test::contentOf(entry.path()), true, found));
+        ASSERT_NO_FATAL_FAILURE(countRecords(contentOf(entry.path()), true, found));
     }
     EXPECT_GT(collected.size(), 5u);
     for (const auto& entry : fs::directory_iterator(links_.path())) {
@@ -244,58 +186,11 @@ TEST_F(EventLogProcessTest, KeepsEveryRecordWhileTwoCollectorsTakeThem) {
         const bool isReport = entry.path().filename().string().starts_with("report-");
         if (isReport || collected.contains(std::to_string(status.st_ino))) continue;
         const bool isEnded = (status.st_mode & 0222) == 0;
-        ASSERT_NO_FATAL_FAILURE(countRecords(test::contentOf(entry.path()), isEnded, found));
+        ASSERT_NO_FATAL_FAILURE(countRecords(contentOf(entry.path()), isEnded, found));
     }
     for (const auto& [writer, records] : found) {
         EXPECT_EQ(records.size(), static_cast<std::size_t>(kRecords)) << writer;
         for (const auto& [number, count] : records) ASSERT_EQ(count, 1) << writer << " " << number;
-    }
-}
-
-// A round has too few records for a third log, so that none is replaced uncollected.
-TEST_F(EventLogProcessTest, LosesOnlyTheUnfinishedRecordsOfKilledWriters) {
-    constexpr int kRounds = 150;
-    constexpr int kWriters = 6;
-    constexpr int kVictims = 4;
-    constexpr int kRecords = 25;
-    constexpr std::size_t kRecordSize = 9'000;  // over several pages, so that a kill can cut it
-    const EventLogFile file = log(kWriters * kRecords * kRecordSize * 2 / 3);
-    auto* const acknowledged = shared<std::atomic<int>>(kWriters);
-    std::mt19937 random(4711);
-    for (int round = 0; round < kRounds; ++round) {
-        SCOPED_TRACE(round);
-        std::vector<pid_t> writers;
-        for (int writer = 0; writer < kWriters; ++writer) {
-            acknowledged[writer] = 0;
-            const auto life = std::chrono::microseconds(20 + random() % 1'000);
-            writers.push_back(inChild([&] {
-                std::vector<std::string> records;
-                for (int i = 1; i <= kRecords; ++i)
-                    records.push_back(sampleRecord("w" + std::to_string(writer), i, kRecordSize));
-                if (writer < kVictims) dieAfter(life);
-                for (const std::string& record : records) {
-                    if (file.append(record) != EventLogCode::Done) _exit(18);
-                    ++acknowledged[writer];
-                }
-                while (writer < kVictims) pause();
-            }));
-        }
-        for (std::size_t i = 0; i < writers.size(); ++i) {
-            const int status = statusOf(writers[i]);
-            ASSERT_EQ(WIFSIGNALED(status), i < kVictims);
-            ASSERT_EQ(WIFSIGNALED(status) ? WTERMSIG(status) : status, i < kVictims ? SIGKILL : 0);
-        }
-        Found found;
-        ASSERT_NO_FATAL_FAILURE(collect(file, found));
-        for (int writer = 0; writer < kWriters; ++writer) {
-            const auto& records = found["w" + std::to_string(writer)];
-            for (const auto& [number, count] : records) ASSERT_EQ(count, 1) << writer << number;
-            // A killed process may have written one more, of which it was not told.
-            const int told = acknowledged[writer];
-            ASSERT_TRUE(static_cast<int>(records.size()) == told ||
-                        (writer < kVictims && static_cast<int>(records.size()) == told + 1))
-                << records.size() << " of " << told;
-        }
     }
 }
 
@@ -410,8 +305,8 @@ TEST_F(EventLogProcessTest, LosesNothingWhateverWritersDoWhileOneCollects) {
                     EXPECT_EQ(ended ? *ended : statusOf(writer), 0);
                     // The report, what the next collector takes, and overflows that were replaced.
                     Found found;
-                    ASSERT_NO_FATAL_FAILURE(countRecords(test::contentOf(report), true, found));
-                    std::set<std::string> collected = {test::contentOf(report.string() + "-inode")};
+                    ASSERT_NO_FATAL_FAILURE(countRecords(contentOf(report), true, found));
+                    std::set<std::string> collected = {contentOf(report.string() + "-inode")};
                     for (auto grabbed = file.grab(); grabbed.code == EventLogCode::Done;
                          grabbed = file.grab()) {
                         struct stat status {};
@@ -427,8 +322,7 @@ TEST_F(EventLogProcessTest, LosesNothingWhateverWritersDoWhileOneCollects) {
                         ASSERT_EQ(stat(entry.path().c_str(), &status), 0);
                         if (collected.contains(std::to_string(status.st_ino))) continue;
                         ++replaced;
-                        ASSERT_NO_FATAL_FAILURE(
-                            countRecords(test::contentOf(entry.path()), true, found));
+                        ASSERT_NO_FATAL_FAILURE(countRecords(contentOf(entry.path()), true, found));
                     }
                     // Only writers replace an overflow file, and only by another one.
                     EXPECT_LE(replaced, static_cast<std::size_t>(meanwhile));
@@ -459,7 +353,7 @@ public:
 
     void countAll(const EventLogFile& file, Found& found) const {
         for (const auto& entry : fs::directory_iterator(folder_)) {
-            ASSERT_NO_FATAL_FAILURE(countRecords(test::contentOf(entry.path()), true, found));
+            ASSERT_NO_FATAL_FAILURE(countRecords(contentOf(entry.path()), true, found));
             fs::remove(entry.path());
         }
         for (auto grabbed = file.grab(); grabbed.code == EventLogCode::Done; grabbed = file.grab())
