@@ -9,9 +9,9 @@
 #include <QFileInfo>
 #include <QStandardPaths>
 
-#include "Applications/Agent/AgentTextKeys.h"
 #include "Applications/Agent/AgentTexts.h"
 #include "Applications/Agent/Model/LoginSession.h"
+#include "Applications/Agent/Model/StandingMessages.h"
 #include "Applications/Agent/Model/Storage.h"
 #include "Applications/Agent/Model/Suggestions.h"
 #include "Common/Logging/Log.h"
@@ -85,29 +85,27 @@ void AgentApplication::show(AgentWindow::Page page) {
 
 void AgentApplication::panelIsKnown() {
     updateMessages();
-    const bool isWithoutTray =
-        bus_.state() == SessionBus::State::Missing || (icon_->isKnown() && !icon_->isShown());
-    if (window_ || !isWithoutTray || isLogin_) return;
+    const bool isWithoutBus = bus_.state() == SessionBus::State::Missing;
+    const bool isWithoutPanel = icon_->isKnown() && !icon_->isShown();
+    if (window_ || !(isWithoutBus || (isWithoutPanel && !isLogin_))) return;
     // Not inside a constructor or a message of the bus.
     QMetaObject::invokeMethod(
         this, [this] { show(AgentWindow::Page::Tools); }, Qt::QueuedConnection);
 }
 
 QStringList AgentApplication::messages() const {
-    QStringList all;
-    if (bus_.state() == SessionBus::State::Missing) {
-        all.append(text(kNoBusText));
-    } else if (bus_.state() == SessionBus::State::Lost) {
-        all.append(text(kBusLostText));
-    } else if (icon_->isKnown() && !icon_->isShown()) {
-        all.append(text(kNoTrayText));
-    }
-    if (const auto folder = Storage::unwritableFolder())
-        all.append(textWithName(kCannotKeepText, QString::fromStdString(*folder)));
+    Troubles troubles;
+    if (bus_.state() == SessionBus::State::Missing) troubles.bus = Troubles::Bus::Missing;
+    if (bus_.state() == SessionBus::State::Lost) troubles.bus = Troubles::Bus::Lost;
+    troubles.isWithoutPanel = icon_->isKnown() && !icon_->isShown();
+    troubles.unwritableFolder = Storage::unwritableFolder();
     for (const std::string& identifier : unresponsive_) {
         if (const ToolEntry* const tool = tools_.find(identifier))
-            all.append(textWithName(kNotRespondingText, QString::fromStdString(tool->name)));
+            troubles.unresponsiveTools.push_back(tool->name);
     }
+    QStringList all;
+    for (const StandingMessage& message : standingMessages(troubles))
+        all.append(textWithName(message.key, QString::fromStdString(message.name)));
     return all;
 }
 

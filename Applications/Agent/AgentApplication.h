@@ -23,8 +23,8 @@ namespace utilia::agent {
 // The agent as the user meets it: the list of tools behind a status icon, a window and an object on the session bus, and
 // the schedules.
 //
-// The window is made when it is first wanted. It opens by itself where no panel shows the icon, except at login and when
-// the bus is lost, as it is when a session ends.
+// The window is made when it is first wanted. It opens by itself where there is no bus, and where no panel shows the
+// icon, except at login; not when the bus is lost, as it is when a session ends.
 //
 // Without a bus nobody tells that schedules have changed: the file of the shared store is watched instead.
 //

@@ -1,0 +1,179 @@
+#include <csignal>
+#include <filesystem>
+
+#include <sys/stat.h>
+
+#include "Common/Platform/Application.h"
+#include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
+#include "Common/UtiliaCommon/UtiliaCommon.h"
+#include "Tests/Process/Agent/AgentFixture.h"
+#include "Tests/Process/UnprivilegedUser.h"
+#include "Tests/Support/ChildRole.h"
+#include "Tests/Support/PrivateMounts.h"
+#include "Tests/Support/ScreenReader.h"
+#include "Tests/Support/VirtualDisplay.h"
+
+// What the agent's window says when something is amiss.
+
+namespace utilia::agent {
+namespace {
+
+using test::ChildProcess;
+using test::RecordingPort;
+using testing::HasSubstr;
+
+constexpr const char* kTitle = "Korvane Utilia";
+constexpr const char* kNoTray = "Your desktop shows no status icons";
+
+// A tool of two lines, as tools are.
+UTILIA_CHILD_ROLE(presentingTool) {
+    auto& application = platform::Application::sharedApplication();
+    application.finishLaunching();
+    auto& client = UtiliaCommon::toolDataClientProvider();
+    client.setMenuText("it is me");
+    client.setToolStatus(kToolStatusPermanent);
+    test::ReportPipe::report(self.arguments.at(0), "started");
+    return application.run();
+}
+
+class AgentMessagesTest : public AgentApplicationTest {
+protected:
+    AgentMessagesTest() {
+        startBus();
+        reader_ = std::make_unique<test::ScreenReader>(*bus_, home_.path());
+    }
+    Environment audible() const {
+        Environment all = display_.environment();
+        all.merge(reader_->environment());
+        all["LANGUAGE"] = "en";
+        return all;
+    }
+    // With its window, in which the tool is selected.
+    ChildProcess open(const test::PrivateMounts* mounts = nullptr) const {
+        auto agent = startAgent(audible(), {"--show-ui"}, mounts);
+        display_.waitForWindow(kTitle);
+        return agent;
+    }
+    std::string heard() const {
+        std::string all;
+        for (const auto& element : reader_->read(kTitle, display_.environment())) {
+            if (element.is("showing")) all += element.name + "\n";
+        }
+        return all;
+    }
+    // What is heard once it has the text, or as it is after a long while.
+    std::string heardWith(const std::string& text) const {
+        std::string all;
+        (void)test::eventually([&] { return (all = heard()).find(text) != std::string::npos; });
+        return all;
+    }
+    std::string heardWithout(const std::string& text) const {
+        std::string all;
+        (void)test::eventually([&] { return (all = heard()).find(text) == std::string::npos; });
+        return all;
+    }
+    // A photograph of the screen for people, where they ask for it.
+    void photograph(const std::string& name) const {
+        if (const char* const folder = std::getenv("UTILIA_PICTURES"))
+            display_.photograph(std::filesystem::path(folder) / (name + ".png"));
+    }
+    void installPresenting() { timer_.install("presentingTool", {reports_.path()}); }
+    // Chosen in the window, started, and heard of again.
+    void expectToolStarts() {
+        display_.press({"Return"});
+        EXPECT_EQ(reports_.waitForLine(), "started");
+        EXPECT_THAT(heardWith("it is me"), HasSubstr("Timer, it is me, Running, Always shown"));
+    }
+
+    std::unique_ptr<test::ScreenReader> reader_;
+    test::TemporaryFolder displayFolder_;
+    test::VirtualDisplay display_{displayFolder_.path()};
+};
+
+TEST_F(AgentMessagesTest, SayThatThereIsNoPanelUntilThereIsOne) {
+    auto agent = open();
+    EXPECT_THAT(heardWith(kNoTray), HasSubstr(kNoTray));
+    photograph("no-panel");
+    auto panel = startPanel();
+    expectItem(panel, agent);
+    EXPECT_THAT(heardWithout(kNoTray), testing::Not(HasSubstr("status icon")));
+}
+
+// The programs that make a window heard end with their bus, so this one is seen.
+TEST_F(AgentMessagesTest, LeaveEverythingUsableWhenTheBusIsLost) {
+    installPresenting();
+    auto panel = startPanel();
+    auto agent = open();
+    expectItem(panel, agent);
+    reader_.reset();
+    bus_.reset();
+    EXPECT_TRUE(test::eventually(
+        [&] { return log().find("the session bus is lost") != std::string::npos; }));
+    photograph("bus-lost");
+    display_.press({"Return"});
+    EXPECT_EQ(reports_.waitForLine(), "started");
+    EXPECT_TRUE(agent.isRunning());
+    startBus();
+    auto next = startPanel();
+    expectItem(next, agent);
+    EXPECT_TRUE(display_.hasWindow(kTitle));
+}
+
+TEST_F(AgentMessagesTest, SayThatAToolDoesNotRespondUntilItDoes) {
+    installPresenting();
+    auto agent = open();
+    expectToolStarts();
+    const pid_t tool =
+        static_cast<pid_t>(std::stol(test::runProgram({"pgrep", "-f", timer_.program()}).text));
+    kill(tool, SIGSTOP);
+    // Until the tool has no room any more, and the first that waits has waited in vain.
+    for (int i = 0; i < 7; ++i) display_.press(std::vector<std::string>(50, "Return"));
+    EXPECT_THAT(heardWith("does not respond"), HasSubstr("Timer does not respond."));
+    photograph("deaf-tool");
+    kill(tool, SIGCONT);
+    EXPECT_THAT(heardWithout("does not respond"), HasSubstr("Timer, it is me, Running"));
+}
+
+TEST_F(AgentMessagesTest, SayWhatIsNotKeptOnAReadOnlyHome) {
+    installPresenting();
+    test::PrivateMounts mounts;
+    for (const auto& folder : {home_.config(), home_.data(), home_.state()})
+        mounts.makeReadOnly(folder);
+    auto agent = open(&mounts);
+    EXPECT_THAT(heardWith("not kept"),
+                HasSubstr("What you change is not kept: the folder " + home_.path().string()));
+    photograph("read-only-home");
+    expectToolStarts();
+    // Switches that cannot be kept say so by not switching.
+    display_.press({"alt+e", "alt+o"});
+    EXPECT_TRUE(agent.isRunning());
+    agent.signal(SIGTERM);
+    EXPECT_EQ(agent.waitForExit(), 0);
+    EXPECT_THAT(log(), HasSubstr("Read-only file system"));
+}
+
+TEST_F(AgentMessagesTest, SayWhatIsNotKeptInAHomeThatIsSomebodyElses) {
+    installPresenting();
+    const test::UnprivilegedUser user(home_);
+    for (const auto& folder : {home_.config(), home_.data(), home_.state()})
+        chmod(folder.c_str(), 0555);
+    for (const auto& folder : {home_.path(), displayFolder_.path()}) chmod(folder.c_str(), 0755);
+    user.own(reports_.path());
+    chmod(display_.environment().at("XAUTHORITY").c_str(), 0644);
+    test::ChildProcessOptions options;
+    options.environment = audible();
+    options.user = user.id();
+    options.diesWithTest = true;
+    options.standardError = home_.path() / "agent.log";
+    auto agent = ChildProcess::program(UTILIA_AGENT_PROGRAM, {"--show-ui"}, options);
+    display_.waitForWindow(kTitle);
+    EXPECT_TRUE(agent.isRunning());
+    display_.press({"Return"});
+    EXPECT_EQ(reports_.waitForLine(), "started");
+    agent.signal(SIGTERM);
+    EXPECT_EQ(agent.waitForExit(), 0);
+    EXPECT_THAT(log(), HasSubstr("Permission denied"));
+}
+
+}  // namespace
+}  // namespace utilia::agent
