@@ -10,6 +10,10 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QSemaphore>
+#include <QStyle>
+
+#include "Applications/Desktop/DesktopPalette.h"
+#include "Applications/Desktop/HighContrastStyle.h"
 
 // A bus that does not answer must not keep the question from the user, and the bus library waits for it in many places:
 // so a thread of its own talks to the portal, and the window waits for that thread for a fifth of a second. The thread
@@ -23,6 +27,7 @@ constexpr int kCallTimeout = 10'000;  // milliseconds; starting a portal may tak
 
 constexpr uint kNoPreference = 0;
 constexpr uint kPrefersDark = 1;
+constexpr uint kPrefersHighContrast = 1;
 
 QString service() { return QStringLiteral("org.freedesktop.portal.Desktop"); }
 QString path() { return QStringLiteral("/org/freedesktop/portal/desktop"); }
@@ -31,98 +36,77 @@ QString group() { return QStringLiteral("org.freedesktop.appearance"); }
 QString connectionName(int number) {
     return QStringLiteral("utilia-desktop-colors-%1").arg(number);
 }
-QString key() { return QStringLiteral("color-scheme"); }
+QString schemeKey() { return QStringLiteral("color-scheme"); }
+QString contrastKey() { return QStringLiteral("contrast"); }
 
 // Anything that is no number is no preference.
-uint schemeOf(QVariant value) {
+uint preferenceOf(QVariant value) {
     // "Read" wraps its answer twice.
     while (value.canConvert<QDBusVariant>()) value = value.value<QDBusVariant>().variant();
     bool isNumber = false;
-    const uint scheme = value.toUInt(&isNumber);
-    return isNumber ? scheme : kNoPreference;
+    const uint preference = value.toUInt(&isNumber);
+    return isNumber ? preference : kNoPreference;
 }
 
-uint askPortal(const QDBusConnection& bus) {
+uint askPortal(const QDBusConnection& bus, const QString& key) {
     // The first is the newer form.
     for (const QString& method : {QStringLiteral("ReadOne"), QStringLiteral("Read")}) {
         QDBusMessage call = QDBusMessage::createMethodCall(service(), path(), interface(), method);
-        call << group() << key();
+        call << group() << key;
         const QDBusMessage reply = bus.call(call, QDBus::Block, kCallTimeout);
         if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
-            return schemeOf(reply.arguments().constFirst());
+            return preferenceOf(reply.arguments().constFirst());
         }
     }
     return kNoPreference;
 }
 
-bool isDark(const QPalette& palette) {
-    return palette.color(QPalette::Window).lightness() <
-           palette.color(QPalette::WindowText).lightness();
-}
-
-QPalette darkPalette() {
-    const QColor window(0x2a, 0x2b, 0x2e);
-    const QColor text(0xf0, 0xf0, 0xf0);
-    const QColor faint(0x8c, 0x8e, 0x92);
-    const QColor accent(0x3d, 0x84, 0xe6);
-    QPalette palette(QColor(0x3c, 0x3e, 0x43), window);
-    palette.setColor(QPalette::Base, QColor(0x20, 0x21, 0x23));
-    palette.setColor(QPalette::AlternateBase, window);
-    for (const auto role :
-         {QPalette::WindowText, QPalette::Text, QPalette::ButtonText, QPalette::ToolTipText}) {
-        palette.setColor(role, text);
-        palette.setColor(QPalette::Disabled, role, faint);
-    }
-    palette.setColor(QPalette::ToolTipBase, QColor(0x3c, 0x3e, 0x43));
-    palette.setColor(QPalette::PlaceholderText, faint);
-    palette.setColor(QPalette::Highlight, accent);
-    palette.setColor(QPalette::HighlightedText, Qt::white);
-    palette.setColor(QPalette::Link, QColor(0x7a, 0xb4, 0xff));
-    return palette;
-}
-
 }  // namespace
 
-DesktopColors::DesktopColors() : original_(QApplication::palette()) {}
+DesktopColors::DesktopColors()
+    : original_(legible(QApplication::palette())),
+      originalStyle_(QApplication::style()->objectName()) {
+    QApplication::setPalette(original_);
+}
 
 void DesktopColors::follow() {
     struct First {
         QSemaphore isThere;
-        std::atomic<uint> scheme{kNoPreference};
+        std::atomic<Preferences> preferences{Preferences()};
     };
     const auto first = std::make_shared<First>();
     // The bus library finds the types of a slot by their names, and learns its own with the first
     // message only.
     qRegisterMetaType<QDBusVariant>();
-    const bool isAsked = ask([first](uint scheme) {
-        first->scheme = scheme;
+    const bool isAsked = ask([first](Preferences preferences) {
+        first->preferences = preferences;
         first->isThere.release();
     });
-    if (isAsked && first->isThere.tryAcquire(1, kPatience)) apply(first->scheme);
+    if (isAsked && first->isThere.tryAcquire(1, kPatience)) apply(first->preferences);
 }
 
 void DesktopColors::followAgain() {
-    ask([](uint) {});
+    ask([](Preferences) {});
 }
 
 // False where there is no thread to ask on; the colours then stay as they are.
-bool DesktopColors::ask(std::function<void(uint)> answered) {
+bool DesktopColors::ask(std::function<void(Preferences)> answered) {
     const QString before = connectionName(connections_);
     const QString name = connectionName(++connections_);
     const auto talk = [this, address = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"), before,
                        name, answered = std::move(answered)] {
         QDBusConnection::disconnectFromBus(before);
-        uint scheme = kNoPreference;
+        Preferences preferences;
         QDBusConnection bus = QDBusConnection::connectToBus(address, name);
         if (bus.isConnected()) {
-            // Before the question, so that no change comes in between.
+            // Before the questions, so that no change comes in between.
             bus.connect(service(), path(), interface(), QStringLiteral("SettingChanged"), this,
                         SLOT(settingChanged(QString, QString, QDBusVariant)));
-            scheme = askPortal(bus);
+            preferences = {askPortal(bus, schemeKey()), askPortal(bus, contrastKey())};
         }
-        answered(scheme);
+        answered(preferences);
         QMetaObject::invokeMethod(
-            this, [this, scheme] { apply(scheme); }, Qt::QueuedConnection);
+            this, [this, preferences] { apply(preferences); }, Qt::QueuedConnection);
     };
     try {
         std::thread(talk).detach();
@@ -134,19 +118,33 @@ bool DesktopColors::ask(std::function<void(uint)> answered) {
 
 void DesktopColors::settingChanged(const QString& changedGroup, const QString& changedKey,
                                    const QDBusVariant& value) {
-    if (changedGroup == group() && changedKey == key()) apply(schemeOf(value.variant()));
+    if (changedGroup != group()) return;
+    Preferences changed = preferences_;
+    if (changedKey == schemeKey()) changed.scheme = preferenceOf(value.variant());
+    if (changedKey == contrastKey()) changed.contrast = preferenceOf(value.variant());
+    apply(changed);
 }
 
-void DesktopColors::apply(uint scheme) {
-    // A desktop theme that is dark already knows its colours better.
-    const bool wantsDark = scheme == kPrefersDark && !isDark(original_);
-    QApplication::setPalette(wantsDark ? darkPalette() : original_);
-    if (!wantsDark) return;
-    // The style draws the box of a check box in the colour of lists, which is hardly seen on a dark window: this one is
-    // three times as bright as it.
-    QPalette checkBox = darkPalette();
-    checkBox.setColor(QPalette::Base, QColor(0x72, 0x76, 0x7e));
-    QApplication::setPalette(checkBox, "QCheckBox");
+void DesktopColors::apply(Preferences preferences) {
+    const bool hadHighContrast = preferences_.contrast == kPrefersHighContrast;
+    const bool wantsHighContrast = preferences.contrast == kPrefersHighContrast;
+    const bool wantsDark = preferences.scheme == kPrefersDark;
+    preferences_ = preferences;
+    if (wantsHighContrast && !hadHighContrast) QApplication::setStyle(new HighContrastStyle);
+    if (!wantsHighContrast && hadHighContrast) QApplication::setStyle(originalStyle_);
+    if (wantsHighContrast) {
+        QApplication::setPalette(highContrastPalette(wantsDark || isDark(original_)));
+    } else if (wantsDark && !isDark(original_)) {
+        QApplication::setPalette(darkPalette());
+        // The style draws the box of a check box in the colour of lists, which is hardly seen on a dark window: this
+        // one is three times as bright as it.
+        QPalette checkBox = darkPalette();
+        checkBox.setColor(QPalette::Base, QColor(0x72, 0x76, 0x7e));
+        QApplication::setPalette(checkBox, "QCheckBox");
+    } else {
+        // A desktop theme that is dark already knows its colours better.
+        QApplication::setPalette(original_);
+    }
 }
 
 }  // namespace utilia::desktop

@@ -9,8 +9,9 @@
 
 namespace utilia::desktop {
 
-// Dark colours for who prefers them: the toolkit's palette follows the desktop portal's colour scheme, also when it
-// changes while the window is open. Without a portal, and for who has no preference, colours stay as they are.
+// Dark colours for who prefers them, and high contrast: the toolkit's palette, and with high contrast its style, follow
+// the desktop portal's colour scheme and contrast, also when they change while the window is open. Without a portal, and
+// for who has no preference, colours stay as they are, but for selected texts, which are made legible.
 //
 // Threads: the main thread.
 class DesktopColors final : public QObject {
@@ -28,9 +29,17 @@ private Q_SLOTS:
     void settingChanged(const QString& group, const QString& key, const QDBusVariant& value);
 
 private:
-    bool ask(std::function<void(uint)> answered);
-    void apply(uint scheme);
-    QPalette original_;
+    // As the portal numbers them; 0 is none.
+    struct Preferences {
+        uint scheme = 0;
+        uint contrast = 0;
+    };
+    bool ask(std::function<void(Preferences)> answered);
+    void apply(Preferences preferences);
+
+    const QPalette original_;
+    const QString originalStyle_;
+    Preferences preferences_;
     int connections_ = 0;
 };
 

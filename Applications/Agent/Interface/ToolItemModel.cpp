@@ -9,6 +9,7 @@
 
 #include "Applications/Agent/AgentTexts.h"
 #include "Applications/Agent/Interface/ToolPictures.h"
+#include "Applications/Agent/Interface/ToolRowColors.h"
 
 namespace utilia::agent {
 namespace {
@@ -51,17 +52,18 @@ QString spoken(const ToolEntry& tool) {
     return parts.join(QStringLiteral(", "));
 }
 
+// The whole text, which may be too long for its line, and what an expert may want to know.
+QString toolTip(const ToolEntry& tool) {
+    QStringList lines{QString::fromStdString(tool.isReady() ? tool.path : tool.reason)};
+    if (const QString more = detail(tool); !more.isEmpty()) lines.prepend(more);
+    return QStringLiteral("<p style='white-space:pre'>%1</p>")
+        .arg(lines.join(QLatin1Char('\n')).toHtmlEscaped());
+}
+
 QFont nameFont(const QFont& font) {
     QFont bold = font;
     bold.setWeight(QFont::DemiBold);
     return bold;
-}
-
-// Between the two, near enough to the text to be read easily: 4.5 to 1 on every usual palette.
-QColor softened(const QColor& text, const QColor& ground) {
-    const auto mix = [](int a, int b) { return (a * 72 + b * 28) / 100; };
-    return {mix(text.red(), ground.red()), mix(text.green(), ground.green()),
-            mix(text.blue(), ground.blue())};
 }
 
 int pictureSide(const QFontMetrics& metrics) {
@@ -118,7 +120,7 @@ QVariant ToolItemModel::data(const QModelIndex& index, int role) const {
     case Qt::AccessibleTextRole:
         return spoken(tool);
     case Qt::ToolTipRole:
-        return QString::fromStdString(tool.isReady() ? tool.path : tool.reason);
+        return toolTip(tool);
     case IdentifierRole:
         return QString::fromStdString(tool.identifier);
     case DetailRole:
@@ -158,11 +160,7 @@ void ToolItemDelegate::paint(QPainter* painter, const QStyleOptionViewItem& plai
     const bool isReady = index.data(ToolItemModel::ReadyRole).toBool();
     const bool isSelected = option.state & QStyle::State_Selected;
     const auto group = option.state & QStyle::State_Active ? QPalette::Active : QPalette::Inactive;
-    const QColor ground =
-        option.palette.color(group, isSelected ? QPalette::Highlight : QPalette::Base);
-    const QColor strong =
-        option.palette.color(group, isSelected ? QPalette::HighlightedText : QPalette::Text);
-    const QColor soft = isSelected ? strong : softened(strong, ground);
+    const auto [ground, strong, soft, lamp] = rowColors(option.palette, group, isSelected);
 
     const QFont bold = nameFont(option.font);
     const QFontMetrics nameMetrics(bold);
@@ -204,7 +202,6 @@ void ToolItemDelegate::paint(QPainter* painter, const QStyleOptionViewItem& plai
         painter->setRenderHint(QPainter::Antialiasing);
         const bool isRunning = index.data(ToolItemModel::RunningRole).toBool();
         // Filled and hollow, so that the mark does not speak by colour alone.
-        const QColor lamp = isSelected ? strong : QColor(0x2e, 0x9e, 0x5b);
         painter->setPen(QPen(isRunning ? lamp : soft, 1.5));
         painter->setBrush(isRunning ? QBrush(lamp) : QBrush(Qt::NoBrush));
         painter->drawEllipse(mirrored(mark));

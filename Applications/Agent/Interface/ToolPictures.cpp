@@ -92,7 +92,8 @@ QImage letterPicture(const ToolEntry& tool, int side) {
     unsigned hash = 5381;
     for (const char character : tool.identifier)
         hash = hash * 33 + static_cast<unsigned char>(character);
-    const QColor disc = QColor::fromHsl(static_cast<int>(hash % 360), 120, 110);
+    // Dark enough for a white letter, whatever the hue.
+    const QColor disc = QColor::fromHsl(static_cast<int>(hash % 360), 120, 80);
     QImage image = clear(side);
     QPainter painter(&image);
     painter.setRenderHint(QPainter::Antialiasing);

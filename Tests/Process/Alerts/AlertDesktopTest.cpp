@@ -1,7 +1,9 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <stdexcept>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -46,13 +48,15 @@ protected:
         bus_.reset();  // before another one has its place
         bus_ = std::make_unique<test::PrivateBus>(home_.runtime() / "test-bus");
     }
-    ChildProcess startPortal(const std::string& form, int scheme) {
+    ChildProcess startPortal(const std::string& form, int scheme,
+                             std::optional<int> contrast = {}) {
         startBus();
         ChildProcessOptions options;
         options.environment = {{"DBUS_SESSION_BUS_ADDRESS", bus_->address()}};
         options.diesWithTest = true;
-        auto portal = ChildProcess::program(
-            kPython, {UTILIA_SETTINGS_PORTAL, form, std::to_string(scheme)}, options);
+        std::vector<std::string> arguments{UTILIA_SETTINGS_PORTAL, form, std::to_string(scheme)};
+        if (contrast) arguments.push_back(std::to_string(*contrast));
+        auto portal = ChildProcess::program(kPython, arguments, options);
         if (portal.waitForLine() != "ready") throw std::runtime_error("the portal does not start");
         return portal;
     }
@@ -121,6 +125,30 @@ TEST_F(AlertOnDesktop, FollowsTheColoursWhileItIsOpen) {
     portal.say("scheme 1");
     EXPECT_TRUE(becomes(window, kDark)) << background(window);
     portal.say("scheme 2");
+    EXPECT_TRUE(becomes(window, kLight)) << background(window);
+    display_.press({"Return"});
+    EXPECT_EQ(tool.answer(), 1000);
+}
+
+TEST_F(AlertOnDesktop, IsBlackOrWhiteForWhoWantsHighContrast) {
+    for (const auto& [scheme, color] : {std::pair(0, "#FFFFFF"), {1, "#000000"}, {2, "#FFFFFF"}}) {
+        ChildProcess portal = startPortal("new", scheme, 1);
+        AskingTool tool = ask();
+        const std::string window = display_.waitForWindow(kTool);
+        EXPECT_TRUE(becomes(window, color)) << scheme << ": " << background(window);
+    }
+}
+
+TEST_F(AlertOnDesktop, FollowsTheContrastWhileItIsOpen) {
+    ChildProcess portal = startPortal("new", 1, 0);
+    AskingTool tool = ask();
+    const std::string window = display_.waitForWindow(kTool);
+    ASSERT_TRUE(becomes(window, kDark));
+    portal.say("contrast 1");
+    EXPECT_TRUE(becomes(window, "#000000")) << background(window);
+    portal.say("scheme 0");
+    EXPECT_TRUE(becomes(window, "#FFFFFF")) << background(window);
+    portal.say("contrast 0");
     EXPECT_TRUE(becomes(window, kLight)) << background(window);
     display_.press({"Return"});
     EXPECT_EQ(tool.answer(), 1000);
