@@ -1,7 +1,9 @@
 #include "Applications/Tools/ScreenCapture/CaptureWindow.h"
 
+#include <algorithm>
 #include <utility>
 
+#include <QAccessible>
 #include <QBoxLayout>
 #include <QCloseEvent>
 #include <QComboBox>
@@ -12,6 +14,7 @@
 #include <QLabel>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QScreen>
 #include <QSpinBox>
 #include <QStackedLayout>
 
@@ -65,7 +68,9 @@ CaptureWindow::CaptureWindow(Actions actions, std::string folder)
     column->addWidget(makePanel());
     setSaving(false);
     updatePages();
-    resize(760, 560);
+    // With large letters a small screen must still show the buttons.
+    resize(QSize(fontMetrics().averageCharWidth() * 95, fontMetrics().height() * 33)
+               .boundedTo(screen()->availableSize() * 9 / 10));
 }
 
 CaptureWindow::~CaptureWindow() = default;
@@ -104,6 +109,7 @@ QWidget* CaptureWindow::makePanel() {
     pageLabel_->setBuddy(pageHeight_);
     facts_ = new QLabel;
     message_ = new QLabel;
+    message_->hide();
     message_->setWordWrap(true);
     message_->setTextFormat(Qt::PlainText);
     progress_ = new QProgressBar;
@@ -113,7 +119,8 @@ QWidget* CaptureWindow::makePanel() {
     open_ = new QPushButton(text("&Open…"));
     save_ = new QPushButton(text("&Save…"));
     for (QPushButton* const button : {cancel_, capture_, open_, save_}) {
-        button->setMinimumWidth(fontMetrics().averageCharWidth() * 13);
+        button->setMinimumWidth(
+            std::max(button->sizeHint().width(), fontMetrics().averageCharWidth() * 13));
         button->setAutoDefault(true);  // Return presses the one that has the keyboard
     }
 
@@ -127,11 +134,11 @@ QWidget* CaptureWindow::makePanel() {
     settings->addWidget(pageLabel_);
     settings->addWidget(pageHeight_);
     settings->addStretch();
-    settings->addWidget(facts_);
     auto* const buttons = new QHBoxLayout;
     buttons->setSpacing(8);
-    buttons->addWidget(message_, 1);
+    buttons->addWidget(facts_);
     buttons->addWidget(progress_, 1);
+    buttons->addStretch();
     buttons->addWidget(cancel_);
     buttons->addWidget(capture_);
     buttons->addWidget(open_);
@@ -141,6 +148,7 @@ QWidget* CaptureWindow::makePanel() {
     rows->setContentsMargins(20, 16, 20, 16);
     rows->setSpacing(12);
     rows->addWidget(settings_);
+    rows->addWidget(message_);
     rows->addLayout(buttons);
 
     connect(format_, &QComboBox::currentIndexChanged, this, [this] { updatePages(); });
@@ -159,14 +167,22 @@ void CaptureWindow::showPicture(CapturedPicture picture) {
     preview_->setPicture(picture_->shown);
     preview_->setAccessibleName(text("Picture"));
     stage_->setCurrentWidget(preview_);
-    message_->clear();
+    say({});
     setSaving(job_ != nullptr);
     updatePages();
 }
 
 void CaptureWindow::showMessage(const QString& message) {
     emptyMessage_->setText(message);
-    message_->setText(picture_ ? message : QString());
+    say(picture_ ? message : QString());
+}
+
+void CaptureWindow::say(const QString& message) {
+    message_->setText(message);
+    message_->setVisible(!message.isEmpty());
+    if (message.isEmpty() || !isVisible()) return;
+    QAccessibleEvent said(message_, QAccessible::Alert);
+    QAccessible::updateAccessibility(&said);
 }
 
 void CaptureWindow::open(const QString& path) {
@@ -221,14 +237,13 @@ void CaptureWindow::saved(ExportJob::Outcome outcome, const QString& path,
     const QString name = QFileInfo(path).fileName();
     switch (outcome) {
     case ExportJob::Outcome::Saved:
-        message_->setText(text("Saved as %@", name));
+        say(text("Saved as %@", name));
         break;
     case ExportJob::Outcome::Cancelled:
-        message_->setText(text("%@ was not saved.", name));
+        say(text("%@ was not saved.", name));
         break;
     case ExportJob::Outcome::Failed:
-        message_->setText(text("%@ cannot be saved.", name) + QLatin1Char(' ') +
-                          QString::fromStdString(reason));
+        say(text("%@ cannot be saved.", name) + QLatin1Char(' ') + QString::fromStdString(reason));
         break;
     }
     message_->setToolTip(QDir::toNativeSeparators(path));
@@ -237,7 +252,8 @@ void CaptureWindow::saved(ExportJob::Outcome outcome, const QString& path,
 void CaptureWindow::setSaving(bool isSaving) {
     progress_->setVisible(isSaving);
     cancel_->setVisible(isSaving);
-    message_->setVisible(!isSaving);
+    if (isSaving) say({});
+    facts_->setVisible(!isSaving);
     for (QPushButton* const button : {capture_, open_, save_}) button->setVisible(!isSaving);
     // Without a picture there is nothing to be said of how it is saved.
     settings_->setVisible(picture_.has_value());

@@ -47,6 +47,8 @@ protected:
 private:
     QWidget* makeEmptyPage();
     QWidget* makePanel();
+    // Below the picture; screen readers say it. Nothing clears it.
+    void say(const QString& message);
     void chooseFile();
     void save();
     void saveAs(const QString& path);

@@ -42,11 +42,13 @@ TEST(ContrastRatio, IsThatOfTheGuidelines) {
 }
 
 TEST_F(DesktopPalette, KeepsTextsApartFromTheirGrounds) {
-    constexpr std::pair<Role, Role> kTexts[] = {
-        {QPalette::WindowText, QPalette::Window},      {QPalette::Text, QPalette::Base},
-        {QPalette::Text, QPalette::AlternateBase},     {QPalette::ButtonText, QPalette::Button},
-        {QPalette::ToolTipText, QPalette::ToolTipBase}, {QPalette::HighlightedText, QPalette::Highlight},
-        {QPalette::Link, QPalette::Base}};
+    constexpr std::pair<Role, Role> kTexts[] = {{QPalette::WindowText, QPalette::Window},
+                                                {QPalette::Text, QPalette::Base},
+                                                {QPalette::Text, QPalette::AlternateBase},
+                                                {QPalette::ButtonText, QPalette::Button},
+                                                {QPalette::ToolTipText, QPalette::ToolTipBase},
+                                                {QPalette::HighlightedText, QPalette::Highlight},
+                                                {QPalette::Link, QPalette::Base}};
     for (const Look& look : looks()) {
         for (const auto group : {QPalette::Active, QPalette::Inactive}) {
             for (const auto& [text, ground] : kTexts)
@@ -63,8 +65,7 @@ TEST_F(DesktopPalette, KeepsTheTextsOfToolsApartFromTheList) {
         for (const auto group : {QPalette::Active, QPalette::Inactive}) {
             for (const bool isSelected : {false, true}) {
                 const auto row = agent::rowColors(look.palette, group, isSelected);
-                const std::string place =
-                    std::string(look.name) + (isSelected ? ", selected" : "");
+                const std::string place = std::string(look.name) + (isSelected ? ", selected" : "");
                 EXPECT_GE(contrastRatio(row.strong, row.ground), look.needed) << place;
                 EXPECT_GE(contrastRatio(row.soft, row.ground), look.needed) << place;
                 EXPECT_GE(contrastRatio(row.lamp, row.ground), kEnoughContrast) << place;
@@ -78,9 +79,9 @@ TEST_F(DesktopPalette, IsBlackOnWhiteOrWhiteOnBlackWithHighContrast) {
     EXPECT_FALSE(isDark(highContrastPalette(false)));
     for (const bool dark : {true, false}) {
         const QPalette palette = highContrastPalette(dark);
-        EXPECT_DOUBLE_EQ(contrastRatio(palette.color(QPalette::Window),
-                                       palette.color(QPalette::WindowText)),
-                         21);
+        EXPECT_DOUBLE_EQ(
+            contrastRatio(palette.color(QPalette::Window), palette.color(QPalette::WindowText)),
+            21);
         // What cannot be used is still read.
         EXPECT_GE(contrastRatio(palette.color(QPalette::Disabled, QPalette::ButtonText),
                                 palette.color(QPalette::Button)),

@@ -1,0 +1,52 @@
+#include <filesystem>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Tests/Support/TemporaryHome.h"
+#include "Tests/Support/TestBundle.h"
+
+// Whether every text has the room that it needs, in every language, with letters of the usual and of twice the size.
+
+namespace utilia::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kLanguages[] = {"ar", "de", "en", "es", "fr", "ja", "pl"};
+
+class WindowRoom : public testing::Test {
+protected:
+    // Runs the role as an application with the texts of that one.
+    void expectRoom(const std::string& role, const fs::path& program, std::size_t states) {
+        const TestBundle bundle(home_);
+        fs::create_directory_symlink(program.parent_path() / "../Resources",
+                                     fs::path(bundle.path()) / "Contents/Resources");
+        for (const char* language : kLanguages) {
+            for (const char* size : {"1", "2"}) {
+                auto window = bundle.role(role, {size}, {.environment = {{"LANGUAGE", language}}});
+                std::vector<std::string> said;
+                while (const auto line = window.waitForLine()) said.push_back(*line);
+                EXPECT_EQ(window.waitForExit(), 0);
+                EXPECT_EQ(said.size(), states);
+                EXPECT_THAT(said, testing::Each(testing::MatchesRegex("[0-9]+ texts")))
+                    << language << ", letters of size " << size;
+            }
+        }
+    }
+    TemporaryHome home_;
+};
+
+TEST_F(WindowRoom, IsEnoughInTheAgent) {
+    const TestBundle timer(home_,
+                           {.name = "Timer", .bundleIdentifier = "com.korvane.utilia.Timer"});
+    timer.install("none");
+    expectRoom("roomInAgentWindow", UTILIA_AGENT_PROGRAM, 2);
+}
+
+TEST_F(WindowRoom, IsEnoughInScreenCapture) {
+    expectRoom("roomInCaptureWindow", UTILIA_SCREEN_CAPTURE_PROGRAM, 3);
+}
+
+}  // namespace
+}  // namespace utilia::test
