@@ -121,18 +121,24 @@ void DesktopPanel::start() {
     panel_ = test::ChildProcess::program("/usr/bin/xfce4-panel", {"--disable-wm-check"}, options);
     const bool isThere = test::eventually([&] {
         return ask("IsStatusNotifierHostRegistered").find("true") != std::string::npos &&
-               brightness(display_.pixels(kWidth / 2, kHeight / 2, 1, 1), 0) > 0;
+               isOnScreen();
     });
     if (!isThere) throw std::runtime_error("the panel does not start");
 }
 
 void DesktopPanel::kill() {
     panel_.kill();
-    const bool isGone = test::eventually([&] {
-        return ask("IsStatusNotifierHostRegistered").empty() &&
-               brightness(display_.pixels(kWidth / 2, kHeight / 2, 1, 1), 0) == 0;
-    });
+    const bool isGone = test::eventually(
+        [&] { return ask("IsStatusNotifierHostRegistered").empty() && !isOnScreen(); });
     if (!isGone) throw std::runtime_error("the panel does not end");
+}
+
+// From the middle to the end, to which it grows a moment after it has come. What lies below is black.
+bool DesktopPanel::isOnScreen() const {
+    for (const int x : {kWidth / 2, kWidth - 1}) {
+        if (brightness(display_.pixels(x, kHeight / 2, 1, 1), 0) == 0) return false;
+    }
+    return true;
 }
 
 // "" when there is nobody to ask.

@@ -51,6 +51,7 @@ public:
     bool hasMenu() const;
 
 private:
+    bool isOnScreen() const;
     void clickIconWith(int button) const;
     std::string openMenus() const;
     std::string ask(const std::string& property) const;
