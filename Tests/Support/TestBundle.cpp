@@ -94,7 +94,8 @@ TestBundle::TestBundle(const TemporaryHome& home, Options options)
     fs::create_directories(path_ / "Contents/Linux");
     const fs::path binary = ownProgramPath();
     std::error_code failed;
-    fs::create_hard_link(binary, program(), failed);
+    fs::create_hard_link(options_.copy.empty() ? binary : fs::path(options_.copy), program(),
+                         failed);
     if (failed) fs::copy_file(binary, program());
     fs::create_directory_symlink(fs::weakly_canonical(binary.parent_path() / "../lib"),
                                  path_ / "Contents/lib");

@@ -17,7 +17,10 @@ struct TestBundleOptions {
     std::optional<std::string> canonicalName = {};                   // of "ToolCapabilities"
     std::string program = "tool";
     std::filesystem::path folder =
-        {};                // where the bundle lies; "Applications" in the home when empty
+        {};  // where the bundle lies; "Applications" in the home when empty
+    // A file in the same file system with what the test binary has: a link to it costs nothing where
+    // one to the test binary is a copy.
+    std::string copy = {};
     Dictionary info = {};  // further keys of the Info.plist; they replace those above
 };
 

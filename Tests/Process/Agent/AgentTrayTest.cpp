@@ -1,6 +1,5 @@
 #include <csignal>
 
-#include "Common/Platform/RunLoop.h"
 #include "Common/Platform/UserDefaults.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Tests/Process/Agent/AgentFixture.h"
@@ -295,38 +294,6 @@ TEST_F(AgentTrayTest, PublishesTheListAndEveryChange) {
     std::filesystem::remove(home_.data() / "applications" / (std::string(kTimer) + ".desktop"));
     EXPECT_THAT(test::nextLineWith(monitor, "member=ToolRemoved"), testing::Not(IsEmpty()));
     EXPECT_EQ(list(), "(@aa{sv} [],)");
-}
-
-// ---- quiet
-
-// How often the threads of a process were woken so far.
-long wakeUps(pid_t process) {
-    long sum = 0;
-    const std::filesystem::path tasks = "/proc/" + std::to_string(process) + "/task";
-    for (const auto& task : std::filesystem::directory_iterator(tasks)) {
-        std::ifstream file(task.path() / "status");
-        for (std::string line; std::getline(file, line);) {
-            if (line.starts_with("voluntary_ctxt_switches:")) sum += std::stol(line.substr(24));
-        }
-    }
-    return sum;
-}
-
-TEST_F(AgentTrayTest, IsNotWokenWhileNothingChanges) {
-    install(timer_);
-    auto panel = startPanel();
-    auto agent = startAgent(offscreen());
-    expectItem(panel, agent);
-    const RecordingPort timer(portOf(timer_));
-    sayStatus(timer_, 1);
-    ASSERT_EQ(menuThatBecomes(panel, withOwn("Timer [checkmark]")), withOwn("Timer [checkmark]"));
-    // What its start left to be done may still come. Then a time without anything must be found.
-    long before = -1;
-    EXPECT_TRUE(test::eventually([&] {
-        before = wakeUps(agent.pid());
-        platform::RunLoop::currentRunLoop().runFor(std::chrono::milliseconds(1500));
-        return wakeUps(agent.pid()) == before;
-    }));
 }
 
 }  // namespace

@@ -1,4 +1,3 @@
-// Long file: the cases share how records are found again and how children are watched.
 #include <atomic>
 #include <chrono>
 #include <map>
