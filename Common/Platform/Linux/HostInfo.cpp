@@ -6,12 +6,11 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
-#include <memory>
 #include <system_error>
 
-#include <glib.h>
 #include <unistd.h>
 
+#include "Common/Foundation/Sha256.h"
 #include "Common/Foundation/Unicode.h"
 #include "Common/Platform/Linux/DconfDatabase.h"
 #include "Common/Platform/Linux/FileInput.h"
@@ -52,10 +51,6 @@ std::string plainLine(std::string_view text) {
     if (begin == std::string::npos) return {};
     return line.substr(begin, line.find_last_not_of(' ') - begin + 1);
 }
-
-struct HmacUnref {
-    void operator()(GHmac* hmac) const { g_hmac_unref(hmac); }
-};
 
 int digitOf(char c) {
     if (c >= '0' && c <= '9') return c - '0';
@@ -173,13 +168,7 @@ std::string HostInfo::platformUUID(std::string_view application) const {
         if (high < 0 || low < 0) return {};
         key += static_cast<char>(high << 4 | low);
     }
-    std::array<std::uint8_t, 32> digest{};
-    gsize size = digest.size();
-    const std::unique_ptr<GHmac, HmacUnref> hmac(
-        g_hmac_new(G_CHECKSUM_SHA256, reinterpret_cast<const guchar*>(key.data()), key.size()));
-    g_hmac_update(hmac.get(), reinterpret_cast<const guchar*>(application.data()),
-                  static_cast<gssize>(application.size()));
-    g_hmac_get_digest(hmac.get(), digest.data(), &size);
+    Sha256Digest digest = hmacSha256(key, application);
     // As a random UUID.
     digest[6] = static_cast<std::uint8_t>((digest[6] & 0x0F) | 0x40);
     digest[8] = static_cast<std::uint8_t>((digest[8] & 0x3F) | 0x80);

@@ -1,6 +1,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "Common/Foundation/Sha256.h"
 #include "Common/Platform/HostInfo.h"
 #include "Common/Platform/Linux/DconfDatabase.h"
 #include "Common/Platform/UserDefaults.h"
@@ -17,6 +18,33 @@ using platform::HostInfo;
 using platform::UserDefaults;
 using test::writeTo;
 using test::XmlDocument;
+
+std::string hexadecimal(const Sha256Digest& digest) {
+    std::string text;
+    for (const std::uint8_t byte : digest) {
+        char digits[3];
+        snprintf(digits, sizeof digits, "%02x", byte);
+        text += digits;
+    }
+    return text;
+}
+
+TEST(Sha256, HashesAsTheStandardsExamples) {
+    EXPECT_EQ(hexadecimal(sha256("")),
+              "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    EXPECT_EQ(hexadecimal(sha256("abc")),
+              "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    EXPECT_EQ(hexadecimal(sha256("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq")),
+              "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1");
+    EXPECT_EQ(hexadecimal(sha256(std::string(1'000'000, 'a'))),
+              "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+    // RFC 4231, cases 2 and 6.
+    EXPECT_EQ(hexadecimal(hmacSha256("Jefe", "what do ya want for nothing?")),
+              "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
+    EXPECT_EQ(hexadecimal(hmacSha256(std::string(131, '\xaa'),
+                                     "Test Using Larger Than Block-Size Key - Hash Key First")),
+              "60e431591ee0b67f0d8a26aacbf5b77f8e0bc6213728c5140546040f0ee37f54");
+}
 
 class HostInfoTest : public testing::Test {
 protected:
