@@ -1,7 +1,10 @@
 #include "Tests/Support/ScreenReader.h"
 
+#include <algorithm>
+#include <cctype>
 #include <csignal>
 #include <ostream>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 
@@ -37,6 +40,31 @@ std::ostream& operator<<(std::ostream& stream, const ScreenReader::Element& elem
     return stream << element.depth << " | " << element.role << " | " << element.name << " | "
                   << element.description << " | " << element.states << " | " << element.actions
                   << " | " << element.keys;
+}
+
+std::vector<std::string> flawsOf(const std::vector<ScreenReader::Element>& window) {
+    static const std::set<std::string> kKinds{
+        "check box", "combo box",     "label",       "list",        "list item",
+        "page tab",  "page tab list", "push button", "spin button", "text"};
+    static const std::set<std::string> kPressed{"check box", "page tab", "push button"};
+    std::vector<std::string> flaws;
+    std::map<std::string, std::string> letters;
+    for (const auto& element : window) {
+        if (!element.isForUsers()) continue;
+        std::ostringstream text;
+        text << element;
+        if (element.name.empty()) flaws.push_back("no name: " + text.str());
+        if (!kKinds.contains(element.role)) flaws.push_back("of no known kind: " + text.str());
+        if (!kPressed.contains(element.role) || element.is("unavailable")) continue;
+        // The same key stands there several times, in upper and lower case.
+        std::string letter = element.keys.substr(0, element.keys.find(','));
+        std::transform(letter.begin(), letter.end(), letter.begin(),
+                       [](unsigned char one) { return static_cast<char>(std::toupper(one)); });
+        if (letter.empty()) flaws.push_back("no letter: " + text.str());
+        const auto [other, isNew] = letters.emplace(letter, element.name);
+        if (!isNew) flaws.push_back(letter + " is " + other->second + " and " + element.name);
+    }
+    return flaws;
 }
 
 ScreenReader::ScreenReader(const PrivateBus& bus, const std::filesystem::path& folder)

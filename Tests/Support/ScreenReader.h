@@ -50,7 +50,11 @@ private:
     ChildProcess launcher_;
 };
 
-// As read() would have it printed, for messages.
+// What is amiss in a window for who hears it and for who has a keyboard only: controls without a name or of no known kind,
+// buttons without a letter that presses them, letters that press two. One sentence each.
+std::vector<std::string> flawsOf(const std::vector<ScreenReader::Element>& window);
+
+// For messages.
 std::ostream& operator<<(std::ostream& stream, const ScreenReader::Element& element);
 
 }  // namespace utilia::test

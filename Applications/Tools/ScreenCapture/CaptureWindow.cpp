@@ -61,11 +61,13 @@ CaptureWindow::CaptureWindow(Actions actions, std::string folder)
     stage_ = new QStackedLayout(stage);
     stage_->addWidget(makeEmptyPage());
     stage_->addWidget(preview_);
-    auto* const column = new QVBoxLayout(this);
+    auto* const content = new QWidget;
+    auto* const column = new QVBoxLayout(content);
     column->setContentsMargins(0, 0, 0, 0);
     column->setSpacing(0);
     column->addWidget(stage, 1);
     column->addWidget(makePanel());
+    setCentralWidget(content);
     setSaving(false);
     updatePages();
     // With large letters a small screen must still show the buttons.

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include <QWidget>
+#include <QMainWindow>
 
 #include "Applications/Tools/ScreenCapture/CapturedPicture.h"
 #include "Applications/Tools/ScreenCapture/ExportJob.h"
@@ -24,7 +24,7 @@ class PreviewView;
 // The window of Screen Capture: the picture, and how it is saved.
 //
 // Threads: the main thread.
-class CaptureWindow final : public QWidget {
+class CaptureWindow final : public QMainWindow {
 public:
     struct Actions {
         std::function<void()> capture;  // the user wants another picture

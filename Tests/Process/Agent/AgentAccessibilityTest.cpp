@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cctype>
 #include <csignal>
 #include <filesystem>
 #include <functional>
@@ -25,6 +24,7 @@ using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::Field;
+using testing::IsEmpty;
 using Element = ScreenReader::Element;
 
 constexpr const char* kTitle = "Korvane Utilia";
@@ -63,27 +63,12 @@ protected:
     VirtualDisplay display_{displayFolder_.path()};
 };
 
-// What a user can do something with: what it is and what it is called.
-void expectNamesAndRoles(const std::vector<Element>& elements) {
-    static const std::set<std::string> kRoles{"check box",   "label",    "list",
-                                              "list item",   "page tab", "page tab list",
-                                              "push button", "text"};
-    std::size_t count = 0;
-    for (const Element& element : elements) {
-        if (!element.isForUsers()) continue;
-        EXPECT_FALSE(element.name.empty()) << element;
-        EXPECT_TRUE(kRoles.contains(element.role)) << element;
-        ++count;
-    }
-    EXPECT_GT(count, 0u);
-}
-
 TEST_F(AgentAccessibilityTest, NamesEverythingThatCanBeUsed) {
     install(timer_);
     install(clock_);
     auto agent = open();
     const auto tools = read();
-    expectNamesAndRoles(tools);
+    EXPECT_THAT(flawsOf(tools), IsEmpty());
     EXPECT_EQ(tools.front().role, "frame");
     EXPECT_THAT(tools, Contains(AllOf(Field(&Element::role, "list"),
                                       Field(&Element::name, "Installed tools"))));
@@ -91,10 +76,10 @@ TEST_F(AgentAccessibilityTest, NamesEverythingThatCanBeUsed) {
                 Contains(AllOf(Field(&Element::name, "Try It"),
                                Field(&Element::description, "You have not used Timer yet."))));
     display_.press({"alt+e"});
-    expectNamesAndRoles(read());
+    EXPECT_THAT(flawsOf(read()), IsEmpty());
     display_.press({"alt+p"});
     display_.waitForWindow("What will be sent next");
-    expectNamesAndRoles(read("What will be sent next"));
+    EXPECT_THAT(flawsOf(read("What will be sent next")), IsEmpty());
 }
 
 TEST_F(AgentAccessibilityTest, NamesWhatIsInAMessage) {
@@ -105,7 +90,7 @@ TEST_F(AgentAccessibilityTest, NamesWhatIsInAMessage) {
     display_.press({"Return"});
     ASSERT_TRUE(test::eventually([&] { return read().front().role == "alert"; }));
     const auto message = read();
-    expectNamesAndRoles(message);
+    EXPECT_THAT(flawsOf(message), IsEmpty());
     EXPECT_THAT(message, Contains(Field(&Element::name, "Timer cannot be started.")));
     display_.press({"alt+c"});
     EXPECT_TRUE(test::eventually([&] { return read().front().role == "frame"; }));
@@ -154,37 +139,15 @@ TEST_F(AgentAccessibilityTest, LetsAScreenReaderStartATool) {
     EXPECT_EQ(reports_.waitForLine(), "started");
 }
 
-// The letters that work with Alt, and what does; upper case.
-std::map<std::string, std::string> lettersOf(const std::vector<Element>& elements) {
-    std::map<std::string, std::string> letters;
-    for (const Element& element : elements) {
-        if (!element.isForUsers() || element.role == "page tab list") continue;
-        if (element.keys.empty()) {
-            EXPECT_NE(element.role, "push button") << element;
-            EXPECT_NE(element.role, "check box") << element;
-            EXPECT_NE(element.role, "page tab") << element;
-            continue;
-        }
-        // The same key stands there several times, in upper and lower case.
-        std::string key = element.keys.substr(0, element.keys.find(','));
-        std::transform(key.begin(), key.end(), key.begin(), [](unsigned char letter) {
-            return static_cast<char>(std::toupper(letter));
-        });
-        const auto [place, isNew] = letters.emplace(key, element.name);
-        EXPECT_TRUE(isNew) << key << ": " << place->second << ", " << element.name;
-    }
-    return letters;
-}
-
 TEST_F(AgentAccessibilityTest, HasALetterForEachControlInEveryLanguage) {
     install(timer_);
     const test::RecordingPort timerPort(portOf(timer_));
     for (const char* language : kLanguages) {
         SCOPED_TRACE(language);
         auto agent = open(language);
-        EXPECT_EQ(lettersOf(read()).size(), 5u) << "two pages, and what is done with a tool";
+        EXPECT_THAT(flawsOf(read()), IsEmpty());
         display_.press({"ctrl+Tab"});
-        EXPECT_GE(lettersOf(read()).size(), 6u);
+        EXPECT_THAT(flawsOf(read()), IsEmpty());
         agent.signal(SIGTERM);
         EXPECT_EQ(agent.waitForExit(), 0);
     }

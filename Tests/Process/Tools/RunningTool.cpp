@@ -43,7 +43,8 @@ ChildProcess ToolSession::start(const std::string& bundle,
                                 std::map<std::string, std::string> environment) const {
     ChildProcessOptions options;
     options.environment = std::move(environment);
-    options.environment.insert({{"LANGUAGE", "en"}, {"DISPLAY", "\x01"}});
+    options.environment.insert(
+        {{"LANGUAGE", "en"}, {"DISPLAY", "\x01"}, {"WAYLAND_DISPLAY", "\x01"}});
     options.standardError = home_.path() / "log";
     options.ownSession = true;
     options.diesWithTest = true;

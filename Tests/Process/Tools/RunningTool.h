@@ -48,6 +48,7 @@ public:
     static bool fallsAsleep(const ChildProcess& tool);
 
     const TemporaryHome& home() const { return home_; }
+    const PrivateBus& sessionBus() const { return *sessionBus_; }
     void endSessionBus() { sessionBus_.reset(); }
 
 private:

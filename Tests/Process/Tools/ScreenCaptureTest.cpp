@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -8,6 +10,7 @@
 
 #include "Common/UtiliaCommon/PersistentData/ToolPersistentDataReader.h"
 #include "Tests/Process/Tools/RunningTool.h"
+#include "Tests/Support/ScreenReader.h"
 #include "Tests/Support/VirtualDisplay.h"
 
 // The tool Screen Capture in its bundle, on a display of its own, with a portal that is the test's.
@@ -16,6 +19,7 @@ namespace utilia::test {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::AllOf;
 using testing::HasSubstr;
 
 constexpr const char* kBundle = UTILIA_SCREEN_CAPTURE_BUNDLE;
@@ -164,6 +168,83 @@ TEST_F(ScreenCapture, StaysOpenWithAFileThatIsNoPicture) {
     display_.press({"alt+s"});
     EXPECT_FALSE(display_.hasWindow(kSaveTitle)) << "there is nothing to save";
     EXPECT_TRUE(tool.isRunning());
+}
+
+TEST_F(ScreenCapture, TellsInTheMenuHowFarSavingIs) {
+    auto tool = start({picture(1500, 4000)});
+    display_.waitForWindow(kTitle);
+    session_.askForMenu(kBundle);
+    save();
+    EXPECT_TRUE(session_.comesToSay("Saving: 0 %"));
+    int last = 0;
+    std::string text;
+    for (; !(text = session_.nextText()).empty();) {
+        int percent = -1;
+        ASSERT_EQ(std::sscanf(text.c_str(), "Saving: %d %%", &percent), 1) << text;
+        EXPECT_EQ(percent % 10, 0) << text;
+        EXPECT_GT(percent, last) << text;
+        last = percent;
+    }
+    EXPECT_EQ(last, 100) << "and then nothing, as it is over";
+    EXPECT_EQ(runProgram({"qpdf", "--check", savedFile(".pdf")}).status, 0);
+}
+
+class SpokenCapture : public ScreenCapture {
+protected:
+    ChildProcess startSpeaking(const std::vector<std::string>& arguments) {
+        auto tool = start(arguments, reader_.environment());
+        display_.waitForWindow(kTitle);
+        return tool;
+    }
+    std::vector<ScreenReader::Element> read() const {
+        return reader_.read(kTitle, display_.environment());
+    }
+    // A label that is seen and begins with these words; "" when none comes.
+    std::string labelWith(const std::string& words) const {
+        std::string found;
+        (void)eventually([&] {
+            for (const auto& element : read()) {
+                if (element.role == "label" && element.is("showing") &&
+                    element.name.starts_with(words))
+                    found = element.name;
+            }
+            return !found.empty();
+        });
+        return found;
+    }
+    ScreenReader reader_{session_.sessionBus(), session_.home().path()};
+};
+
+TEST_F(SpokenCapture, NamesEverythingThatCanBeUsed) {
+    auto tool = startSpeaking({picture(200, 2500)});
+    const auto elements = read();
+    EXPECT_EQ(elements.front().role, "frame");
+    EXPECT_THAT(flawsOf(elements), testing::IsEmpty());
+    const auto one = [&](const std::string& name) {
+        return std::find_if(elements.begin(), elements.end(),
+                            [&](const auto& element) { return element.name == name; });
+    };
+    EXPECT_NE(one("Format:"), elements.end());
+    EXPECT_NE(one("Page height:"), elements.end());
+    ASSERT_NE(one("Picture"), elements.end());
+    EXPECT_EQ(one("Picture")->description, "200 × 2500 px · Pages: 3");
+}
+
+TEST_F(SpokenCapture, SaysThatAndWhyAPictureCannotBeSaved) {
+    auto tool = startSpeaking({picture(200, 100)});
+    display_.press({"alt+s"});
+    display_.waitForWindow(kSaveTitle);
+    fs::remove(desktop());
+    display_.press({"Return"});
+    display_.waitForWindow(kTitle);
+    EXPECT_THAT(labelWith("Screen Capture "),
+                AllOf(HasSubstr(".pdf cannot be saved. "), HasSubstr(desktop().string()),
+                      HasSubstr("No such file or directory")));
+    // It is still there, and can be saved elsewhere.
+    fs::create_directory(desktop());
+    save();
+    EXPECT_THAT(labelWith("Saved as "), testing::EndsWith(".pdf"));
+    EXPECT_FALSE(savedFile(".pdf").empty());
 }
 
 TEST_F(ScreenCapture, OpensTheFileOfASecondStart) {
