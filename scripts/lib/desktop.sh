@@ -3,9 +3,10 @@
 
 screen_width=960 screen_height=620 panel_height=32
 
-# start_display: an X server that only who has its key can open.
+# start_display: an X server that only who has its key can open. How its user likes windows elsewhere does not count.
 start_display() {
     local number
+    unset "${!QT_@}" "${!GTK_@}" "${!GDK_@}" XDG_CURRENT_DESKTOP XDG_SESSION_TYPE XDG_SESSION_ID
     {
         # Any address, any display: its number is known later.
         printf '\377\377\0\0\0\0\0\022MIT-MAGIC-COOKIE-1\0\020'
