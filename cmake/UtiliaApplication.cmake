@@ -10,7 +10,7 @@
 #   COMMENT       what it is for, as the desktop shows it
 #   INFO          further XML for the Info.plist's dictionary
 #   LOCALIZATION  a folder of translations, LANGUAGE.po, which become the bundle's texts (needs gettext's msgfmt)
-#   RESOURCES     files for Contents/Resources
+#   RESOURCES     files for Contents/Resources, of the sources or made by the build
 #   ICON          a picture for Contents/Resources that the desktop entry and the Info.plist name
 #   HELPERS       programs (targets) that lie beside its own: Bundle::pathForAuxiliaryExecutable finds them
 #   WITHIN        the application that this one belongs to: it lies in that one's Contents/Applications, and has no
@@ -58,7 +58,12 @@ function(utilia_application target)
 
     foreach(resource IN LISTS arg_RESOURCES arg_ICON)
         get_filename_component(name "${resource}" NAME)
-        configure_file("${resource}" "${contents}/Resources/${name}" COPYONLY)
+        get_filename_component(resource "${resource}" ABSOLUTE)
+        file(MAKE_DIRECTORY "${contents}/Resources")
+        add_custom_command(OUTPUT "${contents}/Resources/${name}"
+            COMMAND "${CMAKE_COMMAND}" -E copy "${resource}" "${contents}/Resources/${name}"
+            DEPENDS "${resource}" VERBATIM)
+        target_sources(${target} PRIVATE "${contents}/Resources/${name}")
         install(FILES "${contents}/Resources/${name}" DESTINATION "${installed_contents}/Resources")
     endforeach()
     if(arg_HELPERS)

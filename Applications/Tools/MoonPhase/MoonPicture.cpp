@@ -1,0 +1,34 @@
+#include "Applications/Tools/MoonPhase/MoonPicture.h"
+
+#include <cmath>
+#include <numbers>
+
+namespace utilia::tools {
+namespace {
+
+// Whether the sun shines on this place of the disc.
+bool isLit(MoonPhase moon, double x, double y, double radius) {
+    const double halfWidth = std::sqrt(radius * radius - y * y);
+    const double edge = std::cos(2 * std::numbers::pi * moon.fraction) * halfWidth;
+    return moon.fraction < 0.5 ? x > edge : x < -edge;
+}
+
+}  // namespace
+
+Colour moonMask(MoonPhase moon, double x, double y) {
+    const double radius = std::hypot(x, y);
+    if (radius > 0.9) return {};
+    const bool isRim = radius > 0.8;
+    return {0, 0, 0, isRim || isLit(moon, x, y, 0.9) ? 1.0 : 0.15};
+}
+
+Colour moonIcon(MoonPhase moon, double x, double y) {
+    if (std::hypot(x, y) < 0.7) {
+        return isLit(moon, x, y, 0.7) ? Colour{0.98, 0.93, 0.72, 1} : Colour{0.17, 0.2, 0.34, 1};
+    }
+    const bool isSky =
+        std::pow(std::abs(x), 5) + std::pow(std::abs(y), 5) < 0.9;  // a rounded square
+    return isSky ? Colour{0.08, 0.1, 0.22, 1} : Colour{};
+}
+
+}  // namespace utilia::tools
