@@ -40,7 +40,7 @@ AgentApplication::AgentApplication()
                           .showSettings = [this] { show(AgentWindow::Page::Settings); },
                           .quit = [] { platform::Application::sharedApplication().terminate(); }})),
       schedules_({.fire = [this](const std::string& tool) { return fire(tool); },
-                  .launch = [this](const std::string& tool) { return launch(tool); }}) {
+                  .launch = [this](const std::string& tool) { return launchAtLogin(tool); }}) {
     observation_ = tools_.observe([this](const ToolList::Change& change) { follow(change); });
     icon_->setShownHandler([this] { panelIsKnown(); });
     tools_.setUndeliveredHandler(
@@ -69,7 +69,10 @@ void AgentApplication::start(const std::vector<std::string>& arguments) {
     bus_.start({.connected = [this](const QDBusConnection& bus) { busIsThere(bus); },
                 .missed = [this] { busIsMissed(); }});
     schedules_.start();
-    if (isLogin_) schedules_.startAtLogin(LoginSession::toolsToStart(tools_.entries()));
+    if (isLogin_) {
+        schedules_.startAtLogin(LoginSession::toolsToStart(tools_.entries()),
+                                &LoginSession::finish);
+    }
     if (!arguments.empty()) applicationShouldHandleReopen(false, arguments);
 }
 
@@ -163,6 +166,13 @@ Outcome AgentApplication::fire(const std::string& identifier) {
     const Outcome outcome = launch(identifier);
     if (outcome == Outcome::Done) firing_.insert(identifier);
     return outcome;
+}
+
+Outcome AgentApplication::launchAtLogin(const std::string& identifier) {
+    // Launching a tool that runs would bring it to the front.
+    const bool isRunning =
+        !platform::RunningApplication::runningApplicationsWithBundleIdentifier(identifier).empty();
+    return isRunning ? Outcome::Done : launch(identifier);
 }
 
 Outcome AgentApplication::launch(const std::string& identifier) {

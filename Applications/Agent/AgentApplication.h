@@ -51,6 +51,7 @@ private:
     void activate(const std::string& identifier);
     ScheduleRunner::Outcome fire(const std::string& identifier);
     ScheduleRunner::Outcome launch(const std::string& identifier);
+    ScheduleRunner::Outcome launchAtLogin(const std::string& identifier);
     void follow(const ToolList::Change& change);
     void watchInstalledTools();
     void panelIsKnown();

@@ -16,6 +16,7 @@ using platform::FileManager;
 
 constexpr std::string_view kFileName = "/agent-login";
 constexpr std::size_t kMaximumSize = 4096;
+constexpr std::string_view kBegun = "begun\n";
 
 std::string thisLogin() {
     const char* const session = std::getenv("XDG_SESSION_ID");
@@ -23,6 +24,11 @@ std::string thisLogin() {
     std::string boot;
     std::getline(file, boot);
     return "session " + std::string(session ? session : "unknown") + "\nboot " + boot + "\n";
+}
+
+Result<void> remember(const std::string& folder, const std::string& login) {
+    return FileManager::writeAtomically(folder + std::string(kFileName),
+                                        Data(login.begin(), login.end()));
 }
 
 }  // namespace
@@ -33,16 +39,21 @@ bool LoginSession::isNew() {
         KULogVariadic("Login: there is no runtime folder, so that no tools are started");
         return false;
     }
-    const std::string path = *folder + std::string(kFileName);
     const std::string login = thisLogin();
-    const auto seen = FileManager::contentsAtPath(path, kMaximumSize);
+    const auto seen = FileManager::contentsAtPath(*folder + std::string(kFileName), kMaximumSize);
     if (seen && std::string(seen->begin(), seen->end()) == login) return false;
-    const Data bytes(login.begin(), login.end());
-    if (const auto written = FileManager::writeAtomically(path, bytes); !written) {
+    if (const auto written = remember(*folder, login + std::string(kBegun)); !written) {
         KULogVariadic("Login: no tools are started: %@", written.error());
         return false;
     }
     return true;
+}
+
+void LoginSession::finish() {
+    const auto folder = FileManager::runtimeFolder();
+    if (!folder) return;
+    if (const auto written = remember(*folder, thisLogin()); !written)
+        KULogVariadic("Login: the agent's next start starts the tools again: %@", written.error());
 }
 
 std::vector<std::string> LoginSession::toolsToStart(const std::vector<ToolEntry>& tools) {

@@ -10,14 +10,17 @@ namespace utilia::agent {
 // What happens once in each login, however often the agent is started in it.
 //
 // The last login that was seen is kept in a file of the runtime folder, which the system removes after the last logout:
-// the session's number ($XDG_SESSION_ID) and the machine's boot. It is written before anything is started, so that an
-// agent that is killed meanwhile does not start the tools twice.
+// the session's number ($XDG_SESSION_ID) and the machine's boot. Until finish() it is marked as begun: an agent that is
+// killed while it starts tools does all of it again, which passes over those that run.
 class LoginSession final {
 public:
     LoginSession() = delete;
 
-    // Whether this is the first call in this login. False, with one log line, where that cannot be remembered.
+    // Whether what happens once in this login is still to be done. False, with one log line, where that cannot be
+    // remembered.
     static bool isNew();
+    // It is done.
+    static void finish();
 
     // Those of the tools that have asked to be started at login (their scheduler records) and that the launcher does
     // not start already (its list).

@@ -55,7 +55,9 @@ void ScheduleRunner::toolsHaveChanged() {
     if (isStarted_) look();
 }
 
-void ScheduleRunner::startAtLogin(const std::vector<std::string>& identifiers) {
+void ScheduleRunner::startAtLogin(const std::vector<std::string>& identifiers,
+                                  std::function<void()> done) {
+    loginDone_ = std::move(done);
     for (const std::string& identifier : identifiers) {
         const bool isQueuedAlready =
             std::any_of(queue_.begin(), queue_.end(),
@@ -68,6 +70,11 @@ void ScheduleRunner::startAtLogin(const std::vector<std::string>& identifiers) {
 bool ScheduleRunner::isQueued(const Occasion& occasion) const {
     return std::any_of(queue_.begin(), queue_.end(),
                        [&](const Work& work) { return work.occasion == occasion; });
+}
+
+bool ScheduleRunner::isLoginQueued() const {
+    return std::any_of(queue_.begin(), queue_.end(),
+                       [](const Work& work) { return !work.occasion; });
 }
 
 void ScheduleRunner::look() {
@@ -101,6 +108,8 @@ void ScheduleRunner::look() {
 }
 
 void ScheduleRunner::workOn() {
+    // Not before the time of the last one is over, in which it comes up.
+    if (!pause_ && loginDone_ && !isLoginQueued()) std::exchange(loginDone_, nullptr)();
     while (!pause_ && !queue_.empty()) {
         const Work work = std::move(queue_.front());
         queue_.pop_front();

@@ -66,8 +66,9 @@ public:
     void start();
     // What could not be started before may be able to now.
     void toolsHaveChanged();
-    // The user has logged in, and these want to be started then. Each once, also when its date is due as well.
-    void startAtLogin(const std::vector<std::string>& identifiers);
+    // The user has logged in, and these want to be started then. Each once, also when its date is due as well. `done` is
+    // called when all of them had their turn, and time to come up.
+    void startAtLogin(const std::vector<std::string>& identifiers, std::function<void()> done);
 
 private:
     // One launch of one record.
@@ -82,10 +83,12 @@ private:
     void actOn(const Work& work);
     void advance(const Occasion& occasion) const;
     bool isQueued(const Occasion& occasion) const;
+    bool isLoginQueued() const;
 
     const Actions actions_;
     const Time time_;
     std::deque<Work> queue_;
+    std::function<void()> loginDone_;
     std::set<Occasion> handled_;  // in the life of this process, whatever became of the record
     std::set<Occasion> waiting_;  // could not be started
     Handle nextDate_;

@@ -249,9 +249,23 @@ TEST_F(ScheduleRunnerTest, PassesOverRecordsThatAreIncomplete) {
 
 TEST_F(ScheduleRunnerTest, StartsAToolOnceThatIsDueAtLogin) {
     schedule("a", kNow - 1);
-    runner_.startAtLogin({"b", "a", "c", "c"});
+    runner_.startAtLogin({"b", "a", "c", "c"}, [] {});
     runner_.start();
     EXPECT_THAT(actsInTime(), ElementsAre("launch b", "launch c", "fire a"));
+}
+
+TEST_F(ScheduleRunnerTest, SaysWhenNobodyWaitsForTheLoginsStartAnyMore) {
+    const auto done = [this] { acts_.push_back("done"); };
+    runner_.startAtLogin({"a", "b"}, done);
+    EXPECT_THAT(acts(), ElementsAre("launch a"));
+    EXPECT_THAT(actsInTime(), ElementsAre("launch b", "done"));
+    runner_.startAtLogin({}, done);
+    EXPECT_THAT(acts(), ElementsAre("done"));
+    schedule("c", kNow - 1);
+    runner_.startAtLogin({"a", "c"}, done);
+    runner_.start();
+    EXPECT_THAT(acts(), ElementsAre("launch a"));
+    EXPECT_THAT(actsInTime(), ElementsAre("done", "fire c")) << "this one has a date";
 }
 
 // ---- the login
@@ -262,13 +276,14 @@ protected:
     test::TemporaryHome home_;
 };
 
-TEST_F(LoginSessionTest, IsNewOnceInEachSession) {
-    setenv("XDG_SESSION_ID", "3", 1);
-    EXPECT_TRUE(LoginSession::isNew());
-    EXPECT_FALSE(LoginSession::isNew());
-    setenv("XDG_SESSION_ID", "4", 1);
-    EXPECT_TRUE(LoginSession::isNew());
-    EXPECT_FALSE(LoginSession::isNew());
+TEST_F(LoginSessionTest, IsNewInEachSessionUntilEverythingIsDone) {
+    for (const char* session : {"3", "4"}) {
+        setenv("XDG_SESSION_ID", session, 1);
+        EXPECT_TRUE(LoginSession::isNew());
+        EXPECT_TRUE(LoginSession::isNew()) << "as for an agent that was killed meanwhile";
+        LoginSession::finish();
+        EXPECT_FALSE(LoginSession::isNew());
+    }
 }
 
 TEST_F(LoginSessionTest, IsNotNewWhereItCannotBeRemembered) {
