@@ -70,6 +70,14 @@ inline constexpr std::string_view kUsageByAdministratorText =
 inline constexpr std::string_view kPreviewText = "&Preview…";
 inline constexpr std::string_view kPreviewTitleText = "What will be sent next";
 inline constexpr std::string_view kNothingToSendText = "Nothing has been recorded yet.";
+inline constexpr std::string_view kSentText = "&What Was Sent…";
+inline constexpr std::string_view kSentTitleText = "What was sent last";
+inline constexpr std::string_view kSentDocumentText = "The report, word by word";
+inline constexpr std::string_view kNothingSentText = "Nothing has been sent yet.";
+inline constexpr std::string_view kSentUnderWayText = "on its way";
+inline constexpr std::string_view kSentAcceptedText = "accepted";
+inline constexpr std::string_view kSentRefusedText = "not accepted, will be sent again";
+inline constexpr std::string_view kNoCopyText = "There is no copy of this report any more.";
 inline constexpr std::string_view kCloseText = "&Close";
 // %@: a version.
 inline constexpr std::string_view kWhatIsNewText = "New in version %@";
@@ -117,6 +125,14 @@ inline constexpr std::array kAgentTexts{kShowWindowText,
                                         kPreviewText,
                                         kPreviewTitleText,
                                         kNothingToSendText,
+                                        kSentText,
+                                        kSentTitleText,
+                                        kSentDocumentText,
+                                        kNothingSentText,
+                                        kSentUnderWayText,
+                                        kSentAcceptedText,
+                                        kSentRefusedText,
+                                        kNoCopyText,
                                         kCloseText,
                                         kWhatIsNewText,
                                         kNoDescriptionText};

@@ -13,6 +13,7 @@
 #include "Applications/Agent/AgentTexts.h"
 #include "Applications/Agent/Interface/ToolPictures.h"
 #include "Applications/Desktop/DesktopColors.h"
+#include "Applications/Reporting/SentReports.h"
 #include "Common/Platform/Application.h"
 #include "Common/UtiliaCommon/CEP/CEPLog.h"
 #include "Integration/Qt/QtHost.h"
@@ -81,6 +82,10 @@ int main(int argc, char** argv) {
     colors.follow();
     // The agent uploads for all: what was recorded goes with its weekly timer.
     auto& usage = utilia::CEPLog::sharedInstance();
+    const utilia::reporting::SentReports sent;
+    sent.settle();
+    usage.setUploadHandler(
+        [&sent](const std::vector<std::string>& reports) { sent.willSend(reports); });
     usage.initGrab();
     usage.log("Launch");
     utilia::agent::AgentApplication agent;
@@ -92,5 +97,6 @@ int main(int argc, char** argv) {
     usage.log("Quit");
     // What is being collected would be lost.
     usage.waitForUploads(std::chrono::seconds(5));
+    usage.setUploadHandler(nullptr);
     return status;
 }

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "Applications/Reporting/SentReports.h"
 #include "Applications/utiliactl/JsonText.h"
 #include "Applications/utiliactl/PlainText.h"
 #include "Common/Foundation/PathFunctions.h"
@@ -34,6 +35,18 @@ Result<std::vector<std::string>> reports() {
     return waiting;
 }
 
+std::string_view outcomeName(reporting::SentReport::Outcome outcome) {
+    switch (outcome) {
+    case reporting::SentReport::Outcome::UnderWay:
+        return "under way";
+    case reporting::SentReport::Outcome::Accepted:
+        return "accepted";
+    case reporting::SentReport::Outcome::Refused:
+        return "refused";
+    }
+    return "";
+}
+
 // Until each of them is gone or nobody is at it any more, or the time is over.
 void waitForUploads(const std::set<std::string>& paths, std::chrono::duration<double> time) {
     const auto deadline = std::chrono::steady_clock::now() + time;
@@ -47,7 +60,8 @@ void waitForUploads(const std::set<std::string>& paths, std::chrono::duration<do
 
 CLI::App* ReportsCommand::declare(CLI::App& program) {
     CLI::App* const command = program.add_subcommand(
-        "reports", "Shows the usage reports that wait for their upload, and sends them.");
+        "reports",
+        "Shows the usage reports that wait for their upload or were sent, and sends them.");
     command->require_subcommand(1);
     CLI::App* const list = command->add_subcommand("list", "Lists the reports that wait.");
     list->footer("What is recorded becomes a report when it is sent; \"utiliactl reporting "
@@ -63,6 +77,13 @@ CLI::App* ReportsCommand::declare(CLI::App& program) {
         ->capture_default_str();
     send->add_flag("--json", json_, "Answer as JSON");
     send->callback([this] { chosen_ = &ReportsCommand::send; });
+    CLI::App* const sent =
+        command->add_subcommand("sent", "Lists the reports that were sent last.");
+    sent->footer(
+        "Copies of the last ten are kept, up to 5 MiB; the document that was sent is in the "
+        "file that is named.");
+    sent->add_flag("--json", json_, "Answer as JSON");
+    sent->callback([this] { chosen_ = &ReportsCommand::sent; });
     return command;
 }
 
@@ -95,12 +116,16 @@ Result<void> ReportsCommand::send(std::ostream& out) {
                                  : "usage reporting is off, so that nothing is sent");
     }
     log.setCepOwner(true);
+    const reporting::SentReports kept;
+    log.setUploadHandler([&kept](const std::vector<std::string>& paths) { kept.willSend(paths); });
     const auto begun = log.sendCEPImp(false);
     const auto waiting = reports();
     if (!waiting) return waiting.error();
     std::set<std::string> paths(begun.begin(), begun.end());
     paths.insert(waiting->begin(), waiting->end());
     waitForUploads(paths, std::chrono::duration<double>(seconds_));
+    log.setUploadHandler(nullptr);
+    kept.settle();
 
     Json all = Json::array();
     std::vector<std::vector<std::string>> rows;
@@ -112,6 +137,27 @@ Result<void> ReportsCommand::send(std::ostream& out) {
     }
     out << (json_ ? textOfJson(all)
                   : table({"REPORT", "UPLOAD"}, rows, "There is nothing to send."));
+    return {};
+}
+
+Result<void> ReportsCommand::sent(std::ostream& out) {
+    const reporting::SentReports kept;
+    kept.settle();
+    Json all = Json::array();
+    std::vector<std::vector<std::string>> rows;
+    for (const reporting::SentReport& report : kept.all()) {
+        const std::string outcome(outcomeName(report.outcome));
+        all.push_back(Json{{"date", dateText(report.date)},
+                           {"report", report.name},
+                           {"bytes", report.bytes},
+                           {"outcome", outcome},
+                           {"document", report.document.empty() ? Json() : Json(report.document)}});
+        rows.push_back({dateText(report.date), report.name, std::to_string(report.bytes), outcome,
+                        report.document});
+    }
+    out << (json_ ? textOfJson(all)
+                  : table({"DATE", "REPORT", "BYTES", "OUTCOME", "DOCUMENT"}, rows,
+                          "Nothing has been sent yet."));
     return {};
 }
 

@@ -4,7 +4,7 @@
 
 namespace utilia::control {
 
-// utiliactl reports: the reports that wait for their upload.
+// utiliactl reports: the reports that wait for their upload, and those that were sent.
 class ReportsCommand final : public Command {
 public:
     CLI::App* declare(CLI::App& program) override;
@@ -14,6 +14,7 @@ public:
 private:
     Result<void> list(std::ostream& out);
     Result<void> send(std::ostream& out);
+    Result<void> sent(std::ostream& out);
 
     Result<void> (ReportsCommand::*chosen_)(std::ostream& out) = nullptr;
     double seconds_ = 60;

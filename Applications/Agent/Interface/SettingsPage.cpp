@@ -6,12 +6,14 @@
 #include <QCheckBox>
 #include <QDialog>
 #include <QGroupBox>
+#include <QHBoxLayout>
 #include <QLabel>
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QVBoxLayout>
 
 #include "Applications/Agent/AgentTexts.h"
+#include "Applications/Agent/Interface/SentReportsDialog.h"
 #include "Applications/Agent/Model/Suggestions.h"
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Platform/Bundle.h"
@@ -103,7 +105,12 @@ void SettingsPage::addUsage(QVBoxLayout& layout) {
     auto* const previewButton = new QPushButton(text(kPreviewText), group);
     column->addWidget(shareUsage_);
     column->addWidget(explanation);
-    column->addWidget(previewButton, 0, Qt::AlignLeading);
+    auto* const sentButton = new QPushButton(text(kSentText), group);
+    auto* const buttons = new QHBoxLayout;
+    buttons->addWidget(previewButton);
+    buttons->addWidget(sentButton);
+    buttons->addStretch(1);
+    column->addLayout(buttons);
     layout.addWidget(group);
     connect(shareUsage_, &QCheckBox::clicked, this, [this, &log](bool isWanted) {
         if (isWanted) {
@@ -114,6 +121,12 @@ void SettingsPage::addUsage(QVBoxLayout& layout) {
         update();
     });
     connect(previewButton, &QPushButton::clicked, this, [this] { preview(); });
+    connect(sentButton, &QPushButton::clicked, this, [this] {
+        auto* const dialog = new SentReportsDialog(window());
+        dialog->setAttribute(Qt::WA_DeleteOnClose);
+        dialog->resize(window()->size());
+        dialog->open();
+    });
 }
 
 void SettingsPage::preview() {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Common/Foundation/PathFunctions.h"
+#include "Common/Logging/CallbackGuard.h"
 #include "Common/Logging/Log.h"
 #include "Common/Logging/MemoryGuard.h"
 #include "Common/Platform/FileManager.h"
@@ -349,12 +350,37 @@ std::vector<std::string> CEPLog::sendCEPImp(bool force) {
     });
 }
 
+void CEPLog::setUploadHandler(
+    std::function<void(const std::vector<std::string>& reports)> uploading) {
+    const std::lock_guard guard(uploadsMutex_);
+    uploading_ = std::move(uploading);
+}
+
+void CEPLog::announceUpload(const std::string& folder,
+                            const std::vector<std::string>& reports) const {
+    std::function<void(const std::vector<std::string>&)> uploading;
+    {
+        const std::lock_guard guard(uploadsMutex_);
+        uploading = uploading_;
+    }
+    if (!uploading) return;
+    std::vector<std::string> paths;
+    for (const std::string& report : reports) {
+        std::string path = stringByAppendingPathComponent(folder, report);
+        // What nobody else sends already.
+        if (isUsableInUpload(report) && !platform::Task::isLocked(path))
+            paths.push_back(std::move(path));
+    }
+    if (!paths.empty()) runGuarded("The handler of uploads", [&] { uploading(paths); });
+}
+
 std::vector<std::string> CEPLog::sendReports(const std::string& folder) const {
     const auto waiting = waitingReports(folder);
     if (!waiting) {
         KULogVariadic("%@: %@", kWhat, waiting.error());
         return {};
     }
+    announceUpload(folder, *waiting);
     const ReportUploadPlace place{services_.endpoint, services_.curlHome, proxies_};
     std::vector<std::string> begun;
     for (const std::string& report : *waiting) {

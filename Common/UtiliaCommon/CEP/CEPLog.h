@@ -110,6 +110,10 @@ public:
     // What the timer does: sendCEP() on a thread of its own.
     void fireCEP();
     void sendCEP() { sendCEPImp(false); }
+    // Called with each upload that sends anything, on its thread, before the first of these reports (paths)
+    // leaves: the last moment in which each of them is certainly there, since an accepted one is removed.
+    // For applications that keep what was sent. Set before initGrab(), which may begin an upload.
+    void setUploadHandler(std::function<void(const std::vector<std::string>& reports)> uploading);
     // Also when the user has switched usage reporting off.
     void sendCEPForcibly() { sendCEPImp(true); }
 
@@ -138,6 +142,7 @@ private:
     Result<void> beginUpload(bool force);
     void uploadEnded();
     std::vector<std::string> sendReports(const std::string& folder) const;
+    void announceUpload(const std::string& folder, const std::vector<std::string>& reports) const;
 
     const CEPLogServices services_;
     const std::vector<std::string> proxies_;
@@ -150,8 +155,9 @@ private:
     mutable std::mutex logPathMutex_;
     std::optional<std::string> logPath_;  // guarded by logPathMutex_
 
-    std::mutex uploadsMutex_;
+    mutable std::mutex uploadsMutex_;
     std::condition_variable uploadHasEnded_;
+    std::function<void(const std::vector<std::string>&)> uploading_;  // guarded by uploadsMutex_
     unsigned uploads_ = 0;  // threads under way; guarded by uploadsMutex_
 
     Handle timer_;

@@ -170,7 +170,7 @@ TEST_F(AgentAccessibilityTest, LeadsToEveryControlWithTab) {
           "Open"}},
         {"alt+e",
          {"Settings", "Open Korvane Utilia at login", "Suggest tools that I have not used",
-          "Report how I use the tools", "Preview…",
+          "Report how I use the tools", "Preview…", "What Was Sent…",
           "There is no description of this version in your language or in English."}}};
     for (const auto& [page, order] : pages) {
         display_.press({page});

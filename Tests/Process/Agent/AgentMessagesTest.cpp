@@ -4,12 +4,16 @@
 #include <sys/stat.h>
 
 #include "Common/Platform/Application.h"
+#include "Common/Platform/UserDefaults.h"
+#include "Common/UtiliaCommon/CEP/CEPLog.h"
+#include "Common/UtiliaCommon/CEP/ReportFolder.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
 #include "Common/UtiliaCommon/UtiliaCommon.h"
 #include "Tests/Process/Agent/AgentFixture.h"
 #include "Tests/Process/UnprivilegedUser.h"
 #include "Tests/Support/ChildRole.h"
 #include "Tests/Support/PrivateMounts.h"
+#include "Tests/Support/PrivateNetwork.h"
 #include "Tests/Support/ScreenReader.h"
 #include "Tests/Support/VirtualDisplay.h"
 
@@ -173,6 +177,40 @@ TEST_F(AgentMessagesTest, SayWhatIsNotKeptInAHomeThatIsSomebodyElses) {
     agent.signal(SIGTERM);
     EXPECT_EQ(agent.waitForExit(), 0);
     EXPECT_THAT(log(), HasSubstr("Permission denied"));
+}
+
+// ---- what was sent
+
+TEST_F(AgentMessagesTest, ListWhatWasSentAndWhatBecameOfIt) {
+    const test::PrivateNetwork network;  // in which there is no server
+    platform::UserDefaults::initWithDomain("com.korvane.utilia")
+        ->setObject(Date{Date::now().secondsSinceReferenceDate - 60}, kCEPSyncDateKey);
+    std::filesystem::create_directories(reportFolder());
+    std::ofstream(reportFolder() + "/utilia_report (7).xml") << "<of the test/>\n";
+    test::ChildProcessOptions options;
+    options.environment = audible();
+    options.network = &network;
+    options.diesWithTest = true;
+    auto agent = ChildProcess::program(UTILIA_AGENT_PROGRAM, {"--show-ui"}, options);
+    display_.waitForWindow(kTitle);
+    constexpr const char* kSent = "What was sent last";
+    const auto heard = [&] {
+        display_.press({"alt+e", "alt+w"});
+        display_.waitForWindow(kSent);
+        std::string all;
+        for (const auto& element : reader_->read(kSent, display_.environment()))
+            all += element.name + "\n";
+        photograph("sent");
+        display_.press({"Escape"});
+        display_.waitForWindow(kTitle);
+        return all;
+    };
+    std::string all;
+    EXPECT_TRUE(test::eventually([&] {
+        return (all = heard())
+                   .find("not accepted, will be sent again · utilia_report (7).xml · 15 "
+                         "bytes") != std::string::npos;
+    })) << all;
 }
 
 }  // namespace

@@ -54,7 +54,8 @@ const std::vector<std::string_view> kPages[] = {
      kNotNowText},
     {kToolsText, kSettingsText, kOpenText, kTurnOffText, kStartToolAtLoginText, kTryText,
      kNotNowText},
-    {kToolsText, kSettingsText, kOpenAtLoginText, kSuggestToolsText, kShareUsageText, kPreviewText},
+    {kToolsText, kSettingsText, kOpenAtLoginText, kSuggestToolsText, kShareUsageText, kPreviewText,
+     kSentText},
     {kCloseText},
 };
 

@@ -119,6 +119,8 @@ TEST_F(ReportingCommandTest, ThereMayBeNothingToPreviewListOrSend) {
     EXPECT_EQ(json::parse(answer({"reports", "list", "--json"})), json::array());
     EXPECT_EQ(answer({"reports", "send"}), "There is nothing to send.\n");
     EXPECT_EQ(json::parse(answer({"reports", "send", "--json"})), json::array());
+    EXPECT_EQ(answer({"reports", "sent"}), "Nothing has been sent yet.\n");
+    EXPECT_EQ(json::parse(answer({"reports", "sent", "--json"})), json::array());
 }
 
 TEST_F(ReportingCommandTest, APreviewOfBytesThatAreNoUtf8ShowsReplacements) {
@@ -239,6 +241,14 @@ TEST_F(ReportingCommandTest, SendsToTheServerOfTheProductAndSaysWhatItAccepted) 
         EXPECT_EQ(preferences()->objectForKey(kCEPSyncDateKey), Value(Date{700'000'000}))
             << "the date of the weekly upload stays";
         EXPECT_EQ(answer({"reports", "send"}), "There is nothing to send.\n");
+        const json kept = json::parse(answer({"reports", "sent", "--json"}));
+        ASSERT_EQ(kept.size(), 2u);
+        for (const json& one : kept) EXPECT_EQ(one.at("outcome"), "accepted");
+        EXPECT_EQ(kept[1].at("report"), "utilia_report (5).xml");
+        EXPECT_EQ(kept[1].at("bytes"), 5);
+        std::ifstream copy(kept[1].at("document").get<std::string>());
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(copy), {}), "<a/>\n");
+        EXPECT_THAT(answer({"reports", "sent"}), HasSubstr("utilia_report.xml "));
     }));
 }
 
