@@ -12,7 +12,8 @@ namespace {
 constexpr double kLine = 0.125;
 
 double body(double x, double y) {
-    const double upper = roundedBox(x, y, -0.1875, 0.125, 0.5625, 0.375, 0.04);
+    // To where the round corners of the lower part begin.
+    const double upper = roundedBox(x, y, -0.1875, 0.0175, 0.5625, 0.2675, 0.04);
     const double lower = roundedBox(x, y, -0.1875, 0.25, 0.5625, 0.375, 0.34);
     return std::min(upper, lower);
 }

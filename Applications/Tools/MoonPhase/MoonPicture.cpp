@@ -3,6 +3,8 @@
 #include <cmath>
 #include <numbers>
 
+#include "Applications/Tools/Drawing/Shapes.h"
+
 namespace utilia::tools {
 namespace {
 
@@ -23,12 +25,10 @@ Colour moonMask(MoonPhase moon, double x, double y) {
 }
 
 Colour moonIcon(MoonPhase moon, double x, double y) {
-    if (std::hypot(x, y) < 0.7) {
-        return isLit(moon, x, y, 0.7) ? Colour{0.98, 0.93, 0.72, 1} : Colour{0.17, 0.2, 0.34, 1};
-    }
-    const bool isSky =
-        std::pow(std::abs(x), 5) + std::pow(std::abs(y), 5) < 0.9;  // a rounded square
-    return isSky ? Colour{0.08, 0.1, 0.22, 1} : Colour{};
+    constexpr double kRadius = 0.66;
+    if (std::hypot(x, y) > kRadius)
+        return plate(x, y, {0.12, 0.15, 0.32, 1}, {0.06, 0.08, 0.18, 1});
+    return isLit(moon, x, y, kRadius) ? Colour{0.98, 0.93, 0.72, 1} : Colour{0.2, 0.24, 0.4, 1};
 }
 
 }  // namespace utilia::tools
