@@ -18,9 +18,9 @@
 #include <QSpinBox>
 #include <QStackedLayout>
 
+#include "Applications/Tools/Drawing/QtPictures.h"
 #include "Applications/Tools/Drawing/ToolText.h"
 #include "Applications/Tools/ScreenCapture/PreviewView.h"
-#include "Applications/Tools/ScreenCapture/QtPictures.h"
 #include "Applications/Tools/ScreenCapture/ViewfinderPicture.h"
 
 namespace utilia::tools {
@@ -83,7 +83,7 @@ QWidget* CaptureWindow::makeEmptyPage() {
     column->setContentsMargins(32, 32, 32, 32);
     column->setSpacing(16);
     auto* const sign = new QLabel;
-    sign->setPixmap(pixmapOf(*paintIcon({96}, viewfinderIcon)));
+    sign->setPixmap(pixmapOf(viewfinderIcon, 96, devicePixelRatioF()));
     sign->setAlignment(Qt::AlignCenter);
     emptyMessage_ = new QLabel;
     emptyMessage_->setAlignment(Qt::AlignCenter);

@@ -14,9 +14,9 @@
 #include <QLocale>
 
 #include "Applications/Desktop/DesktopColors.h"
+#include "Applications/Tools/Drawing/QtPictures.h"
 #include "Applications/Tools/Drawing/ToolText.h"
 #include "Applications/Tools/ScreenCapture/CaptureWindow.h"
-#include "Applications/Tools/ScreenCapture/QtPictures.h"
 #include "Applications/Tools/ScreenCapture/ScreenshotPortal.h"
 #include "Applications/Tools/ScreenCapture/ViewfinderPicture.h"
 #include "Common/Logging/Log.h"

@@ -7,8 +7,6 @@
 namespace utilia::tools {
 namespace {
 
-constexpr std::int64_t kSecondsPerDay = 86'400;
-
 std::optional<std::int64_t> number(std::string_view digits) {
     std::int64_t value = 0;
     const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
@@ -40,14 +38,14 @@ std::optional<std::int64_t> secondsFromText(std::string_view text) {
         isLast = colon == std::string_view::npos;
         const std::string_view part = text.substr(0, colon);
         const auto value = number(part);
-        if (!value || *value >= kSecondsPerDay) return std::nullopt;
+        if (!value || *value > kLongestSeconds) return std::nullopt;
         if (parts > 0 && (part.size() != 2 || *value >= 60)) return std::nullopt;
         seconds = seconds * 60 + *value;
         if (!isLast) text.remove_prefix(colon + 1);
     }
     if (parts > 3) return std::nullopt;
     if (parts == 1) seconds *= 60;
-    if (seconds == 0 || seconds >= kSecondsPerDay) return std::nullopt;
+    if (seconds == 0 || seconds > kLongestSeconds) return std::nullopt;
     return seconds;
 }
 

@@ -7,7 +7,13 @@
 
 namespace utilia::tools {
 
-// Times as Timer shows and reads them.
+// Times as Timer shows and reads them, and the words that it takes.
+
+inline constexpr const char* kHoldWord = "hold";
+inline constexpr const char* kGoOnWord = "go-on";
+inline constexpr const char* kStopWord = "stop";
+
+inline constexpr std::int64_t kLongestSeconds = 24 * 60 * 60 - 1;
 
 // "0:07", "25:00", "1:05:00".
 std::string textFromSeconds(std::int64_t seconds);

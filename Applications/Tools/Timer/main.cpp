@@ -1,5 +1,5 @@
-// Timer: counts the seconds while it runs, and goes on from where it last ended. A click on its menu icon holds it.
-// Started with a time ("timer 25", "timer 1:30") it counts down instead, and says when the time is up; the agent starts
+// Timer: counts the seconds while it runs, and goes on from where it last ended. A click on its menu icon opens a window to
+// set it; without a display a click holds it. Started with a time ("timer 25", "timer 1:30") it counts down instead, and says when the time is up; the agent starts
 // it for that, should it not run by then.
 
 #include <chrono>
@@ -11,7 +11,7 @@
 #include "Applications/Tools/Drawing/ToolText.h"
 #include "Applications/Tools/Timer/Countdown.h"
 #include "Applications/Tools/Timer/StopwatchPicture.h"
-#include "Applications/Tools/Timer/TimerNotification.h"
+#include "Applications/Tools/Timer/TimerPrograms.h"
 #include "Applications/Tools/Timer/TimerText.h"
 #include "Common/Platform/Application.h"
 #include "Common/Platform/NotificationCenter.h"
@@ -38,29 +38,55 @@ public:
         const auto menuIcon = tools::paintIcon({16, 32}, tools::stopwatchMask);
         menuIcon->setTemplate(true);
         client_.setMenuIcon(menuIcon);
-        client_.setClickMenuIconBlock([this] { isHeld_ ? goOn() : hold(); });
+        client_.setClickMenuIconBlock([this] { clicked(); });
         client_.setDateScheduleBlock([this] {
             if (countdown_.isSet()) show();
         });
-        takeTime(arguments);
+        follow(arguments);
         // Permanent: the agent shows the timer also while it does not run.
         client_.setToolStatus(kToolStatusPermanent);
-        isHeld_ ? show() : goOn();
+        isHeld_ ? hold() : goOn();
     }
 
     // A second start brings its arguments here.
     bool applicationShouldHandleReopen(bool, const std::vector<std::string>& arguments) override {
-        if (takeTime(arguments)) goOn();
+        if (arguments.empty()) {
+            tools::showWindow(isHeld_, lastLength_);
+        } else {
+            follow(arguments);
+            isHeld_ ? hold() : goOn();
+        }
         return false;
     }
 
+    static bool isCommand(const std::string& word) {
+        return word == tools::kHoldWord || word == tools::kGoOnWord || word == tools::kStopWord ||
+               tools::secondsFromText(word);
+    }
+
 private:
-    bool takeTime(const std::vector<std::string>& arguments) {
-        const auto seconds =
-            arguments.empty() ? std::nullopt : tools::secondsFromText(arguments[0]);
-        if (seconds) countdown_.start(*seconds);
-        if (seconds) isHeld_ = false;
-        return seconds.has_value();
+    void clicked() {
+        if (tools::showWindow(isHeld_, lastLength_)) return;
+        isHeld_ ? goOn() : hold();
+    }
+
+    // Takes a command over, before hold() or goOn().
+    void follow(const std::vector<std::string>& arguments) {
+        if (arguments.empty()) return;
+        const std::string& word = arguments.front();
+        if (word == tools::kStopWord) {
+            countdown_.clear();
+            seconds_ = 0;
+        }
+        if (const auto seconds = tools::secondsFromText(word)) {
+            countdown_.start(*seconds);
+            lastLength_ = *seconds;
+            isHeld_ = false;
+        } else if (word == tools::kGoOnWord) {
+            isHeld_ = false;
+        } else if (word == tools::kHoldWord || word == tools::kStopWord) {
+            isHeld_ = true;
+        }
     }
 
     // While it is held nothing wakes the process.
@@ -115,6 +141,7 @@ private:
     ToolDataClientProvider& client_ = UtiliaCommon::toolDataClientProvider();
     tools::Countdown countdown_{platform::UserDefaults::standardUserDefaults()};
     std::int64_t seconds_ = 0;
+    std::int64_t lastLength_ = countdown_.length();
     bool isHeld_ = false;
     Handle tick_;
 };
@@ -123,8 +150,10 @@ private:
 
 int main(int count, char** words) {
     const std::vector<std::string> arguments(words + 1, words + count);
-    if (count > 1 && arguments[0].find("--") != 0 && !tools::secondsFromText(arguments[0])) {
-        std::fprintf(stderr, "timer: \"%s\" is no time; 25 (minutes), 1:30 and 1:00:00 are\n",
+    if (count > 1 && arguments[0].find("--") != 0 && !TimerTool::isCommand(arguments[0])) {
+        std::fprintf(stderr,
+                     "timer: \"%s\" is no time; 25 (minutes), 1:30 and 1:00:00 are. It also takes "
+                     "hold, go-on and stop\n",
                      words[1]);
         return 2;
     }

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cmath>
 #include <csignal>
 
@@ -8,6 +9,8 @@
 #include "Common/UtiliaCommon/PersistentData/ToolPersistentDataReader.h"
 #include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
 #include "Tests/Process/Tools/RunningTool.h"
+#include "Tests/Support/ScreenReader.h"
+#include "Tests/Support/VirtualDisplay.h"
 
 // The tool Timer in its bundle.
 
@@ -173,6 +176,99 @@ TEST_F(TimerTest, TakesAnotherTimeFromASecondStart) {
     auto second = session_.start(kBundle, {"10:00"});
     EXPECT_EQ(second.waitForExit(), 0);
     EXPECT_TRUE(session_.comesToSay("10:00 left"));
+}
+
+TEST_F(TimerTest, TakesWordsFromASecondStart) {
+    auto tool = start({"25"});
+    EXPECT_TRUE(session_.comesToSay("25:00 left"));
+    const auto say = [&](const char* word) {
+        EXPECT_EQ(session_.start(kBundle, {word}).waitForExit(), 0);
+    };
+    say("hold");
+    EXPECT_THAT(session_.nextText(), MatchesRegex("2[45]:[0-9]+ left \\(held\\)"));
+    EXPECT_EQ(scheduled(), std::nullopt);
+    say("go-on");
+    EXPECT_THAT(session_.nextText(), MatchesRegex("2[45]:[0-9]+ left"));
+    EXPECT_TRUE(scheduled());
+    say("stop");
+    EXPECT_TRUE(session_.comesToSay("0:00 (held)"));
+    EXPECT_EQ(scheduled(), std::nullopt);
+}
+
+// The window, by keyboard and by ear.
+class TimerWindowTest : public TimerTest {
+protected:
+    TimerWindowTest() {
+        environment_ = display_.environment();
+        environment_.insert({{"QT_QPA_PLATFORM", "xcb"}, {"HOME", session_.home().path()}});
+        environment_.merge(reader_.environment());
+    }
+    void click() {
+        ToolSession::click(kBundle);
+        display_.waitForWindow("Timer");
+    }
+    void expectNoWindow() {
+        EXPECT_TRUE(eventually([&] { return !display_.hasWindow("Timer"); }));
+    }
+    VirtualDisplay display_{session_.home().path()};
+    ScreenReader reader_{session_.sessionBus(), session_.home().path()};
+    std::map<std::string, std::string> environment_;
+};
+
+TEST_F(TimerWindowTest, SetsACountdownByKeyboardAlone) {
+    auto tool = start({}, environment_);
+    click();
+    display_.press({"1", "0", "Return"});
+    EXPECT_TRUE(session_.comesToSay("10:00 left"));
+    expectNoWindow();
+    // It proposes what was last.
+    click();
+    display_.press({"Up", "alt+s"});
+    EXPECT_TRUE(session_.comesToSay("11:00 left"));
+}
+
+TEST_F(TimerWindowTest, HoldsGoesOnAndStops) {
+    auto tool = start({"25"}, environment_);
+    EXPECT_TRUE(session_.comesToSay("25:00 left"));
+    click();
+    display_.press({"Escape"});
+    expectNoWindow();
+    click();
+    display_.press({"alt+h"});
+    EXPECT_TRUE(eventually([&] { return !scheduled(); }));
+    expectNoWindow();
+    click();
+    display_.press({"alt+g"});
+    EXPECT_TRUE(eventually([] { return scheduled().has_value(); }));
+    expectNoWindow();
+    click();
+    display_.press({"alt+t"});
+    EXPECT_TRUE(session_.comesToSay("0:00 (held)"));
+}
+
+TEST_F(TimerWindowTest, NamesEverythingThatCanBeUsed) {
+    auto tool = start({}, environment_);
+    click();
+    const auto elements = reader_.read("Timer", display_.environment());
+    EXPECT_THAT(flawsOf(elements), testing::IsEmpty());
+    EXPECT_EQ(elements.front().role, "dialog");
+    const auto isFocused = [](const auto& element) {
+        return element.role == "spin button" && element.name == "Minutes:" && element.is("focused");
+    };
+    EXPECT_TRUE(std::any_of(elements.begin(), elements.end(), isFocused));
+    EXPECT_TRUE(reader_.press("Timer", "Start", display_.environment()));
+    EXPECT_TRUE(session_.comesToSay("25:00 left"));
+}
+
+TEST_F(TimerWindowTest, OpensOnceWhenTimerIsStartedAgain) {
+    auto tool = start({}, environment_);
+    session_.askForMenu(kBundle);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(session_.start(kBundle, {}, environment_).waitForExit(), 0);
+    display_.waitForWindow("Timer");
+    const auto found =
+        runProgram({"xdotool", "search", "--onlyvisible", "--name", "^Timer$"}, environment_);
+    EXPECT_EQ(found.text.find('\n'), std::string::npos) << found.text;
 }
 
 TEST_F(TimerTest, RefusesWhatIsNoTime) {

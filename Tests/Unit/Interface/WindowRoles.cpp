@@ -12,6 +12,7 @@
 #include "Applications/Agent/Interface/AgentWindow.h"
 #include "Applications/Agent/Interface/ToolItemModel.h"
 #include "Applications/Tools/ScreenCapture/CaptureWindow.h"
+#include "Applications/Tools/Timer/TimerWindow.h"
 #include "Common/Platform/Bundle.h"
 #include "Tests/Support/ChildRole.h"
 #include "Tests/Unit/Interface/OffscreenApplication.h"
@@ -113,6 +114,16 @@ UTILIA_CHILD_ROLE(roomInCaptureWindow) {
     window.open(
         QStringLiteral("/a folder/that is not there/nor is this picture of some length.png"));
     sayRoom(self, window);
+    return 0;
+}
+
+UTILIA_CHILD_ROLE(roomInTimerWindow) {
+    const LargeApplication application(self);
+    for (const bool isHeld : {false, true}) {
+        tools::TimerWindow window(isHeld, 1439, [](const QString&) {});
+        window.show();
+        sayRoom(self, window);
+    }
     return 0;
 }
 

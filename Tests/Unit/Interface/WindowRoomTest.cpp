@@ -48,5 +48,7 @@ TEST_F(WindowRoom, IsEnoughInScreenCapture) {
     expectRoom("roomInCaptureWindow", UTILIA_SCREEN_CAPTURE_PROGRAM, 3);
 }
 
+TEST_F(WindowRoom, IsEnoughInTimer) { expectRoom("roomInTimerWindow", UTILIA_TIMER_PROGRAM, 2); }
+
 }  // namespace
 }  // namespace utilia::test

@@ -2,6 +2,7 @@
 
 #include <QPixmap>
 
+#include "Applications/Tools/Drawing/IconPainter.h"
 #include "Common/Platform/Image.h"
 
 namespace utilia::tools {
@@ -14,6 +15,13 @@ inline QPixmap pixmapOf(platform::Image& image) {
     return QPixmap::fromImage(QImage(pixels.rgba.data(), static_cast<int>(pixels.pixelsWide),
                                      static_cast<int>(pixels.pixelsHigh), QImage::Format_RGBA8888)
                                   .copy());
+}
+
+// A picture of this side on a screen with so many pixels to the unit.
+inline QPixmap pixmapOf(const Picture& picture, int side, qreal ratio) {
+    QPixmap pixmap = pixmapOf(*paintIcon({static_cast<std::uint32_t>(side * ratio)}, picture));
+    pixmap.setDevicePixelRatio(ratio);
+    return pixmap;
 }
 
 }  // namespace utilia::tools
