@@ -1,6 +1,6 @@
 // Timer: counts the seconds while it runs, and goes on from where it last ended. A click on its menu icon opens a window to
-// set it; without a display a click holds it. Started with a time ("timer 25", "timer 1:30") it counts down instead, and says when the time is up; the agent starts
-// it for that, should it not run by then.
+// set it; without a display a click holds it. Started with a time ("timer 25", "timer 1:30") it counts down instead, and
+// says when the time is up; the agent starts it for that, should it not run by then.
 
 #include <chrono>
 #include <cstdio>
