@@ -121,6 +121,8 @@ bool AgentApplication::applicationShouldHandleReopen(bool, const std::vector<std
     return true;
 }
 
+// A tool that brings resources has them installed itself, by ResourceManager; nothing is fetched from anywhere. What may
+// be new to the agent is the tool.
 void AgentApplication::silentUpdateResources() { reload_.start(); }
 
 bool AgentApplication::eventFilter(QObject* watched, QEvent* event) {

@@ -64,6 +64,13 @@ bool comesBefore(const ToolEntry& left, const ToolEntry& right) {
            std::pair(lowered(right.name), right.identifier);
 }
 
+// Made anew, and logged, when the administrator has changed what is allowed.
+std::shared_ptr<ToolSets> currentToolSets() {
+    auto current = ToolSets::sharedInstance();
+    if (current && ToolSets::loadWhiteList() == current->whiteList()) return current;
+    return ToolSets::createSharedInstance();
+}
+
 Error refusal(std::string_view identifier, std::string_view why) {
     return Error::utilia(UtiliaErrorCode::Refused,
                          std::string(identifier) + ": " + std::string(why));
@@ -118,7 +125,7 @@ ToolEntry ToolList::examine(const std::string& identifier, const ToolSets& toolS
 }
 
 std::vector<ToolEntry> ToolList::lookAround() const {
-    const auto toolSets = ToolSets::createSharedInstance();
+    const auto toolSets = currentToolSets();
     const bool isHiding = areRestrictedToolsHidden();
     const auto defaults = UtiliaToolLauncher::getDefaults();
     const auto listed = defaults ? defaults->arrayForKey(kLaunchAtLoginToolsKey) : std::nullopt;

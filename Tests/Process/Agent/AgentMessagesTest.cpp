@@ -4,9 +4,12 @@
 #include <sys/stat.h>
 
 #include "Common/Platform/Application.h"
+#include "Common/Platform/Bundle.h"
 #include "Common/Platform/UserDefaults.h"
+#include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
 #include "Common/UtiliaCommon/CEP/CEPLog.h"
 #include "Common/UtiliaCommon/CEP/ReportFolder.h"
+#include "Common/UtiliaCommon/Resources/VersionManager.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
 #include "Common/UtiliaCommon/UtiliaCommon.h"
 #include "Tests/Process/Agent/AgentFixture.h"
@@ -17,7 +20,7 @@
 #include "Tests/Support/ScreenReader.h"
 #include "Tests/Support/VirtualDisplay.h"
 
-// What the agent's window says when something is amiss.
+// What the agent's window says: when something is amiss, and what its settings tell.
 
 namespace utilia::agent {
 namespace {
@@ -177,6 +180,71 @@ TEST_F(AgentMessagesTest, SayWhatIsNotKeptInAHomeThatIsSomebodyElses) {
     agent.signal(SIGTERM);
     EXPECT_EQ(agent.waitForExit(), 0);
     EXPECT_THAT(log(), HasSubstr("Permission denied"));
+}
+
+// ---- suggestions, login, what is new
+
+// Has suggestions paused while it runs.
+UTILIA_CHILD_ROLE(pausingTool) {
+    platform::Application::sharedApplication().finishLaunching();
+    CommonAuxiliary::sharedInstance().pauseToolsSuggestions(true, kClock);
+    self.say("paused");
+    self.waitForLine();
+    return 0;
+}
+
+TEST_F(AgentMessagesTest, SuggestNothingWhileAToolHasThatPaused) {
+    constexpr const char* kSuggestion = "You have not used Timer yet.";
+    installPresenting();
+    auto tool = clock_.role("pausingTool");
+    ASSERT_EQ(tool.waitForLine(), "paused");
+    auto agent = open();
+    EXPECT_THAT(heardWith("Timer, Not running"), testing::Not(HasSubstr(kSuggestion)));
+    tool.kill();
+    display_.press({"Escape"});
+    ASSERT_TRUE(test::eventually([&] { return !display_.hasWindow(kTitle); }));
+    EXPECT_EQ(startAgent(audible()).waitForExit(), 0);
+    display_.waitForWindow(kTitle);
+    EXPECT_THAT(heardWith(kSuggestion), HasSubstr(kSuggestion));
+    // Who wants none gets none, now and later.
+    display_.press({"alt+e", "alt+s", "alt+t"});
+    EXPECT_THAT(heardWithout(kSuggestion), testing::Not(HasSubstr(kSuggestion)));
+}
+
+TEST_F(AgentMessagesTest, OpenAtLoginIsASwitch) {
+    auto agent = open();
+    const auto isEntered = [&] {
+        std::error_code missing;
+        return std::filesystem::directory_iterator(home_.config() / "autostart", missing) !=
+               std::filesystem::directory_iterator();
+    };
+    ASSERT_FALSE(isEntered());
+    display_.press({"alt+e", "alt+l"});
+    EXPECT_TRUE(test::eventually(isEntered));
+    display_.press({"alt+l"});
+    EXPECT_TRUE(test::eventually([&] { return !isEntered(); }));
+}
+
+TEST_F(AgentMessagesTest, SettingsTellWhatIsNewInTheUsersLanguage) {
+    const std::string bundle =
+        std::filesystem::path(UTILIA_AGENT_PROGRAM).parent_path().parent_path().parent_path();
+    const auto own = platform::Bundle::bundleWithPath(bundle);
+    ASSERT_TRUE(own);
+    CommonAuxiliary::saveUpdateDescription(
+        Dictionary{{"en", "Fifty new things."}, {"de", "Fünfzig Neuigkeiten."}},
+        VersionManager::versionFromBundle(own.get()));
+    for (const auto& [language, news] :
+         {std::pair("en", "Fifty new things."), std::pair("de", "Fünfzig Neuigkeiten."),
+          std::pair("fr", "Fifty new things.")}) {
+        auto environment = audible();
+        environment["LANGUAGE"] = language;
+        auto agent = startAgent(environment, {"--show-ui"});
+        display_.waitForWindow(kTitle);
+        display_.press({"ctrl+Tab"});
+        EXPECT_THAT(heardWith(news), HasSubstr(news)) << language;
+        agent.signal(SIGTERM);
+        EXPECT_EQ(agent.waitForExit(), 0);
+    }
 }
 
 // ---- what was sent

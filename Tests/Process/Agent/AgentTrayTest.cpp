@@ -1,5 +1,7 @@
 #include <csignal>
+#include <random>
 
+#include "Common/Platform/RunLoop.h"
 #include "Common/Platform/UserDefaults.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Tests/Process/Agent/AgentFixture.h"
@@ -196,6 +198,80 @@ TEST_F(AgentTrayTest, ComesBackAfterTheAgentWasKilled) {
     EXPECT_EQ(ask(panel, "menu"), withOwn("Timer")) << "until the tool says more";
     sayStatus(timer_, 1);
     EXPECT_EQ(menuThatBecomes(panel, withOwn("Timer [checkmark]")), withOwn("Timer [checkmark]"));
+}
+
+TEST_F(AgentTrayTest, LosesNothingHoweverOftenItIsKilled) {
+    install(timer_);
+    install(clock_);
+    // A repeat that is far off, and one record that nobody acts on.
+    const Date far{Date::now().secondsSinceReferenceDate + 86'400};
+    updateSchedulerPlist(kClock, "World_Clock", [&](Dictionary& record) {
+        record.set("launchAtDate", true);
+        record.set("date", far);
+        record.set("interval", 3600.0);
+    });
+    // One that is due: killed in between, the agent starts its tool once more, and forgets it never.
+    updateSchedulerPlist(kTimer, "Timer", [](Dictionary& record) {
+        record.set("launchAtDate", true);
+        record.set("date", Date{Date::now().secondsSinceReferenceDate - 60});
+        record.set("interval", 86'400.0);
+    });
+    const RecordingPort clock(portOf(clock_));
+    std::minstd_rand random(20'261'121);
+    for (int i = 0; i < 12; ++i) {
+        auto agent = startAgent(offscreen());
+        platform::RunLoop::currentRunLoop().runFor(std::chrono::milliseconds(random() % 500));
+        test::RecordingPort::send(kAgentPortName, 108, {clock_.path(), std::to_string(i)});
+        agent.kill();
+    }
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    sayStatus(clock_, 1);
+    speak(clock_, 108, {"12:00"});
+    const std::string all = withOwn("Timer; World__Clock – 12:00 [checkmark]");
+    EXPECT_EQ(menuThatBecomes(panel, all), all);
+    EXPECT_EQ(reports_.waitForLine(), "started");
+    const auto recordOf = [](const char* tool, const std::string& name) {
+        Dictionary found;
+        readSchedulerPlist(tool, name, [&](const Dictionary& record) { found = record; });
+        return found;
+    };
+    EXPECT_TRUE(test::eventually([&] {
+        const Dictionary record = recordOf(kTimer, "Timer");
+        const Value* const date = record.find("date");
+        return date && date->date() && *date->date() > Date::now();
+    })) << "the next time";
+    EXPECT_EQ(recordOf(kClock, "World_Clock"), (Dictionary{{"bundleid", kClock},
+                                                           {"name", "World_Clock"},
+                                                           {"launchAtDate", true},
+                                                           {"date", far},
+                                                           {"interval", 3600.0}}));
+    // The dead ones' icons went with them.
+    const auto names =
+        test::runProgram({"gdbus", "call", "--session", "--dest", "org.freedesktop.DBus",
+                          "--object-path", "/", "--method", "org.freedesktop.DBus.ListNames"},
+                         {{"DBUS_SESSION_BUS_ADDRESS", bus_->address()}})
+            .text;
+    const std::string item = "org.kde.StatusNotifierItem-";
+    EXPECT_NE(names.find(item + std::to_string(agent.pid())), std::string::npos);
+    EXPECT_EQ(names.find(item), names.rfind(item)) << names;
+}
+
+TEST_F(AgentTrayTest, ShowsWhatIsMissingAtLoginAndLeavesOutWhatTheAdministratorHides) {
+    const test::PrivateMounts mounts;
+    mounts.writeSettings(R"({"WhiteToolsList": ["timer"], "HideRestrictedTools": true})");
+    install(clock_);
+    platform::UserDefaults::initWithDomain("com.korvane.utilia")
+        ->setObject(Array{Value(kTimer)}, "LaunchAtLoginTools");
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen(), {}, &mounts);
+    expectItem(panel, agent);
+    EXPECT_EQ(ask(panel, "menu"), withOwn("Timer (not installed) [grey]"));
+    EXPECT_EQ(ask(panel, "click Timer"), "done");
+    install(timer_);
+    EXPECT_EQ(menuThatBecomes(panel, withOwn("Timer")), withOwn("Timer"));
+    EXPECT_EQ(reports_.waitForLine(std::chrono::milliseconds(100)), std::nullopt);
 }
 
 TEST_F(AgentTrayTest, QuitsFromItsMenuInAnOrderlyWay) {

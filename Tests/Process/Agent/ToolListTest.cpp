@@ -202,6 +202,26 @@ TEST_F(ToolListTest, ShowsRestrictedToolsAndNeverSpeaksToThem) {
         << "allowed again, while the agent runs";
 }
 
+TEST_F(ToolListTest, LogsWhatIsForbiddenOncePerChange) {
+    const test::PrivateMounts mounts;
+    mounts.writeSettings(R"({"WhiteToolsList": ["worldclock"]})");
+    install(timer_);
+    auto agent = startAgent(&mounts);
+    agent.ask("reload");
+    agent.ask("reload");
+    EXPECT_EQ(agent.countInLog("forbidden due to white-list"), 1u);
+    mounts.writeSettings(R"({"WhiteToolsList": ["timer"]})");
+    agent.ask("reload");
+    EXPECT_EQ(agent.ask("entry", {kTimer}), "Timer, ready, off, 0, , none, none");
+    EXPECT_EQ(agent.countInLog("forbidden due to white-list"), 2u);
+    mounts.writeSettings("{}");
+    agent.ask("reload");
+    mounts.writeSettings(R"({"WhiteToolsList": ["worldclock"]})");
+    agent.ask("reload");
+    EXPECT_EQ(agent.countInLog("forbidden due to white-list"), 3u);
+    EXPECT_EQ(agent.ask("entry", {kTimer}), "Timer, restricted, off, 0, , none, none");
+}
+
 TEST_F(ToolListTest, TellsDamagedMissingAndRemovedToolsApart) {
     install(timer_);
     install(clock_);
