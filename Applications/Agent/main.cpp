@@ -12,10 +12,12 @@
 #include "Applications/Agent/AgentApplication.h"
 #include "Applications/Agent/AgentTexts.h"
 #include "Applications/Agent/Interface/ToolPictures.h"
+#include "Applications/CommandLine.h"
 #include "Applications/Desktop/DesktopColors.h"
 #include "Applications/Reporting/SentReports.h"
 #include "Common/Platform/Application.h"
 #include "Common/UtiliaCommon/CEP/CEPLog.h"
+#include "Common/UtiliaCommon/UtiliaCommon.h"
 #include "Integration/Qt/QtHost.h"
 
 namespace {
@@ -25,6 +27,10 @@ constexpr const char* kHelp =
 
 Shows the tools of the suite in the panel, and starts them when they are due. When it runs
 already, or with --show-ui, its window opens.
+
+  --show-ui  open the window
+  --help     this text
+  --version  the version
 )";
 
 // A bus that is started again at its address has another identity, which the old one's would refuse.
@@ -51,28 +57,40 @@ void nameSessionBus() {
     qputenv(kName, folder.isEmpty() ? "disabled:" : "unix:path=" + folder + "/bus");
 }
 
-// Until the display is open: the toolkit would leave a core behind, and say little.
 void handleMessage(QtMsgType type, const QMessageLogContext&, const QString& text) {
-    if (type == QtFatalMsg) {
-        std::fprintf(stderr, "korvane-utilia: there is no display: %s\n",
-                     qPrintable(text.section(QLatin1Char('\n'), 0, 0)));
-        std::_Exit(EXIT_FAILURE);
-    }
     if (type != QtDebugMsg && type != QtInfoMsg)
         std::fprintf(stderr, "korvane-utilia: %s\n", qPrintable(text));
+}
+
+// Until the display is open: the toolkit says in a warning why it cannot be, and would then leave a
+// core behind.
+void handleMessageWithoutDisplay(QtMsgType type, const QMessageLogContext& context,
+                                 const QString& text) {
+    static QString& reason = *new QString;
+    if (type == QtWarningMsg && QByteArray(context.category).startsWith("qt.qpa.")) {
+        if (reason.isEmpty()) reason = text;
+    } else if (type == QtFatalMsg) {
+        std::fprintf(stderr, "korvane-utilia: there is no display: %s\n",
+                     qPrintable(reason.isEmpty() ? text.section(QLatin1Char('\n'), 0, 0) : reason));
+        std::_Exit(EXIT_FAILURE);
+    } else {
+        handleMessage(type, context, text);
+    }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::vector<std::string> arguments(argv + 1, argv + argc);
-    if (!arguments.empty() && arguments[0] == "--help") {
-        std::fputs(kHelp, stdout);
-        return 0;
-    }
+    const auto line = utilia::CommandLine::read({.program = "korvane-utilia",
+                                                 .help = kHelp,
+                                                 .options = {utilia::kShowUIArgument},
+                                                 .toolkitOptions = utilia::kQtOptions},
+                                                argc, argv);
+    if (line.exitStatus) return *line.exitStatus;
     nameSessionBus();
-    qInstallMessageHandler(handleMessage);
+    qInstallMessageHandler(handleMessageWithoutDisplay);
     QApplication application(argc, argv);
+    qInstallMessageHandler(handleMessage);
     QApplication::setQuitOnLastWindowClosed(false);
     QApplication::setWindowIcon(utilia::agent::agentIcon());
     QApplication::setLayoutDirection(
@@ -91,7 +109,7 @@ int main(int argc, char** argv) {
     utilia::agent::AgentApplication agent;
     utilia::platform::Application::sharedApplication().setDelegate(&agent);
     agent.setBusBackHandler([&colors] { colors.followAgain(); });
-    agent.start(arguments);
+    agent.start(line.options);
     const int status = host.exec();
     utilia::platform::Application::sharedApplication().setDelegate(nullptr);
     usage.log("Quit");

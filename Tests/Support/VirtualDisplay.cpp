@@ -47,6 +47,11 @@ void writeAuthority(const fs::path& path) {
     if (!file) throw std::runtime_error("write " + path.string());
 }
 
+std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
 }  // namespace
 
 ProgramOutput runProgram(const std::vector<std::string>& command,
@@ -61,11 +66,10 @@ ProgramOutput runProgram(const std::vector<std::string>& command,
     auto child = ChildProcess::program(findProgram(command.front()),
                                        {command.begin() + 1, command.end()}, options);
     const auto status = child.waitForExit(kPatience);
-    std::ifstream file(options.standardOutput, std::ios::binary);
-    std::string text(std::istreambuf_iterator<char>(file), {});
+    std::string text = contentOf(options.standardOutput);
     if (!status) throw std::runtime_error(command.front() + " does not end; it said: " + text);
     while (text.ends_with('\n')) text.pop_back();
-    return {*status, std::move(text)};
+    return {*status, std::move(text), contentOf(options.standardError)};
 }
 
 VirtualDisplay::VirtualDisplay(const fs::path& folder) {

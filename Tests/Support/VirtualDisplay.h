@@ -14,6 +14,7 @@ namespace utilia::test {
 struct ProgramOutput {
     int status = -1;
     std::string text;
+    std::string errors;  // what it wrote to stderr
 };
 // Any program of $PATH; it is killed, and std::runtime_error thrown, when it takes longer than 20 s.
 ProgramOutput runProgram(const std::vector<std::string>& command,

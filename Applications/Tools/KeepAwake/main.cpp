@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "Applications/CommandLine.h"
 #include "Applications/Tools/Drawing/IconPainter.h"
 #include "Applications/Tools/Drawing/ToolText.h"
 #include "Applications/Tools/KeepAwake/CupPicture.h"
@@ -12,6 +13,7 @@
 #include "Common/Platform/Application.h"
 #include "Common/Platform/NotificationCenter.h"
 #include "Common/UtiliaCommon/CEP/CEPLog.h"
+#include "Common/UtiliaCommon/StartUpVerdict.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
 #include "Common/UtiliaCommon/UtiliaCommon.h"
 
@@ -21,6 +23,16 @@ using namespace utilia;
 using tools::Cup;
 using tools::toolText;
 using State = tools::Inhibitor::State;
+
+constexpr const char* kHelp = R"(Usage: keep-awake
+
+Keeps the screen on and the computer awake until it is turned off. When it runs already, it is
+turned on again.
+
+  --turn-off  end at once, with nothing started
+  --help      this text
+  --version   the version
+)";
 
 class KeepAwakeTool final : public platform::ApplicationDelegate {
 public:
@@ -83,7 +95,10 @@ private:
 
 }  // namespace
 
-int main() {
+int main(int count, char** words) {
+    const auto line = CommandLine::read(
+        {.program = "keep-awake", .help = kHelp, .options = {kTurnOffArgument}}, count, words);
+    if (line.exitStatus) return *line.exitStatus;
     auto& application = platform::Application::sharedApplication();
     application.finishLaunching();
     KeepAwakeTool tool;

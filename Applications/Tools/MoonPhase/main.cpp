@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "Applications/CommandLine.h"
 #include "Applications/Tools/Drawing/IconPainter.h"
 #include "Applications/Tools/Drawing/ToolText.h"
 #include "Applications/Tools/MoonPhase/MoonCalendar.h"
@@ -13,6 +14,7 @@
 #include "Common/Platform/Application.h"
 #include "Common/Platform/RunLoop.h"
 #include "Common/UtiliaCommon/CEP/CEPLog.h"
+#include "Common/UtiliaCommon/StartUpVerdict.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
 #include "Common/UtiliaCommon/UtiliaCommon.h"
 
@@ -20,6 +22,16 @@ namespace {
 
 using utilia::tools::MoonPhase;
 using utilia::tools::toolText;
+
+constexpr const char* kHelp = R"(Usage: moon-phase
+
+Shows the phase of the moon in the agent's menu. When it runs already, it tells when the moon will
+be full, or its phase again.
+
+  --turn-off  end at once, with nothing started
+  --help      this text
+  --version   the version
+)";
 
 std::string phaseText(MoonPhase moon) {
     const std::string lit = std::to_string(std::lround(moon.litPart() * 100)) + " %";
@@ -70,7 +82,11 @@ private:
 
 }  // namespace
 
-int main() {
+int main(int count, char** words) {
+    const auto line = utilia::CommandLine::read(
+        {.program = "moon-phase", .help = kHelp, .options = {utilia::kTurnOffArgument}}, count,
+        words);
+    if (line.exitStatus) return *line.exitStatus;
     auto& application = utilia::platform::Application::sharedApplication();
     application.finishLaunching();
     MoonPhaseTool tool;

@@ -13,6 +13,7 @@
 #include <QIcon>
 #include <QLocale>
 
+#include "Applications/CommandLine.h"
 #include "Applications/Desktop/DesktopColors.h"
 #include "Applications/Tools/Drawing/QtPictures.h"
 #include "Applications/Tools/Drawing/ToolText.h"
@@ -23,6 +24,7 @@
 #include "Common/Platform/Application.h"
 #include "Common/Platform/NotificationCenter.h"
 #include "Common/UtiliaCommon/CEP/CEPLog.h"
+#include "Common/UtiliaCommon/StartUpVerdict.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
 #include "Common/UtiliaCommon/UtiliaCommon.h"
 #include "Integration/Qt/QtHost.h"
@@ -32,6 +34,16 @@ namespace {
 using namespace utilia;
 using tools::ScreenshotPortal;
 using tools::toolText;
+
+constexpr const char* kHelp = R"(Usage: screen-capture [FILE]
+
+Takes a picture of the screen, or opens the one in FILE, in a window that saves it as a document or
+an image.
+
+  --turn-off  end at once, with nothing started
+  --help      this text
+  --version   the version
+)";
 
 class ScreenCaptureTool final : public platform::ApplicationDelegate {
 public:
@@ -53,7 +65,7 @@ public:
 
 private:
     void take(const std::vector<std::string>& arguments) {
-        if (arguments.empty() || arguments.front().starts_with("--")) return capture();
+        if (arguments.empty()) return capture();
         window_.open(QFile::decodeName(arguments.front().c_str()));
         show();
     }
@@ -105,25 +117,31 @@ private:
 };
 
 // A file that a second start names is read by the first, which has another folder.
-std::vector<std::string> withFullPath(int count, char** words) {
-    std::vector<std::string> arguments(words + 1, words + count);
-    if (!arguments.empty() && !arguments.front().starts_with("--"))
-        arguments.front() =
-            QFile::encodeName(QDir::current().absoluteFilePath(QFile::decodeName(words[1])))
-                .toStdString();
-    return arguments;
+std::vector<std::string> withFullPaths(std::vector<std::string> files) {
+    for (std::string& file : files) {
+        file = QFile::encodeName(QDir::current().absoluteFilePath(QFile::decodeName(file.c_str())))
+                   .toStdString();
+    }
+    return files;
 }
 
 }  // namespace
 
 int main(int count, char** words) {
+    const auto line = CommandLine::read({.program = "screen-capture",
+                                         .help = kHelp,
+                                         .options = {kTurnOffArgument},
+                                         .toolkitOptions = kQtOptions,
+                                         .maximumOperands = 1},
+                                        count, words);
+    if (line.exitStatus) return *line.exitStatus;
     if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
         qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
         std::fputs("screen-capture: there is no display to show a window on\n", stderr);
         return EXIT_FAILURE;
     }
     QApplication application(count, words);
-    const std::vector<std::string> arguments = withFullPath(count, words);
+    const std::vector<std::string> arguments = withFullPaths(line.operands);
     platform::Application::sharedApplication().setHandedOverArguments(arguments);
     integration::QtHost host;
     if (const auto* const bundle = platform::Bundle::mainBundle())

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Applications/CommandLine.h"
 #include "Applications/Tools/Drawing/IconPainter.h"
 #include "Applications/Tools/Drawing/ToolText.h"
 #include "Applications/Tools/Timer/Countdown.h"
@@ -18,6 +19,7 @@
 #include "Common/Platform/ProcessInfo.h"
 #include "Common/Platform/RunLoop.h"
 #include "Common/UtiliaCommon/CEP/CEPLog.h"
+#include "Common/UtiliaCommon/StartUpVerdict.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
 #include "Common/UtiliaCommon/UtiliaCommon.h"
 
@@ -26,6 +28,16 @@ namespace {
 using namespace utilia;
 using tools::textFromSeconds;
 using tools::toolText;
+
+constexpr const char* kHelp = R"(Usage: timer [TIME | hold | go-on | stop]
+
+Counts seconds, and goes on from where it last ended. With a time it counts down: 25 (minutes), 1:30
+or 1:00:00. A timer that runs already takes the time, and is held, goes on or is stopped.
+
+  --turn-off  end at once, with nothing started
+  --help      this text
+  --version   the version
+)";
 
 class TimerTool final : public platform::ApplicationDelegate {
 public:
@@ -149,17 +161,21 @@ private:
 }  // namespace
 
 int main(int count, char** words) {
-    const std::vector<std::string> arguments(words + 1, words + count);
-    if (count > 1 && arguments[0].find("--") != 0 && !TimerTool::isCommand(arguments[0])) {
+    const auto line = CommandLine::read(
+        {.program = "timer", .help = kHelp, .options = {kTurnOffArgument}, .maximumOperands = 1},
+        count, words);
+    if (line.exitStatus) return *line.exitStatus;
+    if (!line.operands.empty() && !TimerTool::isCommand(line.operands[0])) {
         std::fprintf(stderr,
                      "timer: \"%s\" is no time; 25 (minutes), 1:30 and 1:00:00 are. It also takes "
                      "hold, go-on and stop\n",
-                     words[1]);
+                     line.operands[0].c_str());
         return 2;
     }
     auto& application = platform::Application::sharedApplication();
+    application.setHandedOverArguments(line.operands);
     application.finishLaunching();
-    TimerTool timer(arguments);
+    TimerTool timer(line.operands);
     application.setDelegate(&timer);
     // For usage reporting, unless the user has switched it off.
     CEPLog::sharedInstance().log("StartPermanent");

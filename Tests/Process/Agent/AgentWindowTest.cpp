@@ -12,8 +12,10 @@ namespace utilia::agent {
 namespace {
 
 using test::ChildProcess;
+using test::runProgram;
 using test::VirtualDisplay;
 using testing::HasSubstr;
+using testing::StartsWith;
 
 constexpr const char* kTitle = "Korvane Utilia";
 
@@ -50,12 +52,29 @@ TEST_F(AgentWindowTest, OpensWithoutASessionBusAndSaysWhyNothingIsInThePanel) {
     unsetenv("XDG_SESSION_ID");
 }
 
+TEST_F(AgentWindowTest, AnswersHelpAndVersionAndRefusesTheRestWithoutADisplay) {
+    const std::map<std::string, std::string> nowhere{{"DISPLAY", ":4711"}};
+    const auto run = [&](const std::string& word) {
+        return runProgram({UTILIA_AGENT_PROGRAM, word}, nowhere);
+    };
+    EXPECT_THAT(run("--help").text, StartsWith("Usage: korvane-utilia [--show-ui]\n"));
+    EXPECT_EQ(run("--help").status, 0);
+    EXPECT_EQ(run("--version").text, "korvane-utilia " UTILIA_VERSION);
+    for (const std::string wrong : {"--shwo-ui", "-x", "word", "--turn-off"}) {
+        const auto refused = run(wrong);
+        EXPECT_EQ(refused.status, 2) << wrong;
+        EXPECT_THAT(refused.errors, HasSubstr("korvane-utilia: \"" + wrong + "\" is "));
+    }
+}
+
 TEST_F(AgentWindowTest, EndsWithAClearMessageWithoutADisplay) {
     auto environment = onScreen();
     environment["DISPLAY"] = ":4711";
     auto agent = startAgent(environment);
     EXPECT_EQ(agent.waitForExit(), 1);
-    EXPECT_THAT(log(), HasSubstr("korvane-utilia: there is no display: "));
+    EXPECT_THAT(
+        log(),
+        HasSubstr("korvane-utilia: there is no display: could not connect to display :4711\n"));
 }
 
 TEST_F(AgentWindowTest, OpensWhenTheAgentIsStartedAgainAndLeavesItRunningWhenClosed) {
