@@ -39,12 +39,17 @@ AgentApplication::AgentApplication()
                           .showWindow = [this] { show(AgentWindow::Page::Tools); },
                           .showSettings = [this] { show(AgentWindow::Page::Settings); },
                           .quit = [] { platform::Application::sharedApplication().terminate(); }})),
-      schedules_({.fire = [this](const std::string& tool) { return fire(tool); },
-                  .launch = [this](const std::string& tool) { return launchAtLogin(tool); }}) {
+      schedules_(
+          {.tell =
+               [this](const std::string& tool) {
+                   return tools_.tell(tool, AgentMessage::DateScheduleFired);
+               },
+           .launch = [this](const std::string& tool) { return launch(tool); },
+           .launchAtLogin = [this](const std::string& tool) { return launchAtLogin(tool); }}) {
     observation_ = tools_.observe([this](const ToolList::Change& change) { follow(change); });
     icon_->setShownHandler([this] { panelIsKnown(); });
-    tools_.setUndeliveredHandler(
-        [this](const std::string& tool, AgentMessage message) { notDelivered(tool, message); });
+    tools_.setKeptHandler([this](const std::string& tool, AgentMessage message,
+                                 ToolList::Kept fate) { keptIsOver(tool, message, fate); });
     reload_.setSingleShot(true);
     reload_.setInterval(kReloadDelay);
     connect(&reload_, &QTimer::timeout, this, [this] {
@@ -161,15 +166,6 @@ void AgentApplication::activate(const std::string& identifier) {
         KULogVariadic("Tool %@: %@", identifier, done.error());
 }
 
-Outcome AgentApplication::fire(const std::string& identifier) {
-    const ToolEntry* const tool = tools_.find(identifier);
-    if (!tool || !tool->isReady()) return Outcome::NotNow;
-    if (tools_.tell(identifier, AgentMessage::DateScheduleFired)) return Outcome::Done;
-    const Outcome outcome = launch(identifier);
-    if (outcome == Outcome::Done) firing_.insert(identifier);
-    return outcome;
-}
-
 Outcome AgentApplication::launchAtLogin(const std::string& identifier) {
     // Launching a tool that runs would bring it to the front.
     const bool isRunning =
@@ -189,18 +185,24 @@ Outcome AgentApplication::launch(const std::string& identifier) {
 }
 
 void AgentApplication::follow(const ToolList::Change& change) {
+    for (const std::string& identifier : change.gone) schedules_.toolHasEnded(identifier);
     for (const std::string& identifier : change.tools) {
         const ToolEntry* const tool = tools_.find(identifier);
         if (unresponsive_.erase(identifier)) updateMessages();
-        if (!tool || !tool->isRunning) continue;
-        Suggestions::setKnown(identifier);
-        if (firing_.erase(identifier)) tools_.tell(identifier, AgentMessage::DateScheduleFired);
+        if (tool && tool->isRunning) {
+            Suggestions::setKnown(identifier);
+            schedules_.toolHasSpoken(identifier);
+        } else {
+            schedules_.toolHasEnded(identifier);
+        }
     }
 }
 
 // A click that comes to nothing is the user's to know of. A date is told when the tool speaks again.
-void AgentApplication::notDelivered(const std::string& identifier, AgentMessage message) {
-    if (message == AgentMessage::DateScheduleFired) firing_.insert(identifier);
+void AgentApplication::keptIsOver(const std::string& identifier, AgentMessage message,
+                                  ToolList::Kept fate) {
+    if (message == AgentMessage::DateScheduleFired) schedules_.keptIsOver(identifier, fate);
+    if (fate == ToolList::Kept::Sent) return;
     unresponsive_.insert(identifier);
     updateMessages();
 }

@@ -49,7 +49,6 @@ protected:
 private:
     void show(AgentWindow::Page page);
     void activate(const std::string& identifier);
-    ScheduleRunner::Outcome fire(const std::string& identifier);
     ScheduleRunner::Outcome launch(const std::string& identifier);
     ScheduleRunner::Outcome launchAtLogin(const std::string& identifier);
     void follow(const ToolList::Change& change);
@@ -59,7 +58,7 @@ private:
     void busIsMissed();
     QStringList messages() const;
     void updateMessages();
-    void notDelivered(const std::string& identifier, AgentMessage message);
+    void keptIsOver(const std::string& identifier, AgentMessage message, ToolList::Kept fate);
 
     ToolList tools_;
     // What is put on the bus; each object carries one interface.
@@ -75,7 +74,6 @@ private:
     QFileSystemWatcher installations_;
     QTimer reload_;
     QFileSystemWatcher records_;
-    std::set<std::string> firing_;  // to be told that their dates have come, when they speak
     std::set<std::string> unresponsive_;
     std::function<void()> busBack_;
     Handle observation_;

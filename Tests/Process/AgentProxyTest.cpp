@@ -318,9 +318,14 @@ TEST_F(AgentProxy, KeepsCommandsInOrderForAToolThatDoesNotReadYet) {
     const std::string taken = agent.ask("send-numbered", {tool, std::to_string(count)});
     ASSERT_NE(taken, "no");
     EXPECT_LT(std::stol(taken), kAtOnce);
+    EXPECT_EQ(agent.ask("is-keeping", {tool}), "yes");
     Messages expected{wish(101, false), wish(102, false)};
     for (int i = 0; i < count; ++i) expected.push_back({107, {std::to_string(i)}});
+    EXPECT_EQ(agent.ask("send-command", {tool, "104"}), "yes");
+    expected.push_back({104, {}});
     EXPECT_EQ(deaf.take(expected.size()), expected);
+    EXPECT_EQ(agent.ask("wait-for-sent-late-end", {"107 104 "}), "107 104 ");
+    EXPECT_EQ(agent.ask("is-keeping", {tool}), "no");
     EXPECT_EQ(agent.ask("send-command", {tool, "103"}), "yes");
     EXPECT_EQ(deaf.take(1), (Messages{{103, {}}})) << "nothing is kept any more";
     EXPECT_EQ(agent.log(), std::vector<std::string>{});

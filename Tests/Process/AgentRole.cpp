@@ -209,8 +209,10 @@ private:
     void addKeepingCommands() {
         onProxy("never-wait", [this](auto& proxy, const Arguments&) {
             proxy.setSending(ToolDataAgentProvider::Sending::KeepsLate);
-            proxy.setUndeliveredHandler([this](AgentMessage message) {
-                undelivered_ += std::to_string(static_cast<int>(message)) + " ";
+            using Kept = ToolDataAgentProvider::Kept;
+            proxy.setKeptHandler([this](AgentMessage message, Kept fate) {
+                (fate == Kept::Sent ? sentLate_ : undelivered_) +=
+                    std::to_string(static_cast<int>(message)) + " ";
             });
             return std::string();
         });
@@ -225,6 +227,13 @@ private:
             const auto taken = std::chrono::steady_clock::now() - start;
             return std::to_string(
                 std::chrono::duration_cast<std::chrono::milliseconds>(taken).count());
+        });
+        onProxy("is-keeping", [](auto& proxy, const Arguments&) {
+            return std::string(proxy.isKeeping() ? "yes" : "no");
+        });
+        script_.on("wait-for-sent-late-end", [this](const Arguments& a) {
+            (void)ChildScript::waitUntil([&] { return sentLate_.ends_with(a.at(0)); });
+            return sentLate_.substr(sentLate_.size() - std::min(a.at(0).size(), sentLate_.size()));
         });
         // Until the last one that could not be delivered is this.
         script_.on("wait-for-undelivered-end", [this](const Arguments& a) {
@@ -305,6 +314,7 @@ private:
 
     ChildScript script_;
     std::string undelivered_;
+    std::string sentLate_;
     std::vector<Proxy> proxies_;
     std::vector<Handle> handles_;
     std::vector<std::string> events_;

@@ -88,7 +88,8 @@ void ScheduleRunner::look() {
             return;
         }
         Occasion occasion(*identifier, *name, *date);
-        if (!handled_.contains(occasion) && !waiting_.contains(occasion) && !isQueued(occasion))
+        if (!handled_.contains(occasion) && !waiting_.contains(occasion) && !isQueued(occasion) &&
+            !isOwed(occasion))
             due.push_back(std::move(occasion));
     });
     nextDate_.reset();
@@ -123,18 +124,84 @@ void ScheduleRunner::workOn() {
 
 void ScheduleRunner::actOn(const Work& work) {
     if (!work.occasion) {
-        (void)actions_.launch(work.identifier);
+        (void)actions_.launchAtLogin(work.identifier);
         return;
     }
-    if (actions_.fire(work.identifier) == Outcome::NotNow) {
-        KULogVariadic("Tool %@ is due, and cannot be started now. It stays due.", work.identifier);
-        waiting_.insert(*work.occasion);
-        return;
+    switch (actions_.tell(work.identifier)) {
+    case Telling::Told:
+        return settle({*work.occasion});
+    case Telling::Kept:
+        return owe(*work.occasion, Debt::State::Kept);
+    case Telling::No:
+        break;
     }
-    handled_.insert(*work.occasion);
-    advance(*work.occasion);
+    if (actions_.launch(work.identifier) == Outcome::Done)
+        return owe(*work.occasion, Debt::State::Started);
+    KULogVariadic("Tool %@ is due, and cannot be started now. It stays due.", work.identifier);
+    waiting_.insert(*work.occasion);
+}
+
+// ---- what tools are owed
+
+bool ScheduleRunner::isOwed(const Occasion& occasion) const {
+    const auto found = debts_.find(std::get<0>(occasion));
+    return found != debts_.end() && found->second.occasions.contains(occasion);
+}
+
+void ScheduleRunner::owe(const Occasion& occasion, Debt::State state) {
+    const std::string& identifier = std::get<0>(occasion);
+    Debt& debt = debts_[identifier];
+    debt.state = state;
+    debt.occasions.insert(occasion);
+    debt.patience.reset();
+    if (state == Debt::State::Started)
+        debt.patience = time_.after(kPatience, [this, identifier] { endPatience(identifier); });
+}
+
+void ScheduleRunner::endPatience(const std::string& identifier) {
+    Debt& debt = debts_[identifier];
+    debt.patience.reset();
+    settle(std::exchange(debt.occasions, {}));
+}
+
+void ScheduleRunner::settle(const std::set<Occasion>& occasions) {
+    for (const Occasion& occasion : occasions) {
+        handled_.insert(occasion);
+        advance(occasion);
+    }
     look();
 }
+
+void ScheduleRunner::toolHasSpoken(const std::string& identifier) {
+    const auto debt = debts_.find(identifier);
+    if (debt == debts_.end() || debt->second.state == Debt::State::Kept) return;
+    const Telling telling = actions_.tell(identifier);
+    if (telling == Telling::No) return;
+    debt->second.state = Debt::State::Kept;
+    debt->second.patience.reset();
+    if (telling == Telling::Told) keptIsOver(identifier, ToolList::Kept::Sent);
+}
+
+void ScheduleRunner::toolHasEnded(const std::string& identifier) {
+    const auto debt = debts_.find(identifier);
+    if (debt == debts_.end() || debt->second.state == Debt::State::Started) return;
+    debts_.erase(debt);
+    look();
+}
+
+void ScheduleRunner::keptIsOver(const std::string& identifier, ToolList::Kept fate) {
+    const auto debt = debts_.find(identifier);
+    if (debt == debts_.end() || debt->second.state != Debt::State::Kept) return;
+    if (fate == ToolList::Kept::Failed) {
+        debt->second.state = Debt::State::Undelivered;
+        return;
+    }
+    const Debt settled = std::move(debt->second);
+    debts_.erase(debt);
+    settle(settled.occasions);
+}
+
+// ---- the records
 
 void ScheduleRunner::advance(const Occasion& occasion) const {
     const auto& [identifier, name, occasionDate] = occasion;

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -10,6 +11,7 @@
 #include <tuple>
 #include <vector>
 
+#include "Applications/Agent/Model/ToolList.h"
 #include "Common/Foundation/Handle.h"
 #include "Common/Foundation/Value.h"
 #include "Common/Platform/DateTimer.h"
@@ -31,18 +33,22 @@ std::optional<Date> nextDate(Date date, double interval, Date now);
 // A tool that cannot be started (restricted, damaged, not installed) keeps its record as it is and stays due. It is
 // tried again when the records or the installed tools change, and at the next start of the agent.
 //
-// The record is changed after the tool was started: an agent that is killed in between starts the tool once more, and
-// forgets none. A record that its tool changes meanwhile is the tool's.
+// The record is changed when the tool knows of its date: what is told to a tool that runs and has room for it is known at
+// once, what is kept for it when it is sent, a start when the tool that was started speaks and can be told. Until then
+// the date is due, also for an agent that is started after this one was killed: it starts or tells the tool once more,
+// and forgets none. A tool that ends with what was kept for it is started. One that was started and says nothing for
+// kPatience, as those without any interest in the agent, had its date by being started; while this agent runs it is told
+// when it speaks after all. A record that its tool changes meanwhile is the tool's.
 //
 // Threads: the agent's main thread.
 class ScheduleRunner final {
 public:
     enum class Outcome { Done, NotNow };
-    // What is done to tools. `fire`: the tool's date has come; start it, or tell it when it runs. `launch`: the user has
-    // logged in.
+    // What is done to tools. A tool whose date has come is told when it runs, and launched otherwise.
     struct Actions {
-        std::function<Outcome(const std::string& identifier)> fire;
+        std::function<Telling(const std::string& identifier)> tell;
         std::function<Outcome(const std::string& identifier)> launch;
+        std::function<Outcome(const std::string& identifier)> launchAtLogin;
     };
     // The world's time, which tests bend.
     struct Time {
@@ -55,6 +61,7 @@ public:
             };
     };
     static constexpr std::chrono::seconds kSpread{2};
+    static constexpr std::chrono::seconds kPatience{10};
 
     explicit ScheduleRunner(Actions actions) : ScheduleRunner(std::move(actions), Time()) {}
     ScheduleRunner(Actions actions, Time time);
@@ -66,6 +73,12 @@ public:
     void start();
     // What could not be started before may be able to now.
     void toolsHaveChanged();
+    // A tool is heard of, and runs.
+    void toolHasSpoken(const std::string& identifier);
+    // A tool does not run.
+    void toolHasEnded(const std::string& identifier);
+    // A message that was kept for a tool, of a date of its, was sent or was not.
+    void keptIsOver(const std::string& identifier, ToolList::Kept fate);
     // The user has logged in, and these want to be started then. Each once, also when its date is due as well. `done` is
     // called when all of them had their turn, and time to come up.
     void startAtLogin(const std::vector<std::string>& identifiers, std::function<void()> done);
@@ -78,7 +91,19 @@ private:
         std::optional<Occasion> occasion;  // empty: because of the login
     };
 
+    // What a tool is owed: to know that its dates have come.
+    struct Debt {
+        enum class State { Started, Kept, Undelivered };
+        State state = State::Started;
+        std::set<Occasion> occasions = {};  // whose records are as they were
+        Handle patience = {};
+    };
+
     void look();
+    bool isOwed(const Occasion& occasion) const;
+    void owe(const Occasion& occasion, Debt::State state);
+    void endPatience(const std::string& identifier);
+    void settle(const std::set<Occasion>& occasions);
     void workOn();
     void actOn(const Work& work);
     void advance(const Occasion& occasion) const;
@@ -91,6 +116,7 @@ private:
     std::function<void()> loginDone_;
     std::set<Occasion> handled_;  // in the life of this process, whatever became of the record
     std::set<Occasion> waiting_;  // could not be started
+    std::map<std::string, Debt> debts_;  // by identifier
     Handle nextDate_;
     Handle pause_;
     bool isStarted_ = false;

@@ -185,8 +185,8 @@ void ToolList::watch(const ToolEntry& entry) {
         });
     watched_[entry.identifier] = {proxy, std::move(observation)};
     proxy->setSending(ToolDataAgentProvider::Sending::KeepsLate);
-    proxy->setUndeliveredHandler([this, identifier = entry.identifier](AgentMessage message) {
-        if (const auto undelivered = undelivered_) undelivered(identifier, message);
+    proxy->setKeptHandler([this, identifier = entry.identifier](AgentMessage message, Kept fate) {
+        if (const auto over = keptOver_) over(identifier, message, fate);
     });
     proxy->setToolIconNeeded(true);
     proxy->setMenuIconNeeded(true);
@@ -275,18 +275,17 @@ Result<void> ToolList::activate(std::string_view identifier) {
 }
 
 Result<void> ToolList::turnOff(std::string_view identifier) {
-    if (tell(identifier, AgentMessage::TurnToolOff)) return {};
+    if (tell(identifier, AgentMessage::TurnToolOff) != Telling::No) return {};
     return Error::utilia(UtiliaErrorCode::NotFound,
                          std::string(identifier) + ": does not run, or does not listen");
 }
 
-bool ToolList::tell(std::string_view identifier, AgentMessage message) {
+Telling ToolList::tell(std::string_view identifier, AgentMessage message) {
     ToolDataAgentProvider* const proxy = proxyOf(identifier);
-    return proxy && proxy->sendCommand(message);
+    if (!proxy || !proxy->sendCommand(message)) return Telling::No;
+    return proxy->isKeeping() ? Telling::Kept : Telling::Told;
 }
 
-void ToolList::setUndeliveredHandler(UndeliveredHandler undelivered) {
-    undelivered_ = std::move(undelivered);
-}
+void ToolList::setKeptHandler(KeptHandler over) { keptOver_ = std::move(over); }
 
 }  // namespace utilia::agent

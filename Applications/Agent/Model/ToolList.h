@@ -17,6 +17,9 @@
 
 namespace utilia::agent {
 
+// What comes of telling a tool something.
+enum class Telling { No, Kept, Told };
+
 // Key of the administrator's settings: true leaves restricted tools out instead of showing them grey.
 inline constexpr std::string_view kHideRestrictedToolsKey = "HideRestrictedTools";
 
@@ -67,12 +70,13 @@ public:
     Result<void> activate(std::string_view identifier);
     // Fails with NotFound when it does not run.
     Result<void> turnOff(std::string_view identifier);
-    // Sends a running tool the message; answers whether it could be told, or the message is kept for it.
-    bool tell(std::string_view identifier, AgentMessage message);
-    // Told of the messages that a tool did not take in time.
-    using UndeliveredHandler =
-        std::function<void(const std::string& identifier, AgentMessage message)>;
-    void setUndeliveredHandler(UndeliveredHandler undelivered);
+    // Sends a tool the message: not to one that does not run, and it is kept for one that has no room for it.
+    Telling tell(std::string_view identifier, AgentMessage message);
+    // Told of each message that was kept, when the tool has it, or has not taken it in time.
+    using Kept = ToolDataAgentProvider::Kept;
+    using KeptHandler =
+        std::function<void(const std::string& identifier, AgentMessage message, Kept fate)>;
+    void setKeptHandler(KeptHandler over);
 
 private:
     struct Watched {
@@ -96,7 +100,7 @@ private:
     std::set<std::string> dirty_;
     std::shared_ptr<Observers> observers_;
     Handle delivery_;
-    UndeliveredHandler undelivered_;
+    KeptHandler keptOver_;
 };
 
 }  // namespace utilia::agent

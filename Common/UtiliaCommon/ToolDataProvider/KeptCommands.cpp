@@ -62,7 +62,7 @@ void KeptCommands::tryAgain() {
             failure = exception;
         }
         commands_.pop_front();
-        if (failure) failed_(message, *failure);
+        over_(message, failure ? &*failure : nullptr);
     }
     timer_.reset();
 }

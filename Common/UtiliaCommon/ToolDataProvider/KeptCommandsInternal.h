@@ -18,14 +18,16 @@ namespace utilia {
 // Threads: those of the port.
 class KeptCommands final : public std::enable_shared_from_this<KeptCommands> {
 public:
-    // Told of each command that was kept and could not be sent. May end the object.
-    using Failed = std::function<void(AgentMessage, const platform::PortException&)>;
-    explicit KeptCommands(Failed failed) : failed_(std::move(failed)) {}
+    // Told what became of each command that was kept: sent after all (null), or why not. May end the object.
+    using Over = std::function<void(AgentMessage, const platform::PortException* failure)>;
+    explicit KeptCommands(Over over) : over_(std::move(over)) {}
 
     // Sends without waiting, or keeps a copy of what finds no room. Throws PortException for a port that is no longer
     // valid, and for more than what is sensibly kept.
     void send(const std::shared_ptr<platform::Port>& port, AgentMessage message,
               std::optional<platform::PortMessage::Component> params);
+    // Whether none is kept now: what was sent last was sent at once.
+    bool isEmpty() const { return commands_.empty(); }
 
 private:
     struct Command {
@@ -37,7 +39,7 @@ private:
 
     void tryAgain();
 
-    const Failed failed_;
+    const Over over_;
     std::deque<Command> commands_;
     Handle timer_;
 };

@@ -189,21 +189,25 @@ void ToolDataAgentProvider::setSending(Sending sending) {
     if (sending == Sending::Waits) return;
     unlessOutOfMemory(kWhat, [this] {
         kept_ = std::make_shared<KeptCommands>(
-            [weak = weak_from_this()](AgentMessage id, const platform::PortException& exception) {
-                if (const auto self = weak.lock()) self->keptCommandFailed(id, exception);
+            [weak = weak_from_this()](AgentMessage id, const platform::PortException* failure) {
+                if (const auto self = weak.lock()) self->keptCommandIsOver(id, failure);
             });
     });
 }
 
-void ToolDataAgentProvider::setUndeliveredHandler(std::function<void(AgentMessage)> undelivered) {
-    undelivered_ = std::move(undelivered);
+void ToolDataAgentProvider::setKeptHandler(std::function<void(AgentMessage, Kept)> over) {
+    keptOver_ = std::move(over);
 }
 
-void ToolDataAgentProvider::keptCommandFailed(AgentMessage id,
-                                              const platform::PortException& exception) {
-    logFailure(exception);
-    if (id == AgentMessage::StatusRequest) showPersisted();
-    if (const auto undelivered = undelivered_) undelivered(id);
+bool ToolDataAgentProvider::isKeeping() const { return kept_ && !kept_->isEmpty(); }
+
+void ToolDataAgentProvider::keptCommandIsOver(AgentMessage id,
+                                              const platform::PortException* failure) {
+    if (failure) {
+        logFailure(*failure);
+        if (id == AgentMessage::StatusRequest) showPersisted();
+    }
+    if (const auto over = keptOver_) over(id, failure ? Kept::Failed : Kept::Sent);
 }
 
 void ToolDataAgentProvider::requestStatus() {

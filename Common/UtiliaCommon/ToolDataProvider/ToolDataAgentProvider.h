@@ -97,9 +97,12 @@ public:
     // How this proxy sends, wishes and requests included: a new one Waits. An agent with a window had
     // better not, since a stopped tool would stop the window. Set it before the first message.
     void setSending(Sending sending);
-    // Told of each kept message that could not be sent after all, after that is logged. It may
-    // remove the proxy.
-    void setUndeliveredHandler(std::function<void(AgentMessage)> undelivered);
+    // What becomes of a kept message. Failed is logged before it is told.
+    enum class Kept { Sent, Failed };
+    // Told of each kept message when it is over. It may remove the proxy.
+    void setKeptHandler(std::function<void(AgentMessage, Kept)> over);
+    // Whether messages are kept, the one that was sent last among them.
+    bool isKeeping() const;
 
     // One message to the tool, with the data as its only component. Waits at most 10 s, or keeps the
     // message and answers true (Sending). False when the tool cannot be reached or the send fails
@@ -130,7 +133,7 @@ private:
     void changed(Property property);
     void sendWish(AgentMessage message, bool needed);
     void send(AgentMessage message, std::optional<platform::PortMessage::Component> params);
-    void keptCommandFailed(AgentMessage message, const platform::PortException& exception);
+    void keptCommandIsOver(AgentMessage message, const platform::PortException* failure);
     void showPersisted();
 
     std::string name_;
@@ -149,7 +152,7 @@ private:
     std::shared_ptr<ToolPersistentDataReader> persist_;
     std::shared_ptr<Observers> observers_;
     std::shared_ptr<KeptCommands> kept_;  // null: sending waits
-    std::function<void(AgentMessage)> undelivered_;
+    std::function<void(AgentMessage, Kept)> keptOver_;
 };
 
 }  // namespace utilia

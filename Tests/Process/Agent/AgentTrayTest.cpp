@@ -333,13 +333,15 @@ TEST_F(AgentTrayTest, StartsAToolThatIsDueAndTellsItWhenItReports) {
         return std::find(all.begin(), all.end(), RecordedMessage{103, {}}) != all.end();
     }));
     double interval = 0;
-    std::optional<Date> date;
-    readSchedulerPlist(kTimer, "Timer", [&](const Dictionary& record) {
-        interval = record.find("interval")->doubleValue();
-        date = *record.find("date")->date();
-    });
+    EXPECT_TRUE(test::eventually([&] {
+        std::optional<Date> date;
+        readSchedulerPlist(kTimer, "Timer", [&](const Dictionary& record) {
+            interval = record.find("interval")->doubleValue();
+            date = *record.find("date")->date();
+        });
+        return *date > Date::now();
+    }));
     EXPECT_EQ(interval, 3600);
-    EXPECT_GT(*date, Date::now());
 }
 
 // ---- what is published

@@ -71,14 +71,20 @@ protected:
                         return Handle([this] { next_.reset(); });
                     },
                 .after =
-                    [this](std::chrono::nanoseconds, std::function<void()> call) {
-                        pause_ = std::move(call);
-                        return Handle([this] { pause_ = nullptr; });
+                    [this](std::chrono::nanoseconds time, std::function<void()> call) {
+                        auto& timer = time == ScheduleRunner::kSpread ? pause_ : patience_;
+                        timer = std::move(call);
+                        return Handle([&timer] { timer = nullptr; });
                     }};
     }
     ScheduleRunner::Actions actions() {
-        return {.fire = [this](const std::string& tool) { return act("fire", tool); },
-                .launch = [this](const std::string& tool) { return act("launch", tool); }};
+        return {.tell =
+                    [this](const std::string& tool) {
+                        if (telling_ != Telling::No) acts_.push_back("tell " + tool);
+                        return telling_;
+                    },
+                .launch = [this](const std::string& tool) { return act("start", tool); },
+                .launchAtLogin = [this](const std::string& tool) { return act("launch", tool); }};
     }
     Outcome act(const std::string& what, const std::string& tool) {
         acts_.push_back(what + " " + tool);
@@ -123,6 +129,8 @@ protected:
     std::optional<Date> next_;
     std::function<void()> wake_;
     std::function<void()> pause_;
+    std::function<void()> patience_;
+    Telling telling_ = Telling::Told;  // as for tools that run
     bool isPossible_ = true;
     std::vector<std::string> acts_;
     ScheduleRunner runner_{actions(), time()};
@@ -135,17 +143,17 @@ TEST_F(ScheduleRunnerTest, WaitsForTheNextDateAndActsOnIt) {
     EXPECT_THAT(acts(), IsEmpty());
     EXPECT_EQ(next_, Date{kNow + 50});
     sleepUntil(kNow + 50);
-    EXPECT_THAT(acts(), ElementsAre("fire b"));
+    EXPECT_THAT(acts(), ElementsAre("tell b"));
     EXPECT_EQ(next_, Date{kNow + 100});
     sleepUntil(kNow + 100);
-    EXPECT_THAT(actsInTime(), ElementsAre("fire a"));
+    EXPECT_THAT(actsInTime(), ElementsAre("tell a"));
     EXPECT_EQ(next_, std::nullopt) << "nothing to wait for";
 }
 
 TEST_F(ScheduleRunnerTest, EndsALaunchThatIsNotRepeatedAndKeepsTheRestOfTheRecord) {
     schedule("a", kNow - 1);
     runner_.start();
-    EXPECT_THAT(acts(), ElementsAre("fire a"));
+    EXPECT_THAT(acts(), ElementsAre("tell a"));
     EXPECT_EQ(record("a"), (Dictionary{{"bundleid", "a"},
                                        {"name", "a name"},
                                        {"interval", 0.0},
@@ -170,7 +178,7 @@ TEST_F(ScheduleRunnerTest, MakesUpForAMissedRepeatOnce) {
     schedule("a", kNow + 60, 60);
     runner_.start();
     sleepUntil(kNow + 100'000);  // asleep for a day
-    EXPECT_THAT(actsInTime(), ElementsAre("fire a"));
+    EXPECT_THAT(actsInTime(), ElementsAre("tell a"));
     EXPECT_EQ(dateOf("a"), kNow + 100'020);
 }
 
@@ -179,26 +187,27 @@ TEST_F(ScheduleRunnerTest, SpreadsOutWhatHasGatheredTheOldestFirst) {
     schedule("a", kNow - 300);
     schedule("b", kNow - 20);
     runner_.start();
-    EXPECT_THAT(acts(), ElementsAre("fire a")) << "the others wait their turn";
+    EXPECT_THAT(acts(), ElementsAre("tell a")) << "the others wait their turn";
     ASSERT_TRUE(pause_);
     std::exchange(pause_, nullptr)();
-    EXPECT_THAT(acts(), ElementsAre("fire b"));
-    EXPECT_THAT(actsInTime(), ElementsAre("fire c"));
+    EXPECT_THAT(acts(), ElementsAre("tell b"));
+    EXPECT_THAT(actsInTime(), ElementsAre("tell c"));
 }
 
 TEST_F(ScheduleRunnerTest, KeepsWhatCannotBeStartedAndTriesAgainWhenToolsChange) {
     schedule("a", kNow - 1);
     isPossible_ = false;
+    telling_ = Telling::No;
     runner_.start();
-    EXPECT_THAT(actsInTime(), ElementsAre("fire a"));
+    EXPECT_THAT(actsInTime(), ElementsAre("start a"));
     EXPECT_EQ(dateOf("a"), kNow - 1);
     EXPECT_THAT(log_.lines(), testing::Contains(HasSubstr("It stays due.")));
     schedule("b", kNow + 10);
     runner_.toolsHaveChanged();
-    EXPECT_THAT(actsInTime(), ElementsAre("fire a"));
-    isPossible_ = true;
+    EXPECT_THAT(actsInTime(), ElementsAre("start a"));
+    telling_ = Telling::Told;
     runner_.toolsHaveChanged();
-    EXPECT_THAT(actsInTime(), ElementsAre("fire a"));
+    EXPECT_THAT(actsInTime(), ElementsAre("tell a"));
     EXPECT_EQ(dateOf("a"), std::nullopt);
     runner_.toolsHaveChanged();
     EXPECT_THAT(actsInTime(), IsEmpty());
@@ -207,9 +216,9 @@ TEST_F(ScheduleRunnerTest, KeepsWhatCannotBeStartedAndTriesAgainWhenToolsChange)
 TEST_F(ScheduleRunnerTest, LeavesARecordAloneThatItsToolHasChangedMeanwhile) {
     schedule("a", kNow - 1, 60);
     ScheduleRunner::Actions changing = actions();
-    changing.fire = [this](const std::string& tool) {
+    changing.tell = [](const std::string& tool) {
         schedule(tool, kNow + 777, 60);
-        return act("fire", tool);
+        return Telling::Told;
     };
     ScheduleRunner runner(changing, time());
     runner.start();
@@ -227,10 +236,106 @@ TEST_F(ScheduleRunnerTest, ActsOnceWhenTheRecordCannotBeChanged) {
         suite.setObject(Array{Value(one(kNow + 9)), Value(one(kNow - 1))}, kSchedulerKey);
     });
     runner_.start();
-    EXPECT_THAT(actsInTime(), ElementsAre("fire a"));
+    EXPECT_THAT(actsInTime(), ElementsAre("tell a"));
     runner_.toolsHaveChanged();
     EXPECT_THAT(actsInTime(), IsEmpty());
 }
+
+// ---- what tools are owed
+
+class ToolsAreOwedTest : public ScheduleRunnerTest {
+protected:
+    ToolsAreOwedTest() { schedule("a", kNow - 1, 60); }
+    void startWith(Telling telling) {
+        telling_ = telling;
+        runner_.start();
+    }
+    bool isDue() const { return dateOf("a") == kNow - 1; }
+    // As after an agent that was killed.
+    std::vector<std::string> actsOfAnother() {
+        ScheduleRunner another(actions(), time());
+        another.start();
+        return acts();
+    }
+};
+
+TEST_F(ToolsAreOwedTest, HaveTheirDateWhenTheySpeakAfterTheStart) {
+    startWith(Telling::No);
+    EXPECT_THAT(actsInTime(), ElementsAre("start a"));
+    EXPECT_TRUE(isDue());
+    runner_.toolHasEnded("a");
+    runner_.toolsHaveChanged();
+    EXPECT_THAT(actsInTime(), IsEmpty()) << "it is started already";
+    EXPECT_TRUE(isDue());
+    telling_ = Telling::Told;
+    runner_.toolHasSpoken("a");
+    EXPECT_THAT(acts(), ElementsAre("tell a"));
+    EXPECT_EQ(dateOf("a"), kNow + 59);
+    EXPECT_FALSE(patience_);
+    runner_.toolHasSpoken("a");
+    EXPECT_THAT(acts(), IsEmpty()) << "once";
+}
+
+TEST_F(ToolsAreOwedTest, AreStartedOnceMoreByAnAgentThatFollowsOneThatWasKilled) {
+    startWith(Telling::No);
+    EXPECT_THAT(actsInTime(), ElementsAre("start a"));
+    EXPECT_THAT(actsOfAnother(), ElementsAre("start a"));
+}
+
+TEST_F(ToolsAreOwedTest, HaveHadTheirDateWhenTheySayNothing) {
+    startWith(Telling::No);
+    ASSERT_TRUE(patience_);
+    std::exchange(patience_, nullptr)();
+    EXPECT_EQ(dateOf("a"), kNow + 59);
+    EXPECT_THAT(actsInTime(), ElementsAre("start a"));
+    telling_ = Telling::Told;
+    runner_.toolHasSpoken("a");
+    EXPECT_THAT(acts(), ElementsAre("tell a")) << "after all";
+}
+
+TEST_F(ToolsAreOwedTest, HaveWhatWasKeptForThemWhenItIsSent) {
+    startWith(Telling::Kept);
+    EXPECT_THAT(actsInTime(), ElementsAre("tell a"));
+    EXPECT_TRUE(isDue());
+    EXPECT_FALSE(patience_) << "it is not known to be deaf";
+    runner_.toolHasSpoken("a");
+    EXPECT_THAT(acts(), IsEmpty()) << "what is kept is on its way";
+    runner_.keptIsOver("a", ToolList::Kept::Sent);
+    EXPECT_EQ(dateOf("a"), kNow + 59);
+}
+
+TEST_F(ToolsAreOwedTest, AreToldAgainWhenTheyDidNotTakeItInTimeAndSpeak) {
+    startWith(Telling::Kept);
+    runner_.keptIsOver("a", ToolList::Kept::Failed);
+    EXPECT_THAT(actsInTime(), ElementsAre("tell a"));
+    EXPECT_TRUE(isDue());
+    telling_ = Telling::Told;
+    runner_.toolHasSpoken("a");
+    EXPECT_THAT(acts(), ElementsAre("tell a"));
+    EXPECT_EQ(dateOf("a"), kNow + 59);
+}
+
+TEST_F(ToolsAreOwedTest, AreStartedWhenTheyEndWithoutHavingTakenIt) {
+    for (const bool isInTime : {true, false}) {
+        schedule("a", kNow - 1, 60);
+        ScheduleRunner runner(actions(), time());
+        telling_ = Telling::Kept;
+        runner.start();
+        EXPECT_THAT(actsInTime(), ElementsAre("tell a"));
+        if (!isInTime) runner.keptIsOver("a", ToolList::Kept::Failed);
+        telling_ = Telling::No;
+        runner.toolHasEnded("a");
+        EXPECT_THAT(actsInTime(), ElementsAre("start a")) << isInTime;
+        runner.keptIsOver("a", ToolList::Kept::Failed);  // of the tool that has ended
+        EXPECT_TRUE(isDue());
+        telling_ = Telling::Told;
+        runner.toolHasSpoken("a");
+        EXPECT_THAT(acts(), ElementsAre("tell a"));
+        EXPECT_EQ(dateOf("a"), kNow + 59);
+    }
+}
+
+// ---- what is not
 
 TEST_F(ScheduleRunnerTest, PassesOverRecordsThatAreIncomplete) {
     accessAppGroupPlist([](platform::UserDefaults& suite) {
@@ -251,7 +356,7 @@ TEST_F(ScheduleRunnerTest, StartsAToolOnceThatIsDueAtLogin) {
     schedule("a", kNow - 1);
     runner_.startAtLogin({"b", "a", "c", "c"}, [] {});
     runner_.start();
-    EXPECT_THAT(actsInTime(), ElementsAre("launch b", "launch c", "fire a"));
+    EXPECT_THAT(actsInTime(), ElementsAre("launch b", "launch c", "tell a"));
 }
 
 TEST_F(ScheduleRunnerTest, SaysWhenNobodyWaitsForTheLoginsStartAnyMore) {
@@ -265,7 +370,7 @@ TEST_F(ScheduleRunnerTest, SaysWhenNobodyWaitsForTheLoginsStartAnyMore) {
     runner_.startAtLogin({"a", "c"}, done);
     runner_.start();
     EXPECT_THAT(acts(), ElementsAre("launch a"));
-    EXPECT_THAT(actsInTime(), ElementsAre("done", "fire c")) << "this one has a date";
+    EXPECT_THAT(actsInTime(), ElementsAre("done", "tell c")) << "this one has a date";
 }
 
 // ---- the login
