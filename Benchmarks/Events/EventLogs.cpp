@@ -88,17 +88,19 @@ public:
 
 private:
     bool appendToKept() {
-        check(flock(kept_, LOCK_SH), "flock");
         struct stat found {};
-        const auto now = std::chrono::steady_clock::now();
-        const bool mustLook = now - looked_ >= std::chrono::milliseconds(10);
-        if (mustLook) looked_ = now;
-        if ((mustLook ? lstat(path_.c_str(), &found) : fstat(kept_, &found)) == 0 &&
+        struct stat there {};
+        if (flock(kept_, LOCK_SH | LOCK_NB) == 0 && fstat(kept_, &found) == 0 &&
             found.st_ino == inode_ && found.st_nlink > 0 && (found.st_mode & S_IWUSR) != 0 &&
             found.st_size <= kLargestSize) {
-            put(kept_, sampleRecord());
-            check(flock(kept_, LOCK_UN), "flock");
-            return true;
+            const auto now = std::chrono::steady_clock::now();
+            const bool mustLook = now - looked_ >= std::chrono::milliseconds(10);
+            if (mustLook) looked_ = now;
+            if (!mustLook || (lstat(path_.c_str(), &there) == 0 && there.st_ino == inode_)) {
+                put(kept_, sampleRecord());
+                check(flock(kept_, LOCK_UN), "flock");
+                return true;
+            }
         }
         forget();
         return false;

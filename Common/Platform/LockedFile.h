@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -33,11 +34,12 @@ public:
         std::uint64_t size = 0;
         std::uint64_t device = 0;
         std::uint64_t inode = 0;
+        std::uint64_t links = 0;  // names that it has
+        std::uint32_t owner = 0;
         bool isOwnerWritable = false;
-        bool hasName = false;
 
         bool isSameFileAs(const Status& other) const {
-            return device == other.device && inode == other.inode;
+            return device == other.device && inode == other.inode && owner == other.owner;
         }
     };
 
@@ -63,6 +65,8 @@ public:
     Result<bool> isAtPath(const std::string& path) const;
     // Waits for the lock; one that the object has already is given up before the other is there.
     Result<void> lock(Lock lock);
+    // The same without waiting: false when somebody else's lock is in the way.
+    Result<bool> tryLock(Lock lock);
     // The file stays open, and others may have their turn.
     Result<void> unlock();
     // False in a forked child, where the file is closed and only lets itself be destroyed.
@@ -92,20 +96,22 @@ public:
     // The same, but EEXIST when the new name is taken.
     static Result<void> renameUnlessTaken(const std::string& path, const std::string& newPath);
     static Result<void> removeName(const std::string& path);
-    // Of whatever has that name, be it a link.
-    static Result<Status> statusAtPath(const std::string& path);
 
 private:
-    explicit LockedFile(UniqueFd guarded);
-    void guardLate();
+    explicit LockedFile(int guarded);
+    static Result<std::optional<LockedFile>>
+    createUnnamed(const std::string& path, std::uint32_t mode,
+                  std::span<const std::string_view> content);
+    static Result<LockedFile> createNamed(const std::string& path, std::uint32_t mode,
+                                          std::span<const std::string_view> content);
+    Result<void> lockAndFill(std::span<const std::string_view> content, const std::string& path);
     void release();
     Result<int> readable();  // the descriptor
 
     UniqueFd file_;
-    unsigned generation_;         // of processes, at the time of opening
-    bool isGuardedLate_ = false;  // from children
-    bool isExamined_ = false;     // and found to be a plain file of this user
-    UniqueFd reader_;             // of a file that was opened to append to
+    unsigned generation_;      // of processes, at the time of opening
+    bool isExamined_ = false;  // and found to be a plain file of this user
+    UniqueFd reader_;          // of a file that was opened to append to
 };
 
 }  // namespace utilia::platform

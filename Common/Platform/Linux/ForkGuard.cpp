@@ -28,6 +28,14 @@ Entries& entries() {
     return *instance;
 }
 
+int aboveStandardStreams(int descriptor) {
+    const int above = fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    const int error = errno;
+    ::close(descriptor);
+    errno = error;
+    return above;
+}
+
 Entries::Entries() {
     pthread_atfork([] { entries().mutex.lock(); }, [] { entries().mutex.unlock(); },
                    [] {
@@ -55,6 +63,8 @@ int ForkGuard::open(const char* path, int flags, unsigned mode) {
     do {
         descriptor = ::open(path, flags, static_cast<mode_t>(mode));
     } while (descriptor < 0 && errno == EINTR);
+    if (descriptor >= 0 && descriptor <= STDERR_FILENO)
+        descriptor = aboveStandardStreams(descriptor);
     if (descriptor >= 0) all.descriptors.push_back(descriptor);
     return descriptor;
 }

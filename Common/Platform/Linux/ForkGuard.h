@@ -10,7 +10,8 @@ namespace utilia::platform {
 class ForkGuard final {
 public:
     static void closeInChild(int descriptor);
-    // Opens a file that no child has, not even one that is forked at this moment; -1 with errno.
+    // Opens a file that no child has, not even one that is forked at this moment; -1 with errno. Its
+    // number is never that of a standard stream, or what the process prints would land in it.
     static int open(const char* path, int flags, unsigned mode = 0);
     // Closes it in the same way. False in a forked child, where nothing is done.
     static bool close(int descriptor);

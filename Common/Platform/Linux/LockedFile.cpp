@@ -25,10 +25,8 @@
 //
 // As with every lock here, a forked child does not keep it. No child can be forked between the open
 // and the descriptor's entry in the guard, nor between the close and its removal; so the close alone
-// gives the lock up, and a record of a log costs one system call less. Only a file that is made is
-// entered later; its lock is given up by LOCK_UN, which reaches a child's copy, too. A child that is
-// spawned rather than forked has a copy until it is another program, and delays whoever waits for as
-// long; and no process is forked while an open hangs.
+// gives the lock up. A child that is spawned rather than forked has a copy until it is another
+// program, and delays whoever waits for as long; and no process is forked while an open hangs.
 //
 // An object may live on in a forked child, where its descriptor is closed and the number may be
 // another file's; the generation tells.
@@ -92,8 +90,12 @@ int refusal(const struct stat& found) {
 }
 
 LockedFile::Status statusOf(const struct stat& found) {
-    return {static_cast<std::uint64_t>(found.st_size), found.st_dev, found.st_ino,
-            (found.st_mode & S_IWUSR) != 0, found.st_nlink > 0};
+    return {static_cast<std::uint64_t>(found.st_size),
+            found.st_dev,
+            found.st_ino,
+            found.st_nlink,
+            found.st_uid,
+            (found.st_mode & S_IWUSR) != 0};
 }
 
 // Whole, in one step.
@@ -125,64 +127,14 @@ Result<bool> linkUnnamed(int descriptor, const std::string& path) {
     return false;
 }
 
-Result<UniqueFd> lockNew(UniqueFd file, const std::string& path) {
-    if (lockUninterrupted(file.get(), LOCK_EX | LOCK_NB) != 0)
-        return Error::posix(errno, "flock", path);
-    return file;
-}
-
-Result<UniqueFd> createUnnamed(const std::string& path, mode_t mode,
-                               std::span<const std::string_view> content) {
-    UniqueFd file(openUninterrupted(folderOf(path).c_str(),
-                                    O_TMPFILE | O_WRONLY | O_APPEND | O_CLOEXEC, mode));
-    if (!file) {
-        if (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL) return UniqueFd();
-        return Error::posix(errno, "create", path);
-    }
-    auto locked = lockNew(std::move(file), path);
-    if (!locked) return locked;
-    if (auto written = writeContent(locked->get(), content, path); !written)
-        return std::move(written).error();
-    auto linked = linkUnnamed(locked->get(), path);
-    if (!linked) return std::move(linked).error();
-    return *linked ? std::move(locked) : UniqueFd();
-}
-
-Result<UniqueFd> createNamed(const std::string& path, mode_t mode,
-                             std::span<const std::string_view> content) {
-    removeLeftOvers(folderOf(path));
-    std::string temporary;
-    UniqueFd file;
-    for (int attempt = 0; !file && attempt < kNameAttempts; ++attempt) {
-        temporary = temporaryName(path);
-        file.reset(openUninterrupted(
-            temporary.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC,
-            mode));
-        if (!file && errno != EEXIST) break;
-    }
-    if (!file) return Error::posix(errno, "create", path);
-    auto done = [&]() -> Result<UniqueFd> {
-        auto locked = lockNew(std::move(file), path);
-        if (!locked) return locked;
-        if (auto written = writeContent(locked->get(), content, path); !written)
-            return std::move(written).error();
-        if (auto renamed = LockedFile::renameUnlessTaken(temporary, path); !renamed)
-            return std::move(renamed).error();
-        return locked;
-    }();
-    if (!done) unlink(temporary.c_str());
-    return done;
-}
-
 }  // namespace
 
-LockedFile::LockedFile(UniqueFd guarded)
-    : file_(std::move(guarded)), generation_(ForkGuard::generation()) {}
+LockedFile::LockedFile(int guarded) : file_(guarded), generation_(ForkGuard::generation()) {}
 
 Result<LockedFile> LockedFile::open(const std::string& path, Access access, Lock lock) {
     return orOutOfMemory("open", path, [&]() -> Result<LockedFile> {
         const int mode = access == Access::Read ? O_RDONLY : O_WRONLY | O_APPEND;
-        LockedFile opened(UniqueFd(ForkGuard::open(path.c_str(), mode | kOpenFlags)));
+        LockedFile opened(ForkGuard::open(path.c_str(), mode | kOpenFlags));
         if (!opened.file_) return Error::posix(errno, "open", path);
         if (waitForLock(opened.file_.get(), operationFor(lock)) != 0)
             return Error::posix(errno, "flock", path);
@@ -192,8 +144,7 @@ Result<LockedFile> LockedFile::open(const std::string& path, Access access, Lock
 
 Result<LockedFile> LockedFile::openOrCreate(const std::string& path, std::uint32_t mode) {
     return orOutOfMemory("open", path, [&]() -> Result<LockedFile> {
-        LockedFile opened(
-            UniqueFd(ForkGuard::open(path.c_str(), O_RDWR | O_CREAT | kOpenFlags, mode)));
+        LockedFile opened(ForkGuard::open(path.c_str(), O_RDWR | O_CREAT | kOpenFlags, mode));
         if (!opened.file_) return Error::posix(errno, "open", path);
         if (waitForLock(opened.file_.get(), LOCK_EX) != 0)
             return Error::posix(errno, "flock", path);
@@ -205,13 +156,57 @@ Result<LockedFile> LockedFile::openOrCreate(const std::string& path, std::uint32
 Result<LockedFile> LockedFile::create(const std::string& path, std::uint32_t mode,
                                       std::span<const std::string_view> content) {
     return orOutOfMemory("create", path, [&]() -> Result<LockedFile> {
-        auto made = createUnnamed(path, static_cast<mode_t>(mode), content);
-        if (made && !*made) made = createNamed(path, static_cast<mode_t>(mode), content);
+        auto made = createUnnamed(path, mode, content);
         if (!made) return std::move(made).error();
-        LockedFile opened(*std::move(made));
-        opened.guardLate();
-        return opened;
+        if (*made) return **std::move(made);
+        return createNamed(path, mode, content);
     });
+}
+
+// None where there are no files without a name.
+Result<std::optional<LockedFile>>
+LockedFile::createUnnamed(const std::string& path, std::uint32_t mode,
+                          std::span<const std::string_view> content) {
+    LockedFile made(
+        ForkGuard::open(folderOf(path).c_str(), O_TMPFILE | O_WRONLY | O_APPEND | O_CLOEXEC, mode));
+    if (!made.file_) {
+        if (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL) return {std::nullopt};
+        return Error::posix(errno, "create", path);
+    }
+    if (auto filled = made.lockAndFill(content, path); !filled) return std::move(filled).error();
+    const auto linked = linkUnnamed(made.file_.get(), path);
+    if (!linked) return linked.error();
+    if (!*linked) return {std::nullopt};
+    return {std::move(made)};
+}
+
+Result<LockedFile> LockedFile::createNamed(const std::string& path, std::uint32_t mode,
+                                           std::span<const std::string_view> content) {
+    removeLeftOvers(folderOf(path));
+    std::string temporary;
+    int descriptor = -1;
+    for (int attempt = 0; descriptor < 0 && attempt < kNameAttempts; ++attempt) {
+        temporary = temporaryName(path);
+        descriptor =
+            ForkGuard::open(temporary.c_str(),
+                            O_CREAT | O_EXCL | O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC, mode);
+        if (descriptor < 0 && errno != EEXIST) break;
+    }
+    LockedFile made(descriptor);
+    if (!made.file_) return Error::posix(errno, "create", path);
+    auto done = made.lockAndFill(content, path);
+    if (done) done = renameUnlessTaken(temporary, path);
+    if (done) return made;
+    unlink(temporary.c_str());
+    return std::move(done).error();
+}
+
+// Of a file that nobody else knows yet.
+Result<void> LockedFile::lockAndFill(std::span<const std::string_view> content,
+                                     const std::string& path) {
+    if (lockUninterrupted(file_.get(), LOCK_EX | LOCK_NB) != 0)
+        return Error::posix(errno, "flock", path);
+    return writeContent(file_.get(), content, path);
 }
 
 LockedFile& LockedFile::operator=(LockedFile&& other) noexcept {
@@ -220,7 +215,6 @@ LockedFile& LockedFile::operator=(LockedFile&& other) noexcept {
         file_ = std::move(other.file_);
         reader_ = std::move(other.reader_);
         generation_ = other.generation_;
-        isGuardedLate_ = other.isGuardedLate_;
         isExamined_ = other.isExamined_;
     }
     return *this;
@@ -228,30 +222,12 @@ LockedFile& LockedFile::operator=(LockedFile&& other) noexcept {
 
 LockedFile::~LockedFile() { release(); }
 
-void LockedFile::guardLate() {
-    try {
-        ForkGuard::closeInChild(file_.get());
-    } catch (...) {
-        // What the guard does not know, it does not close.
-        file_.reset();
-        throw;
-    }
-    isGuardedLate_ = true;
-    generation_ = ForkGuard::generation();
-}
-
 void LockedFile::release() {
     reader_.reset();
     if (!file_) return;
     const bool isOwn = isOfThisProcess();
     const int descriptor = file_.release();
-    if (!isOwn) return;
-    if (isGuardedLate_ && ForkGuard::forget(descriptor)) {
-        lockUninterrupted(descriptor, LOCK_UN);
-        close(descriptor);
-    } else if (!isGuardedLate_) {
-        ForkGuard::close(descriptor);
-    }
+    if (isOwn) ForkGuard::close(descriptor);
 }
 
 UniqueFd LockedFile::takeDescriptor() {
@@ -269,12 +245,6 @@ Result<LockedFile::Status> LockedFile::status() {
     return statusOf(found);
 }
 
-Result<LockedFile::Status> LockedFile::statusAtPath(const std::string& path) {
-    struct stat found {};
-    if (lstat(path.c_str(), &found) != 0) return Error::posix(errno, "stat", path);
-    return statusOf(found);
-}
-
 Result<bool> LockedFile::isAtPath(const std::string& path) const {
     struct stat here {};
     struct stat there {};
@@ -289,6 +259,12 @@ Result<bool> LockedFile::isAtPath(const std::string& path) const {
 Result<void> LockedFile::lock(Lock lock) {
     if (waitForLock(file_.get(), operationFor(lock)) != 0) return failed("flock", file_.get());
     return {};
+}
+
+Result<bool> LockedFile::tryLock(Lock lock) {
+    if (lockUninterrupted(file_.get(), operationFor(lock) | LOCK_NB) == 0) return true;
+    if (errno == EWOULDBLOCK) return false;
+    return failed("flock", file_.get());
 }
 
 Result<void> LockedFile::unlock() {
@@ -385,10 +361,8 @@ Result<LockedFile> LockedFile::createNameless(std::string_view content) {
             content.remove_prefix(static_cast<std::size_t>(written));
         }
         if (fchmod(file.get(), 0444) != 0) return failed("chmod", file.get());
-        LockedFile opened(
-            UniqueFd(openUninterrupted(procPath(file.get()).c_str(), O_RDONLY | O_CLOEXEC)));
+        LockedFile opened(ForkGuard::open(procPath(file.get()).c_str(), O_RDONLY | O_CLOEXEC));
         if (!opened.file_) return failed("open", file.get());
-        opened.guardLate();
         if (waitForLock(opened.file_.get(), LOCK_EX) != 0) return failed("flock", file.get());
         return opened;
     });

@@ -80,6 +80,7 @@ int CEPLogInit() {
                       EventLogFile(EventLogFile::Names::inFolder(logs), std::move(facts))});
         State* const learnt = state.release();
         learnt->before.reset(current.exchange(learnt, std::memory_order_acq_rel));
+        if (learnt->before) learnt->before->file.closeKept();
         return codeOf(EventLogCode::Done);
     });
 }

@@ -35,7 +35,8 @@
 //
 // A log stays open between records. Whoever ends it or removes it by these rules has left marks on
 // the file itself, which its writer sees once he has the lock: it is read-only, or has no name.
-// Against those who move it by no rule he looks at the name as well, unless he has just done so.
+// Against those who move it by no rule he looks at the name as well, unless he has just done so. He
+// does not wait for the lock: whoever has it ends the log, and a collector as long as it reads.
 //
 // A process can be killed at any point of this. A record that was cut is blanked when its file is
 // ended; everything else that a document needs and a killed process has not written is mended when
@@ -177,6 +178,7 @@ EventLogCode EventLogFile::append(std::string_view record) const {
     if (record.size() > kLongestRecord) return EventLogCode::RecordNotWritten;
     if (const auto code = appendToKept(record)) return *code;
     for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
+        const Clock::time_point opened = Clock::now();
         auto log = LockedFile::open(names_.CEPLogName, LockedFile::Access::Append,
                                     LockedFile::Lock::Shared);
         if (log) {
@@ -188,7 +190,7 @@ EventLogCode EventLogFile::append(std::string_view record) const {
                 if (!isStillThere || *isStillThere) return EventLogCode::LogNotReady;
                 continue;
             }
-            if (status->size <= largestSize_) return appendAndKeep(*std::move(log), record);
+            if (status->size <= largestSize_) return appendAndKeep(*std::move(log), opened, record);
             if (!log->lock(LockedFile::Lock::Exclusive)) return EventLogCode::LogNotReady;
             const auto isStillThere = log->isAtPath(names_.CEPLogName);
             if (!isStillThere) return EventLogCode::LogNotReady;
@@ -206,32 +208,35 @@ EventLogCode EventLogFile::append(std::string_view record) const {
     return EventLogCode::LogNotReady;
 }
 
-Result<LockedFile::Status> EventLogFile::statusOfKept() const {
-    const auto now = std::chrono::steady_clock::now();
-    if (now - kept_.lookedAtName < kTrustInName) return kept_.file->status();
+bool EventLogFile::isKeptStillTheLog(LockedFile& log) const {
+    const auto status = log.status();
+    if (!status || !status->isSameFileAs(kept_.status) || status->links == 0 ||
+        !status->isOwnerWritable || status->size > largestSize_)
+        return false;
+    const auto now = Clock::now();
+    if (now - kept_.lookedAtName < kTrustInName) return true;
+    const auto there = log.isAtPath(names_.CEPLogName);
     kept_.lookedAtName = now;
-    return LockedFile::statusAtPath(names_.CEPLogName);
+    return there && *there;
 }
 
 // None where the log must be opened.
 std::optional<EventLogCode> EventLogFile::appendToKept(std::string_view record) const {
     const std::unique_lock turn(kept_.turn, std::try_to_lock);
     if (!turn || !kept_.file) return std::nullopt;
-    LockedFile& log = *kept_.file;
-    if (log.isOfThisProcess() && log.lock(LockedFile::Lock::Shared)) {
-        const auto status = statusOfKept();
-        if (status && status->isSameFileAs(kept_.status) && status->hasName &&
-            status->isOwnerWritable && status->size <= largestSize_) {
-            const bool isWritten = log.append(record).has_value();
-            if (!log.unlock()) kept_.file.reset();
-            return isWritten ? EventLogCode::Done : EventLogCode::RecordNotWritten;
-        }
-    }
-    kept_.file.reset();
-    return std::nullopt;
+    // Whatever fails from here on, its end gives the lock up.
+    LockedFile log = *std::exchange(kept_.file, std::nullopt);
+    if (!log.isOfThisProcess()) return std::nullopt;
+    // Who has locked it ends it or takes it away, and may take his time: the log is another one by then.
+    const auto isLocked = log.tryLock(LockedFile::Lock::Shared);
+    if (!isLocked || !*isLocked || !isKeptStillTheLog(log)) return std::nullopt;
+    if (!log.append(record)) return EventLogCode::RecordNotWritten;
+    if (log.unlock()) kept_.file = std::move(log);
+    return EventLogCode::Done;
 }
 
-EventLogCode EventLogFile::appendAndKeep(LockedFile log, std::string_view record) const {
+EventLogCode EventLogFile::appendAndKeep(LockedFile log, Clock::time_point opened,
+                                         std::string_view record) const {
     if (!log.append(record)) return EventLogCode::RecordNotWritten;
     const std::unique_lock turn(kept_.turn, std::try_to_lock);
     if (!turn) return EventLogCode::Done;
@@ -239,19 +244,25 @@ EventLogCode EventLogFile::appendAndKeep(LockedFile log, std::string_view record
     if (status && log.unlock()) {
         kept_.file = std::move(log);
         kept_.status = *status;
-        kept_.lookedAtName = std::chrono::steady_clock::now();
+        kept_.lookedAtName = opened;
     }
     return EventLogCode::Done;
 }
 
+void EventLogFile::closeKept() const {
+    const std::unique_lock turn(kept_.turn, std::try_to_lock);
+    if (turn) kept_.file.reset();
+}
+
 EventLogCode EventLogFile::createAndAppend(std::string_view record, bool* isTaken) const {
     const EventLogFacts facts = facts_();
+    const Clock::time_point opened = Clock::now();
     auto log = LockedFile::create(names_.CEPLogName, kLogMode, eventLogHeader(facts));
     if (!log) {
         *isTaken = log.error().isPosix(EEXIST);
         return EventLogCode::LogNotReady;
     }
-    return appendAndKeep(*std::move(log), record);
+    return appendAndKeep(*std::move(log), opened, record);
 }
 
 // The file has another name already. What fails here a collector makes good.
@@ -327,11 +338,23 @@ EventLogFile::Taking EventLogFile::takeLeftOver(platform::UniqueFd* taken) const
     const auto isStillThere = file->isAtPath(names_.CEPLogTakenName);
     if (!isStillThere) return Taking::Failed;
     if (!*isStillThere) return Taking::Overtaken;
+    if (!removeFirstName(*file)) return Taking::Failed;
     // The name goes as long as the file is locked: others who wait for it must not find it there.
     auto whole = handOver(*file, names_.CEPLogTakenName);
     if (!whole || !LockedFile::removeName(names_.CEPLogTakenName)) return Taking::Failed;
     *taken = *std::move(whole);
     return Taking::Done;
+}
+
+// A log that is ended got its second name before it lost the first where a file system cannot rename
+// without replacing, and its collector may have been killed in between. Nobody else touches the
+// first as long as the file is locked.
+bool EventLogFile::removeFirstName(const LockedFile& file) const {
+    for (const std::string* name : {&names_.CEPLogName, &names_.CEPLogNameOld}) {
+        const auto isThere = file.isAtPath(*name);
+        if (!isThere || (*isThere && !LockedFile::removeName(*name))) return false;
+    }
+    return true;
 }
 
 EventLogFile::Taking EventLogFile::takeOverflow(platform::UniqueFd* taken) const {

@@ -40,6 +40,8 @@ public:
     const Names& names() const { return names_; }
 
     EventLogCode append(std::string_view record) const;
+    // Gives up the log that is kept open for the next record, if no other thread is at it.
+    void closeKept() const;
 
     struct Grabbed {
         EventLogCode code = EventLogCode::NothingToGrab;
@@ -54,23 +56,26 @@ private:
     enum class Taking { Done, Nothing, Overtaken, Failed };
     enum class Ending { Done, NameTaken, Failed };
 
+    using Clock = std::chrono::steady_clock;
     // The log that was appended to last. It stays open, since opening costs more than all else that a
     // record takes; locked it is only meanwhile.
     struct Kept {
         std::mutex turn;  // never waited for: whoever has no turn opens the log himself
         std::optional<platform::LockedFile> file = {};
         platform::LockedFile::Status status = {};
-        std::chrono::steady_clock::time_point lookedAtName = {};
+        Clock::time_point lookedAtName = {};
     };
 
-    Result<platform::LockedFile::Status> statusOfKept() const;
+    bool isKeptStillTheLog(platform::LockedFile& log) const;
     std::optional<EventLogCode> appendToKept(std::string_view record) const;
-    EventLogCode appendAndKeep(platform::LockedFile log, std::string_view record) const;
+    EventLogCode appendAndKeep(platform::LockedFile log, Clock::time_point opened,
+                               std::string_view record) const;
     EventLogCode createAndAppend(std::string_view record, bool* isTaken) const;
     std::optional<platform::LockedFile> openToLook(const std::string& name) const;
     Ending endSource(const std::string& source, EventLogCode* code) const;
     Taking take(platform::UniqueFd* taken) const;
     Taking takeLeftOver(platform::UniqueFd* taken) const;
+    bool removeFirstName(const platform::LockedFile& file) const;
     Taking takeOverflow(platform::UniqueFd* taken) const;
     Result<platform::UniqueFd> handOver(platform::LockedFile& file, const std::string& name) const;
     void end(platform::LockedFile& file, const std::string& name) const;

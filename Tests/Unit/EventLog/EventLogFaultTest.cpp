@@ -1,4 +1,8 @@
+#include <chrono>
+#include <thread>
+
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -162,6 +166,33 @@ TEST_F(EventLogFaultTest, AppendsOrSaysThatMemoryHasRunOut) {
             const std::string all = collected();
             EXPECT_EQ(count(all, "writer=\"before\""), 1u);
             EXPECT_EQ(count(all, "writer=\"a\""), isThere ? 1u : 0u);
+        });
+    EXPECT_EQ(runs > 0, !test::memoryFaults().empty());
+}
+
+// Its name is gone when it is looked at, and there is no memory to say so.
+TEST_F(EventLogFaultTest, LeavesTheLogThatItKeptUnlockedWhereMemoryHasRunOut) {
+    const EventLogFile file = log();
+    const fs::path moved = folder_.path() / "moved";
+    const std::size_t runs = test::forEachFault(
+        test::memoryFaults(),
+        [&] {
+            empty();
+            EXPECT_EQ(file.append(sampleRecord("kept", 1)), EventLogCode::Done);
+            fs::rename(current(), moved);
+            std::this_thread::sleep_for(std::chrono::milliseconds(15));
+        },
+        [&] {
+            try {
+                (void)file.append(sampleRecord("a", 2));
+            } catch (const std::bad_alloc&) {
+                // The caller answers with a code.
+            }
+        },
+        [&](const FaultRun&) {
+            const int descriptor = open(moved.c_str(), O_RDONLY | O_CLOEXEC);
+            EXPECT_EQ(flock(descriptor, LOCK_EX | LOCK_NB), 0);
+            close(descriptor);
         });
     EXPECT_EQ(runs > 0, !test::memoryFaults().empty());
 }

@@ -57,14 +57,20 @@ protected:
     test::TemporaryFolder folder_;
 };
 
-// How many descriptors of this process lead there.
-int openFilesAt(const fs::path& path) {
-    int count = 0;
+// The descriptors of this process that lead there.
+std::vector<int> descriptorsOf(const fs::path& path) {
+    std::vector<int> found;
     for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
         std::error_code gone;
-        count += fs::equivalent(entry.path(), path, gone) ? 1 : 0;
+        if (fs::equivalent(entry.path(), path, gone))
+            found.push_back(std::stoi(entry.path().filename().string()));
     }
-    return count;
+    return found;
+}
+std::size_t openFilesAt(const fs::path& path) { return descriptorsOf(path).size(); }
+int onlyDescriptorOf(const fs::path& path) {
+    const std::vector<int> found = descriptorsOf(path);
+    return found.size() == 1 ? found.front() : -1;
 }
 
 // Until the kernel has a process waiting for the lock on the file.
@@ -156,13 +162,13 @@ void waitUntilTheNameIsLookedAt() { std::this_thread::sleep_for(std::chrono::mil
 TEST_F(EventLogFileTest, KeepsItsLogOpenAndUnlocked) {
     const EventLogFile file = log();
     for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
-    EXPECT_EQ(openFilesAt(current()), 1);
+    EXPECT_EQ(openFilesAt(current()), 1u);
     const int descriptor = open(current().c_str(), O_RDONLY | O_CLOEXEC);
     EXPECT_EQ(flock(descriptor, LOCK_EX | LOCK_NB), 0);
     close(descriptor);
     waitUntilTheNameIsLookedAt();
     EXPECT_EQ(file.append(sampleRecord("a", 3)), EventLogCode::Done);
-    EXPECT_EQ(openFilesAt(current()), 1);
+    EXPECT_EQ(openFilesAt(current()), 1u);
     EXPECT_EQ(test::contentOf(current()),
               sampleHeader() + sampleRecord("a", 1) + sampleRecord("a", 2) + sampleRecord("a", 3));
 }
@@ -173,7 +179,7 @@ TEST_F(EventLogFileTest, LeavesALogThatIsRemovedOrReplaced) {
         fs::remove_all(current());
         for (int i = 1; i <= 2; ++i)
             EXPECT_EQ(file.append(sampleRecord("kept", i)), EventLogCode::Done);
-        EXPECT_EQ(openFilesAt(current()), 1);
+        EXPECT_EQ(openFilesAt(current()), 1u);
     };
     keepOne();
     fs::remove(current());
@@ -221,6 +227,60 @@ TEST_F(EventLogFileTest, LeavesALogThatAnotherWriterEndsOrACollectorTakes) {
     EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 4));
 }
 
+TEST_F(EventLogFileTest, DoesNotWaitForACollectorThatReadsTheLogThatItKeeps) {
+    const EventLogFile file = log();
+    for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
+    // Which has its lock as long as it is open.
+    const auto grabbed = file.grab();
+    ASSERT_EQ(grabbed.code, EventLogCode::Done);
+    EXPECT_EQ(file.append(sampleRecord("a", 3)), EventLogCode::Done);
+    EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 3));
+    EXPECT_EQ(contentOf(grabbed), document(sampleRecord("a", 1) + sampleRecord("a", 2)));
+}
+
+TEST_F(EventLogFileTest, RefusesTheLogThatItKeepsOnceNobodyMayWriteIt) {
+    const EventLogFile file = log();
+    for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
+    fs::permissions(current(), fs::perms(0444));
+    EXPECT_EQ(file.append(sampleRecord("a", 3)), EventLogCode::LogNotReady);
+    fs::permissions(current(), fs::perms(0644));
+    EXPECT_EQ(file.append(sampleRecord("a", 4)), EventLogCode::Done);
+}
+
+TEST_F(EventLogFileTest, WritesToNoOtherFileThatHasGotTheNumberOfItsLog) {
+    const EventLogFile file = log();
+    for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
+    // As programs do that close every descriptor.
+    const fs::path document = folder_.path() / "document";
+    const int number = onlyDescriptorOf(current());
+    const int other = open(document.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    ASSERT_EQ(dup3(other, number, O_CLOEXEC), number);
+    close(other);
+    waitUntilTheNameIsLookedAt();
+    EXPECT_EQ(file.append(sampleRecord("a", 3)), EventLogCode::Done);
+    EXPECT_EQ(test::contentOf(document), "");
+    EXPECT_EQ(test::contentOf(current()),
+              sampleHeader() + sampleRecord("a", 1) + sampleRecord("a", 2) + sampleRecord("a", 3));
+}
+
+TEST_F(EventLogFileTest, ClosesTheLogThatItKeeps) {
+    const EventLogFile file = log();
+    EXPECT_EQ(file.append(sampleRecord("a", 1)), EventLogCode::Done);
+    EXPECT_EQ(openFilesAt(current()), 1u);
+    file.closeKept();
+    EXPECT_EQ(openFilesAt(current()), 0u);
+}
+
+// Where names cannot be exchanged in one step, a collector can be killed between two.
+TEST_F(EventLogFileTest, TakesALogThatHasTwoNamesOnce) {
+    EXPECT_EQ(log().append(sampleRecord("a", 1)), EventLogCode::Done);
+    fs::create_hard_link(current(), taken());
+    EXPECT_EQ(contentOf(log().grab()), document(sampleRecord("a", 1)));
+    EXPECT_TRUE(fs::is_empty(folder_.path()));
+    EXPECT_EQ(log().append(sampleRecord("a", 2)), EventLogCode::Done);
+    EXPECT_EQ(contentOf(log().grab()), document(sampleRecord("a", 2)));
+}
+
 TEST_F(EventLogFileTest, EndsTheLogThatItKeeps) {
     const EventLogFile file = log(sampleHeader().size() + 2 * sampleRecord("a", 1).size() - 1);
     for (int i = 1; i <= 3; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
@@ -251,7 +311,7 @@ TEST_F(EventLogFileTest, DoesNotShareTheLogThatItKeepsWithAForkedChild) {
     delete file;
     EXPECT_EQ(flock(descriptor, LOCK_EX | LOCK_NB), 0);
     close(descriptor);
-    EXPECT_EQ(openFilesAt(current()), 0);
+    EXPECT_EQ(openFilesAt(current()), 0u);
 }
 
 TEST_F(EventLogFileTest, AppendsFromManyThreadsThroughOneObject) {
@@ -271,7 +331,7 @@ TEST_F(EventLogFileTest, AppendsFromManyThreadsThroughOneObject) {
         XmlDocument::parse(test::contentOf(current()) + std::string(kEventLogFooter));
     ASSERT_TRUE(parsed);
     EXPECT_EQ(parsed->events().size(), static_cast<std::size_t>(kThreads * kRecords));
-    EXPECT_EQ(openFilesAt(current()), 1);
+    EXPECT_EQ(openFilesAt(current()), 1u);
 }
 
 TEST_F(EventLogFileTest, HasNothingToGrabWithoutLog) {

@@ -108,27 +108,67 @@ TEST_F(LockedFileTest, IsUnlockedAndLockedAgainWhileItIsOpen) {
     EXPECT_FALSE(isFree(LOCK_SH));
 }
 
-TEST_F(LockedFileTest, TellsWhatLiesAtAPath) {
+TEST_F(LockedFileTest, IsLockedWithoutWaitingOrNot) {
     std::ofstream(path()) << "text";
-    auto file = LockedFile::open(path(), Access::Read, Lock::Shared);
+    auto file = LockedFile::open(path(), Access::Append, Lock::Shared);
     ASSERT_TRUE(file);
-    const auto own = file->status();
-    ASSERT_TRUE(own);
-    EXPECT_TRUE(own->hasName);
-    EXPECT_EQ(own->size, 4u);
-    const auto there = LockedFile::statusAtPath(path());
-    ASSERT_TRUE(there);
-    EXPECT_TRUE(there->isSameFileAs(*own));
-    EXPECT_EQ(there->size, 4u);
+    EXPECT_TRUE(file->unlock());
+    {
+        const auto other = LockedFile::open(path(), Access::Append, Lock::Exclusive);
+        const auto isLocked = file->tryLock(Lock::Shared);
+        ASSERT_TRUE(isLocked);
+        EXPECT_FALSE(*isLocked);
+    }
+    const auto isLocked = file->tryLock(Lock::Shared);
+    ASSERT_TRUE(isLocked);
+    EXPECT_TRUE(*isLocked);
+    EXPECT_FALSE(isFree(LOCK_EX));
+}
 
-    const std::string link = path() + "-link";
-    fs::create_symlink(path(), link);
-    const auto linked = LockedFile::statusAtPath(link);
-    ASSERT_TRUE(linked);
-    EXPECT_FALSE(linked->isSameFileAs(*own));
+TEST_F(LockedFileTest, IsNeverAStandardStream) {
+    std::ofstream(path()) << "text";
+    const std::string other = path() + "-other";
+    const pid_t child = fork();
+    if (child == 0) {
+        close(STDIN_FILENO);
+        close(STDOUT_FILENO);
+        auto file = LockedFile::open(path(), Access::Append, Lock::Exclusive);
+        const std::string_view pieces[] = {"header "};
+        auto made = LockedFile::create(other, 0644, pieces);
+        const bool isPrinted = write(STDOUT_FILENO, "printed", 7) == 7;
+        const bool isAppended = file && made && file->append("!") && made->append("record");
+        _exit(isAppended && !isPrinted ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(content(), "text!");
+    std::ifstream made(other);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(made), {}), "header record");
+}
+
+TEST_F(LockedFileTest, TellsItsStateAsItIs) {
+    std::ofstream(path()) << "text";
+    auto file = LockedFile::open(path(), Access::Append, Lock::Shared);
+    ASSERT_TRUE(file);
+    const auto before = file->status();
+    ASSERT_TRUE(before);
+    EXPECT_EQ(before->size, 4u);
+    EXPECT_EQ(before->links, 1u);
+    EXPECT_EQ(before->owner, geteuid());
+    EXPECT_TRUE(before->isOwnerWritable);
+    EXPECT_TRUE(file->append("!"));
+    EXPECT_TRUE(file->makeReadOnly());
     fs::remove(path());
-    EXPECT_FALSE(file->status()->hasName);
-    EXPECT_TRUE(LockedFile::statusAtPath(path()).error().isPosix(ENOENT));
+    const auto after = file->status();
+    ASSERT_TRUE(after);
+    EXPECT_TRUE(after->isSameFileAs(*before));
+    EXPECT_EQ(after->size, 5u);
+    EXPECT_EQ(after->links, 0u);
+    EXPECT_FALSE(after->isOwnerWritable);
+    std::ofstream(path()) << "other";
+    EXPECT_FALSE(
+        LockedFile::open(path(), Access::Read, Lock::Shared)->status()->isSameFileAs(*before));
 }
 
 TEST_F(LockedFileTest, OverwritesInPlaceAndGoesOnAppending) {
