@@ -142,6 +142,7 @@ PortReceiver::Step PortReceiver::handlePacket(PortConnection& connection,
     if (view.kind == PortPacketKind::Hello) {
         if (connection.hasGreeted) return refuse(connection, PortRefusal::UnexpectedHello);
         connection.hasGreeted = true;
+        expectHello();
         return Step::Delivered;
     }
     if (!connection.hasGreeted) return refuse(connection, PortRefusal::NoHello);

@@ -187,12 +187,14 @@ void PortReceiver::resumeAccepting() {
     for (const auto& listener : listeners_) watches_->setEvents(listener->watch, EPOLLIN);
 }
 
-// One timer serves all connections: it is set for the oldest that has said nothing.
+// One timer serves all connections: it is set for the oldest that has said nothing. Nobody is woken
+// for those that have.
 void PortReceiver::expectHello() {
-    if (helloTimer_ || !isServing()) return;
+    if (!isServing()) return;
     const auto isSilent = [](const auto& connection) { return !connection->hasGreeted; };
     const auto oldest = std::find_if(connections_.begin(), connections_.end(), isSilent);
-    if (oldest == connections_.end()) return;
+    if (oldest == connections_.end()) return helloTimer_.reset();
+    if (helloTimer_) return;
     const auto left = (*oldest)->accepted + limits_.helloTimeout - std::chrono::steady_clock::now();
     helloTimer_ = Timer::scheduledTimer(left, false, [this] {
         const auto kept = shared_from_this();
