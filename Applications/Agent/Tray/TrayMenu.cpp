@@ -81,7 +81,11 @@ TrayMenu::TrayMenu(QObject* place, ToolList& tools, Actions actions)
     : QDBusAbstractAdaptor(place), tools_(tools), actions_(std::move(actions)) {
     registerTrayTypes();
     root_ = build();
-    observation_ = tools_.observe([this](const ToolList::Change&) { update(); });
+    observation_ = tools_.observe([this](const ToolList::Change& change) {
+        // What was installed may bring another icon at the same place.
+        if (change.isListChanged) pictures_.clear();
+        update();
+    });
 }
 
 QString TrayMenu::textDirection() const {
@@ -119,10 +123,25 @@ MenuItem TrayMenu::itemOf(const ToolEntry& tool) {
             tool.isPermanent() ? QStringLiteral("radio") : QStringLiteral("checkmark");
         properties[QStringLiteral("toggle-state")] = tool.isRunning ? 1 : 0;
     }
+    properties[QStringLiteral("icon-data")] = pictureFor(tool);
+    return {place->second, properties};
+}
+
+bool TrayMenu::Picture::isOf(const Picture& other) const {
+    return toolIcon == other.toolIcon && menuIcon == other.menuIcon && name == other.name &&
+           path == other.path && ink == other.ink;
+}
+
+QByteArray TrayMenu::pictureFor(const ToolEntry& tool) {
     const QColor ink = QGuiApplication::palette().color(
         tool.isReady() ? QPalette::Active : QPalette::Disabled, QPalette::WindowText);
-    properties[QStringLiteral("icon-data")] = png(pictureOf(tool, kIconSide, ink));
-    return {place->second, properties};
+    Picture wanted{tool.toolIcon, tool.menuIcon, tool.name, tool.path, ink.rgba()};
+    Picture& known = pictures_[tool.identifier];
+    if (known.png.isEmpty() || !known.isOf(wanted)) {
+        wanted.png = png(pictureOf(tool, kIconSide, ink));
+        known = std::move(wanted);
+    }
+    return known.png;
 }
 
 MenuLayout TrayMenu::build() {

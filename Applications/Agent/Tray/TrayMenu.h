@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 
 #include <QDBusAbstractAdaptor>
@@ -64,14 +65,29 @@ Q_SIGNALS:
     void ItemActivationRequested(int id, uint timestamp);
 
 private:
+    // The picture of a tool as panels take it, and what it was made of: most changes are of texts, and a picture costs
+    // more than all the rest of an item.
+    struct Picture {
+        std::shared_ptr<platform::Image> toolIcon;
+        std::shared_ptr<platform::Image> menuIcon;
+        std::string name;
+        std::string path;
+        QRgb ink = 0;
+        QByteArray png = {};
+
+        bool isOf(const Picture& other) const;
+    };
+
     MenuLayout build();
     MenuItem itemOf(const ToolEntry& tool);
+    QByteArray pictureFor(const ToolEntry& tool);
     const MenuLayout* find(int id) const;
     void click(int id);
 
     ToolList& tools_;
     const Actions actions_;
     std::map<std::string, int> ids_;  // of tools; never given to another one
+    std::map<std::string, Picture> pictures_;
     MenuLayout root_;
     uint revision_ = 1;
     Handle observation_;

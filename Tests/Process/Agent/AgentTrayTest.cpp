@@ -68,6 +68,25 @@ TEST_F(AgentTrayTest, HasAMenuOfTheToolsAsTheyAre) {
         << "what has changed in place is told as that";
 }
 
+TEST_F(AgentTrayTest, ShowsThePictureThatAToolHasNow) {
+    install(timer_);
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    const RecordingPort timer(portOf(timer_));
+    const std::string none = ask(panel, "picture Timer");
+    EXPECT_THAT(none, testing::Not("none"));
+
+    std::string one = none;
+    speak(timer_, 101, {test::sampleTiff(32, 1)});
+    EXPECT_TRUE(test::eventually([&] { return (one = ask(panel, "picture Timer")) != none; }));
+    speak(timer_, 108, {"0:42"});
+    ASSERT_EQ(menuThatBecomes(panel, withOwn("Timer – 0:42")), withOwn("Timer – 0:42"));
+    EXPECT_EQ(ask(panel, "picture Timer"), one) << "another text";
+    speak(timer_, 101, {test::sampleTiff(32, 2)});
+    EXPECT_TRUE(test::eventually([&] { return ask(panel, "picture Timer") != one; }));
+}
+
 TEST_F(AgentTrayTest, OwnsTheUploadOfUsageReportsAndRecordsItsStartAndItsEnd) {
     auto panel = startPanel();
     auto agent = startAgent(offscreen());
