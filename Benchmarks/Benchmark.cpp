@@ -25,6 +25,7 @@
 #include "Benchmarks/Stores/StoreMeasures.h"
 #include "Benchmarks/Support/Goals.h"
 #include "Benchmarks/Support/Results.h"
+#include "Benchmarks/Tools/ToolMeasures.h"
 #include "Benchmarks/Web/WebMeasures.h"
 
 // The driver runs every measurement in a process of its own (itself, with --measure), in a private
@@ -124,10 +125,22 @@ std::vector<Measurement> allMeasurements() {
         }
     }
     all.push_back({"events", "formatting ten attributes", "utilia", measureFormatting});
+    all.push_back({"tools", "50 tools", "at once", measureFiftyTools});
+    const std::pair<const char*, const char*> tools[] = {{"Timer", "timer"},
+                                                         {"Moon Phase", "moon-phase"},
+                                                         {"Keep Awake", "keep-awake"},
+                                                         {"Screen Capture", "screen-capture"}};
+    for (const auto& [name, program] : tools) {
+        all.push_back(
+            {"tools", "one tool", name, [bundle = name, file = program](const Settings& settings) {
+                 return measureTool(bundle, file, settings);
+             }});
+    }
     return all;
 }
 
-constexpr const char* kParts[] = {"messages", "store", "startup", "web", "images", "events"};
+constexpr const char* kParts[] = {"messages", "store",  "startup", "web",
+                                  "images",   "events", "tools"};
 
 struct Options {
     bool quick = false;
@@ -144,7 +157,7 @@ medians, their spread, and which goals are met. The script installs the packages
 
 Options:
   --quick           one short repeat: shows that everything runs; its figures mean little
-  --only PART       messages, store, startup, web, images or events
+  --only PART       messages, store, startup, web, images, events or tools
   --repeats N       how often each measurement is made (default 5)
   --output FILE     write the tables to FILE too
   --help            this text

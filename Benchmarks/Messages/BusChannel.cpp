@@ -3,6 +3,7 @@
 
 #include <systemd/sd-bus.h>
 
+#include "Benchmarks/Messages/BusConnection.h"
 #include "Benchmarks/Messages/BusHost.h"
 #include "Benchmarks/Messages/Channel.h"
 
@@ -13,32 +14,11 @@ constexpr const char* kPath = "/benchmark";
 constexpr const char* kInterface = "com.korvane.utilia.Benchmark";
 constexpr const char* kMember = "Take";
 
-void checkBus(int result, const char* what) {
-    if (result >= 0) return;
-    errno = -result;
-    fail(what);
-}
-
 std::string busName(const std::string& name) { return std::string(kInterface) + "." + name; }
-
-struct BusDeleter {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-};
-using BusPointer = std::unique_ptr<sd_bus, BusDeleter>;
-
-BusPointer connect(const std::string& address) {
-    sd_bus* bus = nullptr;
-    checkBus(sd_bus_new(&bus), "sd_bus_new");
-    BusPointer owned(bus);
-    checkBus(sd_bus_set_address(bus, address.c_str()), "sd_bus_set_address");
-    checkBus(sd_bus_set_bus_client(bus, 1), "sd_bus_set_bus_client");
-    checkBus(sd_bus_start(bus), "sd_bus_start");
-    return owned;
-}
 
 class BusReceiver final : public MessageReceiver {
 public:
-    BusReceiver(const std::string& address, const std::string& name) : bus_(connect(address)) {
+    BusReceiver(const std::string& address, const std::string& name) : bus_(connectToBus(address)) {
         static const sd_bus_vtable table[] = {
             SD_BUS_VTABLE_START(0),
             SD_BUS_METHOD("Take", "ay", "", onTake, SD_BUS_VTABLE_UNPRIVILEGED), SD_BUS_VTABLE_END};
@@ -83,7 +63,7 @@ private:
 class BusSender final : public MessageSender {
 public:
     BusSender(const std::string& address, const std::string& name)
-        : bus_(connect(address)), name_(busName(name)) {}
+        : bus_(connectToBus(address)), name_(busName(name)) {}
 
     void send(Bytes bytes) override {
         sd_bus_message* message = nullptr;

@@ -179,6 +179,27 @@ void addEventGoals(std::vector<Goal>& goals) {
                      0, "", format("allocations")});
 }
 
+void addToolGoals(std::vector<Goal>& goals) {
+    const auto crowd = [](const char* metric) { return value("50 tools", "at once", metric); };
+    const std::string subject = "50 tools: ";
+    goals.push_back({"tools", subject + "processor time of the agent while nothing changes",
+                     Goal::AtMost, 0, " ticks", crowd("quiet_agent_ticks")});
+    goals.push_back({"tools", subject + "wake-ups of the agent in that time", Goal::AtMost, 0, "",
+                     crowd("quiet_agent_wakeups")});
+    goals.push_back({"tools", subject + "wake-ups of all tools in that time", Goal::AtMost, 0, "",
+                     crowd("quiet_tools_wakeups")});
+    goals.push_back({"tools", subject + "updates of the menu while each changes every second",
+                     Goal::AtMost, 10, " a second", crowd("busy_updates_per_second")});
+    goals.push_back({"tools", subject + "the agent's share of a processor then", Goal::AtMost, 5,
+                     " %", crowd("busy_agent_percent")});
+    goals.push_back({"tools", subject + "from the agent's start until it shows all", Goal::AtMost,
+                     1000, " ms", crowd("all_listed_ms")});
+    goals.push_back(
+        {"tools", subject + "memory of one", Goal::AtMost, 1024, " KiB", crowd("tool_kib")});
+    goals.push_back({"tools", subject + "memory of all and the agent", Goal::AtMost, 80 * 1024,
+                     " KiB", crowd("everything_kib")});
+}
+
 void addImageGoals(std::vector<Goal>& goals) {
     const auto pdf = [](const char* metric) { return value("pdf pages", "in turns", metric); };
     const auto peak = [](const char* way, const char* metric) {
@@ -222,6 +243,7 @@ std::string goalsTable(const Results& results, const std::string& part) {
     addWebGoals(goals);
     addImageGoals(goals);
     addEventGoals(goals);
+    addToolGoals(goals);
     std::string text = "\n| goal | wanted | reached | |\n| --- | ---: | ---: | --- |\n";
     for (const Goal& goal : goals) {
         if (part != goal.part) continue;

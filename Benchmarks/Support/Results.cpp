@@ -26,8 +26,11 @@ std::string title(const std::string& metric) {
     if (unit == "mib") return name + ", MiB";
     if (unit == "bytes") return name + ", bytes";
     if (unit == "objects") return name + ", shared objects";
+    if (unit == "percent") return name + ", %";
     if (metric == "per_s") return "per second";
-    return metric;
+    std::string words = metric;
+    std::replace(words.begin(), words.end(), '_', ' ');
+    return words;
 }
 
 }  // namespace
