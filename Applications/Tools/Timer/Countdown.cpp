@@ -2,15 +2,23 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "Common/UtiliaCommon/Scheduler/ToolScheduler.h"
 
 namespace utilia::tools {
 namespace {
 
-constexpr const char* kLengthKey = "CountdownLength";  // seconds
-constexpr const char* kHeldKey = "CountdownHeld";      // seconds left
-constexpr const char* kEndKey = "CountdownEnd";        // a date
+constexpr const char* kCountdownKey = "Countdown";
+constexpr const char* kLengthKey = "Length";  // seconds
+constexpr const char* kHeldKey = "Held";      // seconds that were left when it last was held
+constexpr const char* kEndKey = "End";        // a date; absent while it is held
+
+std::int64_t secondsOf(const Dictionary& kept, const char* key) {
+    const Value* const value = kept.find(key);
+    const std::int64_t* const seconds = value ? value->integer() : nullptr;
+    return seconds ? std::max<std::int64_t>(*seconds, 0) : 0;
+}
 
 Date after(std::int64_t seconds) {
     return Date::fromUnixTime(Date::now().unixTime() + static_cast<double>(seconds));
@@ -18,19 +26,23 @@ Date after(std::int64_t seconds) {
 
 }  // namespace
 
-Countdown::Countdown(platform::UserDefaults& kept)
-    : kept_(kept), length_(std::max<std::int64_t>(kept.integerForKey(kLengthKey), 0)),
-      held_(std::max<std::int64_t>(kept.integerForKey(kHeldKey), 0)) {
-    const auto end = kept.objectForKey(kEndKey);
+// A tool can be killed between any two steps. The countdown is one value, which is replaced at once, so that no mixture
+// of two is found afterwards; and as long as it has an end, that end is in the schedule: it gets there before, and goes
+// after. A date in the schedule without a countdown that ends then is harmless: the tool is started, and sees for itself.
+
+Countdown::Countdown(platform::UserDefaults& kept) : kept_(kept) {
+    const auto found = kept.dictionaryForKey(kCountdownKey);
+    if (!found) return;
+    const Value* const end = found->find(kEndKey);
     if (end && end->date()) end_ = *end->date();
-    if (!end_ && held_ == 0) length_ = 0;
+    held_ = secondsOf(*found, kHeldKey);
+    if (end_ || held_ > 0) length_ = secondsOf(*found, kLengthKey);
 }
 
 void Countdown::start(std::int64_t seconds) {
-    length_ = seconds;
-    held_ = seconds;
-    end_ = after(seconds);
-    keep();
+    // The schedule has room for one date: the one before must not wait for its end any more.
+    hold();
+    begin(seconds, seconds);
 }
 
 void Countdown::hold() {
@@ -38,12 +50,11 @@ void Countdown::hold() {
     held_ = secondsLeft();
     end_.reset();
     keep();
+    ToolScheduler::cancelDateSchedule();
 }
 
 void Countdown::goOn() {
-    if (!isHeld()) return;
-    end_ = after(held_);
-    keep();
+    if (isHeld()) begin(length_, held_);
 }
 
 void Countdown::clear() {
@@ -51,6 +62,16 @@ void Countdown::clear() {
     length_ = 0;
     held_ = 0;
     end_.reset();
+    keep();
+    ToolScheduler::cancelDateSchedule();
+}
+
+void Countdown::begin(std::int64_t length, std::int64_t left) {
+    const Date end = after(left);
+    ToolScheduler::scheduleAtDate(end, 0);
+    length_ = length;
+    held_ = left;
+    end_ = end;
     keep();
 }
 
@@ -60,16 +81,10 @@ std::int64_t Countdown::secondsLeft() const {
 }
 
 void Countdown::keep() const {
-    // The end comes last, and goes first: of a tool that is killed in between, a countdown is held.
-    if (!end_) kept_.removeObjectForKey(kEndKey);
-    kept_.setObject(length_, kLengthKey);
-    kept_.setObject(held_, kHeldKey);
-    if (end_) {
-        kept_.setObject(*end_, kEndKey);
-        ToolScheduler::scheduleAtDate(*end_, 0);
-    } else {
-        ToolScheduler::cancelDateSchedule();
-    }
+    if (!isSet()) return kept_.removeObjectForKey(kCountdownKey);
+    Dictionary countdown{{kLengthKey, length_}, {kHeldKey, held_}};
+    if (end_) countdown.set(kEndKey, *end_);
+    kept_.setObject(std::move(countdown), kCountdownKey);
 }
 
 }  // namespace utilia::tools

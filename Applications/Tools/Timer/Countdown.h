@@ -31,6 +31,7 @@ public:
     std::int64_t secondsLeft() const;
 
 private:
+    void begin(std::int64_t length, std::int64_t left);
     void keep() const;
 
     platform::UserDefaults& kept_;

@@ -11,6 +11,7 @@
 #include "Applications/Tools/Drawing/IconPainter.h"
 #include "Applications/Tools/Drawing/ToolText.h"
 #include "Applications/Tools/Timer/Countdown.h"
+#include "Applications/Tools/Timer/Stopwatch.h"
 #include "Applications/Tools/Timer/StopwatchPicture.h"
 #include "Applications/Tools/Timer/TimerPrograms.h"
 #include "Applications/Tools/Timer/TimerText.h"
@@ -44,8 +45,9 @@ public:
     explicit TimerTool(const std::vector<std::string>& arguments) {
         // The text of the last orderly end is all that counting up has to remember.
         const std::string last = client_.menuText().value_or("");
-        seconds_ = tools::leadingSeconds(last).value_or(0);
-        isHeld_ = countdown_.isHeld() || last == toolText("%@ (held)", textFromSeconds(seconds_));
+        const std::int64_t seconds = tools::leadingSeconds(last).value_or(0);
+        stopwatch_ = tools::Stopwatch(countdown_.isSet() ? 0 : seconds);
+        isHeld_ = countdown_.isHeld() || last == toolText("%@ (held)", textFromSeconds(seconds));
         client_.setToolIcon(tools::paintIcon({32, 64, 128}, tools::stopwatchIcon));
         const auto menuIcon = tools::paintIcon({16, 32}, tools::stopwatchMask);
         menuIcon->setTemplate(true);
@@ -88,10 +90,11 @@ private:
         const std::string& word = arguments.front();
         if (word == tools::kStopWord) {
             countdown_.clear();
-            seconds_ = 0;
+            stopwatch_ = tools::Stopwatch();
         }
         if (const auto seconds = tools::secondsFromText(word)) {
             countdown_.start(*seconds);
+            stopwatch_ = tools::Stopwatch();
             lastLength_ = *seconds;
             isHeld_ = false;
         } else if (word == tools::kGoOnWord) {
@@ -105,6 +108,7 @@ private:
     void hold() {
         isHeld_ = true;
         tick_.reset();
+        stopwatch_.hold();
         countdown_.hold();
         show();
     }
@@ -112,32 +116,30 @@ private:
     void goOn() {
         isHeld_ = false;
         countdown_.goOn();
-        tick_ = platform::Timer::scheduledTimer(std::chrono::seconds(1), true, [this] { count(); });
-        show();
-    }
-
-    void count() {
-        if (!countdown_.isSet()) ++seconds_;
+        if (!countdown_.isSet()) stopwatch_.goOn();
+        tick_ = platform::Timer::repeatingTimer(stopwatch_.untilNextSecond(),
+                                                std::chrono::seconds(1), [this] { show(); });
         show();
     }
 
     void show() {
         const bool isCountdown = countdown_.isSet();
         if (isCountdown && !isHeld_ && countdown_.secondsLeft() == 0) return ring();
-        const std::string time = textFromSeconds(isCountdown ? countdown_.secondsLeft() : seconds_);
+        const std::string time =
+            textFromSeconds(isCountdown ? countdown_.secondsLeft() : stopwatch_.seconds());
         const std::string text = isCountdown ? toolText("%@ left", time) : time;
         client_.setMenuText(isHeld_ ? toolText("%@ (held)", text) : text);
     }
 
     void ring() {
-        const std::string length = textFromSeconds(countdown_.length());
-        countdown_.clear();
-        seconds_ = 0;
         isHeld_ = true;
         tick_.reset();
         client_.setMenuText(toolText("Time is up"));
+        // Before it is forgotten: of a tool that is killed now, twice is better than never.
+        const std::string length = textFromSeconds(countdown_.length());
         tools::showNotification(toolText("Time is up"),
                                 toolText("Your timer of %@ has ended.", length));
+        countdown_.clear();
     }
 
     // What the agent shows while a countdown goes on without the tool.
@@ -152,7 +154,7 @@ private:
         [this](const void*) { showEnd(); });
     ToolDataClientProvider& client_ = UtiliaCommon::toolDataClientProvider();
     tools::Countdown countdown_{platform::UserDefaults::standardUserDefaults()};
-    std::int64_t seconds_ = 0;
+    tools::Stopwatch stopwatch_;
     std::int64_t lastLength_ = countdown_.length();
     bool isHeld_ = false;
     Handle tick_;

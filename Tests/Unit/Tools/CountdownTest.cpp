@@ -9,6 +9,7 @@ class CountdownTest : public testing::Test {
 protected:
     // As the next process finds it.
     Countdown found() const { return Countdown(*defaults_); }
+    void keep(Dictionary countdown) { defaults_->setObject(std::move(countdown), "Countdown"); }
 
     test::TemporaryHome home_;
     std::unique_ptr<platform::UserDefaults> defaults_ =
@@ -48,7 +49,9 @@ TEST_F(CountdownTest, KeepsWhatIsLeftWhileItIsHeld) {
 
 TEST_F(CountdownTest, IsOverOnceItsDateHasPassed) {
     countdown_.start(1500);
-    defaults_->setObject(Date::fromUnixTime(Date::now().unixTime() - 3600), "CountdownEnd");
+    keep({{"Length", 1500},
+          {"Held", 1500},
+          {"End", Date::fromUnixTime(Date::now().unixTime() - 3600)}});
     const Countdown next = found();
     EXPECT_TRUE(next.isSet());
     EXPECT_FALSE(next.isHeld());
@@ -62,17 +65,14 @@ TEST_F(CountdownTest, LeavesNothingWhenItIsCleared) {
     EXPECT_FALSE(found().isSet());
 }
 
-TEST_F(CountdownTest, IsHeldWhenItsToolWasKilledWhileItWasStarted) {
-    defaults_->setObject(1500, "CountdownLength");
-    EXPECT_FALSE(found().isSet()) << "nothing is known of what is left";
-    defaults_->setObject(1500, "CountdownHeld");
-    EXPECT_TRUE(found().isHeld());
-    EXPECT_EQ(found().secondsLeft(), 1500);
-}
-
 TEST_F(CountdownTest, TakesValuesOfOtherTypesForNone) {
-    defaults_->setObject("soon", "CountdownEnd");
-    defaults_->setObject(-5, "CountdownLength");
+    keep({{"Length", 1500}});
+    EXPECT_FALSE(found().isSet()) << "nothing is known of what is left";
+    keep({{"Length", "long"}, {"Held", 1500}});
+    EXPECT_FALSE(found().isSet());
+    keep({{"Length", -5}, {"Held", -5}, {"End", "soon"}});
+    EXPECT_FALSE(found().isSet());
+    defaults_->setObject("soon", "Countdown");
     EXPECT_FALSE(found().isSet());
 }
 
