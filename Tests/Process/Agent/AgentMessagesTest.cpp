@@ -6,6 +6,7 @@
 #include "Common/Platform/Application.h"
 #include "Common/Platform/Bundle.h"
 #include "Common/Platform/UserDefaults.h"
+#include "Common/Platform/Workspace.h"
 #include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
 #include "Common/UtiliaCommon/CEP/CEPLog.h"
 #include "Common/UtiliaCommon/CEP/ReportFolder.h"
@@ -130,8 +131,10 @@ TEST_F(AgentMessagesTest, SayThatAToolDoesNotRespondUntilItDoes) {
     installPresenting();
     auto agent = open();
     expectToolStarts();
-    const pid_t tool =
-        static_cast<pid_t>(std::stol(test::runProgram({"pgrep", "-f", timer_.program()}).text));
+    const auto running =
+        platform::RunningApplication::runningApplicationsWithBundleIdentifier(kTimer);
+    ASSERT_EQ(running.size(), 1u);
+    const auto tool = static_cast<pid_t>(running.front().processIdentifier());
     kill(tool, SIGSTOP);
     // Until the tool has no room any more, and the first that waits has waited in vain.
     for (int i = 0; i < 7; ++i) display_.press(std::vector<std::string>(50, "Return"));
