@@ -1,5 +1,5 @@
 # utilia_application(TARGET NAME … IDENTIFIER … SOURCES … [COMMENT …] [LINK …] [INFO …] [LOCALIZATION …] [RESOURCES …]
-#                    [ICON …] [HELPERS …] [WITHIN …] [SAMPLE])
+#                    [ICON …] [HELPERS …] [WITHIN …] [COMMAND] [SAMPLE])
 #
 # An application that loads the framework, as a bundle in the build tree: Applications/NAME.app/Contents with the
 # program (Linux/TARGET) and its Info.plist, and a desktop entry by which it is found once it lies in an "applications"
@@ -15,10 +15,11 @@
 #   HELPERS       programs (targets) that lie beside its own: Bundle::pathForAuxiliaryExecutable finds them
 #   WITHIN        the application that this one belongs to: it lies in that one's Contents/Applications, and has no
 #                 desktop entry of its own
+#   COMMAND       its program is installed as a command, by a link in bin
 #   SAMPLE        it is not installed, and has no desktop entry, texts or resources
 
 function(utilia_application target)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "SAMPLE" "NAME;IDENTIFIER;COMMENT;INFO;WITHIN;LOCALIZATION;ICON"
+    cmake_parse_arguments(PARSE_ARGV 1 arg "COMMAND;SAMPLE" "NAME;IDENTIFIER;COMMENT;INFO;WITHIN;LOCALIZATION;ICON"
         "SOURCES;LINK;RESOURCES;HELPERS")
     include(GNUInstallDirs)
     set(bundle "Applications/${arg_NAME}.app")
@@ -55,6 +56,13 @@ function(utilia_application target)
     endif()
     install(TARGETS ${target} RUNTIME DESTINATION "${installed_contents}/Linux")
     install(FILES "${contents}/Info.plist" DESTINATION "${installed_contents}")
+    if(arg_COMMAND)
+        set(link "${CMAKE_BINARY_DIR}/commands/${target}")
+        file(RELATIVE_PATH to_program "/${CMAKE_INSTALL_BINDIR}" "/${installed_contents}/Linux/${target}")
+        file(MAKE_DIRECTORY "${CMAKE_BINARY_DIR}/commands")
+        file(CREATE_LINK "${to_program}" "${link}" SYMBOLIC)
+        install(FILES "${link}" DESTINATION "${CMAKE_INSTALL_BINDIR}")
+    endif()
 
     foreach(resource IN LISTS arg_RESOURCES arg_ICON)
         get_filename_component(name "${resource}" NAME)

@@ -15,6 +15,8 @@ set(CPACK_PACKAGE_CONTACT "UtiliaCommon maintainers <maintainers@utiliacommon.ex
 set(CPACK_PACKAGE_VERSION "${PROJECT_VERSION}")
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_VERBATIM_VARIABLES ON)
+# Each package has a summary of its own, in the first line of its description.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_STRIP_FILES ON)
 # The desktop entries name the prefix, so it must be the real one while they are made.
 set(CPACK_SET_DESTDIR ON)
