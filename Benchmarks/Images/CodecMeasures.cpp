@@ -12,6 +12,8 @@
 #include <png.h>
 
 #include "Common/Platform/Image.h"
+#include "Tests/Support/ForeignJpeg.h"
+#include "Tests/Support/ForeignPng.h"
 #include "Tests/Support/SamplePictures.h"
 
 namespace utilia::bench {
@@ -26,25 +28,14 @@ constexpr std::uint32_t kHeight = 4000;
 constexpr int kQuality = 90;
 
 Data writePng(const BitmapImageRep& picture) {
-    Data file;
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-    png_infop info = png_create_info_struct(png);
-    png_set_write_fn(
-        png, &file,
-        [](png_structp one, png_bytep bytes, std::size_t count) {
-            auto& to = *static_cast<Data*>(png_get_io_ptr(one));
-            to.insert(to.end(), bytes, bytes + count);
-        },
-        nullptr);
-    png_set_IHDR(png, info, picture.pixelsWide, picture.pixelsHigh, 8, PNG_COLOR_TYPE_RGB,
-                 PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    png_write_info(png, info);
-    png_set_filler(png, 0, PNG_FILLER_AFTER);
-    for (std::uint32_t y = 0; y < picture.pixelsHigh; ++y)
-        png_write_row(png, picture.rgba.data() + std::size_t{y} * picture.pixelsWide * 4);
-    png_write_end(png, info);
-    png_destroy_write_struct(&png, &info);
-    return file;
+    return test::foreignPng([&picture](png_structp png, png_infop info) {
+        png_set_IHDR(png, info, picture.pixelsWide, picture.pixelsHigh, 8, PNG_COLOR_TYPE_RGB,
+                     PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+        png_write_info(png, info);
+        png_set_filler(png, 0, PNG_FILLER_AFTER);
+        for (std::uint32_t y = 0; y < picture.pixelsHigh; ++y)
+            png_write_row(png, picture.rgba.data() + std::size_t{y} * picture.pixelsWide * 4);
+    });
 }
 
 Data readPng(const Data& file) {
@@ -69,31 +60,21 @@ Data readPng(const Data& file) {
 }
 
 Data writeJpeg(const BitmapImageRep& picture) {
-    jpeg_compress_struct info{};
-    jpeg_error_mgr errors{};
-    info.err = jpeg_std_error(&errors);
-    jpeg_create_compress(&info);
-    unsigned char* bytes = nullptr;
-    unsigned long size = 0;
-    jpeg_mem_dest(&info, &bytes, &size);
-    info.image_width = picture.pixelsWide;
-    info.image_height = picture.pixelsHigh;
-    info.input_components = 4;
-    info.in_color_space = JCS_EXT_RGBX;
-    jpeg_set_defaults(&info);
-    jpeg_set_quality(&info, kQuality, TRUE);
-    info.comp_info[0].h_samp_factor = info.comp_info[0].v_samp_factor = 1;
-    jpeg_start_compress(&info, TRUE);
-    for (std::uint32_t y = 0; y < picture.pixelsHigh; ++y) {
-        JSAMPROW row = const_cast<std::uint8_t*>(picture.rgba.data()) +
-                       std::size_t{y} * picture.pixelsWide * 4;
-        jpeg_write_scanlines(&info, &row, 1);
-    }
-    jpeg_finish_compress(&info);
-    jpeg_destroy_compress(&info);
-    Data file(bytes, bytes + size);
-    std::free(bytes);
-    return file;
+    return test::foreignJpeg([&picture](jpeg_compress_struct& info) {
+        info.image_width = picture.pixelsWide;
+        info.image_height = picture.pixelsHigh;
+        info.input_components = 4;
+        info.in_color_space = JCS_EXT_RGBX;
+        jpeg_set_defaults(&info);
+        jpeg_set_quality(&info, kQuality, TRUE);
+        info.comp_info[0].h_samp_factor = info.comp_info[0].v_samp_factor = 1;
+        jpeg_start_compress(&info, TRUE);
+        for (std::uint32_t y = 0; y < picture.pixelsHigh; ++y) {
+            JSAMPROW row = const_cast<std::uint8_t*>(picture.rgba.data()) +
+                           std::size_t{y} * picture.pixelsWide * 4;
+            jpeg_write_scanlines(&info, &row, 1);
+        }
+    });
 }
 
 Data readJpeg(const Data& file) {

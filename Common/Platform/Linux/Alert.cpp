@@ -2,24 +2,15 @@
 
 #include <exception>
 
-#include "Common/Foundation/PathFunctions.h"
 #include "Common/Logging/Log.h"
+#include "Common/Platform/ApplicationName.h"
 #include "Common/Platform/Bundle.h"
-#include "Common/Platform/FileManager.h"
 #include "Common/Platform/Linux/AlertQuestion.h"
 #include "Common/Platform/Linux/AlertTerminal.h"
 #include "Common/Platform/Linux/AlertWindow.h"
-#include "Common/Platform/ProcessInfo.h"
 
 namespace utilia::platform {
 namespace {
-
-// Who asks.
-std::string applicationName() {
-    const Bundle* const bundle = Bundle::mainBundle();
-    if (!bundle) return ProcessInfo::processName();
-    return stringByDeletingPathExtension(FileManager::displayNameAtPath(bundle->bundlePath()));
-}
 
 AlertQuestion questionOf(const Alert& alert) {
     const Bundle* const framework = Bundle::frameworkBundle();

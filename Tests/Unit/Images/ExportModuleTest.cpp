@@ -1,5 +1,4 @@
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -8,7 +7,8 @@
 #include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/ChildRole.h"
-#include "Tests/Support/TemporaryHome.h"
+#include "Tests/Support/CopyOfThisProgram.h"
+#include "Tests/Support/LoadedLibraries.h"
 #include "Tests/Support/TestLog.h"
 
 // This program links none of the module's libraries: it looks at when the framework loads them.
@@ -20,14 +20,6 @@ using namespace utilia::test;
 namespace fs = std::filesystem;
 
 namespace {
-
-bool isLoaded(const std::string& library) {
-    std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);) {
-        if (line.find(library) != std::string::npos) return true;
-    }
-    return false;
-}
 
 UTILIA_CHILD_ROLE(exportPages) {
     const auto sayLoaded = [&self](const char* when) {
@@ -67,27 +59,11 @@ UTILIA_CHILD_ROLE(exportPagesWithoutModule) {
     return 0;
 }
 
-// A copy of this program beside a framework bundle of one's own.
 class ExportModuleInAnotherPlace : public testing::Test {
 protected:
-    ExportModuleInAnotherPlace() {
-        fs::create_directories(program().parent_path());
-        fs::copy_file(ownProgramPath(), program());
-    }
-    fs::path program() const { return folder_.path() / "bin" / "program"; }
-    // Puts a file in the module's place.
-    void useModule(const fs::path& file) {
-        const fs::path modules = folder_.path() / "lib" / "UtiliaCommon.framework" / "Modules";
-        fs::create_directories(modules);
-        fs::copy_file(file, modules / "Export.so");
-    }
-
     // Answers why, which no export writes into the log.
     std::string expectNoPages() {
-        ChildProcess::Options options;
-        options.program = program().string();
-        auto child = ChildProcess::role("exportPagesWithoutModule",
-                                        {(folder_.path() / "pages.pdf").string()}, options);
+        auto child = copy_.role("exportPagesWithoutModule", {copy_.folder() / "pages.pdf"});
         EXPECT_EQ(child.waitForLine(), "no pages");
         EXPECT_EQ(child.waitForLine(), "no file");
         EXPECT_EQ(child.waitForLine(), "unavailable");
@@ -97,7 +73,7 @@ protected:
         return line;
     }
 
-    TemporaryFolder folder_;
+    const CopyOfThisProgram copy_;
 };
 
 TEST_F(ExportModuleInAnotherPlace, WithoutABundleThereAreNoPages) {
@@ -105,22 +81,20 @@ TEST_F(ExportModuleInAnotherPlace, WithoutABundleThereAreNoPages) {
 }
 
 TEST_F(ExportModuleInAnotherPlace, WithABrokenModuleThereAreNoPages) {
-    const fs::path broken = folder_.path() / "broken";
-    std::ofstream(broken) << "this is no library";
-    useModule(broken);
+    copy_.useBrokenModule("Export");
     const std::string line = expectNoPages();
     EXPECT_TRUE(line.starts_with("module Export: ")) << line;
     EXPECT_NE(line.find("Export.so"), std::string::npos) << line;
 }
 
 TEST_F(ExportModuleInAnotherPlace, WithAModuleThatLacksTheTableThereAreNoPages) {
-    useModule(UTILIA_EMPTY_MODULE);
+    copy_.useModule("Export", UTILIA_EMPTY_MODULE);
     const std::string line = expectNoPages();
     EXPECT_NE(line.find("utiliaExportModule"), std::string::npos) << line;
 }
 
 TEST_F(ExportModuleInAnotherPlace, WithAModuleOfAnotherVersionThereAreNoPages) {
-    useModule(UTILIA_FOREIGN_MODULE);
+    copy_.useModule("Export", UTILIA_FOREIGN_MODULE);
     const std::string line = expectNoPages();
     EXPECT_TRUE(line.starts_with("module Export: version 999 instead of ")) << line;
 }

@@ -8,7 +8,8 @@
 #include "Common/Platform/Linux/ModuleLoader.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/ChildRole.h"
-#include "Tests/Support/TemporaryHome.h"
+#include "Tests/Support/CopyOfThisProgram.h"
+#include "Tests/Support/LoadedLibraries.h"
 #include "Tests/Support/TestLog.h"
 
 // This program must not link libtiff itself: it looks at when the framework does.
@@ -20,14 +21,6 @@ using namespace utilia::test;
 namespace fs = std::filesystem;
 
 namespace {
-
-bool isLoaded(const std::string& library) {
-    std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);) {
-        if (line.find(library) != std::string::npos) return true;
-    }
-    return false;
-}
 
 UTILIA_CHILD_ROLE(useImages) {
     const auto sayLoaded = [&self](const char* when) {
@@ -73,25 +66,14 @@ UTILIA_CHILD_ROLE(useImagesWithoutModule) {
     return 0;
 }
 
-// A copy of this program beside a framework bundle of one's own.
 class ModuleInAnotherPlace : public testing::Test {
 protected:
-    ModuleInAnotherPlace() {
-        fs::create_directories(program().parent_path());
-        fs::copy_file(ownProgramPath(), program());
-        std::ofstream(icon(), std::ios::binary) << "no matter what";
-    }
-    fs::path program() const { return folder_.path() / "bin" / "program"; }
-    fs::path icon() const { return folder_.path() / "icon.tiff"; }
-    fs::path modules() const {
-        return folder_.path() / "lib" / "UtiliaCommon.framework" / "Modules";
-    }
+    ModuleInAnotherPlace() { std::ofstream(icon(), std::ios::binary) << "no matter what"; }
+    std::string icon() const { return copy_.folder() / "icon.tiff"; }
 
     // Answers the one log line.
     std::string expectImagesToBeUnusable(const std::string& symbol = "unavailable") {
-        ChildProcess::Options options;
-        options.program = program().string();
-        auto child = ChildProcess::role("useImagesWithoutModule", {icon().string()}, options);
+        auto child = copy_.role("useImagesWithoutModule", {icon()});
         EXPECT_EQ(child.waitForLine(), "no image");
         EXPECT_EQ(child.waitForLine(), "invalid");
         EXPECT_EQ(child.waitForLine(), "pixels stay");
@@ -103,8 +85,7 @@ protected:
         return line;
     }
 
-private:
-    TemporaryFolder folder_;
+    const CopyOfThisProgram copy_;
 };
 
 TEST_F(ModuleInAnotherPlace, WithoutABundleThereAreNoImages) {
@@ -113,29 +94,26 @@ TEST_F(ModuleInAnotherPlace, WithoutABundleThereAreNoImages) {
 }
 
 TEST_F(ModuleInAnotherPlace, WithoutTheModuleThereAreNoImages) {
-    fs::create_directories(modules());
+    copy_.modules();
     const std::string line = expectImagesToBeUnusable();
     EXPECT_TRUE(line.starts_with("Images cannot be used: module Icons: ")) << line;
     EXPECT_NE(line.find("Icons.so"), std::string::npos) << line;
 }
 
 TEST_F(ModuleInAnotherPlace, WithABrokenModuleThereAreNoImages) {
-    fs::create_directories(modules());
-    std::ofstream(modules() / "Icons.so") << "this is no library";
+    copy_.useBrokenModule("Icons");
     const std::string line = expectImagesToBeUnusable();
     EXPECT_TRUE(line.starts_with("Images cannot be used: module Icons: ")) << line;
 }
 
 TEST_F(ModuleInAnotherPlace, WithAModuleThatLacksTheTableThereAreNoImages) {
-    fs::create_directories(modules());
-    fs::copy_file(UTILIA_EMPTY_MODULE, modules() / "Icons.so");
+    copy_.useModule("Icons", UTILIA_EMPTY_MODULE);
     const std::string line = expectImagesToBeUnusable();
     EXPECT_NE(line.find("utiliaIconsModule"), std::string::npos) << line;
 }
 
 TEST_F(ModuleInAnotherPlace, WithAModuleOfAnotherVersionThereAreNoImages) {
-    fs::create_directories(modules());
-    fs::copy_file(UTILIA_FOREIGN_MODULE, modules() / "Icons.so");
+    copy_.useModule("Icons", UTILIA_FOREIGN_MODULE);
     EXPECT_EQ(expectImagesToBeUnusable("symbol"),
               "Images cannot be used: module Icons: version 999 instead of 3");
 }
@@ -196,16 +174,12 @@ UTILIA_CHILD_ROLE(useBitmapsWithoutModule) {
 class ExportModuleInAnotherPlace : public ModuleInAnotherPlace {
 protected:
     ExportModuleInAnotherPlace() {
-        fs::create_directories(modules());
-        const fs::path own = fs::path(ownProgramPath()).parent_path() / ".." / "lib" /
-                             "UtiliaCommon.framework" / "Modules" / "Icons.so";
-        fs::copy_file(own, modules() / "Icons.so");
+        copy_.useModule("Icons", fs::path(ownProgramPath()).parent_path() / ".." / "lib" /
+                                     "UtiliaCommon.framework" / "Modules" / "Icons.so");
     }
     // Answers the one log line.
     std::string expectNoFormatButTiff() {
-        ChildProcess::Options options;
-        options.program = program().string();
-        auto child = ChildProcess::role("useBitmapsWithoutModule", {}, options);
+        auto child = copy_.role("useBitmapsWithoutModule", {});
         EXPECT_EQ(child.waitForLine(), "no image");
         EXPECT_EQ(child.waitForLine(), "unavailable");
         EXPECT_EQ(child.waitForLine(), "TIFF");
@@ -223,18 +197,18 @@ TEST_F(ExportModuleInAnotherPlace, WithoutTheModuleThereIsOnlyTiff) {
 }
 
 TEST_F(ExportModuleInAnotherPlace, WithABrokenModuleThereIsOnlyTiff) {
-    std::ofstream(modules() / "Export.so") << "this is no library";
+    copy_.useBrokenModule("Export");
     EXPECT_TRUE(expectNoFormatButTiff().starts_with("Images cannot be used: module Export: "));
 }
 
 TEST_F(ExportModuleInAnotherPlace, WithAModuleThatLacksTheTableThereIsOnlyTiff) {
-    fs::copy_file(UTILIA_EMPTY_MODULE, modules() / "Export.so");
+    copy_.useModule("Export", UTILIA_EMPTY_MODULE);
     const std::string line = expectNoFormatButTiff();
     EXPECT_NE(line.find("utiliaExportModule"), std::string::npos) << line;
 }
 
 TEST_F(ExportModuleInAnotherPlace, WithAModuleOfAnotherVersionThereIsOnlyTiff) {
-    fs::copy_file(UTILIA_FOREIGN_MODULE, modules() / "Export.so");
+    copy_.useModule("Export", UTILIA_FOREIGN_MODULE);
     EXPECT_EQ(expectNoFormatButTiff(),
               "Images cannot be used: module Export: version 999 instead of 1");
 }

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <jpeglib.h>
 
+#include "Tests/Support/ForeignJpeg.h"
 #include "Tests/Support/SamplePictures.h"
 #include "Tests/Unit/Images/BitmapFixture.h"
 
@@ -42,43 +43,34 @@ unsigned sampleAt(const JpegKind& kind, unsigned x, unsigned y, int channel) {
 }
 
 Data fileOf(const JpegKind& kind) {
-    jpeg_compress_struct info{};
-    jpeg_error_mgr errors{};
-    info.err = jpeg_std_error(&errors);
-    jpeg_create_compress(&info);
-    unsigned char* bytes = nullptr;
-    unsigned long size = 0;
-    jpeg_mem_dest(&info, &bytes, &size);
-    info.image_width = kind.wide;
-    info.image_height = kind.high;
-    info.in_color_space = kind.from;
-    info.input_components = kind.from == JCS_GRAYSCALE ? 1 : kind.from == JCS_CMYK ? 4 : 3;
-    jpeg_set_defaults(&info);
-    jpeg_set_colorspace(&info, kind.stored);
-    jpeg_set_quality(&info, 100, TRUE);
-    if (!kind.hasAdobeMark) info.write_Adobe_marker = FALSE;
-    kind.change(info);
-    jpeg_start_compress(&info, TRUE);
-    if (!kind.exif.empty()) {
-        jpeg_write_marker(&info, JPEG_APP0 + 1, kind.exif.data(),
-                          static_cast<unsigned>(kind.exif.size()));
-    }
-    std::vector<JSAMPLE> row(std::size_t{kind.wide} * static_cast<unsigned>(info.input_components));
-    for (unsigned y = 0; y < kind.high; ++y) {
-        for (unsigned x = 0; x < kind.wide; ++x) {
-            for (int c = 0; c < info.input_components; ++c) {
-                row[std::size_t{x} * static_cast<unsigned>(info.input_components) +
-                    static_cast<unsigned>(c)] = static_cast<JSAMPLE>(sampleAt(kind, x, y, c));
-            }
+    return foreignJpeg([&kind](jpeg_compress_struct& info) {
+        info.image_width = kind.wide;
+        info.image_height = kind.high;
+        info.in_color_space = kind.from;
+        info.input_components = kind.from == JCS_GRAYSCALE ? 1 : kind.from == JCS_CMYK ? 4 : 3;
+        jpeg_set_defaults(&info);
+        jpeg_set_colorspace(&info, kind.stored);
+        jpeg_set_quality(&info, 100, TRUE);
+        if (!kind.hasAdobeMark) info.write_Adobe_marker = FALSE;
+        kind.change(info);
+        jpeg_start_compress(&info, TRUE);
+        if (!kind.exif.empty()) {
+            jpeg_write_marker(&info, JPEG_APP0 + 1, kind.exif.data(),
+                              static_cast<unsigned>(kind.exif.size()));
         }
-        JSAMPROW rows = row.data();
-        jpeg_write_scanlines(&info, &rows, 1);
-    }
-    jpeg_finish_compress(&info);
-    jpeg_destroy_compress(&info);
-    Data file(bytes, bytes + size);
-    std::free(bytes);
-    return file;
+        std::vector<JSAMPLE> row(std::size_t{kind.wide} *
+                                 static_cast<unsigned>(info.input_components));
+        for (unsigned y = 0; y < kind.high; ++y) {
+            for (unsigned x = 0; x < kind.wide; ++x) {
+                for (int c = 0; c < info.input_components; ++c) {
+                    row[std::size_t{x} * static_cast<unsigned>(info.input_components) +
+                        static_cast<unsigned>(c)] = static_cast<JSAMPLE>(sampleAt(kind, x, y, c));
+                }
+            }
+            JSAMPROW rows = row.data();
+            jpeg_write_scanlines(&info, &rows, 1);
+        }
+    });
 }
 
 BitmapImageRep expectedOf(const JpegKind& kind) {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <png.h>
 
+#include "Tests/Support/ForeignPng.h"
 #include "Tests/Unit/Images/BitmapFixture.h"
 
 using namespace utilia;
@@ -68,42 +69,32 @@ std::vector<png_byte> rowOf(const PngKind& kind, png_uint_32 y) {
 }
 
 Data fileOf(const PngKind& kind) {
-    Data file;
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-    png_infop info = png_create_info_struct(png);
-    png_set_write_fn(
-        png, &file,
-        [](png_structp one, png_bytep bytes, std::size_t count) {
-            auto& to = *static_cast<Data*>(png_get_io_ptr(one));
-            to.insert(to.end(), bytes, bytes + count);
-        },
-        nullptr);
-    png_set_IHDR(png, info, kind.wide, kind.high, kind.bits, kind.colour,
-                 kind.isInterlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
-                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
-    std::vector<png_color> palette;
-    if (kind.colour & PNG_COLOR_MASK_PALETTE) {
-        for (unsigned i = 0; i <= kind.maximum(); ++i) palette.push_back(paletteEntry(i));
-        png_set_PLTE(png, info, palette.data(), static_cast<int>(palette.size()));
-    }
-    if (kind.hasTransparentColour) {
-        png_color_16 colour{};
-        colour.gray = static_cast<png_uint_16>(kind.sample(3, 4, 0));
-        colour.red = static_cast<png_uint_16>(kind.sample(3, 4, 0));
-        colour.green = static_cast<png_uint_16>(kind.sample(3, 4, 1));
-        colour.blue = static_cast<png_uint_16>(kind.sample(3, 4, 2));
-        const png_byte alphas[2] = {255, 0};
-        png_set_tRNS(png, info, alphas, (kind.colour & PNG_COLOR_MASK_PALETTE) ? 2 : 0, &colour);
-    }
-    png_write_info(png, info);
-    std::vector<std::vector<png_byte>> rows;
-    std::vector<png_bytep> pointers;
-    for (png_uint_32 y = 0; y < kind.high; ++y) rows.push_back(rowOf(kind, y));
-    for (auto& row : rows) pointers.push_back(row.data());
-    png_write_image(png, pointers.data());
-    png_write_end(png, info);
-    png_destroy_write_struct(&png, &info);
-    return file;
+    return foreignPng([&kind](png_structp png, png_infop info) {
+        png_set_IHDR(png, info, kind.wide, kind.high, kind.bits, kind.colour,
+                     kind.isInterlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
+                     PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+        std::vector<png_color> palette;
+        if (kind.colour & PNG_COLOR_MASK_PALETTE) {
+            for (unsigned i = 0; i <= kind.maximum(); ++i) palette.push_back(paletteEntry(i));
+            png_set_PLTE(png, info, palette.data(), static_cast<int>(palette.size()));
+        }
+        if (kind.hasTransparentColour) {
+            png_color_16 colour{};
+            colour.gray = static_cast<png_uint_16>(kind.sample(3, 4, 0));
+            colour.red = static_cast<png_uint_16>(kind.sample(3, 4, 0));
+            colour.green = static_cast<png_uint_16>(kind.sample(3, 4, 1));
+            colour.blue = static_cast<png_uint_16>(kind.sample(3, 4, 2));
+            const png_byte alphas[2] = {255, 0};
+            png_set_tRNS(png, info, alphas, (kind.colour & PNG_COLOR_MASK_PALETTE) ? 2 : 0,
+                         &colour);
+        }
+        png_write_info(png, info);
+        std::vector<std::vector<png_byte>> rows;
+        std::vector<png_bytep> pointers;
+        for (png_uint_32 y = 0; y < kind.high; ++y) rows.push_back(rowOf(kind, y));
+        for (auto& row : rows) pointers.push_back(row.data());
+        png_write_image(png, pointers.data());
+    });
 }
 
 BitmapImageRep expectedOf(const PngKind& kind) {

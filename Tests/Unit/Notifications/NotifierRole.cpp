@@ -1,5 +1,4 @@
 #include <chrono>
-#include <fstream>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -14,6 +13,7 @@
 #include "Common/Platform/DistributedNotificationCenter.h"
 #include "Common/Platform/RunLoop.h"
 #include "Tests/Support/ChildScript.h"
+#include "Tests/Support/LoadedLibraries.h"
 #include "Tests/Support/TestLog.h"
 
 // Processes that post and observe.
@@ -31,14 +31,6 @@ std::string millisecondsOf(const std::function<void()>& work) {
     work();
     return std::to_string(
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
-}
-
-bool isLoaded(std::string_view library) {
-    std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);) {
-        if (line.find(library) != std::string::npos) return true;
-    }
-    return false;
 }
 
 struct Observation {

@@ -1,6 +1,5 @@
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -14,6 +13,7 @@
 #include "Common/Platform/RunLoop.h"
 #include "Common/UtiliaCommon/Web/HostReachability.h"
 #include "Tests/Support/ChildScript.h"
+#include "Tests/Support/LoadedLibraries.h"
 
 // A process that watches one host, or none.
 
@@ -28,14 +28,6 @@ using Clock = std::chrono::steady_clock;
 std::string millisecondsSince(Clock::time_point start) {
     return std::to_string(
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
-}
-
-bool isModuleLoaded() {
-    std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);) {
-        if (line.find("Desktop.so") != std::string::npos) return true;
-    }
-    return false;
 }
 
 UTILIA_CHILD_ROLE(watcher) {
@@ -162,7 +154,8 @@ UTILIA_CHILD_ROLE(watcher) {
         setrlimit(RLIMIT_NOFILE, &limit);
         return "";
     });
-    script.on("module", [](const auto&) { return isModuleLoaded() ? "loaded" : "not loaded"; });
+    script.on("module",
+              [](const auto&) { return isLoaded("Desktop.so") ? "loaded" : "not loaded"; });
     return script.run();
 }
 

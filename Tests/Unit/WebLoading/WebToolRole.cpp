@@ -1,5 +1,4 @@
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,6 +11,7 @@
 #include "Common/Platform/RunLoop.h"
 #include "Common/UtiliaCommon/Web/WebDataLoader.h"
 #include "Tests/Support/ChildScript.h"
+#include "Tests/Support/LoadedLibraries.h"
 #include "Tests/Support/MisbehavingServer.h"
 
 // A process that loads from the web.
@@ -31,14 +31,6 @@ std::string load(const std::string& url, std::chrono::milliseconds timeout) {
         });
     ChildScript::waitUntil([&] { return answer.has_value(); });
     return answer.value_or("nothing");
-}
-
-bool isMapped(const std::string& name) {
-    std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);) {
-        if (line.find(name) != std::string::npos) return true;
-    }
-    return false;
 }
 
 MisbehavingServer::Handler greets() {
@@ -77,8 +69,8 @@ UTILIA_CHILD_ROLE(webTool) {
         return "";
     });
     script.on("maps", [](const auto&) {
-        return std::string(isMapped("/Net.so") ? "Net" : "") +
-               (isMapped("libcurl") ? " libcurl" : "") + (isMapped("libgio") ? " GIO" : "");
+        return std::string(isLoaded("/Net.so") ? "Net" : "") +
+               (isLoaded("libcurl") ? " libcurl" : "") + (isLoaded("libgio") ? " GIO" : "");
     });
     // Network connections that a program started from here would inherit.
     script.on("inherited", [](const auto&) {
