@@ -135,8 +135,10 @@ show_the_dark() {
     reach "the icon is back" icon_place
     reach "the window is dark" is_dark "$(agent_window)"
 
-    say "A click on Timer's entry holds it, and one on Keep Awake's turns it off. Both are permanent."
-    choose_from_menu "Timer" Down Down Down Down
+    say "Timer is held by a second start of it, and Keep Awake turned off from the menu. Both are permanent."
+    catch_up
+    typed timer hold
+    timeout "$patience" "$timer" hold || failed "the second start ended with status $?"
     expect "Timer holds" '^permanent +Timer +[0-9:]+ \(held\)$'
     choose_from_menu "Keep Awake" Down
     expect "Keep Awake is off" '^permanent +Keep Awake +Off$'
