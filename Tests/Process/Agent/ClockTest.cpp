@@ -81,12 +81,14 @@ TEST_F(ClockTest, AgentMakesUpOnceForWhatItSleptThrough) {
         record.set("interval", kHour);
     });
     std::vector<std::string> fired;
-    ScheduleRunner runner({.fire =
-                               [&](const std::string& tool) {
-                                   fired.push_back(tool);
-                                   return ScheduleRunner::Outcome::Done;
-                               },
-                           .launch = [](const auto&) { return ScheduleRunner::Outcome::Done; }});
+    ScheduleRunner::Actions actions;
+    actions.tell = [&](const std::string& tool) {
+        fired.push_back(tool);
+        return Telling::Told;
+    };
+    actions.launch = [](const std::string&) { return ScheduleRunner::Outcome::Done; };
+    actions.launchAtLogin = actions.launch;
+    ScheduleRunner runner(actions);
     runner.start();
     RunLoop::currentRunLoop().runFor(10ms);
     ASSERT_TRUE(fired.empty());
