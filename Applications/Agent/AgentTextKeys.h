@@ -25,17 +25,21 @@ inline constexpr std::string_view kRestrictedText = "Not allowed by your adminis
 inline constexpr std::string_view kDamagedText = "Damaged: install it again";
 inline constexpr std::string_view kMissingText = "To be started at login, but not installed";
 inline constexpr std::string_view kRunningText = "Running";
-inline constexpr std::string_view kActiveText = "Active";
 inline constexpr std::string_view kOffText = "Not running";
 inline constexpr std::string_view kPermanentText = "Always shown";
+// Between the parts of what is read aloud.
+inline constexpr std::string_view kSeparatorText = ", ";
 
 // The window. "&" stands before the letter that works with Alt; on one page each letter stands for one thing only.
 inline constexpr std::string_view kToolListText = "Installed tools";
 inline constexpr std::string_view kToolsText = "&Tools";
 inline constexpr std::string_view kSettingsText = "S&ettings";
 inline constexpr std::string_view kStartText = "&Start";
-inline constexpr std::string_view kOpenText = "&Open";
-inline constexpr std::string_view kTurnOffText = "Turn O&ff";
+inline constexpr std::string_view kClickText = "&Click";
+inline constexpr std::string_view kClickExplanationText =
+    "The same as a click on it in the menu of the status icon. What happens then is the tool’s own "
+    "affair.";
+inline constexpr std::string_view kQuitToolText = "&Quit";
 inline constexpr std::string_view kStartToolAtLoginText = "Start this tool at &login";
 inline constexpr std::string_view kNoTrayText =
     "Your desktop shows no status icons. Your tools are in this window.";
@@ -50,7 +54,7 @@ inline constexpr std::string_view kCannotKeepText =
 // %@: the name of a tool.
 inline constexpr std::string_view kNotRespondingText = "%@ does not respond.";
 inline constexpr std::string_view kCannotStartText = "%@ cannot be started.";
-inline constexpr std::string_view kCannotTurnOffText = "%@ cannot be turned off.";
+inline constexpr std::string_view kCannotQuitToolText = "%@ cannot be quit.";
 inline constexpr std::string_view kSuggestionText = "You have not used %@ yet.";
 inline constexpr std::string_view kTryText = "T&ry It";
 inline constexpr std::string_view kNotNowText = "&Not Now";
@@ -62,9 +66,8 @@ inline constexpr std::string_view kSuggestToolsText = "&Suggest tools that I hav
 inline constexpr std::string_view kUsageText = "Usage reporting";
 inline constexpr std::string_view kShareUsageText = "&Report how I use the tools";
 inline constexpr std::string_view kUsageExplanationText =
-    "Once a week a report of which tools were started and used is sent to their makers. The "
-    "preview "
-    "shows exactly what is in it.";
+    "Once a week a report of which tools were started and used is sent to the maker of the "
+    "tools. The preview shows exactly what is in it.";
 inline constexpr std::string_view kUsageByAdministratorText =
     "Your administrator has switched usage reporting off.";
 inline constexpr std::string_view kPreviewText = "&Preview…";
@@ -95,15 +98,16 @@ inline constexpr std::array kAgentTexts{kShowWindowText,
                                         kDamagedText,
                                         kMissingText,
                                         kRunningText,
-                                        kActiveText,
                                         kOffText,
                                         kPermanentText,
+                                        kSeparatorText,
                                         kToolListText,
                                         kToolsText,
                                         kSettingsText,
                                         kStartText,
-                                        kOpenText,
-                                        kTurnOffText,
+                                        kClickText,
+                                        kClickExplanationText,
+                                        kQuitToolText,
                                         kStartToolAtLoginText,
                                         kNoTrayText,
                                         kNoBusText,
@@ -111,7 +115,7 @@ inline constexpr std::array kAgentTexts{kShowWindowText,
                                         kCannotKeepText,
                                         kNotRespondingText,
                                         kCannotStartText,
-                                        kCannotTurnOffText,
+                                        kCannotQuitToolText,
                                         kSuggestionText,
                                         kTryText,
                                         kNotNowText,

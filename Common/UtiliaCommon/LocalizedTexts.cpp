@@ -16,9 +16,11 @@ std::string localizedText(std::string_view key) {
 
 std::string textWithName(std::string_view localizedFormat, std::string_view englishFormat,
                          std::string_view name) {
-    std::string_view rest = localizedFormat.find(kNamePlace) != std::string_view::npos
-                                ? localizedFormat
-                                : englishFormat;
+    const auto hasPlace = [](std::string_view format) {
+        return format.find(kNamePlace) != std::string_view::npos;
+    };
+    const bool hasLostPlace = hasPlace(englishFormat) && !hasPlace(localizedFormat);
+    std::string_view rest = hasLostPlace ? englishFormat : localizedFormat;
     std::string text;
     for (std::size_t place; (place = rest.find(kNamePlace)) != std::string_view::npos;) {
         text.append(rest.substr(0, place)).append(name);

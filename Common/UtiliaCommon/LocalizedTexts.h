@@ -33,8 +33,8 @@ inline constexpr std::array kLocalizedTexts{
 // Threads: any.
 UTILIA_EXPORT std::string localizedText(std::string_view key);
 
-// A localised format with `name` in the place of each "%@"; the English one when the localised one
-// has no place for the name. The name is not looked into.
+// A localised format with `name` in the place of each "%@"; the English one when only that has a
+// place for the name. The name is not looked into.
 UTILIA_EXPORT std::string textWithName(std::string_view localizedFormat,
                                        std::string_view englishFormat, std::string_view name);
 

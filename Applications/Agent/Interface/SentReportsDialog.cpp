@@ -58,6 +58,7 @@ SentReportsDialog::SentReportsDialog(QWidget* parent) : QDialog(parent) {
     view->setAccessibleName(text(kSentDocumentText));
     view->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
     view->setLineWrapMode(QPlainTextEdit::NoWrap);
+    view->setTabStopDistance(4 * view->fontMetrics().horizontalAdvance(QLatin1Char(' ')));
     auto* const none = new QLabel(text(kNothingSentText), this);
     none->setAlignment(Qt::AlignCenter);
     auto* const close = new QPushButton(text(kCloseText), this);

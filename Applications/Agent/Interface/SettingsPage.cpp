@@ -5,6 +5,7 @@
 
 #include <QCheckBox>
 #include <QDialog>
+#include <QFontDatabase>
 #include <QGroupBox>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -30,6 +31,15 @@ namespace {
 std::optional<std::string> ownURL() {
     const platform::Bundle* const bundle = platform::Bundle::mainBundle();
     return bundle ? std::optional(bundle->bundlePath()) : std::nullopt;
+}
+
+// Without the build number, which means nothing to users.
+QString ownVersion() {
+    const platform::Bundle* const bundle = platform::Bundle::mainBundle();
+    const Dictionary info = bundle ? bundle->infoDictionary() : Dictionary();
+    const Value* const version = info.find("CFBundleShortVersionString");
+    const std::string* const text = version ? version->string() : nullptr;
+    return QString::fromStdString(text ? *text : std::string());
 }
 
 // What the next upload would send: the reports that wait, and those that it would make of the logs.
@@ -139,6 +149,11 @@ void SettingsPage::preview() {
         new QPlainTextEdit(documents.isEmpty() ? text(kNothingToSendText) : documents, dialog);
     view->setReadOnly(true);
     view->setAccessibleName(dialog->windowTitle());
+    if (!documents.isEmpty()) {
+        view->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
+        view->setLineWrapMode(QPlainTextEdit::NoWrap);
+        view->setTabStopDistance(4 * view->fontMetrics().horizontalAdvance(QLatin1Char(' ')));
+    }
     // The documents are in English markup, whatever the layout's direction.
     view->setLayoutDirection(documents.isEmpty() ? layoutDirection() : Qt::LeftToRight);
     auto* const close = new QPushButton(text(kCloseText), dialog);
@@ -150,9 +165,7 @@ void SettingsPage::preview() {
 }
 
 void SettingsPage::addWhatIsNew(QVBoxLayout& layout) {
-    const QString version = QString::fromStdString(
-        VersionManager::versionToString(VersionManager::mainBundleVersion()));
-    auto* const group = new QGroupBox(textWithName(kWhatIsNewText, version), this);
+    auto* const group = new QGroupBox(textWithName(kWhatIsNewText, ownVersion()), this);
     auto* const column = new QVBoxLayout(group);
     description_ = new QLabel(group);
     description_->setTextFormat(Qt::PlainText);

@@ -32,32 +32,39 @@ QString detail(const ToolEntry& tool) {
     return QString::fromStdString(tool.menuText).simplified();
 }
 
-QString runState(const ToolEntry& tool) {
-    if (!tool.isRunning) return text(kOffText);
-    return text(tool.isActive() ? kActiveText : kRunningText);
-}
-
-QString state(const ToolEntry& tool) {
+// Whether it runs, and whether it is shown while it does not: as it stands at the end of the row.
+QStringList states(const ToolEntry& tool) {
     if (!tool.isReady()) return {};
-    if (tool.isRunning) return runState(tool);
-    return tool.isPermanent() ? text(kPermanentText) : QString();
+    QStringList all{text(tool.isRunning ? kRunningText : kOffText)};
+    if (tool.isPermanent()) all.append(text(kPermanentText));
+    return all;
 }
 
-// What a screen reader says of the row.
-QString spoken(const ToolEntry& tool) {
-    QStringList parts{QString::fromStdString(tool.name)};
-    if (const QString more = detail(tool); !more.isEmpty()) parts.append(more);
-    if (tool.isReady()) parts.append(runState(tool));
-    if (tool.isReady() && tool.isPermanent()) parts.append(text(kPermanentText));
-    return parts.join(QStringLiteral(", "));
+// Everything that the row says, of which there may be more than it has room for.
+QStringList sayings(const ToolEntry& tool) {
+    QStringList all{QString::fromStdString(tool.name)};
+    if (const QString more = detail(tool); !more.isEmpty()) all.append(more);
+    return all + states(tool);
 }
 
-// The whole text, which may be too long for its line, and what an expert may want to know.
+// What is read aloud of the row.
+QString spoken(const ToolEntry& tool) { return sayings(tool).join(text(kSeparatorText)); }
+
+// The whole texts, and for an expert why a tool is damaged.
 QString toolTip(const ToolEntry& tool) {
-    QStringList lines{QString::fromStdString(tool.isReady() ? tool.path : tool.reason)};
-    if (const QString more = detail(tool); !more.isEmpty()) lines.prepend(more);
-    return QStringLiteral("<p style='white-space:pre'>%1</p>")
+    QStringList lines = sayings(tool);
+    if (!tool.reason.empty()) lines.append(QString::fromStdString(tool.reason));
+    return QStringLiteral("<p style='white-space:pre-wrap'>%1</p>")
         .arg(lines.join(QLatin1Char('\n')).toHtmlEscaped());
+}
+
+// A lamp before the text says the same to the eye: none of a tool that does not run, a ring of one that does, filled while
+// it has something to show.
+enum class Lamp { None, Ring, Disc };
+
+Lamp lampOf(const ToolEntry& tool) {
+    if (!tool.isReady() || !tool.isRunning) return Lamp::None;
+    return tool.status == kToolStatusInactive ? Lamp::Ring : Lamp::Disc;
 }
 
 QFont nameFont(const QFont& font) {
@@ -125,10 +132,10 @@ QVariant ToolItemModel::data(const QModelIndex& index, int role) const {
         return QString::fromStdString(tool.identifier);
     case DetailRole:
         return detail(tool);
-    case StateRole:
-        return state(tool);
-    case RunningRole:
-        return tool.isRunning;
+    case StatesRole:
+        return states(tool);
+    case LampRole:
+        return static_cast<int>(lampOf(tool));
     case ReadyRole:
         return tool.isReady();
     default:
@@ -182,29 +189,35 @@ void ToolItemDelegate::paint(QPainter* painter, const QStyleOptionViewItem& plai
         painter->setOpacity(1);
     }
 
-    const QString stateText = index.data(ToolItemModel::StateRole).toString();
+    const QStringList stateTexts = index.data(ToolItemModel::StatesRole).toStringList();
     const int dot = std::max(metrics.ascent() / 2, 6);
     int stateWidth = 0;
-    if (!stateText.isEmpty()) {
-        stateWidth = metrics.horizontalAdvance(stateText) + dot + 6;
-        const QRect place(inner.right() - stateWidth, inner.top(), stateWidth, inner.height());
+    for (const QString& line : stateTexts)
+        stateWidth = std::max(stateWidth, metrics.horizontalAdvance(line) + dot + 6);
+    const int linesHeight =
+        static_cast<int>(stateTexts.size()) * (metrics.height() + kLineGap) - kLineGap;
+    int stateTop = inner.top() + (inner.height() - linesHeight) / 2;
+    for (const QString& line : stateTexts) {
+        const QRect place(inner.right() - stateWidth, stateTop, stateWidth, metrics.height());
         painter->setFont(option.font);
         painter->setPen(soft);
         painter->drawText(
-            mirrored(place.adjusted(dot + 6, 0, 0, 0)),
+            mirrored(place),
             flags(Qt::AlignAbsolute |
                   (option.direction == Qt::RightToLeft ? Qt::AlignLeft : Qt::AlignRight)),
-            stateText);
+            line);
+        stateTop += metrics.height() + kLineGap;
+    }
+    const Lamp mark = static_cast<Lamp>(index.data(ToolItemModel::LampRole).toInt());
+    if (mark != Lamp::None) {
+        const int textLeft = inner.right() - metrics.horizontalAdvance(stateTexts.front());
         // Beside the small letters, which lie lower than the middle of the line.
-        const int middle = inner.top() + (inner.height() - metrics.height()) / 2 +
-                           metrics.ascent() - metrics.xHeight() / 2;
-        const QRect mark(place.left(), middle - dot / 2, dot, dot);
+        const int middle = inner.top() + (inner.height() - linesHeight) / 2 + metrics.ascent() -
+                           metrics.xHeight() / 2;
         painter->setRenderHint(QPainter::Antialiasing);
-        const bool isRunning = index.data(ToolItemModel::RunningRole).toBool();
-        // Filled and hollow, so that the mark does not speak by colour alone.
-        painter->setPen(QPen(isRunning ? lamp : soft, 1.5));
-        painter->setBrush(isRunning ? QBrush(lamp) : QBrush(Qt::NoBrush));
-        painter->drawEllipse(mirrored(mark));
+        painter->setPen(QPen(lamp, 1.5));
+        painter->setBrush(mark == Lamp::Disc ? QBrush(lamp) : QBrush(Qt::NoBrush));
+        painter->drawEllipse(mirrored({textLeft - 6 - dot, middle - dot / 2, dot, dot}));
     }
 
     const int left = picture.right() + kPadding + 4;

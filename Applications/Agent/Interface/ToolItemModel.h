@@ -15,8 +15,8 @@ public:
     enum Role {
         IdentifierRole = Qt::UserRole,
         DetailRole,  // the second line: the tool's text, or why it cannot be used
-        StateRole,   // "Running" or "Active"; empty for a tool that is not ready
-        RunningRole,
+        StatesRole,  // whether it runs, and whether it is always shown; empty for a tool that is not ready
+        LampRole,
         ReadyRole,
     };
 

@@ -98,7 +98,7 @@ QWidget* ToolsPage::makeButtons() {
     auto* const row = new QHBoxLayout(box);
     row->setContentsMargins(0, 0, 0, 0);
     atLogin_ = new QCheckBox(text(kStartToolAtLoginText), box);
-    turnOff_ = new QPushButton(text(kTurnOffText), box);
+    turnOff_ = new QPushButton(text(kQuitToolText), box);
     open_ = new QPushButton(text(kStartText), box);
     row->addWidget(atLogin_);
     row->addStretch(1);
@@ -106,7 +106,7 @@ QWidget* ToolsPage::makeButtons() {
     row->addWidget(open_);
     connect(open_, &QPushButton::clicked, this, [this] { activate(); });
     connect(turnOff_, &QPushButton::clicked, this,
-            [this] { report(tools_.turnOff(selected()), selected(), kCannotTurnOffText); });
+            [this] { report(tools_.turnOff(selected()), selected(), kCannotQuitToolText); });
     connect(atLogin_, &QCheckBox::clicked, this, [this](bool isWanted) {
         if (isWanted) {
             UtiliaToolLauncher::addToolToLaunchAtLogin(selected());
@@ -156,9 +156,13 @@ void ToolsPage::follow(const ToolList::Change& change) {
 
 void ToolsPage::updateButtons() {
     const ToolEntry* const tool = tools_.find(selected());
-    open_->setText(text(tool && tool->isRunning ? kOpenText : kStartText));
+    const bool isRunning = tool && tool->isRunning;
+    open_->setText(text(isRunning ? kClickText : kStartText));
+    const QString explanation = isRunning ? text(kClickExplanationText) : QString();
+    open_->setToolTip(explanation);
+    open_->setAccessibleDescription(explanation);
     open_->setEnabled(tool && tool->isReady());
-    turnOff_->setEnabled(tool && tool->isRunning);
+    turnOff_->setEnabled(isRunning);
     const bool isAtLogin = tool && UtiliaToolLauncher::isToolInLaunchAtLogin(tool->identifier);
     // A tool that is missing can still be taken off the list.
     atLogin_->setEnabled(tool && (tool->isReady() || isAtLogin));

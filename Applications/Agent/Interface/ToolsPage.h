@@ -18,7 +18,7 @@ namespace utilia::agent {
 class ToolItemModel;
 
 // The tools as a list, and what can be done with the one that is selected. Everything works by keyboard: arrows select,
-// Return starts or opens, Tab leads to the buttons, which are also in the menu of the menu key.
+// Return starts or clicks, Tab leads to the buttons, which are also in the menu of the menu key.
 //
 // Threads: the main thread. The list outlives this object.
 class ToolsPage final : public QWidget {

@@ -112,15 +112,14 @@ MenuItem TrayMenu::itemOf(const ToolEntry& tool) {
     case ToolEntry::Condition::Ready:
         if (!tool.menuText.empty())
             shown += QStringLiteral(" \u2013 ") + nextTo(name, onOneLine(tool.menuText));
-        spoken = shown + QStringLiteral(", ") + text(tool.isRunning ? kRunningText : kOffText);
+        spoken = shown + text(kSeparatorText) + text(tool.isRunning ? kRunningText : kOffText);
         break;
     }
     properties[QStringLiteral("label")] = label(shown);
     if (!spoken.isEmpty()) properties[QStringLiteral("accessible-desc")] = spoken;
     if (!tool.isReady()) properties[QStringLiteral("enabled")] = false;
     if (tool.isPermanent() || tool.isActive()) {
-        properties[QStringLiteral("toggle-type")] =
-            tool.isPermanent() ? QStringLiteral("radio") : QStringLiteral("checkmark");
+        properties[QStringLiteral("toggle-type")] = QStringLiteral("checkmark");
         properties[QStringLiteral("toggle-state")] = tool.isRunning ? 1 : 0;
     }
     properties[QStringLiteral("icon-data")] = pictureFor(tool);

@@ -16,8 +16,8 @@ namespace utilia::agent {
 // The menu of the status icon, as panels ask for it on the bus (dbusmenu, version 3): the tools, and below them what the
 // agent itself offers.
 //
-// A tool is marked with a check when it is active and with a radio mark when it is permanent, set while it runs. Its
-// text follows its name. A tool that cannot be used is grey and says why.
+// A tool that is active or permanent is marked with a check, set while it runs. Its text follows its name. A tool that
+// cannot be used is grey and says why.
 //
 // Only what differs is told: changed items with their changed properties, or a new layout when items have come or gone.
 //

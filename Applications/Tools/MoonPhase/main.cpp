@@ -35,7 +35,7 @@ be full, or its phase again.
 
 std::string phaseText(MoonPhase moon) {
     const std::string lit = std::to_string(std::lround(moon.litPart() * 100)) + " %";
-    return toolText(moon.name()) + ", " + toolText("%@ lit", lit);
+    return toolText(moon.name()) + toolText(", ") + toolText("%@ lit", lit);
 }
 
 std::string fullMoonText(MoonPhase moon) {

@@ -127,7 +127,7 @@ TEST_F(AgentAccessibilityTest, SpeaksNameAndStatusOfEachTool) {
     const auto expected =
         ElementsAre("Notes, Running, Always shown", "Read Later, Damaged: install it again",
                     "Ruler, Not running", "Timer, Not allowed by your administrator",
-                    "World_Clock, 12:30 in Lima, Active");
+                    "World_Clock, 12:30 in Lima, Running");
     (void)test::eventually([&] { return testing::Value(rows(), expected); });
     EXPECT_THAT(rows(), expected);
 }
@@ -162,12 +162,12 @@ TEST_F(AgentAccessibilityTest, LeadsToEveryControlWithTab) {
     ASSERT_TRUE(test::eventually([&] {
         const auto all = read();
         return std::any_of(all.begin(), all.end(),
-                           [](const Element& one) { return one.name == "Timer, Active"; });
+                           [](const Element& one) { return one.name == "Timer, Running"; });
     }));
     const std::map<std::string, std::vector<std::string>> pages{
         {"alt+t",
-         {"Tools", "Try It", "Not Now", "Installed tools", "Start this tool at login", "Turn Off",
-          "Open"}},
+         {"Tools", "Try It", "Not Now", "Installed tools", "Start this tool at login", "Quit",
+          "Click"}},
         {"alt+e",
          {"Settings", "Open Korvane Utilia at login", "Suggest tools that I have not used",
           "Report how I use the tools", "Preview…", "What Was Sent…",
@@ -211,7 +211,7 @@ TEST_F(AgentAccessibilityTest, DoesByKeyboardWhatCanBeDoneWithATool) {
     test::RecordingPort timerPort(portOf(timer_));
     sayStatus(timer_, 1);
     const auto hasBeenToldToEnd = [&] {
-        display_.press({"alt+f"});
+        display_.press({"alt+q"});
         const auto& all = timerPort.messages();
         return std::any_of(all.begin(), all.end(),
                            [](const test::RecordedMessage& one) { return one.id == 105; });

@@ -62,8 +62,8 @@ protected:
         return test::eventually([&] {
             const std::string menu = ask(panel_, "menu");
             std::size_t shown = 0;
-            for (std::size_t at = menu.find(" " + text + " [radio]"); at != std::string::npos;
-                 at = menu.find(" " + text + " [radio]", at + 1))
+            for (std::size_t at = menu.find(" " + text + " [checkmark]"); at != std::string::npos;
+                 at = menu.find(" " + text + " [checkmark]", at + 1))
                 ++shown;
             return shown == kTools;
         });

@@ -107,6 +107,20 @@ TEST_F(AgentMessagesTest, SayThatThereIsNoPanelUntilThereIsOne) {
     EXPECT_THAT(heardWithout(kNoTray), testing::Not(HasSubstr("status icon")));
 }
 
+TEST_F(AgentMessagesTest, SayItInTheLanguageOfTheUser) {
+    for (const auto& [language, said] : {std::pair("de", "Ihr Desktop zeigt keine Statussymbole."),
+                                         std::pair("ar", "سطح المكتب لا يعرض أيقونات الحالة.")}) {
+        auto environment = audible();
+        environment["LANGUAGE"] = language;
+        auto agent = startAgent(environment, {"--show-ui"});
+        display_.waitForWindow(kTitle);
+        EXPECT_THAT(heardWith(said), HasSubstr(said));
+        photograph(std::string("no-panel-") + language);
+        agent.signal(SIGTERM);
+        EXPECT_EQ(agent.waitForExit(), 0);
+    }
+}
+
 // The programs that make a window heard end with their bus, so this one is seen.
 TEST_F(AgentMessagesTest, LeaveEverythingUsableWhenTheBusIsLost) {
     installPresenting();

@@ -50,9 +50,9 @@ TEST(AgentTexts, AreInEveryLanguageAndKeepThePlaceOfTheName) {
 
 // What is on one page at the same time: the controls of the window, and those of each page.
 const std::vector<std::string_view> kPages[] = {
-    {kToolsText, kSettingsText, kStartText, kTurnOffText, kStartToolAtLoginText, kTryText,
+    {kToolsText, kSettingsText, kStartText, kQuitToolText, kStartToolAtLoginText, kTryText,
      kNotNowText},
-    {kToolsText, kSettingsText, kOpenText, kTurnOffText, kStartToolAtLoginText, kTryText,
+    {kToolsText, kSettingsText, kClickText, kQuitToolText, kStartToolAtLoginText, kTryText,
      kNotNowText},
     {kToolsText, kSettingsText, kOpenAtLoginText, kSuggestToolsText, kShareUsageText, kPreviewText,
      kSentText},
@@ -88,6 +88,19 @@ TEST(AgentTexts, HaveALetterForAltThatStandsForOneControlOfAPage) {
         for (const std::string_view key : kAgentTexts) {
             const bool hasLetter = catalog.find(key).value_or("").find('&') != key.npos;
             EXPECT_EQ(hasLetter, checked.contains(key)) << language << ": " << key;
+        }
+    }
+}
+
+// An underline between joined letters tears the word apart.
+TEST(AgentTexts, HaveTheLetterForAltBehindWordsWhoseLettersAreJoined) {
+    for (const char* language : {"ar", "ja"}) {
+        const MessageCatalog catalog = catalogOf(language);
+        for (const std::string_view key : kAgentTexts) {
+            const auto text = catalog.find(key).value_or("");
+            const std::size_t place = text.find('&');
+            EXPECT_TRUE(place == text.npos || (place > 0 && text[place - 1] == '('))
+                << language << ": " << text;
         }
     }
 }

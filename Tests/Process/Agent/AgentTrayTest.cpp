@@ -61,7 +61,7 @@ TEST_F(AgentTrayTest, HasAMenuOfTheToolsAsTheyAre) {
     sayStatus(timer_, 2);
     speak(timer_, 108, {"0:42"});
     sayStatus(clock_, 1);
-    const std::string both = withOwn("Timer – 0:42 [radio]; World__Clock [checkmark]");
+    const std::string both = withOwn("Timer – 0:42 [checkmark]; World__Clock [checkmark]");
     EXPECT_EQ(menuThatBecomes(panel, both), both);
     EXPECT_EQ(ask(panel, "spoken"), "Timer – 0:42, Running; World_Clock, Running");
     EXPECT_THAT(ask(panel, "changes"), testing::Not(HasSubstr("layout")))

@@ -17,6 +17,11 @@ TEST(TextWithName, IsEnglishWhenTheLocalisedFormatHasLostThePlace) {
     }
 }
 
+TEST(TextWithName, IsLocalisedWhereNeitherFormatNamesAnything) {
+    EXPECT_EQ(textWithName("Hier ist nichts.", "There is nothing here.", ""), "Hier ist nichts.");
+    EXPECT_EQ(textWithName("Das ist %@.", "This is it.", "Timer"), "Das ist Timer.");
+}
+
 TEST(TextWithName, DoesNotLookIntoTheName) {
     EXPECT_EQ(textWithName("<%@>", "%@", "%@%s%n%%"), "<%@%s%n%%>");
     EXPECT_EQ(textWithName("<%@>", "%@", ""), "<>");

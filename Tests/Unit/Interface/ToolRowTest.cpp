@@ -1,7 +1,10 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <QImage>
 
+#include "Common/UtiliaCommon/ToolDataProvider/PortProtocol.h"
+#include "Tests/Support/RecordingPort.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestBundle.h"
 
@@ -20,10 +23,10 @@ protected:
         EXPECT_EQ(timer_.role("paintToolRow", how).waitForExit(), 0);
         return QImage(QString::fromStdString(file));
     }
-    static bool hasInk(const QImage& image, int from, int to) {
+    static bool hasColor(const QImage& image, const QColor& color, int from, int to) {
         for (int x = from; x < to; ++x) {
             for (int y = 0; y < image.height(); ++y) {
-                if (image.pixelColor(x, y) != QColor(Qt::white)) return true;
+                if (image.pixelColor(x, y) == color) return true;
             }
         }
         return false;
@@ -38,14 +41,34 @@ TEST_F(ToolRow, BeginsWithThePictureWhereTheLayoutBegins) {
     const QImage forth = paint();
     const QImage back = paint({"mirrored"});
     const int width = forth.width();
-    EXPECT_TRUE(hasInk(forth, 0, width / 2));
-    EXPECT_FALSE(hasInk(forth, width / 2, width));
-    EXPECT_FALSE(hasInk(back, 0, width / 2));
-    EXPECT_TRUE(hasInk(back, width / 2, width));
     // The picture is a disc in one colour: the same one, mirrored.
     const int middle = forth.height() / 2;
+    const QColor disc = forth.pixelColor(14, middle);
+    EXPECT_TRUE(hasColor(forth, disc, 0, width / 2));
+    EXPECT_FALSE(hasColor(forth, disc, width / 2, width));
+    EXPECT_FALSE(hasColor(back, disc, 0, width / 2));
+    EXPECT_TRUE(hasColor(back, disc, width / 2, width));
     EXPECT_EQ(forth.pixelColor(14, middle), back.pixelColor(width - 1 - 14, middle));
     EXPECT_NE(forth.pixelColor(14, middle), QColor(Qt::white));
+}
+
+// Short lines are cut; the tip has all of it, and nothing that only developers read.
+TEST_F(ToolRow, HasATipWithTheWholeText) {
+    auto row = timer_.role("sayToolRow", {});
+    ASSERT_EQ(row.waitForLine(), "ready");
+    const test::RecordingPort timer(toolPortName(canonicalToolPath(timer_.path(), std::nullopt)));
+    const std::string text = "a <text> " + std::string(200, '-') + " the end";
+    for (const auto& [id, said] :
+         {std::pair(100u, std::string("\2\0\0\0\0\0\0\0", 8)), std::pair(108u, text)}) {
+        EXPECT_TRUE(test::eventually([&] {
+            return test::RecordingPort::send(kAgentPortName, id, {timer_.path(), said});
+        }));
+    }
+    const std::string tip = row.waitForLine().value_or("");
+    EXPECT_THAT(tip, testing::HasSubstr("Timer|a &lt;text&gt; " + std::string(200, '-') +
+                                        " the end|Running|Always shown"));
+    EXPECT_THAT(tip, testing::Not(testing::HasSubstr(timer_.path())));
+    EXPECT_EQ(row.waitForLine(), "Running|Always shown");
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include <chrono>
 #include <string>
 
 #include <QAbstractButton>
@@ -11,10 +12,13 @@
 #include "Applications/Agent/AgentTexts.h"
 #include "Applications/Agent/Interface/AgentWindow.h"
 #include "Applications/Agent/Interface/ToolItemModel.h"
+#include "Applications/Agent/Model/StandingMessages.h"
 #include "Applications/Tools/ScreenCapture/CaptureWindow.h"
 #include "Applications/Tools/Timer/TimerWindow.h"
 #include "Common/Platform/Bundle.h"
+#include "Common/Platform/RunLoop.h"
 #include "Tests/Support/ChildRole.h"
+#include "Tests/Support/RecordingPort.h"
 #include "Tests/Unit/Interface/OffscreenApplication.h"
 
 // Windows as applications have them: in processes that have the bundle, the language and the size of letters that the test
@@ -147,6 +151,38 @@ UTILIA_CHILD_ROLE(paintToolRow) {
     delegate.paint(&painter, option, model.index(0));
     painter.end();
     return image.save(QString::fromStdString(self.arguments[0])) ? 0 : 1;
+}
+
+// Says the whole text of the first row, once there is "the end" in it, and what stands at its end.
+UTILIA_CHILD_ROLE(sayToolRow) {
+    const test::OffscreenApplication application;
+    agent::ToolList tools;
+    tools.reload();
+    const agent::ToolItemModel model(tools, nullptr);
+    const auto toolTip = [&] { return model.data(model.index(0), Qt::ToolTipRole).toString(); };
+    self.say("ready");
+    (void)test::eventually([&] {
+        platform::RunLoop::currentRunLoop().runFor(std::chrono::milliseconds(10));
+        return toolTip().contains(QStringLiteral("the end"));
+    });
+    self.say(toolTip().replace(QLatin1Char('\n'), QLatin1Char('|')).toStdString());
+    self.say(model.data(model.index(0), agent::ToolItemModel::StatesRole)
+                 .toStringList()
+                 .join(QLatin1Char('|'))
+                 .toStdString());
+    return 0;
+}
+
+// Says what the window says when something is amiss.
+UTILIA_CHILD_ROLE(sayStandingMessages) {
+    using Bus = agent::Troubles::Bus;
+    for (const agent::Troubles& troubles :
+         {agent::Troubles{.isWithoutPanel = true}, agent::Troubles{.bus = Bus::Missing},
+          agent::Troubles{.bus = Bus::Lost, .unwritableFolder = "/home/x"}}) {
+        for (const auto& [key, name] : agent::standingMessages(troubles))
+            self.say(agent::textWithName(key, QString::fromStdString(name)).toStdString());
+    }
+    return 0;
 }
 
 }  // namespace

@@ -44,6 +44,33 @@ TEST_F(WindowRoom, IsEnoughInTheAgent) {
     expectRoom("roomInAgentWindow", UTILIA_AGENT_PROGRAM, 2);
 }
 
+// Also the messages that name nothing.
+TEST_F(WindowRoom, IsFilledWithMessagesInTheLanguage) {
+    const TestBundle bundle(home_);
+    fs::create_directory_symlink(fs::path(UTILIA_AGENT_PROGRAM).parent_path() / "../Resources",
+                                 fs::path(bundle.path()) / "Contents/Resources");
+    const auto said = [&](const char* language) {
+        auto agent =
+            bundle.role("sayStandingMessages", {}, {.environment = {{"LANGUAGE", language}}});
+        std::vector<std::string> lines;
+        while (const auto line = agent.waitForLine()) lines.push_back(*line);
+        EXPECT_EQ(agent.waitForExit(), 0);
+        return lines;
+    };
+    using testing::HasSubstr;
+    EXPECT_THAT(said("en"), testing::ElementsAre(HasSubstr("Your desktop shows no"),
+                                                 HasSubstr("There is no session"),
+                                                 HasSubstr("The session bus (D-Bus) is lost"),
+                                                 HasSubstr("/home/x")));
+    EXPECT_THAT(said("de"), testing::ElementsAre(HasSubstr("Ihr Desktop zeigt keine"),
+                                                 HasSubstr("Es gibt keinen Sitzungsbus"),
+                                                 HasSubstr("Der Sitzungsbus (D-Bus) ist verloren"),
+                                                 HasSubstr("/home/x")));
+    EXPECT_THAT(said("ar"),
+                testing::ElementsAre(HasSubstr("سطح المكتب لا يعرض"), HasSubstr("لا توجد ناقلة"),
+                                     HasSubstr("فُقدت ناقلة"), HasSubstr("/home/x")));
+}
+
 TEST_F(WindowRoom, IsEnoughInScreenCapture) {
     expectRoom("roomInCaptureWindow", UTILIA_SCREEN_CAPTURE_PROGRAM, 3);
 }
