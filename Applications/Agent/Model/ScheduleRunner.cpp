@@ -81,17 +81,23 @@ void ScheduleRunner::look() {
     const Date now = time_.now();
     std::optional<Date> next;
     std::vector<Occasion> due;
+    std::map<Occasion, std::optional<Date>> handled;
     AgentScheduler::enumerateTools([&](const auto& identifier, const auto& name, const auto& date) {
         if (!identifier || !name || !date) return;
-        if (*date > now) {
-            if (!next || *date < *next) next = date;
-            return;
-        }
         Occasion occasion(*identifier, *name, *date);
-        if (!handled_.contains(occasion) && !waiting_.contains(occasion) && !isQueued(occasion) &&
-            !isOwed(occasion))
+        std::optional<Date> when = date;
+        if (const auto found = handled_.find(occasion); found != handled_.end()) {
+            handled.insert(*found);
+            when = found->second;
+        }
+        if (!when) return;
+        if (*when > now) {
+            if (!next || *when < *next) next = when;
+        } else if (!waiting_.contains(occasion) && !isQueued(occasion) && !isOwed(occasion)) {
             due.push_back(std::move(occasion));
+        }
     });
+    handled_ = std::move(handled);
     nextDate_.reset();
     if (next) nextDate_ = time_.at(*next, [this] { look(); });
     std::stable_sort(due.begin(), due.end(), [](const Occasion& left, const Occasion& right) {
@@ -166,8 +172,7 @@ void ScheduleRunner::endPatience(const std::string& identifier) {
 
 void ScheduleRunner::settle(const std::set<Occasion>& occasions) {
     for (const Occasion& occasion : occasions) {
-        handled_.insert(occasion);
-        advance(occasion);
+        handled_[occasion] = advance(occasion);
     }
     look();
 }
@@ -203,7 +208,8 @@ void ScheduleRunner::keptIsOver(const std::string& identifier, ToolList::Kept fa
 
 // ---- the records
 
-void ScheduleRunner::advance(const Occasion& occasion) const {
+// Answers the next date, also where the record could not be changed.
+std::optional<Date> ScheduleRunner::advance(const Occasion& occasion) const {
     const auto& [identifier, name, occasionDate] = occasion;
     const Date date = occasionDate;
     double interval = 0;
@@ -222,6 +228,7 @@ void ScheduleRunner::advance(const Occasion& occasion) const {
             record.remove(kSchedulerLaunchAtDateKey);
         }
     });
+    return next;
 }
 
 }  // namespace utilia::agent

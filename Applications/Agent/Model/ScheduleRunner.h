@@ -106,7 +106,7 @@ private:
     void settle(const std::set<Occasion>& occasions);
     void workOn();
     void actOn(const Work& work);
-    void advance(const Occasion& occasion) const;
+    std::optional<Date> advance(const Occasion& occasion) const;
     bool isQueued(const Occasion& occasion) const;
     bool isLoginQueued() const;
 
@@ -114,8 +114,10 @@ private:
     const Time time_;
     std::deque<Work> queue_;
     std::function<void()> loginDone_;
-    std::set<Occasion> handled_;  // in the life of this process, whatever became of the record
-    std::set<Occasion> waiting_;  // could not be started
+    // What was acted on and has its record as before, which cannot be changed: when it is due next, if ever. Goes by
+    // memory, in the life of this process.
+    std::map<Occasion, std::optional<Date>> handled_;
+    std::set<Occasion> waiting_;         // could not be started
     std::map<std::string, Debt> debts_;  // by identifier
     Handle nextDate_;
     Handle pause_;

@@ -241,6 +241,38 @@ TEST_F(ScheduleRunnerTest, ActsOnceWhenTheRecordCannotBeChanged) {
     EXPECT_THAT(actsInTime(), IsEmpty());
 }
 
+TEST_F(ScheduleRunnerTest, GoesByMemoryWhenTheRecordOfARepeatedLaunchCannotBeChanged) {
+    // As before; the interval is found by the name.
+    accessAppGroupPlist([](platform::UserDefaults& suite) {
+        suite.setObject(
+            Array{Value(Dictionary{{"bundleid", "a"}, {"name", "n"}, {"interval", 60.0}}),
+                  Value(Dictionary{{"bundleid", "a"},
+                                   {"name", "n"},
+                                   {"launchAtDate", true},
+                                   {"date", Date{kNow - 1}},
+                                   {"interval", 60.0}})},
+            kSchedulerKey);
+    });
+    runner_.start();
+    EXPECT_THAT(actsInTime(), ElementsAre("tell a"));
+    for (const double next : {kNow + 59, kNow + 119}) {
+        EXPECT_EQ(next_, Date{next});
+        runner_.toolsHaveChanged();
+        EXPECT_THAT(actsInTime(), IsEmpty());
+        sleepUntil(next);
+        EXPECT_THAT(actsInTime(), ElementsAre("tell a"));
+    }
+}
+
+TEST_F(ScheduleRunnerTest, ForgetsWhatItActedOnWithItsRecord) {
+    for (int times = 0; times < 2; ++times) {
+        schedule("a", kNow - 1);  // the same date once more
+        runner_.start();
+        runner_.toolsHaveChanged();
+        EXPECT_THAT(actsInTime(), ElementsAre("tell a"));
+    }
+}
+
 // ---- what tools are owed
 
 class ToolsAreOwedTest : public ScheduleRunnerTest {
