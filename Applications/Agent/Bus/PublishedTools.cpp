@@ -2,7 +2,8 @@
 
 #include <QDBusMessage>
 #include <QDBusMetaType>
-#include <QDBusPendingCall>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
 
 #include "Common/Logging/Log.h"
 
@@ -25,6 +26,7 @@ QString condition(ToolEntry::Condition condition) {
 
 // Whoever has the name keeps it: a second agent is a mistake of somebody's, and the first one serves.
 constexpr uint kDoNotQueue = 4;
+constexpr uint kIsOwner = 1;  // the bus's answer
 
 }  // namespace
 
@@ -51,7 +53,16 @@ void PublishedTools::publish(QDBusConnection bus) {
         QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
         QStringLiteral("org.freedesktop.DBus"), QStringLiteral("RequestName"));
     request << QStringLiteral("com.korvane.utilia") << kDoNotQueue;
-    bus.asyncCall(request);
+    auto* const pending = new QDBusPendingCallWatcher(bus.asyncCall(request), this);
+    connect(pending, &QDBusPendingCallWatcher::finished, this, [pending] {
+        pending->deleteLater();
+        const QDBusPendingReply<uint> reply = *pending;
+        if (!reply.isError() && reply.value() == kIsOwner) return;
+        const QString why =
+            reply.isError() ? reply.error().message() : QStringLiteral("it is somebody else's");
+        KULogVariadic("Agent: the list of tools is not published: the name com.korvane.utilia: %@",
+                      why.toStdString());
+    });
 }
 
 QVariantMap PublishedTools::describe(const ToolEntry& tool) {
