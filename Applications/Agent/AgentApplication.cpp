@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
 #include <QApplication>
 #include <QDir>
@@ -67,14 +68,15 @@ AgentApplication::AgentApplication()
 AgentApplication::~AgentApplication() = default;
 
 void AgentApplication::start(const std::vector<std::string>& arguments) {
-    isLogin_ = LoginSession::isNew();
+    const bool isLogin = LoginSession::isNew();
+    isStartedBySession_ = isLogin && LoginSession::isBringingUsUp();
     AgentScheduler::upgradeSchedulerData();
     tools_.reload();
     watchInstalledTools();
     bus_.start({.connected = [this](const QDBusConnection& bus) { busIsThere(bus); },
                 .missed = [this] { busIsMissed(); }});
     schedules_.start();
-    if (isLogin_) {
+    if (isLogin) {
         schedules_.startAtLogin(LoginSession::toolsToStart(tools_.entries()),
                                 &LoginSession::finish);
     }
@@ -95,7 +97,9 @@ void AgentApplication::panelIsKnown() {
     updateMessages();
     const bool isWithoutBus = bus_.state() == SessionBus::State::Missing;
     const bool isWithoutPanel = icon_->isKnown() && !icon_->isShown();
-    if (window_ || !(isWithoutBus || (isWithoutPanel && !isLogin_))) return;
+    if (!isWithoutBus && !icon_->isKnown()) return;
+    if (std::exchange(isPlaceKnown_, true) || window_) return;
+    if (!isWithoutBus && !(isWithoutPanel && !isStartedBySession_)) return;
     // Not inside a constructor or a message of the bus.
     QMetaObject::invokeMethod(
         this, [this] { show(AgentWindow::Page::Tools); }, Qt::QueuedConnection);
@@ -141,8 +145,9 @@ bool AgentApplication::eventFilter(QObject* watched, QEvent* event) {
 // ---- the bus
 
 void AgentApplication::busIsThere(const QDBusConnection& bus) {
-    if (!records_.directories().isEmpty()) {
-        records_.removePaths(records_.directories());
+    if (std::exchange(isBusMissed_, false)) {
+        if (const QStringList watched = records_.directories(); !watched.isEmpty())
+            records_.removePaths(watched);
         // What was told while nobody could hear it.
         reload_.start();
         if (busBack_) busBack_();
@@ -153,9 +158,12 @@ void AgentApplication::busIsThere(const QDBusConnection& bus) {
 }
 
 void AgentApplication::busIsMissed() {
+    isBusMissed_ = true;
     icon_->forgetBus();
     if (const auto folder = Storage::sharedFolder())
         records_.addPath(QString::fromStdString(*folder));
+    // What was told between the end of the bus and now.
+    schedules_.toolsHaveChanged();
     panelIsKnown();
 }
 
@@ -190,7 +198,7 @@ void AgentApplication::follow(const ToolList::Change& change) {
         const ToolEntry* const tool = tools_.find(identifier);
         if (unresponsive_.erase(identifier)) updateMessages();
         if (tool && tool->isRunning) {
-            Suggestions::setKnown(identifier);
+            if (known_.insert(identifier).second) Suggestions::setKnown(identifier);
             schedules_.toolHasSpoken(identifier);
         } else {
             schedules_.toolHasEnded(identifier);

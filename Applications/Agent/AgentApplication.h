@@ -24,7 +24,8 @@ namespace utilia::agent {
 // the schedules.
 //
 // The window is made when it is first wanted. It opens by itself where there is no bus, and where no panel shows the
-// icon, except at login; not when the bus is lost, as it is when a session ends.
+// icon when the agent has started, unless the session started it; not when bus or panel end later, as they do when a
+// session ends.
 //
 // Without a bus nobody tells that schedules have changed: the file of the shared store is watched instead.
 //
@@ -75,9 +76,13 @@ private:
     QTimer reload_;
     QFileSystemWatcher records_;
     std::set<std::string> unresponsive_;
+    std::set<std::string> known_;  // what has run under this agent
     std::function<void()> busBack_;
     Handle observation_;
-    bool isLogin_ = false;
+    bool isStartedBySession_ = false;
+    bool isPlaceKnown_ =
+        false;  // whether there was a panel for the icon when the agent had started
+    bool isBusMissed_ = false;
 };
 
 }  // namespace utilia::agent

@@ -5,7 +5,10 @@
 
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Logging/Log.h"
+#include "Common/Platform/Bundle.h"
 #include "Common/Platform/FileManager.h"
+#include "Common/Platform/Workspace.h"
+#include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
 #include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
 #include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
 
@@ -17,6 +20,7 @@ using platform::FileManager;
 constexpr std::string_view kFileName = "/agent-login";
 constexpr std::size_t kMaximumSize = 4096;
 constexpr std::string_view kBegun = "begun\n";
+constexpr std::string_view kLauncher = "com.korvane.utilia.ToolLauncher";
 
 std::string thisLogin() {
     const char* const session = std::getenv("XDG_SESSION_ID");
@@ -47,6 +51,14 @@ bool LoginSession::isNew() {
         return false;
     }
     return true;
+}
+
+bool LoginSession::isBringingUsUp() {
+    const platform::Bundle* const bundle = platform::Bundle::mainBundle();
+    if (bundle && CommonAuxiliary::sharedInstance().findAppInLoginItems(bundle->bundlePath()))
+        return true;
+    return !platform::RunningApplication::runningApplicationsWithBundleIdentifier(kLauncher)
+                .empty();
 }
 
 void LoginSession::finish() {

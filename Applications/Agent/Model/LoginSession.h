@@ -19,6 +19,9 @@ public:
     // Whether what happens once in this login is still to be done. False, with one log line, where that cannot be
     // remembered.
     static bool isNew();
+    // Whether the session starts the agent now, for a call that is the first in the login: the agent is one of its
+    // items, or the launcher is at work, which starts the agent for its tools.
+    static bool isBringingUsUp();
     // It is done.
     static void finish();
 

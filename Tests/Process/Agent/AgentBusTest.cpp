@@ -1,3 +1,4 @@
+#include <csignal>
 #include <filesystem>
 
 #include <sys/socket.h>
@@ -23,13 +24,6 @@ protected:
         return {{"QT_QPA_PLATFORM", "offscreen"},
                 {"LANGUAGE", "en"},
                 {"DBUS_SESSION_BUS_ADDRESS", "\x01"}};
-    }
-    std::string published() const {
-        return test::runProgram({"gdbus", "call", "--session", "--dest", "com.korvane.utilia",
-                                 "--object-path", "/com/korvane/utilia/Tools", "--method",
-                                 "com.korvane.utilia.Tools1.List"},
-                                {{"DBUS_SESSION_BUS_ADDRESS", bus_->address()}})
-            .text;
     }
     bool hasLogged(const std::string& line) const {
         return test::eventually([&] { return log().find(line) != std::string::npos; });
@@ -103,6 +97,47 @@ TEST_F(AgentBusTest, HearsOfSchedulesAgainOnTheNewBus) {
     AgentScheduler::scheduleToolAtDate(Date{Date::now().secondsSinceReferenceDate - 60}, kTimer,
                                        "Timer");
     EXPECT_EQ(reports_.waitForLine(), "started");
+}
+
+TEST_F(AgentBusTest, SeesWhatWasScheduledWhileTheBusEnded) {
+    install(timer_);
+    startBus();
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    agent.signal(SIGSTOP);
+    bus_.reset();
+    schedule(kTimer, "Timer");
+    agent.signal(SIGCONT);
+    EXPECT_EQ(reports_.waitForLine(), "started");
+}
+
+TEST_F(AgentBusTest, LooksAtSchedulesWhenTheBusComesAlsoWhereTheyCouldNotBeWatched) {
+    install(timer_);
+    test::PrivateMounts mounts;
+    mounts.makeReadOnly(home_.data());
+    auto agent = startAgent(unnamedBus(), {}, &mounts);
+    ASSERT_TRUE(hasLogged("no status icon, and nothing is published"));
+    schedule(kTimer, "Timer");
+    startBus();
+    EXPECT_EQ(reports_.waitForLine(), "started");
+}
+
+TEST_F(AgentBusTest, SaysThatItsNameOnTheBusIsTaken) {
+    startBus();
+    test::ChildProcessOptions options;
+    options.environment = {{"DBUS_SESSION_BUS_ADDRESS", bus_->address()}};
+    options.diesWithTest = true;
+    auto other = test::ChildProcess::program(
+        kPython,
+        {"-c", "import os\nfrom gi.repository import Gio, GLib\n"
+               "Gio.bus_own_name(Gio.BusType.SESSION, 'com.korvane.utilia', 0, None,"
+               " lambda *_: os.write(3, b'owned\\n'), None)\nGLib.MainLoop().run()"},
+        options);
+    ASSERT_EQ(other.waitForLine(), "owned");
+    auto agent = startAgent(offscreen());
+    EXPECT_TRUE(hasLogged("the list of tools is not published: the name com.korvane.utilia: it is "
+                          "somebody else's"));
 }
 
 TEST_F(AgentBusTest, WaitsForABusThatIsLate) {

@@ -88,6 +88,14 @@ protected:
     static void sayStatus(const test::TestBundle& tool, char status) {
         speak(tool, 100, {std::string(1, status) + std::string(7, '\0')});
     }
+    // The agent's list on the bus, or what is said where there is none.
+    std::string published() const {
+        return test::runProgram({"gdbus", "call", "--session", "--dest", "com.korvane.utilia",
+                                 "--object-path", "/com/korvane/utilia/Tools", "--method",
+                                 "com.korvane.utilia.Tools1.List"},
+                                {{"DBUS_SESSION_BUS_ADDRESS", bus_->address()}})
+            .text;
+    }
     static std::string portOf(const test::TestBundle& tool) {
         return toolPortName(canonicalToolPath(tool.path(), std::nullopt));
     }

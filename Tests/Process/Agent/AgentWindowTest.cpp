@@ -67,6 +67,41 @@ TEST_F(AgentWindowTest, AnswersHelpAndVersionAndRefusesTheRestWithoutADisplay) {
     }
 }
 
+TEST_F(AgentWindowTest, OpensWithoutAPanelWhenSomebodyStartsTheAgentFirst) {
+    startBus();
+    auto agent = startAgent(onScreen());
+    display_.waitForWindow(kTitle);
+}
+
+TEST_F(AgentWindowTest, StaysClosedWithoutAPanelWhenTheSessionStartsTheAgent) {
+    startBus();
+    std::filesystem::create_directories(home_.config() / "autostart");
+    std::ofstream(home_.config() / "autostart/com.korvane.utilia.desktop")
+        << "[Desktop Entry]\nType=Application\nName=Korvane Utilia\nExec=\"" UTILIA_AGENT_PROGRAM
+           "\"\n";
+    auto agent = startAgent(onScreen());
+    // The agent hears that there is no panel before it can answer.
+    for (int times = 0; times < 2; ++times) {
+        EXPECT_TRUE(test::eventually([&] { return published() == "(@aa{sv} [],)"; }));
+    }
+    EXPECT_FALSE(display_.hasWindow(kTitle));
+    startAgain({});
+    display_.waitForWindow(kTitle);
+}
+
+TEST_F(AgentWindowTest, StaysClosedWhenThePanelEnds) {
+    startBus();
+    auto panel = startPanel();
+    auto agent = startAgent(onScreen());
+    expectItem(panel, agent);
+    ASSERT_TRUE(test::eventually([&] { return ask(panel, "asked") == "yes"; }));
+    EXPECT_NE(ask(panel, "menu"), "no answer") << "the agent has its answer before this";
+    panel.kill();
+    auto next = startPanel();
+    expectItem(next, agent);
+    EXPECT_FALSE(display_.hasWindow(kTitle));
+}
+
 TEST_F(AgentWindowTest, EndsWithAClearMessageWithoutADisplay) {
     auto environment = onScreen();
     environment["DISPLAY"] = ":4711";
