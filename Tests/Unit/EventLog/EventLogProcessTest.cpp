@@ -1,3 +1,4 @@
+// Long file: the cases share how records are found again and how children are watched.
 #include <atomic>
 #include <chrono>
 #include <map>
@@ -12,8 +13,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Common/Platform/LockedFile.h"
 #include "Tests/Support/FaultInjection.h"
 #include "Tests/Support/TemporaryHome.h"
+#include "Tests/Support/TestLog.h"
 #include "Tests/Unit/EventLog/LogProcesses.h"
 #include "Tests/Unit/EventLog/LogSample.h"
 
@@ -191,6 +194,41 @@ TEST_F(EventLogProcessTest, KeepsEveryRecordWhileTwoCollectorsTakeThem) {
         EXPECT_EQ(records.size(), static_cast<std::size_t>(kRecords)) << writer;
         for (const auto& [number, count] : records) ASSERT_EQ(count, 1) << writer << " " << number;
     }
+}
+
+// Whoever holds a lock may be stopped. The others wait as long as it takes, and say so once.
+TEST_F(EventLogProcessTest, WaitsForAHolderThatIsStoppedAndSaysSoOnce) {
+    const EventLogFile file = log(100'000);
+    ASSERT_EQ(file.append(sampleRecord("before", 1)), EventLogCode::Done);
+    const pid_t holder = inChild([&] {
+        const auto held = platform::LockedFile::open(
+            current(), platform::LockedFile::Access::Append, platform::LockedFile::Lock::Exclusive);
+        if (!held) _exit(22);
+        raise(SIGSTOP);
+    });
+    int status = 0;
+    ASSERT_EQ(waitpid(holder, &status, WUNTRACED), holder);
+    ASSERT_TRUE(WIFSTOPPED(status));
+
+    const test::TestLog messages;
+    std::atomic<bool> isWritten = false;
+    std::thread writer([&] {
+        EXPECT_EQ(file.append(sampleRecord("waiting", 2)), EventLogCode::Done);
+        isWritten = true;
+    });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (messages.count("krv.utilia.ceplog.xml") == 0 &&
+           std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(messages.count("krv.utilia.ceplog.xml"), 1u);
+    EXPECT_FALSE(isWritten);
+    kill(holder, SIGCONT);
+    EXPECT_EQ(statusOf(holder), 0);
+    writer.join();
+    EXPECT_EQ(messages.lines().size(), 1u);
+    Found found;
+    ASSERT_NO_FATAL_FAILURE(collect(file, found));
+    EXPECT_EQ(found, (Found{{"before", {{1, 1}}}, {"waiting", {{2, 1}}}}));
 }
 
 // A writer that ends the log, killed at each of its system calls.
