@@ -84,7 +84,8 @@ CLI::App* DoctorCommand::declare(CLI::App& program) {
     CLI::App* const command = program.add_subcommand(
         "doctor", "Checks what agent and tools need in this session, and says what to do.");
     command->add_flag("--json", json_, "Answer as JSON");
-    command->footer("Changes nothing. The exit status is 1 when something does not work.");
+    command->footer(
+        "Changes nothing in the home folder. The exit status is 1 when something does not work.");
     return command;
 }
 

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <filesystem>
 #include <optional>
 #include <utility>
 
@@ -7,8 +8,11 @@
 #include "Common/Platform/Bundle.h"
 #include "Common/Platform/FileManager.h"
 #include "Common/Platform/LoginItems.h"
+#include "Common/Platform/PropertyListSerialization.h"
+#include "Common/Platform/UserDefaults.h"
 #include "Common/Platform/Workspace.h"
 #include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
+#include "Common/UtiliaCommon/ToolDataProvider/PortProtocol.h"
 
 namespace utilia::control {
 namespace {
@@ -26,16 +30,22 @@ bool isRunnable(const std::string& application) {
     return program && platform::FileManager::isExecutableFileAtPath(*program);
 }
 
-// The entries that this product made, and whose program has moved or gone.
+// The entries that this product made, and whose program has moved or gone. They are named by identifiers.
 Diagnoses diagnoseEntries(const std::vector<LoginItem>& items) {
     Diagnoses found;
     for (const LoginItem& item : items) {
-        const bool isOurs = item.path().find("korvane") != std::string::npos;
-        if (!isOurs || (item.resolvedURL() && isRunnable(*item.resolvedURL()))) continue;
+        const std::string identifier = std::filesystem::path(item.path()).stem().string();
+        if (!identifier.starts_with(kAgentBundleIdentifier)) continue;
+        if (item.resolvedURL() && isRunnable(*item.resolvedURL())) continue;
+        std::string advice =
+            "\"utiliactl login add TOOL\" puts the entry in order; without tools to start, remove "
+            "the file.";
+        if (identifier == kAgentBundleIdentifier) {
+            advice = "Remove the file, then switch \"Open at login\" in the agent's settings on "
+                     "again.";
+        }
         found.push_back({kLogin, Severity::Error,
-                         item.path() + " starts a program that is not there",
-                         "\"utiliactl login add TOOL\" puts the entry in order; without tools to "
-                         "start, remove the file."});
+                         item.path() + " starts a program that is not there", std::move(advice)});
     }
     return found;
 }
@@ -85,20 +95,33 @@ std::optional<Diagnosis> diagnoseLauncher(const std::vector<LoginItem>& items,
 
 std::vector<std::string> toolsToStart() {
     std::vector<std::string> tools;
-    const auto list = UtiliaToolLauncher::getDefaults()->arrayForKey(kLaunchAtLoginToolsKey);
+    const auto defaults = platform::UserDefaults::initWithDomain(kAgentBundleIdentifier);
+    // Read by itself: the domain's own functions would set a damaged file aside.
+    const auto bytes = defaults ? platform::FileManager::contentsAtPath(
+                                      defaults->path(), platform::kPropertyListMaximumSize)
+                                : Result<Data>(Data());
+    const auto content = bytes ? platform::propertyListFromData(*bytes) : Result<Value>(nullptr);
+    const Dictionary* const kept = content ? content->dictionary() : nullptr;
+    const auto list = kept ? kept->array(kLaunchAtLoginToolsKey) : std::nullopt;
     for (const Value& value : list.value_or(Array())) {
         if (value.string()) tools.push_back(*value.string());
     }
     return tools;
 }
 
+Diagnosis unreadable(const Error& error) {
+    return {kLogin, Severity::Error, error.description,
+            "The folder autostart in XDG_CONFIG_HOME (or ~/.config) must be a folder that is "
+            "yours and can be read; put away what is in its place."};
+}
+
 }  // namespace
 
 Diagnoses checkLogin() {
     const auto list = LoginItems::create();
-    if (!list) return {{kLogin, Severity::Error, list.error().description, ""}};
+    if (!list) return {unreadable(list.error())};
     const auto items = list->snapshot();
-    if (!items) return {{kLogin, Severity::Error, items.error().description, ""}};
+    if (!items) return {unreadable(items.error())};
 
     Diagnoses found = diagnoseEntries(*items);
     const auto tools = toolsToStart();

@@ -1,5 +1,6 @@
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <memory>
@@ -7,10 +8,17 @@
 #include <system_error>
 #include <thread>
 
+#include <unistd.h>
+
 #include "Applications/utiliactl/Doctor/Diagnosis.h"
-#include "Applications/utiliactl/SharedStore.h"
+#include "Common/Platform/FileLock.h"
 #include "Common/Platform/FileManager.h"
+#include "Common/Platform/PropertyListSerialization.h"
+#include "Common/Platform/UserDefaults.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
+#include "Common/UtiliaCommon/ToolDataProvider/PortProtocol.h"
+
+// Files are read as they lie there. The stores' own functions would make what is missing, and set aside what is damaged.
 
 namespace utilia::control {
 namespace {
@@ -22,6 +30,7 @@ using namespace std::chrono_literals;
 
 constexpr const char* kStore = "shared store";
 constexpr const char* kPreferences = "preferences";
+constexpr const char* kLogs = "logs";
 constexpr const char* kRoom = "disk space";
 // The holder of a lock is logged after 2 s.
 constexpr auto kPatience = 3s;
@@ -42,10 +51,75 @@ Diagnoses diagnoseDamage(const char* check, const fs::path& folder) {
     return found;
 }
 
+// What is missing is judged by the folder that it would be made in.
+fs::path nearestFolder(fs::path path) {
+    while (path.has_relative_path() && FileManager::isNothingAtPath(path.string()))
+        path = path.parent_path();
+    return path;
+}
+
+Diagnosis diagnoseFolder(const char* check, const fs::path& folder, const std::string& variable) {
+    std::error_code error;
+    const fs::path nearest = nearestFolder(folder);
+    const std::string advice =
+        variable +
+        " must be a folder that is yours and writable: look at the owner and the mode "
+        "of " +
+        nearest.string() + ", and whether its disk is mounted read-only.";
+    if (!FileManager::isDirectoryAtPath(nearest.string()))
+        return {check, Severity::Error, nearest.string() + " is not a folder", advice};
+    const auto status = FileManager::attributesOfItemAtPath(fs::canonical(nearest, error).string());
+    if (nearest == folder && status && status->ownerAccountId != geteuid())
+        return {check, Severity::Error, nearest.string() + " belongs to another user", advice};
+    if (!FileManager::isWritableFileAtPath(nearest.string())) {
+        return {check, Severity::Error,
+                nearest.string() + " cannot be written; what is set is not kept", advice};
+    }
+    return {check, Severity::Good, folder.string(), ""};
+}
+
+// Empty when there is no such file.
+std::optional<Result<Dictionary>> contentOf(const fs::path& file) {
+    if (FileManager::isNothingAtPath(file.string())) return std::nullopt;
+    const auto bytes =
+        FileManager::contentsAtPath(file.string(), platform::kPropertyListMaximumSize);
+    if (!bytes) return bytes.error();
+    const auto value = platform::propertyListFromData(*bytes);
+    if (!value) return value.error().withContext(file.string());
+    if (!value->dictionary()) {
+        return Error::utilia(UtiliaErrorCode::Refused, file.string() + ": not a dictionary");
+    }
+    return *value->dictionary();
+}
+
+Diagnosis unreadable(const char* check, const fs::path& file, const Error& error) {
+    const std::string name = file.filename().string();
+    return {check, Severity::Error, error.description,
+            "The next program that reads it sets it aside as " + name +
+                ".damaged-DATE and goes on with the backup, " + name +
+                ".bak, or without one with nothing. Copy both first if you want to look at them; "
+                "if the file cannot be read at all, make it yours again."};
+}
+
+Diagnoses diagnosePreferences(const fs::path& folder) {
+    Diagnoses found{diagnoseFolder(kPreferences, folder, "XDG_CONFIG_HOME (or ~/.config)")};
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(folder, error)) {
+        if (entry.path().extension() != ".plist") continue;
+        const auto content = contentOf(entry.path());
+        if (content && !*content)
+            found.push_back(unreadable(kPreferences, entry.path(), content->error()));
+    }
+    return found;
+}
+
 Diagnosis diagnoseRoom(const fs::path& folder) {
     std::error_code error;
     const auto space = fs::space(folder, error);
-    if (error) return {kRoom, Severity::Error, folder.string() + ": " + error.message(), ""};
+    if (error) {
+        return {kRoom, Severity::Error, folder.string() + ": " + error.message(),
+                "Look whether its disk is mounted and in order."};
+    }
     const std::string room =
         std::to_string(space.available / (1024 * 1024)) + " MiB free at " + folder.string();
     if (space.available < kNoRoom) {
@@ -57,28 +131,52 @@ Diagnosis diagnoseRoom(const fs::path& folder) {
     return {kRoom, Severity::Good, room, ""};
 }
 
-// On a thread of its own, since the lock is waited for as long as it takes.
-std::optional<Result<Dictionary>> readWithinPatience() {
-    std::promise<Result<Dictionary>> promise;
+// Under the lock, on a thread of its own, since it is waited for as long as it takes. Empty when it takes too long.
+std::optional<std::optional<Result<Dictionary>>> readWithinPatience(const fs::path& container,
+                                                                    const fs::path& file) {
+    using Answer = std::optional<Result<Dictionary>>;
+    std::promise<Answer> promise;
     auto answer = promise.get_future();
-    std::thread([](std::promise<Result<Dictionary>> kept) { kept.set_value(readSharedStore()); },
-                std::move(promise))
+    std::thread(
+        [container, file](std::promise<Answer> kept) {
+            const auto lock =
+                platform::FileLock::acquireFolder(container, platform::FileLock::Mode::Exclusive);
+            kept.set_value(lock ? contentOf(file) : Answer(lock.error()));
+        },
+        std::move(promise))
         .detach();
     if (answer.wait_for(kPatience) != std::future_status::ready) return std::nullopt;
     return answer.get();
 }
 
-Diagnosis diagnoseContent(const std::string& container) {
-    const auto content = readWithinPatience();
+Diagnosis diagnoseContent(const fs::path& container, const fs::path& file) {
+    const std::string nothing = "0 keys in " + container.string();
+    if (FileManager::isNothingAtPath(container.string()))
+        return {kStore, Severity::Good, nothing, ""};
+    const auto content = readWithinPatience(container, file);
     if (!content) {
         return {kStore, Severity::Error,
-                "another process has held the lock on " + container + " for more than 3 s",
+                "another process has held the lock on " + container.string() + " for more than 3 s",
                 "The line above names the process. End it if it does not go on by itself; the "
                 "system frees the lock, and nothing that was stored is lost."};
     }
-    if (!*content) return {kStore, Severity::Error, content->error().description, ""};
-    return {kStore, Severity::Good, std::to_string((*content)->size()) + " keys in " + container,
+    if (!*content) return {kStore, Severity::Good, nothing, ""};
+    const Result<Dictionary>& read = **content;
+    if (!read) return unreadable(kStore, file, read.error());
+    return {kStore, Severity::Good, std::to_string(read->size()) + " keys in " + container.string(),
             ""};
+}
+
+// Where a domain or suite is stored; asking makes nothing.
+fs::path fileOf(const std::unique_ptr<platform::UserDefaults>& defaults) {
+    return defaults ? fs::path(defaults->path()) : fs::path();
+}
+
+fs::path stateFolder() {
+    const char* const given = std::getenv("XDG_STATE_HOME");
+    if (given && given[0] == '/') return given;
+    const char* const home = std::getenv("HOME");
+    return fs::path(home ? home : "/") / ".local/state";
 }
 
 }  // namespace
@@ -88,27 +186,21 @@ Diagnoses checkStore() {
     const auto add = [&found](Diagnoses more) {
         found.insert(found.end(), more.begin(), more.end());
     };
-    const auto preferences = FileManager::preferencesFolder();
-    if (preferences) {
-        found.push_back({kPreferences, Severity::Good, *preferences, ""});
-        add(diagnoseDamage(kPreferences, *preferences));
-    } else {
-        found.push_back({kPreferences, Severity::Error, "their folder cannot be used",
-                         "XDG_CONFIG_HOME, or .config in the home folder, must be yours and "
-                         "writable."});
-    }
-    const auto container =
-        FileManager::containerURLForSecurityApplicationGroupIdentifier(kAppGroupIdentifier);
-    if (!container) {
-        found.push_back({kStore, Severity::Error,
-                         "its folder cannot be used; the line above says why",
-                         "XDG_DATA_HOME, or .local/share in the home folder, must be yours and "
-                         "writable."});
-        return found;
-    }
-    found.push_back(diagnoseContent(*container));
-    add(diagnoseDamage(kStore, fs::path(*container) / "Library/Preferences"));
-    found.push_back(diagnoseRoom(*container));
+    const fs::path preferences =
+        fileOf(platform::UserDefaults::initWithDomain(kAgentBundleIdentifier)).parent_path();
+    add(diagnosePreferences(preferences));
+    add(diagnoseDamage(kPreferences, preferences));
+
+    const fs::path store = fileOf(platform::UserDefaults::initWithSuiteName(kAppGroupIdentifier));
+    const fs::path container = store.parent_path().parent_path().parent_path();
+    const Diagnosis folder = diagnoseFolder(kStore, container, "XDG_DATA_HOME (or ~/.local/share)");
+    const Diagnosis content =
+        folder.severity == Severity::Good ? diagnoseContent(container, store) : folder;
+    found.push_back(content);
+    add(diagnoseDamage(kStore, store.parent_path()));
+    found.push_back(diagnoseFolder(kLogs, stateFolder() / "korvane-utilia/Library/Logs",
+                                   "XDG_STATE_HOME (or ~/.local/state)"));
+    found.push_back(diagnoseRoom(nearestFolder(container)));
     return found;
 }
 

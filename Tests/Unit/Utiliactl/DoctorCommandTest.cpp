@@ -82,6 +82,8 @@ protected:
         answer_ = Json::parse(contentOf(options.standardOutput));
         log_ = contentOf(options.standardError);
         EXPECT_EQ(answer_["healthy"], status_ == 0);
+        for (const auto& finding : answer_["findings"])
+            EXPECT_NE(finding["advice"].is_null(), finding["severity"] != "ok") << finding;
     }
     // For people.
     std::string text() {
@@ -187,8 +189,9 @@ TEST_F(DoctorCommand, NamesTheHolderOfALockThatIsNotGivenUp) {
 
 TEST_F(DoctorCommand, PointsAtWhatWasSetAside) {
     examine();
-    const std::string folder = the("preferences").message;
-    const fs::path damaged = fs::path(folder) / "com.korvane.utilia.plist.damaged-2026-11-21";
+    const fs::path folder = the("preferences").message;
+    fs::create_directories(folder);
+    const fs::path damaged = folder / "com.korvane.utilia.plist.damaged-2026-11-21";
     std::ofstream(damaged) << "?";
     examine();
     EXPECT_EQ(status_, 0);
@@ -196,6 +199,94 @@ TEST_F(DoctorCommand, PointsAtWhatWasSetAside) {
     ASSERT_EQ(found.size(), 2u);
     EXPECT_EQ(found[1].severity, "notice");
     EXPECT_THAT(found[1].message, EndsWith(damaged.string()));
+}
+
+TEST_F(DoctorCommand, FindsAReadOnlyHome) {
+    for (const auto& folder : {home_.config(), home_.data(), home_.state()}) {
+        fs::create_directories(folder);
+        mounts_.makeReadOnly(folder);
+    }
+    examine();
+    EXPECT_EQ(status_, 1);
+    for (const char* check : {"preferences", "shared store", "logs"}) {
+        EXPECT_EQ(the(check).severity, "error");
+        EXPECT_THAT(the(check).message, HasSubstr("cannot be written"));
+        EXPECT_THAT(the(check).advice, HasSubstr("read-only"));
+    }
+}
+
+TEST_F(DoctorCommand, ChangesNothing) {
+    const auto files = [&] {
+        std::map<fs::path, std::string> found;
+        for (const auto& folder : {home_.config(), home_.data(), home_.state()}) {
+            if (!fs::exists(folder)) continue;
+            for (const auto& entry : fs::recursive_directory_iterator(folder))
+                found[entry.path()] = entry.is_regular_file() ? contentOf(entry.path()) : "";
+        }
+        return found;
+    };
+    const auto none = files();
+    examine();
+    EXPECT_EQ(files(), none) << "of a new user";
+
+    const fs::path preferences = home_.config() / "korvane-utilia/com.korvane.utilia.plist";
+    const fs::path store =
+        home_.groupContainer() / "Library/Preferences/7QK2M9ZD4R.com.korvane.utilia.plist";
+    for (const auto& file : {preferences, store}) {
+        fs::create_directories(file.parent_path());
+        std::ofstream(file) << "no property list";
+    }
+    const auto damaged = files();
+    examine();
+    EXPECT_EQ(status_, 1);
+    EXPECT_EQ(files(), damaged);
+    const auto found = all("preferences");
+    ASSERT_EQ(found.size(), 2u) << answer_;
+    EXPECT_THAT(found[1].message, StartsWith(preferences.string()));
+    EXPECT_THAT(found[1].advice, HasSubstr("com.korvane.utilia.plist.bak"));
+    EXPECT_EQ(the("shared store").severity, "error");
+    EXPECT_THAT(the("shared store").message, StartsWith(store.string()));
+}
+
+TEST_F(DoctorCommand, AdvisesOnEntriesOfTheSessionThatLeadNowhere) {
+    const fs::path autostart = home_.config() / "autostart";
+    fs::create_directories(autostart);
+    const auto write = [&](const std::string& identifier) {
+        std::ofstream(autostart / (identifier + ".desktop"))
+            << "[Desktop Entry]\nType=Application\nName=X\nExec=/nonexistent/korvane/program\n";
+    };
+    write("somebody-else");
+    examine();
+    EXPECT_EQ(the("start at login").severity, "ok") << "not ours";
+    write("com.korvane.utilia");
+    examine();
+    EXPECT_EQ(the("start at login").severity, "error");
+    EXPECT_THAT(the("start at login").advice, HasSubstr("Open at login"));
+    fs::remove(autostart / "com.korvane.utilia.desktop");
+    write("com.korvane.utilia.ToolLauncher");
+    examine();
+    EXPECT_THAT(the("start at login").advice, HasSubstr("utiliactl login add TOOL"));
+    fs::remove_all(autostart);
+    std::ofstream(autostart) << "a file in the folder's place";
+    examine();
+    EXPECT_EQ(the("start at login").severity, "error");
+}
+
+// What a lock file that lies there means: the system ends a lock with its holder.
+TEST_F(DoctorCommand, TakesLockFilesThatNobodyHoldsForNothing) {
+    fs::create_directories(home_.groupContainer());
+    fs::create_directories(home_.config() / "korvane-utilia");
+    std::ofstream(home_.config() / "korvane-utilia/com.korvane.utilia.plist.lock");
+    auto holder =
+        ChildProcess::program("/bin/sh",
+                              {"-c", "exec 9<\"$1\"; flock 9; echo held >&3; exec sleep 600", "sh",
+                               home_.groupContainer().string()},
+                              {.diesWithTest = true});
+    ASSERT_EQ(holder.waitForLine(), "held");
+    holder.kill();
+    examine();
+    EXPECT_EQ(status_, 0) << answer_;
+    EXPECT_EQ(the("shared store").severity, "ok");
 }
 
 TEST_F(DoctorCommand, SaysThatThereIsNoRoom) {
