@@ -146,6 +146,7 @@ std::vector<ToolEntry> ToolList::lookAround() const {
 }
 
 void ToolList::reload() {
+    openPorts(std::exchange(dirty_, {}));
     std::vector<ToolEntry> fresh = lookAround();
     Change change;
     for (const ToolEntry& old : entries_) {
@@ -168,7 +169,6 @@ void ToolList::reload() {
         !std::equal(fresh.begin(), fresh.end(), entries_.begin(), entries_.end(),
                     [](const auto& a, const auto& b) { return a.identifier == b.identifier; });
     entries_ = std::move(fresh);
-    dirty_.clear();
     if (!change.isListChanged && change.tools.empty() && change.gone.empty()) return;
     const auto observers = observers_->all;
     for (const auto& [number, observer] : observers) {
@@ -210,14 +210,20 @@ void ToolList::changed(const std::string& identifier) {
         delivery_ = platform::Timer::scheduledTimer(gather_, false, [this] { deliver(); });
 }
 
+// A tool that speaks runs, whatever it spoke of. This tells nobody unless the port is new.
+void ToolList::openPorts(const std::set<std::string>& identifiers) const {
+    for (const std::string& identifier : identifiers) {
+        ToolDataAgentProvider* const proxy = proxyOf(identifier);
+        if (proxy && !proxy->toolPort()) proxy->ensureToolPortOpen();
+    }
+}
+
 void ToolList::deliver() {
     delivery_.reset();
     Change change;
-    for (const std::string& identifier : std::exchange(dirty_, {})) {
-        if (ToolDataAgentProvider* const proxy = proxyOf(identifier)) {
-            // A tool that speaks runs, whatever it spoke of. This tells nobody unless the port is new.
-            if (!proxy->toolPort()) proxy->ensureToolPortOpen();
-        }
+    const std::set<std::string> changed = std::exchange(dirty_, {});
+    openPorts(changed);
+    for (const std::string& identifier : changed) {
         const auto entry =
             std::find_if(entries_.begin(), entries_.end(),
                          [&](const ToolEntry& one) { return one.identifier == identifier; });

@@ -90,6 +90,7 @@ private:
     void watch(const ToolEntry& entry);
     void forget(const std::string& identifier);
     void changed(const std::string& identifier);
+    void openPorts(const std::set<std::string>& identifiers) const;
     void deliver();
     ToolEntry withState(ToolEntry entry) const;
     ToolDataAgentProvider* proxyOf(std::string_view identifier) const;

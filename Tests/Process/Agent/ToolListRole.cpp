@@ -1,8 +1,10 @@
 // The agent's list under the command of its test.
 
+#include <algorithm>
 #include <memory>
 
 #include "Applications/Agent/Model/ToolList.h"
+#include "Common/UtiliaCommon/ToolDataProvider/ToolDataServerProvider.h"
 #include "Tests/Process/SampleImage.h"
 #include "Tests/Support/ChildScript.h"
 
@@ -51,6 +53,17 @@ UTILIA_CHILD_ROLE(toolListAgent) {
     script.on("reload", [&](const Arguments&) {
         list->reload();
         return std::string();
+    });
+    // With whatever was told in that time, which is shorter than changes are gathered.
+    script.on("wait-for-text-and-reload", [&](const Arguments& a) {
+        const auto isThere = [&] {
+            const auto tools = ToolDataServerProvider::sharedInstance().tools();
+            return std::any_of(tools.begin(), tools.end(),
+                               [&](const auto& tool) { return tool->menuText() == a.at(0); });
+        };
+        const bool isSaid = ChildScript::waitUntil(isThere);
+        list->reload();
+        return std::string(isSaid ? "said" : "not said");
     });
     script.on("entries", [&](const Arguments&) {
         std::string all;

@@ -177,6 +177,15 @@ TEST_F(ToolListTest, SaysWhatCannotBeDone) {
     EXPECT_THAT(agent.ask("turn-off", {kTimer}), HasSubstr("does not run"));
 }
 
+TEST_F(ToolListTest, SeesThatAToolRunsWhoseOnlyWordCameRightBeforeAReload) {
+    install(timer_);
+    auto agent = startAgent();
+    const RecordingPort tool(portOf(timer_));
+    speak(timer_, 108, {"0:42"});
+    EXPECT_EQ(agent.ask("wait-for-text-and-reload", {"0:42"}), "said");
+    EXPECT_EQ(agent.ask("entry", {kTimer}), "Timer, ready, runs, 0, 0:42, none, none");
+}
+
 TEST_F(ToolListTest, ShowsRestrictedToolsAndNeverSpeaksToThem) {
     const test::PrivateMounts mounts;
     mounts.writeSettings(R"({"WhiteToolsList": ["worldclock"]})");
