@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <ostream>
+#include <sstream>
 #include <vector>
 
 #include "Applications/utiliactl/AdminSettingsCheck.h"
@@ -19,6 +20,21 @@ namespace utilia::control {
 namespace {
 
 Error refused(std::string why) { return Error::utilia(UtiliaErrorCode::Refused, std::move(why)); }
+
+// As the library does, which says it in the log.
+std::string refuseSubsetBesideNames(const std::string& tools) {
+    const std::string subset(kKAVWhiteToolsList_BusinessToolsetValue);
+    std::istringstream pieces(tools);
+    bool isSubsetAmong = false;
+    int count = 0;
+    for (std::string piece; std::getline(pieces, piece, ','); ++count) {
+        piece.erase(0, piece.find_first_not_of(" \t"));
+        piece.erase(piece.find_last_not_of(" \t") + 1);
+        isSubsetAmong |= piece == subset;
+    }
+    if (!isSubsetAmong || (count == 1 && !tools.ends_with(','))) return "";
+    return inQuotes(subset) + " stands alone, not beside other names";
+}
 
 // JSON where the text is, and must be, JSON; any other text is itself.
 Result<Value> valueFromText(const std::string& text) {
@@ -88,13 +104,18 @@ CLI::App* AdminCommand::declare(CLI::App& program) {
         ->add_option("TOOLS", tools_,
                      "Short names with commas between them, such as \"Timer, MoonPhase\", or "
                      "business-toolset-only; an empty text removes the white-list")
-        ->required();
+        ->required()
+        ->check(refuseSubsetBesideNames);
     clearWhiteList_ =
         command->add_subcommand("clear-white-list", "Lets every tool run on this machine.");
     set_ = command->add_subcommand("set", "Sets the value of one key.");
     set_->add_option("KEY", key_, "A key, such as UpdatesDisabled")->required();
     set_->add_option("VALUE", value_, "A JSON value, or else a text; null removes the key")
         ->required();
+    set_->callback([this] {
+        if (const auto checked = checkedValue(); !checked)
+            throw CLI::ValidationError(checked.error().description);
+    });
     check_ = command->add_subcommand(
         "check", "Looks for mistakes in the settings, and for users who could change them.");
     for (CLI::App* const each : {show_, check_}) each->add_flag("--json", json_, "Answer as JSON");
@@ -138,10 +159,16 @@ Result<void> AdminCommand::setWhiteList() const {
     return store(kKAVWhiteToolsListKey, Value(std::move(list)));
 }
 
+Result<Value> AdminCommand::checkedValue() const {
+    auto value = valueFromText(value_);
+    if (!value) return value;
+    if (const auto checked = checkType(key_, *value); !checked) return checked.error();
+    return value;
+}
+
 Result<void> AdminCommand::setValue() const {
-    const auto value = valueFromText(value_);
+    const auto value = checkedValue();
     if (!value) return value.error();
-    if (auto checked = checkType(key_, *value); !checked) return checked;
     return store(key_, value->isNull() ? std::nullopt : std::optional<Value>(*value));
 }
 

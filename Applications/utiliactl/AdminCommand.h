@@ -3,6 +3,7 @@
 #include <string>
 
 #include "Applications/utiliactl/Command.h"
+#include "Common/Foundation/Value.h"
 
 namespace utilia::control {
 
@@ -17,6 +18,7 @@ private:
     Result<void> show(std::ostream& out) const;
     Result<void> setWhiteList() const;
     Result<void> setValue() const;
+    Result<Value> checkedValue() const;
     void check(std::ostream& out);
 
     CLI::App* show_ = nullptr;

@@ -15,6 +15,8 @@ public:
 
     CLI::App& options() { return options_; }
     const CLI::App& options() const { return options_; }
+    // What every help ends with: where there is more of it, and the exit statuses.
+    void addHintsToHelp();
     // After the options have been parsed: the command that the user chose, or null.
     Command* chosenCommand() const;
 

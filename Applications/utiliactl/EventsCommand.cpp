@@ -33,6 +33,12 @@ auto readObject(Dictionary* dictionary) {
     };
 }
 
+// An action is written as it is given.
+std::string refuseMarkup(const std::string& action) {
+    if (action.find_first_of("<&\"") == std::string::npos) return "";
+    return inQuotes(action) + " holds <, & or \", with which no report could be read";
+}
+
 std::string textOf(const Json& record, const char* key) {
     return record.contains(key) && record[key].is_string() ? record[key].get<std::string>() : "-";
 }
@@ -62,7 +68,10 @@ CLI::App* EventsCommand::declare(CLI::App& program) {
     show->callback([this] { chosen_ = &EventsCommand::show; });
     CLI::App* const log = command->add_subcommand("log", "Records an event, as a tool does.");
     log->footer("Fails while usage reporting is switched off.");
-    log->add_option("ACTION", action_, "What has happened")->required()->check(refuseEmpty);
+    log->add_option("ACTION", action_, "What has happened, without <, & and \"")
+        ->required()
+        ->check(refuseEmpty)
+        ->check(refuseMarkup);
     log->add_option("--options", optionsText_, "Settings at that moment, a JSON object")
         ->check(CLI::Validator(readObject(&options_), "JSON"));
     log->add_option("--details", detailsText_, "More about the event, a JSON object")

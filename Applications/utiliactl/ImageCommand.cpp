@@ -80,7 +80,8 @@ CLI::App* ImageCommand::declare(CLI::App& program) {
     type->check(CLI::IsMember(formatNames()))->type_name("TYPE");
     command
         ->add_option("--page-height", pageHeight_,
-                     "Write PDF, cut into pages of so many pixels; 0 for one page")
+                     "Write PDF, cut into pages of so many pixels; 0 for one page. OUTPUT names "
+                     "no other format then")
         ->type_name("PIXELS")
         ->excludes(type);
     command->callback([this] { checkTogether(); });
@@ -89,6 +90,11 @@ CLI::App* ImageCommand::declare(CLI::App& program) {
 
 // Ends the reading of the arguments when no format is asked for.
 void ImageCommand::checkTogether() const {
+    if (pageHeight_ && formatOfFile(output_)) {
+        throw CLI::ValidationError("OUTPUT",
+                                   inQuotes(output_) +
+                                       " names another format than PDF, of which --page-height is");
+    }
     if (isPDF() || !type_.empty() || formatOfFile(output_)) return;
     throw CLI::ValidationError("OUTPUT", inQuotes(output_) +
                                              " tells no format by its name; --type names one");

@@ -138,7 +138,9 @@ Result<void> ReportingCommand::status(std::ostream& out) const {
     } else {
         out << "Sent to:      " << reportUploadEndpoint() << '\n'
             << "Next upload:  "
-            << (state.nextUpload ? dateText(*state.nextUpload) : "a week after the agent's start")
+            << (log.isCEPDisabled() ? "none while usage reporting is off"
+                : state.nextUpload  ? dateText(*state.nextUpload)
+                                    : "a week after the agent's first start")
             << '\n';
     }
     out << "Recorded in:  " << CEPLogPath() << '\n' << "Reports in:   " << reportFolder() << '\n';

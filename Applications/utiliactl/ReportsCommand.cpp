@@ -137,6 +137,15 @@ Result<void> ReportsCommand::send(std::ostream& out) {
     }
     out << (json_ ? textOfJson(all)
                   : table({"REPORT", "UPLOAD"}, rows, "There is nothing to send."));
+    if (isAnyLeft_ && !json_) {
+        out << "\nReports go to " << reportUploadEndpoint() << ".\n"
+            << inQuotes("utiliactl fetch " + reportUploadEndpoint())
+            << " tells whether that server can be reached (an answer of 404 or 405 is a sign that "
+               "it "
+               "can), and\n\"utiliactl doctor\" whether everything is there that sends. What a "
+               "server answers is kept in\n"
+            << reportUploadOutput() << ".\n";
+    }
     return {};
 }
 

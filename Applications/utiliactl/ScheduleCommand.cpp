@@ -8,6 +8,9 @@
 #include "Applications/utiliactl/JsonText.h"
 #include "Applications/utiliactl/PlainText.h"
 #include "Applications/utiliactl/SharedStore.h"
+#include "Common/Platform/StringComparison.h"
+#include "Common/Platform/Workspace.h"
+#include "Common/UtiliaCommon/AdminSettings/ToolSets.h"
 #include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 
@@ -48,8 +51,8 @@ std::string recordsAsTable(const Json& records) {
         for (const auto& [key, field] : record.items()) row.push_back(plain(field));
         rows.push_back(std::move(row));
     }
-    return table({"BUNDLE IDENTIFIER", "NAME", "AT DATE", "DATE", "INTERVAL", "AT LOGIN"}, rows,
-                 "No tool is scheduled.");
+    return table({"BUNDLE IDENTIFIER", "NAME", "AT DATE", "DATE (UTC)", "INTERVAL", "AT LOGIN"},
+                 rows, "No tool is scheduled.");
 }
 
 std::optional<Dictionary> recordOf(const std::string& tool, const std::string& name) {
@@ -61,6 +64,15 @@ std::optional<Dictionary> recordOf(const std::string& tool, const std::string& n
 // What is logged on the way says why.
 Error notStored() {
     return Error::utilia(UtiliaErrorCode::Unavailable, "the schedule cannot be stored");
+}
+
+// Identifiers are compared to the letter.
+std::string otherSpelling(const std::string& tool) {
+    for (const std::string& known : ToolSets::fullSet()) {
+        if (known != tool && platform::isCaseInsensitiveEqual(known, tool))
+            return " Is " + inQuotes(known) + " meant?";
+    }
+    return "";
 }
 
 // The record as `list` would show it.
@@ -137,6 +149,12 @@ Result<void> ScheduleCommand::add(std::ostream& out) const {
     if (!stored || *stored != Value(*date) || !record->boolean(kSchedulerLaunchAtDateKey))
         return notStored();
     answer(out, *record, json_);
+    if (!json_ && !platform::Workspace::URLForApplicationWithBundleIdentifier(tool_)) {
+        out << '\n'
+            << inQuotes(tool_)
+            << " is not installed: until it is, it cannot be started, and stays due."
+            << otherSpelling(tool_) << '\n';
+    }
     return {};
 }
 

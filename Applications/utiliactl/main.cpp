@@ -18,25 +18,32 @@ ExitStatus failed(const Error& error) {
     return ExitStatus::Failed;
 }
 
+// Whether the answer has arrived; says so when not.
+bool write(const std::string& text) {
+    errno = 0;
+    const bool isWritten =
+        std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
+    if (!isWritten) failed(Error::posix(errno, "write", "standard output"));
+    return isWritten;
+}
+
 ExitStatus runCommand(Command& command) {
     std::ostringstream answer;
     if (const auto done = command.run(answer); !done) return failed(done.error());
-    const std::string text = answer.str();
-    errno = 0;
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
-        std::fflush(stdout) != 0) {
-        return failed(Error::posix(errno, "write", "standard output"));
-    }
+    if (!write(answer.str())) return ExitStatus::Failed;
     return command.hasFoundErrors() ? ExitStatus::Failed : ExitStatus::Done;
 }
 
 ExitStatus runProgram(int argc, char** argv) {
     ControlProgram program;
+    program.addHintsToHelp();
     try {
         program.options().parse(argc, argv);
     } catch (const CLI::ParseError& error) {
+        std::ostringstream answer;
         // Also how help and version are answered.
-        return program.options().exit(error) == 0 ? ExitStatus::Done : ExitStatus::WrongUsage;
+        if (program.options().exit(error, answer, std::cerr) != 0) return ExitStatus::WrongUsage;
+        return write(answer.str()) ? ExitStatus::Done : ExitStatus::Failed;
     }
     Command* const command = program.chosenCommand();
     return command ? runCommand(*command) : ExitStatus::WrongUsage;

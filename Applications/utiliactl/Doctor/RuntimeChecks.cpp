@@ -38,7 +38,8 @@ Diagnosis diagnoseAgent(const Registrations& ports) {
                 "XDG_DATA_DIRS."};
     }
     return {kAgent, Severity::Notice, "it does not run",
-            "Start it, or a tool that needs it; \"utiliactl login\" has tools started at login."};
+            "Start Korvane Utilia from the desktop's menu of applications, or with "
+            "\"korvane-utilia\" in a terminal; \"utiliactl login\" has tools started at login."};
 }
 
 Diagnosis diagnosePorts(const Registrations& ports) {

@@ -45,7 +45,7 @@ Diagnoses checkSession() {
         found.push_back({kTray, Severity::Good, "a panel shows them", ""});
     } else {
         found.push_back({kTray, Severity::Warning, "no panel of this session shows them",
-                         "Open the agent's window instead (start the agent with --show-ui), or add "
+                         "Open the agent's window instead (\"korvane-utilia --show-ui\"), or add "
                          "a status icon area to the panel; GNOME needs an extension for it "
                          "(AppIndicator support)."});
     }

@@ -2,6 +2,8 @@
 
 #include <sstream>
 
+#include "Common/UtiliaCommon/AdminSettings/KAVPathHelper.h"
+
 namespace utilia::control {
 namespace {
 
@@ -119,6 +121,7 @@ std::string manualPage(const CommandRow& program, std::string_view version) {
     out << ".\\\" Made from the program's own options.\n"
         << ".TH UTILIACTL 1 \"\" \"" << program.name << " " << literal(version)
         << "\" \"User Commands\"\n"
+        << ".nh\n"  // what is to be typed is never divided
         << ".SH NAME\n"
         << program.name << " \\- look into what the agent and its tools share\n"
         << ".SH SYNOPSIS\n"
@@ -137,7 +140,19 @@ std::string manualPage(const CommandRow& program, std::string_view version) {
         << ".TP\n\\fB1\\fR\nIt could not be done, or a check found errors; the reason is on "
            "standard "
            "error or in the answer.\n"
-        << ".TP\n\\fB2\\fR\nWrong usage.\n";
+        << ".TP\n\\fB2\\fR\nWrong usage.\n"
+        << ".SH FILES\n"
+        << ".TP\n"
+        << italic(KAVPathHelper::filePath())
+        << "\nThe administrator\\(aqs settings of this machine.\n"
+        << ".TP\n"
+        << italic("~/.local/share/korvane-utilia")
+        << "\nWhat agent and tools share, below XDG_DATA_HOME when that is set.\n"
+        << ".TP\n"
+        << italic("~/.config/korvane-utilia")
+        << "\nPreferences, below XDG_CONFIG_HOME when that is set.\n"
+        << ".SH SEE ALSO\n"
+        << bold("journalctl") << "(1)\n";
     return out.str();
 }
 

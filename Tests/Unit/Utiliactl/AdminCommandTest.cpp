@@ -156,10 +156,11 @@ TEST_F(AdminCommand, LeavesNothingBehindWhereNothingChanges) {
 
 TEST_F(AdminCommand, RefusesTheSubsetBesideNames) {
     const Answer given = run({"admin", "set-white-list", "Timer, business-toolset-only"});
-    EXPECT_EQ(given.status, 1);
-    EXPECT_EQ(given.err, "Ambigius white-tools-list parameters. Value 'business-toolset-only' must "
-                         "be used singly.\nutiliactl: this is no white-list: "
-                         "\"Timer, business-toolset-only\"\n");
+    EXPECT_EQ(given.status, 2);
+    EXPECT_EQ(given.err,
+              "utiliactl: TOOLS: \"business-toolset-only\" stands alone, not beside other "
+              "names\nRun \"utiliactl admin set-white-list --help\" for more.\n");
+    EXPECT_EQ(run({"admin", "set-white-list", "business-toolset-only,"}).status, 2);
     EXPECT_FALSE(fs::exists(mounts_.settingsFolder()));
 }
 
@@ -191,7 +192,7 @@ TEST_F(AdminCommand, TakesJsonAndPlainTextAsValues) {
     EXPECT_EQ(settings(), "{\n\n}");
     for (const char* text : {"[1,]", "{a: 1}", "\"open", "[1],[2]"}) {
         const Answer given = run({"admin", "set", "Key", text});
-        EXPECT_EQ(given.status, 1);
+        EXPECT_EQ(given.status, 2);
         EXPECT_THAT(given.err, StartsWith("utiliactl: the value begins like JSON and is none: "));
     }
     EXPECT_EQ(settings(), "{\n\n}");
@@ -199,8 +200,9 @@ TEST_F(AdminCommand, TakesJsonAndPlainTextAsValues) {
 
 TEST_F(AdminCommand, RefusesAnotherTypeForAKeyThatIsItsOwn) {
     EXPECT_EQ(run({"admin", "set", "UpdatesDisabled", "yes"}).err,
-              "utiliactl: UpdatesDisabled takes true or false\n");
-    EXPECT_EQ(run({"admin", "set", "WhiteToolsList", "Timer"}).status, 1);
+              "utiliactl: UpdatesDisabled takes true or false\n"
+              "Run \"utiliactl admin set --help\" for more.\n");
+    EXPECT_EQ(run({"admin", "set", "WhiteToolsList", "Timer"}).status, 2);
     EXPECT_FALSE(fs::exists(mounts_.settingsFolder()));
     EXPECT_EQ(answer({"admin", "set", "UpdatesDisabled", "true"}), "");
     EXPECT_EQ(answer({"admin", "set", "WhiteToolsList", "[\"Timer\"]"}), "");

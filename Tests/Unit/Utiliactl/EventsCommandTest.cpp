@@ -26,6 +26,16 @@ TEST_F(EventsCommandTest, TellsWhereTheLogLies) {
     EXPECT_FALSE(std::filesystem::exists(log()));
 }
 
+TEST_F(EventsCommandTest, RefusesAnActionThatWouldSpoilTheDocument) {
+    for (const std::string action : {"Weird <action>", "this & that", "\"quoted\""}) {
+        EXPECT_THAT(refusal(2, {"events", "log", action}),
+                    HasSubstr(" holds <, & or \", with which no report could be read"));
+    }
+    EXPECT_FALSE(std::filesystem::exists(log()));
+    EXPECT_EQ(answer({"events", "log", "that's > all"}), "");
+    EXPECT_EQ(shown()["events"][0]["action"], "that's > all");
+}
+
 TEST_F(EventsCommandTest, ShowsWhatItHasLogged) {
     EXPECT_EQ(answer({"events", "show"}), "There are no events.\n");
     EXPECT_EQ(shown(), (json{{"path", log()}, {"events", json::array()}}));

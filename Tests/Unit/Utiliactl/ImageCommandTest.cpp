@@ -98,6 +98,7 @@ TEST_F(ImageCommand, RefusesWrongUsage) {
         {"image", "", at("a.png")},
         {"image", input(), at("a.png"), "--type", "pdf"},
         {"image", input(), at("a.png"), "--type", "TIFF"},
+        {"image", input(), at("a.png"), "--page-height", "0"},
         {"image", input(), at("a.pdf"), "--page-height", "-1"},
         {"image", input(), at("a.pdf"), "--page-height", "many"},
         {"image", input(), at("a.pdf"), "--page-height", "10", "--type", "png"},
@@ -106,7 +107,7 @@ TEST_F(ImageCommand, RefusesWrongUsage) {
     EXPECT_EQ(refusal(2, {"image", input(), at("a.foo")}),
               "utiliactl: OUTPUT: \"" + at("a.foo") +
                   "\" tells no format by its name; --type names one\n"
-                  "Run \"utiliactl --help\" for more.\n");
+                  "Run \"utiliactl image --help\" for more.\n");
     EXPECT_FALSE(hasWritten("a.png") || hasWritten("a.pdf") || hasWritten("a.foo"));
 }
 

@@ -57,6 +57,12 @@ TEST_F(ReportingCommandTest, TellsWhenTheNextUploadIs) {
     EXPECT_EQ(status()["nextUpload"], "2023-03-08T20:26:40.000Z");
     EXPECT_THAT(answer({"reporting", "status"}),
                 HasSubstr("Next upload:  2023-03-08T20:26:40.000Z\n"));
+    preferences()->removeObjectForKey(kCEPSyncDateKey);
+    EXPECT_THAT(answer({"reporting", "status"}),
+                HasSubstr("Next upload:  a week after the agent's first start\n"));
+    answer({"reporting", "off"});
+    EXPECT_THAT(answer({"reporting", "status"}),
+                HasSubstr("Next upload:  none while usage reporting is off\n"));
 }
 
 TEST_F(ReportingCommandTest, SwitchesOffAndOnWithRecordsOfIt) {
@@ -165,7 +171,11 @@ TEST_F(ReportingCommandTest, WaitsNoLongerThanItIsTold) {
     const int report = open(path("utilia_report.xml").c_str(), O_RDONLY | O_CLOEXEC);
     ASSERT_EQ(flock(report, LOCK_EX), 0);
     const auto given = run({"reports", "send", "--wait", "0.05", "--json"});
+    const auto forPeople = run({"reports", "send", "--wait", "0.05"});
     close(report);
+    EXPECT_EQ(forPeople.status, 1);
+    EXPECT_THAT(forPeople.out, HasSubstr("not accepted, and kept\n\nReports go to https://"));
+    EXPECT_THAT(forPeople.out, HasSubstr("\"utiliactl fetch https://"));
     EXPECT_EQ(given.status, 1);
     EXPECT_EQ(json::parse(given.out),
               (json{{{"report", path("utilia_report.xml")}, {"removed", false}}}));
@@ -175,7 +185,8 @@ TEST_F(ReportingCommandTest, TheAdministratorsSwitchIsKnownToEveryCommand) {
     const test::PrivateMounts mounts;
     EXPECT_TRUE(mounts.run([this] {
         EXPECT_EQ(run({"admin", "set", "UsageReportingDisabled", "1"}).err,
-                  "utiliactl: UsageReportingDisabled takes true or false\n");
+                  "utiliactl: UsageReportingDisabled takes true or false\n"
+                  "Run \"utiliactl admin set --help\" for more.\n");
         answer({"admin", "set", "UsageReportingDisabled", "true"});
         EXPECT_THAT(answer({"admin", "check"}), EndsWith("is in order.\n"));
         EXPECT_EQ(status()["enabled"], false);

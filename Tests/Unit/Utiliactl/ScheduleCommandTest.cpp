@@ -3,6 +3,7 @@
 #include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Tests/Support/PrivateBus.h"
+#include "Tests/Support/TestBundle.h"
 #include "Tests/Unit/Utiliactl/ControlProgram.h"
 
 namespace utilia {
@@ -10,6 +11,7 @@ namespace {
 
 using nlohmann::json;
 using test::PrivateBus;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -43,7 +45,21 @@ TEST_F(ScheduleCommandTest, AnswersPeopleWithTheRecord) {
     const std::string text = answer({"schedule", "add", "2026-11-21T10:00Z", kTimer, "Timer"});
     EXPECT_THAT(text, StartsWith("BUNDLE IDENTIFIER"));
     EXPECT_THAT(text, HasSubstr("2026-11-21T10:00:00.000Z"));
-    EXPECT_EQ(answer({"schedule", "list"}), text);
+    const std::string note =
+        "\n\"com.korvane.utilia.Timer\" is not installed: until it is, it cannot be started, and "
+        "stays due.\n";
+    EXPECT_EQ(answer({"schedule", "list"}) + note, text);
+}
+
+TEST_F(ScheduleCommandTest, AsksWhetherAToolOfAnotherLetterCaseIsMeant) {
+    EXPECT_THAT(answer({"schedule", "add", "+3", "com.korvane.utilia.timer", "Timer"}),
+                EndsWith("stays due. Is \"com.korvane.utilia.Timer\" meant?\n"));
+}
+
+TEST_F(ScheduleCommandTest, SaysNothingOfAToolThatIsInstalled) {
+    test::TestBundle timer(home_, {.name = "Timer", .bundleIdentifier = kTimer});
+    timer.install("none", {});
+    EXPECT_EQ(answer({"schedule", "add", "+3600", kTimer, "Timer"}), answer({"schedule", "list"}));
 }
 
 TEST_F(ScheduleCommandTest, DatesWithoutAZoneAreWhereTheUserIs) {

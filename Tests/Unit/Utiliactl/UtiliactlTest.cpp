@@ -20,6 +20,7 @@ namespace {
 using test::ChildProcess;
 using test::TemporaryHome;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 namespace fs = std::filesystem;
@@ -103,6 +104,45 @@ TEST_F(Utiliactl, TellsItsVersionAndHelp) {
         arguments.push_back("--help");
         EXPECT_THAT(answer(arguments), HasSubstr("Usage: utiliactl"));
     }
+}
+
+TEST_F(Utiliactl, NamesASubcommandThatThereIsNot) {
+    const auto wrong = [this](const std::vector<std::string>& arguments) {
+        const Answer given = run(arguments);
+        EXPECT_EQ(given.status, 2);
+        EXPECT_EQ(given.out, "");
+        return given.err;
+    };
+    EXPECT_EQ(wrong({"bogus"}), "utiliactl: \"bogus\" is no subcommand of \"utiliactl\"\n"
+                                "Run \"utiliactl --help\" for more.\n");
+    EXPECT_THAT(wrong({"dr"}), StartsWith("utiliactl: \"dr\" is no subcommand"));
+    EXPECT_THAT(wrong({"--bogus"}),
+                StartsWith("utiliactl: \"--bogus\" is no option of \"utiliactl\"\n"));
+    EXPECT_EQ(wrong({"store", "bogus"}),
+              "utiliactl: \"bogus\" is no subcommand of \"utiliactl store\"\n"
+              "Run \"utiliactl store --help\" for more.\n");
+    EXPECT_THAT(wrong({"store"}),
+                HasSubstr("A subcommand is required\nRun \"utiliactl store --help"));
+    EXPECT_THAT(wrong({"store", "dump", "--bogus"}),
+                HasSubstr("--bogus\nRun \"utiliactl store dump --help\" for more.\n"));
+}
+
+TEST_F(Utiliactl, HelpEndsWithWhereThereIsMoreAndTheExitStatuses) {
+    EXPECT_THAT(answer({"--help"}), HasSubstr("\"utiliactl SUBCOMMAND --help\" tells more"));
+    EXPECT_THAT(answer({"store", "--help"}),
+                HasSubstr("\"utiliactl store SUBCOMMAND --help\" tells more"));
+    EXPECT_THAT(answer({"store", "dump", "--help"}), Not(HasSubstr("SUBCOMMAND --help")));
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"--help"}, {"store", "dump", "--help"}, {"doctor", "--help"}})
+        EXPECT_THAT(answer(command), HasSubstr("Exit status: 0 done, 1 "));
+}
+
+TEST_F(Utiliactl, SaysThatItsHelpCannotBeWritten) {
+    auto child = ChildProcess::program(
+        UTILIA_CONTROL_PROGRAM, {"--help"},
+        {.standardError = home_.path() / "err", .standardOutput = "/dev/full"});
+    EXPECT_EQ(child.waitForExit(), 1);
+    EXPECT_THAT(contentOf(home_.path() / "err"), StartsWith("utiliactl: write standard output: "));
 }
 
 TEST_F(Utiliactl, AnswersWrongUsageWithStatus2) {
@@ -275,7 +315,7 @@ TEST_F(Utiliactl, ListsTheSchedule) {
 )");
     EXPECT_EQ(
         answer({"schedule", "list"}),
-        "BUNDLE IDENTIFIER         NAME   AT DATE  DATE                      INTERVAL  AT LOGIN\n"
+        "BUNDLE IDENTIFIER         NAME   AT DATE  DATE (UTC)                INTERVAL  AT LOGIN\n"
         "com.korvane.utilia.timer  Timer  yes      2021-03-05T05:06:07.123Z  604800.5  no\n"
         "com.korvane.utilia.clock  Clock  no       -                         0         yes\n");
 }
