@@ -59,7 +59,8 @@ TEST_F(ScheduleCommandTest, AsksWhetherAToolOfAnotherLetterCaseIsMeant) {
 TEST_F(ScheduleCommandTest, SaysNothingOfAToolThatIsInstalled) {
     test::TestBundle timer(home_, {.name = "Timer", .bundleIdentifier = kTimer});
     timer.install("none", {});
-    EXPECT_EQ(answer({"schedule", "add", "+3600", kTimer, "Timer"}), answer({"schedule", "list"}));
+    const std::string text = answer({"schedule", "add", "+3600", kTimer, "Timer"});
+    EXPECT_EQ(text, answer({"schedule", "list"}));
 }
 
 TEST_F(ScheduleCommandTest, DatesWithoutAZoneAreWhereTheUserIs) {
@@ -109,7 +110,7 @@ TEST_F(ScheduleCommandTest, ABadDateIsWrongUsageAndSaysHowItShouldBe) {
     EXPECT_EQ(refusal(2, {"schedule", "add", "tomorrow", kTimer, "Timer"}),
               "utiliactl: DATE: \"tomorrow\" is no date: give it as 2026-11-21T10:00, "
               "2026-11-21T10:00:00+01:00, or as +90m from now\n"
-              "Run \"utiliactl --help\" for more.\n");
+              "Run \"utiliactl schedule add --help\" for more.\n");
     EXPECT_EQ(records(), Array());
 }
 
