@@ -1,3 +1,6 @@
+#include <functional>
+#include <random>
+
 #include <nlohmann/json.hpp>
 
 #include <fcntl.h>
@@ -219,19 +222,15 @@ TEST_F(ReportingCommandTest, TheCheckOfTheSettingsKnowsTheKey) {
 }
 
 // The product as it is, with the host that it was built for: in a network and with certificates of
-// the test's own.
-TEST_F(ReportingCommandTest, SendsToTheServerOfTheProductAndSaysWhatItAccepted) {
+// the test's own. `directives` are the server's for an upload.
+void withServerOfTheProduct(const std::string& directives,
+                            const std::function<void(const test::NginxServer&)>& body) {
     const test::PrivateMounts mounts;
     const test::PrivateNetwork network;
     network.run("ip link set lo up");
-    preferences()->setObject(Date{700'000'000}, kCEPSyncDateKey);
-    CEPLog().log("Act");
-    leaveReport("utilia_report (5).xml", "<a/>\n");
     EXPECT_TRUE(mounts.run([&] {
         ASSERT_TRUE(network.enter());
-        const std::string accept =
-            std::string("location = /utilia/1/cep { ") + test::kKeepBody + " }";
-        const test::NginxServer server(accept,
+        const test::NginxServer server("location = /utilia/1/cep { " + directives + " }",
                                        {.certificateNames = {UTILIA_REPORT_HOST, "localhost"}});
         // nginx chooses its port; the product's is 443.
         const test::NginxServer front(
@@ -244,7 +243,15 @@ TEST_F(ReportingCommandTest, SendsToTheServerOfTheProductAndSaysWhatItAccepted) 
         fs::remove(mounts.etc() / "ssl");
         fs::create_directories(mounts.etc() / "ssl/certs");
         fs::copy_file(server.certificate(), mounts.etc() / "ssl/certs/ca-certificates.crt");
+        body(server);
+    }));
+}
 
+TEST_F(ReportingCommandTest, SendsToTheServerOfTheProductAndSaysWhatItAccepted) {
+    preferences()->setObject(Date{700'000'000}, kCEPSyncDateKey);
+    CEPLog().log("Act");
+    leaveReport("utilia_report (5).xml", "<a/>\n");
+    withServerOfTheProduct(test::kKeepBody, [&](const test::NginxServer& server) {
         const json sent = json::parse(answer({"reports", "send", "--json"}));
         EXPECT_EQ(sent, (json{{{"report", path("utilia_report (5).xml")}, {"removed", true}},
                               {{"report", path("utilia_report.xml")}, {"removed", true}}}));
@@ -260,7 +267,25 @@ TEST_F(ReportingCommandTest, SendsToTheServerOfTheProductAndSaysWhatItAccepted) 
         std::ifstream copy(kept[1].at("document").get<std::string>());
         EXPECT_EQ(std::string(std::istreambuf_iterator<char>(copy), {}), "<a/>\n");
         EXPECT_THAT(answer({"reports", "sent"}), HasSubstr("utilia_report.xml "));
-    }));
+    });
+}
+
+TEST_F(ReportingCommandTest, TellsOfEachReportWhetherTheServerAcceptedIt) {
+    leaveReport("utilia_report.xml", "<a/>\n");
+    std::string noise(50'000, '\0');  // which an archive does not make smaller
+    std::minstd_rand random(1);
+    for (char& each : noise) each = static_cast<char>(random() >> 8);
+    leaveReport("utilia_report (1).xml", noise);
+    const std::string refusingLong = "if ($content_length ~ \"^[0-9]{5,}$\") { return 503; } ";
+    withServerOfTheProduct(refusingLong + test::kKeepBody, [&](const test::NginxServer&) {
+        const auto given = run({"reports", "send", "--json"});
+        EXPECT_EQ(given.status, 1) << "one is left";
+        EXPECT_EQ(json::parse(given.out),
+                  (json{{{"report", path("utilia_report (1).xml")}, {"removed", false}},
+                        {{"report", path("utilia_report.xml")}, {"removed", true}}}));
+        EXPECT_TRUE(fs::exists(path("utilia_report (1).xml")));
+        EXPECT_FALSE(fs::exists(path("utilia_report.xml")));
+    });
 }
 
 }  // namespace
