@@ -13,6 +13,7 @@
 #include "Applications/Agent/AgentTexts.h"
 #include "Applications/Agent/Interface/ToolPictures.h"
 #include "Applications/CommandLine.h"
+#include "Applications/Desktop/BusThread.h"
 #include "Applications/Desktop/DesktopColors.h"
 #include "Applications/Reporting/SentReports.h"
 #include "Common/Platform/Application.h"
@@ -116,5 +117,5 @@ int main(int argc, char** argv) {
     // What is being collected would be lost.
     usage.waitForUploads(std::chrono::seconds(5));
     usage.setUploadHandler(nullptr);
-    return status;
+    return utilia::desktop::endedMain(status);
 }

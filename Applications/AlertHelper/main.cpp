@@ -16,6 +16,7 @@
 #include "Applications/AlertHelper/Channel.h"
 #include "Applications/AlertHelper/Question.h"
 #include "Applications/AlertHelper/QuestionWindow.h"
+#include "Applications/Desktop/BusThread.h"
 #include "Applications/Desktop/DesktopColors.h"
 
 namespace {
@@ -76,5 +77,5 @@ int main(int argc, char** argv) {
     QSocketNotifier end(Channel::kDescriptor, QSocketNotifier::Read);
     QObject::connect(&end, &QSocketNotifier::activated, &window, [] { _exit(EXIT_FAILURE); });
     window.present();
-    return QApplication::exec();
+    return utilia::desktop::endedMain(QApplication::exec());
 }

@@ -2,8 +2,6 @@
 
 #include <atomic>
 #include <memory>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include <QApplication>
@@ -12,12 +10,13 @@
 #include <QSemaphore>
 #include <QStyle>
 
+#include "Applications/Desktop/BusThread.h"
 #include "Applications/Desktop/DesktopPalette.h"
 #include "Applications/Desktop/HighContrastStyle.h"
 
 // A bus that does not answer must not keep the question from the user, and the bus library waits for it in many places:
 // so a thread of its own talks to the portal, and the window waits for that thread for a fifth of a second. The thread
-// is never joined; the process ends with the answer to the question.
+// is never joined: where it still talks at the end of main, the process ends with it (BusThread.h).
 
 namespace utilia::desktop {
 namespace {
@@ -93,8 +92,8 @@ void DesktopColors::followAgain() {
 bool DesktopColors::ask(std::function<void(Preferences)> answered) {
     const QString before = connectionName(connections_);
     const QString name = connectionName(++connections_);
-    const auto talk = [this, address = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"), before,
-                       name, answered = std::move(answered)] {
+    return startBusThread([this, address = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"), before,
+                           name, answered = std::move(answered)] {
         QDBusConnection::disconnectFromBus(before);
         Preferences preferences;
         QDBusConnection bus = QDBusConnection::connectToBus(address, name);
@@ -107,13 +106,7 @@ bool DesktopColors::ask(std::function<void(Preferences)> answered) {
         answered(preferences);
         QMetaObject::invokeMethod(
             this, [this, preferences] { apply(preferences); }, Qt::QueuedConnection);
-    };
-    try {
-        std::thread(talk).detach();
-    } catch (const std::system_error&) {
-        return false;
-    }
-    return true;
+    });
 }
 
 void DesktopColors::settingChanged(const QString& changedGroup, const QString& changedKey,

@@ -13,6 +13,8 @@ namespace utilia::desktop {
 // the desktop portal's colour scheme and contrast, also when they change while the window is open. Without a portal, and
 // for who has no preference, colours stay as they are, but for selected texts, which are made legible.
 //
+// Lives until the end of main, which asks endedMain() (BusThread.h).
+//
 // Threads: the main thread.
 class DesktopColors final : public QObject {
     Q_OBJECT

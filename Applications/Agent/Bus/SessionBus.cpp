@@ -1,8 +1,6 @@
 #include "Applications/Agent/Bus/SessionBus.h"
 
 #include <algorithm>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include <QCoreApplication>
@@ -11,6 +9,7 @@
 #include <QPointer>
 #include <QUrl>
 
+#include "Applications/Desktop/BusThread.h"
 #include "Common/Logging/Log.h"
 
 namespace utilia::agent {
@@ -62,14 +61,13 @@ void SessionBus::connectNow() {
     const auto done = [self = QPointer<SessionBus>(this), name] {
         if (self) self->finish(name);
     };
-    try {
-        std::thread([address = address(), name, done] {
-            QDBusConnection::connectToBus(address, name);
-            QMetaObject::invokeMethod(qApp, done, Qt::QueuedConnection);
-        }).detach();
-    } catch (const std::system_error& error) {
+    const bool isTalking = desktop::startBusThread([address = address(), name, done] {
+        QDBusConnection::connectToBus(address, name);
+        QMetaObject::invokeMethod(qApp, done, Qt::QueuedConnection);
+    });
+    if (!isTalking) {
         isBusy_ = false;
-        fail(QString::fromLocal8Bit(error.what()));
+        fail(QStringLiteral("no thread is to be had"));
     }
 }
 

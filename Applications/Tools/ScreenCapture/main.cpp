@@ -14,6 +14,7 @@
 #include <QLocale>
 
 #include "Applications/CommandLine.h"
+#include "Applications/Desktop/BusThread.h"
 #include "Applications/Desktop/DesktopColors.h"
 #include "Applications/Tools/Drawing/QtPictures.h"
 #include "Applications/Tools/Drawing/ToolText.h"
@@ -157,5 +158,5 @@ int main(int count, char** words) {
     const int status = host.exec();
     platform::Application::sharedApplication().setDelegate(nullptr);
     CEPLog::sharedInstance().log("Quit");
-    return status;
+    return desktop::endedMain(status);
 }

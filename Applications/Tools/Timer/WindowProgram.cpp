@@ -9,6 +9,7 @@
 #include <QProcess>
 #include <QStandardPaths>
 
+#include "Applications/Desktop/BusThread.h"
 #include "Applications/Desktop/DesktopColors.h"
 #include "Applications/Tools/Timer/TimerWindow.h"
 #include "Common/Platform/Bundle.h"
@@ -38,5 +39,5 @@ int main(int count, char** words) {
                               });
     window.show();
     window.activateWindow();
-    return QApplication::exec();
+    return desktop::endedMain(QApplication::exec());
 }

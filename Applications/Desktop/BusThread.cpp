@@ -1,0 +1,37 @@
+#include "Applications/Desktop/BusThread.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace utilia::desktop {
+namespace {
+
+std::atomic<int> talks = 0;
+
+}  // namespace
+
+bool startBusThread(std::function<void()> talk) {
+    ++talks;
+    try {
+        std::thread([talk = std::move(talk)] {
+            talk();
+            --talks;
+        }).detach();
+    } catch (const std::system_error&) {
+        --talks;
+        return false;
+    }
+    return true;
+}
+
+int endedMain(int status) {
+    if (talks == 0) return status;
+    std::fflush(nullptr);
+    std::_Exit(status);
+}
+
+}  // namespace utilia::desktop
