@@ -40,13 +40,12 @@ AgentApplication::AgentApplication()
                           .showWindow = [this] { show(AgentWindow::Page::Tools); },
                           .showSettings = [this] { show(AgentWindow::Page::Settings); },
                           .quit = [] { platform::Application::sharedApplication().terminate(); }})),
-      schedules_(
-          {.tell =
-               [this](const std::string& tool) {
-                   return tools_.tell(tool, AgentMessage::DateScheduleFired);
-               },
-           .launch = [this](const std::string& tool) { return launch(tool); },
-           .launchAtLogin = [this](const std::string& tool) { return launchAtLogin(tool); }}) {
+      schedules_({.tell =
+                      [this](const std::string& tool) {
+                          return tools_.tell(tool, AgentMessage::DateScheduleFired);
+                      },
+                  .launch = [this](const std::string& tool) { return launch(tool); },
+                  .launchAtLogin = [this](const std::string& tool) { return launch(tool); }}) {
     observation_ = tools_.observe([this](const ToolList::Change& change) { follow(change); });
     icon_->setShownHandler([this] { panelIsKnown(); });
     tools_.setKeptHandler([this](const std::string& tool, AgentMessage message,
@@ -174,17 +173,14 @@ void AgentApplication::activate(const std::string& identifier) {
         KULogVariadic("Tool %@: %@", identifier, done.error());
 }
 
-Outcome AgentApplication::launchAtLogin(const std::string& identifier) {
-    // Launching a tool that runs would bring it to the front.
-    const bool isRunning =
-        !platform::RunningApplication::runningApplicationsWithBundleIdentifier(identifier).empty();
-    return isRunning ? Outcome::Done : launch(identifier);
-}
-
 Outcome AgentApplication::launch(const std::string& identifier) {
     const ToolEntry* const tool = tools_.find(identifier);
     if (!tool || !tool->isReady()) return Outcome::NotNow;
-    if (tool->isRunning) return Outcome::Done;
+    // Launching a tool that runs would bring it to the front. The launcher may have started it just
+    // now, and nothing was heard of its port yet.
+    if (tool->isRunning ||
+        !platform::RunningApplication::runningApplicationsWithBundleIdentifier(identifier).empty())
+        return Outcome::Done;
     const auto launched = platform::Workspace::launchAppWithBundleIdentifier(
         identifier, platform::WorkspaceLaunchOptions::Async);
     if (launched) return Outcome::Done;

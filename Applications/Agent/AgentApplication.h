@@ -51,7 +51,6 @@ private:
     void show(AgentWindow::Page page);
     void activate(const std::string& identifier);
     ScheduleRunner::Outcome launch(const std::string& identifier);
-    ScheduleRunner::Outcome launchAtLogin(const std::string& identifier);
     void follow(const ToolList::Change& change);
     void watchInstalledTools();
     void panelIsKnown();
