@@ -33,7 +33,8 @@
 // under that name, the next one takes first. And it ends the current file under that name as well,
 // not under the overflow's, where another overflow may have come to lie meanwhile.
 //
-// A log stays open between records. Whoever ends it or removes it by these rules has left marks on
+// A log stays open between the records of a burst; in the pauses of a tool nobody's disk keeps a log
+// for it that was collected. Whoever ends it or removes it by these rules has left marks on
 // the file itself, which its writer sees once he has the lock: it is read-only, or has no name.
 // Against those who move it by no rule he looks at the name as well, unless he has just done so. He
 // does not wait for the lock: whoever has it ends the log, and a collector as long as it reads.
@@ -171,8 +172,10 @@ EventLogFile::Names EventLogFile::Names::inFolder(std::string_view logs) {
             name("krv.utilia.ceplog-taken.xml")};
 }
 
-EventLogFile::EventLogFile(Names names, Facts facts, std::uint64_t largestSize)
-    : names_(std::move(names)), facts_(std::move(facts)), largestSize_(largestSize) {}
+EventLogFile::EventLogFile(Names names, Facts facts, std::uint64_t largestSize,
+                           std::chrono::milliseconds burst)
+    : names_(std::move(names)), facts_(std::move(facts)), largestSize_(largestSize), burst_(burst) {
+}
 
 EventLogCode EventLogFile::append(std::string_view record) const {
     if (record.size() > kLongestRecord) return EventLogCode::RecordNotWritten;
@@ -208,12 +211,11 @@ EventLogCode EventLogFile::append(std::string_view record) const {
     return EventLogCode::LogNotReady;
 }
 
-bool EventLogFile::isKeptStillTheLog(LockedFile& log) const {
+bool EventLogFile::isKeptStillTheLog(LockedFile& log, Clock::time_point now) const {
     const auto status = log.status();
     if (!status || !status->isSameFileAs(kept_.status) || status->links == 0 ||
         !status->isOwnerWritable || status->size > largestSize_)
         return false;
-    const auto now = Clock::now();
     if (now - kept_.lookedAtName < kTrustInName) return true;
     const auto there = log.isAtPath(names_.CEPLogName);
     kept_.lookedAtName = now;
@@ -226,12 +228,14 @@ std::optional<EventLogCode> EventLogFile::appendToKept(std::string_view record) 
     if (!turn || !kept_.file) return std::nullopt;
     // Whatever fails from here on, its end gives the lock up.
     LockedFile log = *std::exchange(kept_.file, std::nullopt);
-    if (!log.isOfThisProcess()) return std::nullopt;
+    const Clock::time_point now = Clock::now();
+    if (!log.isOfThisProcess() || now - kept_.lastRecord >= burst_) return std::nullopt;
     // Who has locked it ends it or takes it away, and may take his time: the log is another one by then.
     const auto isLocked = log.tryLock(LockedFile::Lock::Shared);
-    if (!isLocked || !*isLocked || !isKeptStillTheLog(log)) return std::nullopt;
+    if (!isLocked || !*isLocked || !isKeptStillTheLog(log, now)) return std::nullopt;
     if (!log.append(record)) return EventLogCode::RecordNotWritten;
     if (log.unlock()) kept_.file = std::move(log);
+    kept_.lastRecord = now;
     return EventLogCode::Done;
 }
 
@@ -240,6 +244,8 @@ EventLogCode EventLogFile::appendAndKeep(LockedFile log, Clock::time_point opene
     if (!log.append(record)) return EventLogCode::RecordNotWritten;
     const std::unique_lock turn(kept_.turn, std::try_to_lock);
     if (!turn) return EventLogCode::Done;
+    const bool isBurst = opened - std::exchange(kept_.lastRecord, opened) < burst_;
+    if (!isBurst) return EventLogCode::Done;
     const auto status = log.status();
     if (status && log.unlock()) {
         kept_.file = std::move(log);
@@ -274,6 +280,8 @@ void EventLogFile::end(LockedFile& file, const std::string& name) const {
 }
 
 EventLogFile::Grabbed EventLogFile::grab() const {
+    // Its room on the disk may be what the report needs.
+    closeKept();
     const bool isLegacy = platform::FileManager::fileExistsAtPath(names_.CEPLogNameOld);
     const std::string& source = isLegacy ? names_.CEPLogNameOld : names_.CEPLogName;
     Grabbed grabbed;

@@ -22,6 +22,8 @@ namespace utilia {
 class EventLogFile final {
 public:
     static constexpr std::uint64_t kLargestSize = 5'242'880;
+    // Records that follow each other within this time find the log open.
+    static constexpr std::chrono::milliseconds kBurst{10};
 
     struct Names {
         std::string CEPLogName;
@@ -35,7 +37,8 @@ public:
 
     // The facts are asked for when a file begins. A file that is larger than `largestSize` is ended
     // by the next writer.
-    EventLogFile(Names names, Facts facts, std::uint64_t largestSize = kLargestSize);
+    EventLogFile(Names names, Facts facts, std::uint64_t largestSize = kLargestSize,
+                 std::chrono::milliseconds burst = kBurst);
 
     const Names& names() const { return names_; }
 
@@ -57,16 +60,17 @@ private:
     enum class Ending { Done, NameTaken, Failed };
 
     using Clock = std::chrono::steady_clock;
-    // The log that was appended to last. It stays open, since opening costs more than all else that a
-    // record takes; locked it is only meanwhile.
+    // The log that was appended to last. It stays open in a burst of records, since opening costs more
+    // than all else that a record takes; locked it is only meanwhile.
     struct Kept {
         std::mutex turn;  // never waited for: whoever has no turn opens the log himself
         std::optional<platform::LockedFile> file = {};
         platform::LockedFile::Status status = {};
         Clock::time_point lookedAtName = {};
+        Clock::time_point lastRecord = {};
     };
 
-    bool isKeptStillTheLog(platform::LockedFile& log) const;
+    bool isKeptStillTheLog(platform::LockedFile& log, Clock::time_point now) const;
     std::optional<EventLogCode> appendToKept(std::string_view record) const;
     EventLogCode appendAndKeep(platform::LockedFile log, Clock::time_point opened,
                                std::string_view record) const;
@@ -83,6 +87,7 @@ private:
     Names names_;
     Facts facts_;
     std::uint64_t largestSize_;
+    std::chrono::milliseconds burst_;
     mutable Kept kept_ = {};
 };
 

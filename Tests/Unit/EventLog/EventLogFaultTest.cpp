@@ -35,9 +35,10 @@ std::string contentOf(int descriptor) {
 
 class EventLogFaultTest : public testing::Test {
 protected:
-    EventLogFile log(std::uint64_t largestSize = EventLogFile::kLargestSize) const {
+    EventLogFile log(std::uint64_t largestSize = EventLogFile::kLargestSize,
+                     std::chrono::milliseconds burst = EventLogFile::kBurst) const {
         return {EventLogFile::Names::inFolder(folder_.path().string()), test::sampleFacts,
-                largestSize};
+                largestSize, burst};
     }
     fs::path current() const { return folder_.path() / "krv.utilia.ceplog.xml"; }
     fs::path more() const { return folder_.path() / "krv.utilia.ceplog-more.xml"; }
@@ -67,7 +68,8 @@ protected:
     // A record is there once if its writer was told so, and at most once otherwise.
     void appendUnderEachFault(std::span<const test::Fault> table, std::uint64_t largestSize,
                               bool isKeptOpen) {
-        const EventLogFile file = log(largestSize);
+        const EventLogFile file =
+            log(largestSize, isKeptOpen ? std::chrono::hours(1) : std::chrono::hours(0));
         const std::string record = sampleRecord("a", 2);
         EventLogCode code = EventLogCode::Done;
         const std::size_t runs = test::forEachFault(
@@ -172,13 +174,14 @@ TEST_F(EventLogFaultTest, AppendsOrSaysThatMemoryHasRunOut) {
 
 // Its name is gone when it is looked at, and there is no memory to say so.
 TEST_F(EventLogFaultTest, LeavesTheLogThatItKeptUnlockedWhereMemoryHasRunOut) {
-    const EventLogFile file = log();
+    const EventLogFile file = log(EventLogFile::kLargestSize, std::chrono::hours(1));
     const fs::path moved = folder_.path() / "moved";
     const std::size_t runs = test::forEachFault(
         test::memoryFaults(),
         [&] {
             empty();
-            EXPECT_EQ(file.append(sampleRecord("kept", 1)), EventLogCode::Done);
+            for (int i = 1; i <= 2; ++i)
+                EXPECT_EQ(file.append(sampleRecord("kept", i)), EventLogCode::Done);
             fs::rename(current(), moved);
             std::this_thread::sleep_for(std::chrono::milliseconds(15));
         },

@@ -33,6 +33,11 @@ protected:
         return {EventLogFile::Names::inFolder(folder_.path().string()), test::sampleFacts,
                 largestSize};
     }
+    // With pauses of any length in its bursts, for tests on busy machines.
+    EventLogFile keepingLog(std::uint64_t largestSize = EventLogFile::kLargestSize) const {
+        return {EventLogFile::Names::inFolder(folder_.path().string()), test::sampleFacts,
+                largestSize, std::chrono::hours(1)};
+    }
     fs::path current() const { return folder_.path() / "krv.utilia.ceplog.xml"; }
     fs::path more() const { return folder_.path() / "krv.utilia.ceplog-more.xml"; }
     fs::path taken() const { return folder_.path() / "krv.utilia.ceplog-taken.xml"; }
@@ -160,7 +165,7 @@ TEST_F(EventLogFileTest, BeginsAnewWhereItsFileWasEnded) {
 void waitUntilTheNameIsLookedAt() { std::this_thread::sleep_for(std::chrono::milliseconds(20)); }
 
 TEST_F(EventLogFileTest, KeepsItsLogOpenAndUnlocked) {
-    const EventLogFile file = log();
+    const EventLogFile file = keepingLog();
     for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
     EXPECT_EQ(openFilesAt(current()), 1u);
     const int descriptor = open(current().c_str(), O_RDONLY | O_CLOEXEC);
@@ -174,7 +179,7 @@ TEST_F(EventLogFileTest, KeepsItsLogOpenAndUnlocked) {
 }
 
 TEST_F(EventLogFileTest, LeavesALogThatIsRemovedOrReplaced) {
-    const EventLogFile file = log();
+    const EventLogFile file = keepingLog();
     const auto keepOne = [&] {
         fs::remove_all(current());
         for (int i = 1; i <= 2; ++i)
@@ -204,7 +209,7 @@ TEST_F(EventLogFileTest, LeavesALogThatIsRemovedOrReplaced) {
 }
 
 TEST_F(EventLogFileTest, LeavesALogThatHasAnotherNameByNow) {
-    const EventLogFile file = log();
+    const EventLogFile file = keepingLog();
     for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
     fs::rename(current(), legacy());
     const std::string before = test::contentOf(legacy());
@@ -215,7 +220,7 @@ TEST_F(EventLogFileTest, LeavesALogThatHasAnotherNameByNow) {
 }
 
 TEST_F(EventLogFileTest, LeavesALogThatAnotherWriterEndsOrACollectorTakes) {
-    const EventLogFile file = log();
+    const EventLogFile file = keepingLog();
     for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
     EXPECT_EQ(log(1).append(sampleRecord("b", 1)), EventLogCode::Done);
     EXPECT_EQ(file.append(sampleRecord("a", 3)), EventLogCode::Done);
@@ -228,10 +233,10 @@ TEST_F(EventLogFileTest, LeavesALogThatAnotherWriterEndsOrACollectorTakes) {
 }
 
 TEST_F(EventLogFileTest, DoesNotWaitForACollectorThatReadsTheLogThatItKeeps) {
-    const EventLogFile file = log();
+    const EventLogFile file = keepingLog();
     for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
     // Which has its lock as long as it is open.
-    const auto grabbed = file.grab();
+    const auto grabbed = log().grab();
     ASSERT_EQ(grabbed.code, EventLogCode::Done);
     EXPECT_EQ(file.append(sampleRecord("a", 3)), EventLogCode::Done);
     EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 3));
@@ -239,7 +244,7 @@ TEST_F(EventLogFileTest, DoesNotWaitForACollectorThatReadsTheLogThatItKeeps) {
 }
 
 TEST_F(EventLogFileTest, RefusesTheLogThatItKeepsOnceNobodyMayWriteIt) {
-    const EventLogFile file = log();
+    const EventLogFile file = keepingLog();
     for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
     fs::permissions(current(), fs::perms(0444));
     EXPECT_EQ(file.append(sampleRecord("a", 3)), EventLogCode::LogNotReady);
@@ -248,7 +253,7 @@ TEST_F(EventLogFileTest, RefusesTheLogThatItKeepsOnceNobodyMayWriteIt) {
 }
 
 TEST_F(EventLogFileTest, WritesToNoOtherFileThatHasGotTheNumberOfItsLog) {
-    const EventLogFile file = log();
+    const EventLogFile file = keepingLog();
     for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
     // As programs do that close every descriptor.
     const fs::path document = folder_.path() / "document";
@@ -263,12 +268,31 @@ TEST_F(EventLogFileTest, WritesToNoOtherFileThatHasGotTheNumberOfItsLog) {
               sampleHeader() + sampleRecord("a", 1) + sampleRecord("a", 2) + sampleRecord("a", 3));
 }
 
-TEST_F(EventLogFileTest, ClosesTheLogThatItKeeps) {
-    const EventLogFile file = log();
-    EXPECT_EQ(file.append(sampleRecord("a", 1)), EventLogCode::Done);
-    EXPECT_EQ(openFilesAt(current()), 1u);
+TEST_F(EventLogFileTest, ClosesTheLogThatItKeepsWhenItIsToldToAndWhenItCollects) {
+    const EventLogFile file = keepingLog();
+    const auto keepOne = [&] {
+        for (int i = 1; i <= 2; ++i)
+            EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
+        EXPECT_EQ(openFilesAt(current()), 1u);
+    };
+    keepOne();
     file.closeKept();
     EXPECT_EQ(openFilesAt(current()), 0u);
+    keepOne();
+    const fs::path link = folder_.path() / "link";
+    fs::create_hard_link(current(), link);
+    EXPECT_EQ(file.grab().code, EventLogCode::Done);
+    EXPECT_EQ(openFilesAt(link), 0u);
+}
+
+// Or its room on the disk would not be free when it is collected.
+TEST_F(EventLogFileTest, KeepsNoLogOpenInPauses) {
+    const EventLogFile file = log();
+    for (int i = 1; i <= 3; ++i) {
+        EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
+        EXPECT_EQ(openFilesAt(current()), 0u);
+        std::this_thread::sleep_for(2 * EventLogFile::kBurst);
+    }
 }
 
 // Where names cannot be exchanged in one step, a collector can be killed between two.
@@ -282,7 +306,8 @@ TEST_F(EventLogFileTest, TakesALogThatHasTwoNamesOnce) {
 }
 
 TEST_F(EventLogFileTest, EndsTheLogThatItKeeps) {
-    const EventLogFile file = log(sampleHeader().size() + 2 * sampleRecord("a", 1).size() - 1);
+    const EventLogFile file =
+        keepingLog(sampleHeader().size() + 2 * sampleRecord("a", 1).size() - 1);
     for (int i = 1; i <= 3; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
     EXPECT_EQ(test::contentOf(more()), document(sampleRecord("a", 1) + sampleRecord("a", 2)));
     EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 3));
@@ -290,7 +315,8 @@ TEST_F(EventLogFileTest, EndsTheLogThatItKeeps) {
 
 TEST_F(EventLogFileTest, DoesNotShareTheLogThatItKeepsWithAForkedChild) {
     EventLogFile* const file =
-        new EventLogFile(EventLogFile::Names::inFolder(folder_.path().string()), test::sampleFacts);
+        new EventLogFile(EventLogFile::Names::inFolder(folder_.path().string()), test::sampleFacts,
+                         EventLogFile::kLargestSize, std::chrono::hours(1));
     for (int i = 1; i <= 2; ++i) EXPECT_EQ(file->append(sampleRecord("a", i)), EventLogCode::Done);
     const int descriptor = open(current().c_str(), O_RDONLY | O_CLOEXEC);
     const pid_t child = fork();
@@ -317,7 +343,7 @@ TEST_F(EventLogFileTest, DoesNotShareTheLogThatItKeepsWithAForkedChild) {
 TEST_F(EventLogFileTest, AppendsFromManyThreadsThroughOneObject) {
     constexpr int kThreads = 8;
     constexpr int kRecords = 500;
-    const EventLogFile file = log();
+    const EventLogFile file = keepingLog();
     std::vector<std::thread> threads;
     for (int thread = 0; thread < kThreads; ++thread) {
         threads.emplace_back([&file, thread] {

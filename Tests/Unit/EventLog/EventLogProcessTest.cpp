@@ -63,9 +63,10 @@ std::optional<int> untilEndedOrBlocked(pid_t child) {
 
 class EventLogProcessTest : public testing::Test {
 protected:
-    EventLogFile log(std::uint64_t largestSize) const {
+    EventLogFile log(std::uint64_t largestSize,
+                     std::chrono::milliseconds burst = EventLogFile::kBurst) const {
         return {EventLogFile::Names::inFolder(folder_.path().string()), test::sampleFacts,
-                largestSize};
+                largestSize, burst};
     }
     fs::path current() const { return folder_.path() / "krv.utilia.ceplog.xml"; }
     fs::path more() const { return folder_.path() / "krv.utilia.ceplog-more.xml"; }
@@ -464,9 +465,9 @@ TEST_F(EventLogProcessTest, LosesNothingWhateverOthersDoWhileOneWrites) {
             std::optional<int> ended;
             const std::size_t points = test::forEachStopPoint(
                 [&] {
-                    // The second time with a log that it has kept open.
-                    const EventLogFile own = log(ends ? 3'000 : 100'000);
-                    for (const int number : {1, 2}) {
+                    // The third time with a log that it has kept open.
+                    const EventLogFile own = log(ends ? 3'000 : 100'000, std::chrono::hours(1));
+                    for (const int number : {1, 2, 3}) {
                         if (own.append(sampleRecord("stopped", number)) != EventLogCode::Done)
                             _exit(18);
                     }
@@ -488,14 +489,15 @@ TEST_F(EventLogProcessTest, LosesNothingWhateverOthersDoWhileOneWrites) {
                     EXPECT_EQ(ended ? *ended : statusOf(other), 0);
                     Found found;
                     ASSERT_NO_FATAL_FAILURE(collected.countAll(file, found));
-                    Found expected{{"stopped", {{1, 1}, {2, 1}}}};
+                    Found expected{{"stopped", {{1, 1}, {2, 1}, {3, 1}}}};
                     if (std::string_view(begin) != "none") expected["before"][1] = 1;
                     if (words != "collect") expected["other"][3] = 1;
                     EXPECT_EQ(found, expected);
                     EXPECT_TRUE(fs::is_empty(folder_.path()));
                     prepare();
                 });
-            EXPECT_GE(points, 9u);  // open, flock, fstat, write, flock; flock, fstat, write, flock
+            // Twice open, flock, fstat, write and their ends; flock, fstat, write, flock.
+            EXPECT_GE(points, 14u);
             Found rest;
             ASSERT_NO_FATAL_FAILURE(collected.countAll(file, rest));
         }

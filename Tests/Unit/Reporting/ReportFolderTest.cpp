@@ -1,8 +1,11 @@
+#include <thread>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "Common/Platform/UniqueFd.h"
+#include "Common/UtiliaCommon/CEP/EventLogFile.h"
 #include "Tests/Support/FaultInjection.h"
 #include "Tests/Support/PrivateMounts.h"
 #include "Tests/Unit/Reporting/ReportingFixture.h"
@@ -289,6 +292,8 @@ TEST_F(ReportFolderTest, EveryFailureOfTheSystemLeavesWholeReportsOrNone) {
             fs::remove(current());
             fs::remove(overflow());
             fs::remove(taken());
+            // After the burst of the last time, so that no log stays open.
+            std::this_thread::sleep_for(2 * EventLogFile::kBurst);
             log->log("Act");
             messages_.clear();
         },
