@@ -1,13 +1,13 @@
 #include "Applications/Desktop/DesktopColors.h"
 
-#include <atomic>
+#include <chrono>
+#include <future>
 #include <memory>
 #include <utility>
 
 #include <QApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QSemaphore>
 #include <QStyle>
 
 #include "Applications/Desktop/BusThread.h"
@@ -21,7 +21,7 @@
 namespace utilia::desktop {
 namespace {
 
-constexpr int kPatience = 200;        // milliseconds, before the window is shown anyway
+constexpr std::chrono::milliseconds kPatience(200);  // before the window is shown anyway
 constexpr int kCallTimeout = 10'000;  // milliseconds; starting a portal may take a while
 
 constexpr uint kNoPreference = 0;
@@ -47,7 +47,7 @@ uint preferenceOf(QVariant value) {
     return isNumber ? preference : kNoPreference;
 }
 
-uint askPortal(const QDBusConnection& bus, const QString& key) {
+std::optional<uint> askPortal(const QDBusConnection& bus, const QString& key) {
     // The first is the newer form.
     for (const QString& method : {QStringLiteral("ReadOne"), QStringLiteral("Read")}) {
         QDBusMessage call = QDBusMessage::createMethodCall(service(), path(), interface(), method);
@@ -57,7 +57,7 @@ uint askPortal(const QDBusConnection& bus, const QString& key) {
             return preferenceOf(reply.arguments().constFirst());
         }
     }
-    return kNoPreference;
+    return std::nullopt;
 }
 
 }  // namespace
@@ -69,44 +69,43 @@ DesktopColors::DesktopColors()
 }
 
 void DesktopColors::follow() {
-    struct First {
-        QSemaphore isThere;
-        std::atomic<Preferences> preferences{Preferences()};
-    };
-    const auto first = std::make_shared<First>();
+    const auto first = std::make_shared<std::promise<Answers>>();
+    std::future<Answers> answers = first->get_future();
     // The bus library finds the types of a slot by their names, and learns its own with the first
     // message only.
     qRegisterMetaType<QDBusVariant>();
-    const bool isAsked = ask([first](Preferences preferences) {
-        first->preferences = preferences;
-        first->isThere.release();
-    });
-    if (isAsked && first->isThere.tryAcquire(1, kPatience)) apply(first->preferences);
+    const bool isAsked = ask([first](Answers answered) { first->set_value(answered); });
+    if (isAsked && answers.wait_for(kPatience) == std::future_status::ready) take(answers.get());
 }
 
 void DesktopColors::followAgain() {
-    ask([](Preferences) {});
+    ask([](Answers) {});
 }
 
 // False where there is no thread to ask on; the colours then stay as they are.
-bool DesktopColors::ask(std::function<void(Preferences)> answered) {
+bool DesktopColors::ask(std::function<void(Answers)> answered) {
     const QString before = connectionName(connections_);
     const QString name = connectionName(++connections_);
     return startBusThread([this, address = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"), before,
                            name, answered = std::move(answered)] {
         QDBusConnection::disconnectFromBus(before);
-        Preferences preferences;
+        Answers answers;
         QDBusConnection bus = QDBusConnection::connectToBus(address, name);
         if (bus.isConnected()) {
             // Before the questions, so that no change comes in between.
             bus.connect(service(), path(), interface(), QStringLiteral("SettingChanged"), this,
                         SLOT(settingChanged(QString, QString, QDBusVariant)));
-            preferences = {askPortal(bus, schemeKey()), askPortal(bus, contrastKey())};
+            answers = {askPortal(bus, schemeKey()), askPortal(bus, contrastKey())};
         }
-        answered(preferences);
+        answered(answers);
         QMetaObject::invokeMethod(
-            this, [this, preferences] { apply(preferences); }, Qt::QueuedConnection);
+            this, [this, answers] { take(answers); }, Qt::QueuedConnection);
     });
+}
+
+void DesktopColors::take(Answers answers) {
+    apply({answers.scheme.value_or(preferences_.scheme),
+           answers.contrast.value_or(preferences_.contrast)});
 }
 
 void DesktopColors::settingChanged(const QString& changedGroup, const QString& changedKey,

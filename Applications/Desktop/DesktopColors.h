@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 
 #include <QDBusVariant>
 #include <QObject>
@@ -10,8 +11,9 @@
 namespace utilia::desktop {
 
 // Dark colours for who prefers them, and high contrast: the toolkit's palette, and with high contrast its style, follow
-// the desktop portal's colour scheme and contrast, also when they change while the window is open. Without a portal, and
-// for who has no preference, colours stay as they are, but for selected texts, which are made legible.
+// the desktop portal's colour scheme and contrast, also when they change while the window is open. Without a portal, for
+// who has no preference, and as long as there is no answer, colours stay as they are, but for selected texts, which are
+// made legible.
 //
 // Lives until the end of main, which asks endedMain() (BusThread.h).
 //
@@ -36,7 +38,13 @@ private:
         uint scheme = 0;
         uint contrast = 0;
     };
-    bool ask(std::function<void(Preferences)> answered);
+    // Empty is what the portal did not answer.
+    struct Answers {
+        std::optional<uint> scheme;
+        std::optional<uint> contrast;
+    };
+    bool ask(std::function<void(Answers)> answered);
+    void take(Answers answers);
     void apply(Preferences preferences);
 
     const QPalette original_;

@@ -33,6 +33,26 @@ protected:
         EXPECT_EQ(second.waitForExit(), 0);
     }
 
+    // Dark or light, where the window has nothing.
+    bool becomes(const std::string& color) const {
+        const std::string window = display_.waitForWindow(kTitle);
+        return test::eventually([&] {
+            const auto size = display_.sizeOfWindow(window);
+            return display_.colorInWindow(window, 4, size.height - 4) == color;
+        });
+    }
+    // What tells the colours; it says "ready" when it is there.
+    ChildProcess startPortal(const std::vector<std::string>& settings) const {
+        test::ChildProcessOptions options;
+        options.environment = {{"DBUS_SESSION_BUS_ADDRESS", bus_->address()}};
+        options.diesWithTest = true;
+        std::vector<std::string> arguments{UTILIA_SETTINGS_PORTAL, "new"};
+        arguments.insert(arguments.end(), settings.begin(), settings.end());
+        auto portal = ChildProcess::program(kPython, arguments, options);
+        EXPECT_EQ(portal.waitForLine(), "ready");
+        return portal;
+    }
+
     test::TemporaryFolder displayFolder_;
     VirtualDisplay display_{displayFolder_.path()};
 };
@@ -100,6 +120,25 @@ TEST_F(AgentWindowTest, StaysClosedWhenThePanelEnds) {
     auto next = startPanel();
     expectItem(next, agent);
     EXPECT_FALSE(display_.hasWindow(kTitle));
+}
+
+TEST_F(AgentWindowTest, KeepsItsColoursOnABusWherePreferencesAreNotKnown) {
+    startBus();
+    auto portal = startPortal({"1"});
+    auto agent = startAgent(onScreen(), {"--show-ui"});
+    ASSERT_TRUE(becomes("#2A2B2E"));
+    // So that the next portal is there before it is asked.
+    agent.signal(SIGSTOP);
+    bus_.reset();
+    startBus();
+    auto next = startPortal({});
+    agent.signal(SIGCONT);
+    // Two settings, each in the newer and the older form.
+    for (int times = 0; times < 4; ++times) EXPECT_EQ(next.waitForLine(), "refused");
+    next.say("contrast 1");
+    EXPECT_TRUE(becomes("#000000")) << "dark colours are still preferred";
+    next.say("scheme 0");
+    EXPECT_TRUE(becomes("#FFFFFF"));
 }
 
 TEST_F(AgentWindowTest, EndsWithAClearMessageWithoutADisplay) {
