@@ -98,7 +98,8 @@ void AgentApplication::panelIsKnown() {
     const bool isWithoutPanel = icon_->isKnown() && !icon_->isShown();
     if (!isWithoutBus && !icon_->isKnown()) return;
     if (std::exchange(isPlaceKnown_, true) || window_) return;
-    if (!isWithoutBus && !(isWithoutPanel && !isStartedBySession_)) return;
+    if (!isWithoutBus && !(isWithoutPanel && !isStartedBySession_) && !Storage::unwritableFolder())
+        return;
     // Not inside a constructor or a message of the bus.
     QMetaObject::invokeMethod(
         this, [this] { show(AgentWindow::Page::Tools); }, Qt::QueuedConnection);
@@ -169,8 +170,10 @@ void AgentApplication::busIsMissed() {
 // ---- tools
 
 void AgentApplication::activate(const std::string& identifier) {
-    if (const auto done = tools_.activate(identifier); !done)
-        KULogVariadic("Tool %@: %@", identifier, done.error());
+    const auto done = tools_.activate(identifier);
+    if (done) return;
+    show(AgentWindow::Page::Tools);
+    window_->reportStart(identifier, done);
 }
 
 Outcome AgentApplication::launch(const std::string& identifier) {

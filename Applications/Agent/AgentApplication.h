@@ -23,9 +23,9 @@ namespace utilia::agent {
 // The agent as the user meets it: the list of tools behind a status icon, a window and an object on the session bus, and
 // the schedules.
 //
-// The window is made when it is first wanted. It opens by itself where there is no bus, and where no panel shows the
-// icon when the agent has started, unless the session started it; not when bus or panel end later, as they do when a
-// session ends.
+// The window is made when it is first wanted. It opens by itself where there is no bus, where changes cannot be kept, and
+// where no panel shows the icon when the agent has started, unless the session started it; not when bus or panel end
+// later, as they do when a session ends. It opens also to say that a tool of the menu cannot be started.
 //
 // Without a bus nobody tells that schedules have changed: the file of the shared store is watched instead.
 //

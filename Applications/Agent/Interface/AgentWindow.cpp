@@ -46,6 +46,10 @@ AgentWindow::AgentWindow(ToolList& tools)
     connect(pages_, &QTabWidget::currentChanged, this, [this] { settings_->update(); });
 }
 
+void AgentWindow::reportStart(const std::string& identifier, const Result<void>& started) {
+    tools_->reportStart(identifier, started);
+}
+
 void AgentWindow::setMessages(const QStringList& messages) { messages_->setMessages(messages); }
 
 void AgentWindow::showEvent(QShowEvent* event) {

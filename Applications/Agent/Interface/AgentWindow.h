@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <string>
 
 #include <QMainWindow>
 #include <QStringList>
@@ -25,6 +26,8 @@ public:
     enum class Page { Tools, Settings };
     // Shows the window on this page, in front of others.
     void present(Page page);
+    // Says it on the page of the tools where this one could not be started.
+    void reportStart(const std::string& identifier, const Result<void>& started);
     // What is to be known on every page.
     void setMessages(const QStringList& messages);
     // Called whenever the window appears.

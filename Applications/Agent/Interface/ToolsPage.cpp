@@ -81,7 +81,7 @@ QWidget* ToolsPage::makeSuggestion() {
     connect(tryIt, &QPushButton::clicked, this, [this] {
         const std::string identifier = suggested_;
         Suggestions::setKnown(identifier);
-        report(tools_.activate(identifier), identifier, kCannotStartText);
+        reportStart(identifier, tools_.activate(identifier));
         updateSuggestion();
     });
     connect(notNow, &QPushButton::clicked, this, [this] {
@@ -173,7 +173,7 @@ void ToolsPage::activate() {
     const std::string identifier = selected();
     const ToolEntry* const tool = tools_.find(identifier);
     if (!tool || !tool->isReady()) return;
-    report(tools_.activate(identifier), identifier, kCannotStartText);
+    reportStart(identifier, tools_.activate(identifier));
 }
 
 // The buttons once more, where the mouse is, or for the menu key at the tool.
@@ -195,10 +195,16 @@ void ToolsPage::showMenu(const QPoint& place) {
         view_->viewport()->mapToGlobal(isAtMouse ? place : view_->visualRect(tool).center()));
 }
 
+void ToolsPage::reportStart(const std::string& identifier, const Result<void>& started) {
+    report(started, identifier, kCannotStartText);
+}
+
 void ToolsPage::report(const Result<void>& result, const std::string& identifier,
                        std::string_view format) {
     if (result) return;
     KULogVariadic("Tool %@: %@", identifier, result.error());
+    // The menu of the panel can be used while one is open.
+    for (QMessageBox* const before : findChildren<QMessageBox*>()) before->close();
     auto* const box = new QMessageBox(QMessageBox::Warning, window()->windowTitle(),
                                       textWithName(format, nameOf(tools_, identifier)),
                                       QMessageBox::NoButton, this);

@@ -29,6 +29,8 @@ public:
     void updateSuggestion();
     // The keyboard goes to the list.
     void takeFocus();
+    // Says it where the tool could not be started.
+    void reportStart(const std::string& identifier, const Result<void>& started);
 
 private:
     std::string selected() const;

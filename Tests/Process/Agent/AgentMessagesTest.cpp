@@ -176,6 +176,49 @@ TEST_F(AgentMessagesTest, SayWhatIsNotKeptOnAReadOnlyHome) {
     EXPECT_THAT(log(), HasSubstr("Read-only file system"));
 }
 
+TEST_F(AgentMessagesTest, SayOnceWhatIsNotKeptAlsoWhereThereIsAPanelAndTheSessionStartsTheAgent) {
+    std::filesystem::create_directories(home_.config() / "autostart");
+    std::ofstream(home_.config() / "autostart/com.korvane.utilia.desktop")
+        << "[Desktop Entry]\nType=Application\nName=Korvane Utilia\nExec=\"" UTILIA_AGENT_PROGRAM
+           "\"\n";
+    test::PrivateMounts mounts;
+    for (const auto& folder : {home_.config(), home_.data(), home_.state()})
+        mounts.makeReadOnly(folder);
+    auto panel = startPanel();
+    auto agent = startAgent(audible(), {}, &mounts);
+    expectItem(panel, agent);
+    display_.waitForWindow(kTitle);
+    EXPECT_THAT(heardWith("not kept"),
+                HasSubstr("What you change is not kept: the folder " + home_.path().string()));
+    display_.press({"Escape"});
+    ASSERT_TRUE(test::eventually([&] { return !display_.hasWindow(kTitle); }));
+    panel.kill();
+    auto next = startPanel();
+    expectItem(next, agent);
+    EXPECT_NE(ask(next, "menu"), "no answer");
+    EXPECT_FALSE(display_.hasWindow(kTitle));
+}
+
+TEST_F(AgentMessagesTest, SayThatAToolOfTheMenuCannotBeStarted) {
+    install(timer_);
+    auto panel = startPanel();
+    auto agent = startAgent(audible());
+    expectItem(panel, agent);
+    ASSERT_THAT(ask(panel, "menu"), HasSubstr("Timer"));
+    EXPECT_FALSE(display_.hasWindow(kTitle));
+    // It is there until it is started.
+    std::filesystem::remove(timer_.program());
+    for (int times = 0; times < 2; ++times) {
+        EXPECT_EQ(ask(panel, "click Timer"), "done");
+        EXPECT_NE(ask(panel, "menu"), "no answer") << "the click comes before this";
+        EXPECT_THAT(heardWith("cannot be started"), HasSubstr("Timer cannot be started."));
+    }
+    photograph("cannot-start");
+    // The second one has taken the place of the first.
+    display_.press({"alt+c"});
+    EXPECT_THAT(heardWithout("cannot be started"), HasSubstr("Timer, Not running"));
+}
+
 TEST_F(AgentMessagesTest, SayWhatIsNotKeptInAHomeThatIsSomebodyElses) {
     installPresenting();
     const test::UnprivilegedUser user(home_);
