@@ -445,7 +445,10 @@ TEST_F(EventLogProcessTest, HandsNoFileOverTwiceThatMustBeMended) {
 // A writer that stops before each of its system calls, while others end the log, collect, or both.
 TEST_F(EventLogProcessTest, LosesNothingWhateverOthersDoWhileOneWrites) {
     const EventLogFile file = log(100'000);
-    const EventLogFile ending = log(300);
+    // Ends a log of two records and none of one: what the stopped writer begins meanwhile must not be
+    // ended as well, which would replace the first one uncollected.
+    const EventLogFile ending =
+        log(test::sampleHeader().size() + sampleRecord("stopped", 1).size() * 3 / 2);
     const Collected collected(links_.path());
     for (const char* begin : {"small", "too large", "none"}) {
         for (const char* others : {"collect", "end", "end and collect", "collect and write"}) {
