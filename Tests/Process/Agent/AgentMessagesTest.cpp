@@ -134,7 +134,7 @@ TEST_F(AgentMessagesTest, LeaveEverythingUsableWhenTheBusIsLost) {
     photograph("bus-lost");
     display_.press({"Return"});
     EXPECT_EQ(reports_.waitForLine(), "started");
-    EXPECT_TRUE(agent.isRunning());
+    EXPECT_TRUE(agent.isRunning()) << log();
     startBus();
     auto next = startPanel();
     expectItem(next, agent);
