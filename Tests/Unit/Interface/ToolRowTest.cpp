@@ -58,10 +58,11 @@ TEST_F(ToolRow, HasATipWithTheWholeText) {
     ASSERT_EQ(row.waitForLine(), "ready");
     const test::RecordingPort timer(toolPortName(canonicalToolPath(timer_.path(), std::nullopt)));
     const std::string text = "a <text> " + std::string(200, '-') + " the end";
-    for (const auto& [id, said] :
+    for (const auto& message :
          {std::pair(100u, std::string("\2\0\0\0\0\0\0\0", 8)), std::pair(108u, text)}) {
         EXPECT_TRUE(test::eventually([&] {
-            return test::RecordingPort::send(kAgentPortName, id, {timer_.path(), said});
+            return test::RecordingPort::send(kAgentPortName, message.first,
+                                             {timer_.path(), message.second});
         }));
     }
     const std::string tip = row.waitForLine().value_or("");
