@@ -89,6 +89,9 @@ int main(int argc, char** argv) {
                                                 argc, argv);
     if (line.exitStatus) return *line.exitStatus;
     nameSessionBus();
+    // The toolkit may ask over a connection that has broken this moment, and libdbus would end the
+    // agent for that, unless it is told to warn.
+    if (qEnvironmentVariableIsEmpty("DBUS_FATAL_WARNINGS")) qputenv("DBUS_FATAL_WARNINGS", "0");
     qInstallMessageHandler(handleMessageWithoutDisplay);
     QApplication application(argc, argv);
     qInstallMessageHandler(handleMessage);
