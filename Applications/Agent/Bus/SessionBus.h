@@ -15,8 +15,8 @@ namespace utilia::agent {
 // that was lost is connected with again when it is back at its address.
 //
 // The bus is the one that DBUS_SESSION_BUS_ADDRESS names; none is ever started. The bus library waits for its
-// bus, so each connection is made on a thread of its own: an agent whose bus does not answer works all the same, without
-// tray and published object. A bus is looked for when its socket appears, and for a socket that is there, or
+// bus, so each connection is made on a thread of its own. (With a bus that takes connections and never answers the
+// toolkit waits elsewhere, and the agent with it.) A bus is looked for when its socket appears, and for a socket that is there, or
 // cannot be watched, in growing pauses of up to half a minute; where the address names none, not at all.
 //
 // Threads: the main thread.
