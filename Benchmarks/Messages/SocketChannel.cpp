@@ -1,4 +1,5 @@
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <map>
 #include <vector>
@@ -95,8 +96,7 @@ public:
             check(memfd_create("benchmark", MFD_CLOEXEC | MFD_ALLOW_SEALING), "memfd_create");
         if (write(file, message.data(), message.size()) != static_cast<ssize_t>(message.size()))
             fail("write");
-        check(fcntl(file, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL),
-              "F_ADD_SEALS");
+        seal(file);
         char byte = 0;
         iovec content{&byte, 1};
         alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
@@ -115,6 +115,15 @@ public:
     }
 
 private:
+    // A file with content can be sealed only while the kernel itself looks at none of its pages.
+    static void seal(int file) {
+        constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
+        for (int attempt = 0; fcntl(file, F_ADD_SEALS, kSeals) != 0; ++attempt) {
+            if (errno != EBUSY || attempt == 100) fail("F_ADD_SEALS");
+            usleep(100);
+        }
+    }
+
     int socket_;
 };
 

@@ -19,8 +19,21 @@
 
 namespace utilia::bench {
 
+namespace {
+
+pid_t measuringProcess = 0;  // known in its children
+
+// What a child could not do, its measurement would wait for.
+void endMeasurement() {
+    std::fflush(nullptr);
+    if (measuringProcess != 0 && measuringProcess != getpid()) kill(measuringProcess, SIGTERM);
+}
+
+}  // namespace
+
 void fail(const std::string& what) {
     std::fprintf(stderr, "benchmark: %s: %s\n", what.c_str(), std::strerror(errno));
+    endMeasurement();
     std::exit(1);
 }
 
@@ -68,8 +81,10 @@ void goFirst() {
 
 pid_t inChild(const std::function<void()>& work) {
     std::fflush(nullptr);
+    const pid_t parent = getpid();
     const pid_t child = check(fork(), "fork");
     if (child != 0) return child;
+    measuringProcess = parent;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     int status = 0;
     try {
@@ -79,6 +94,7 @@ pid_t inChild(const std::function<void()>& work) {
         status = 1;
     }
     std::fflush(nullptr);
+    if (status != 0) endMeasurement();
     _exit(status);
 }
 

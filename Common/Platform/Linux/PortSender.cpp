@@ -70,6 +70,21 @@ void pause(nanoseconds& length, nanoseconds left) {
     length = std::min<nanoseconds>(2 * length, milliseconds(10));
 }
 
+// Up to here copying a message into one piece costs less than having the kernel gather it.
+constexpr std::size_t kLargestCopy = 4096;
+
+// A short message in one piece.
+struct Packed {
+    std::array<std::uint8_t, kPortPacketMaximumHead + kLargestCopy> bytes;
+    std::size_t size = 0;
+
+    void add(const std::uint8_t* from, std::size_t count) {
+        if (count == 0) return;
+        std::memcpy(bytes.data() + size, from, count);
+        size += count;
+    }
+};
+
 // The components as one list for the kernel, the head first.
 struct Gather {
     std::array<iovec, 1 + kPortMessageMaximumComponents> parts;
@@ -79,6 +94,14 @@ struct Gather {
         if (size > 0) parts[count++] = {const_cast<std::uint8_t*>(bytes), size};
     }
 };
+
+// One piece without a descriptor needs no list: the kernel has less to read and to check.
+ssize_t sendNow(int socket, const msghdr& packet) {
+    constexpr int kFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
+    if (packet.msg_iovlen == 1 && !packet.msg_control)
+        return ::send(socket, packet.msg_iov->iov_base, packet.msg_iov->iov_len, kFlags);
+    return sendmsg(socket, &packet, kFlags);
+}
 
 // The one descriptor that a packet can carry.
 struct DescriptorControl {
@@ -215,9 +238,18 @@ PortSender::Outcome PortSender::send(std::uint32_t msgid,
     PortPacketHead head;
     encodePortMessage(isInline ? PortPacketKind::Inline : PortPacketKind::Memory, msgid, components,
                       head);
+    msghdr packet{};
+    if (size <= kLargestCopy) {
+        Packed packed;
+        packed.add(head.bytes.data(), head.size);
+        for (const auto& component : components) packed.add(component.data(), component.size());
+        iovec whole{packed.bytes.data(), packed.size};
+        packet.msg_iov = &whole;
+        packet.msg_iovlen = 1;
+        return sendPacket(packet, deadline);
+    }
     Gather gather;
     gather.add(head.bytes.data(), head.size);
-    msghdr packet{};
     packet.msg_iov = gather.parts.data();
     if (isInline) {
         for (const auto& component : components) gather.add(component.data(), component.size());
@@ -255,7 +287,7 @@ void PortSender::forgetMemoryLater() {
 PortSender::Outcome PortSender::sendPacket(const msghdr& packet, Deadline deadline) {
     nanoseconds pauseLength = milliseconds(1);
     for (bool isLastAttempt = false;;) {
-        if (sendmsg(socket_.get(), &packet, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return Outcome::Sent;
+        if (sendNow(socket_.get(), packet) >= 0) return Outcome::Sent;
         const int error = errno;
         if (error == EINTR) continue;
         const bool isFull = error == EAGAIN;

@@ -263,8 +263,9 @@ TEST_F(Ports, DeliverEverySizeWhole) {
     Receiver receiver("a");
     const auto sender = names().portForName("a");
     for (const std::size_t size :
-         {std::size_t{1}, std::size_t{65535}, std::size_t{65536}, std::size_t{65537},
-          std::size_t{1} << 20, std::size_t{8} << 20, (std::size_t{1} << 20) + 1}) {
+         {std::size_t{1}, std::size_t{4095}, std::size_t{4096}, std::size_t{4097},
+          std::size_t{65535}, std::size_t{65536}, std::size_t{65537}, std::size_t{1} << 20,
+          std::size_t{8} << 20, (std::size_t{1} << 20) + 1}) {
         std::string text(size, '\0');
         for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>(i * 31 + i / 4096);
         const auto bytes = bytesOf(text);
@@ -284,12 +285,15 @@ TEST_F(Ports, DeliverEverySizeWhole) {
 TEST_F(Ports, TakeTheMostComponentsAMessageMayHave) {
     Receiver receiver("a");
     const auto sender = names().portForName("a");
-    const std::string kilobyte(1024, 'k');
-    PortMessage(sender, std::vector<PortMessage::Component>(kPortMessageMaximumComponents,
-                                                            bytesOf(kilobyte)))
-        .sendBeforeDate(std::chrono::steady_clock::now() + 1s);
-    ASSERT_TRUE(runUntil([&] { return receiver.delegate.messages.size() == 1; }));
-    EXPECT_EQ(receiver.delegate.messages[0].components, std::vector<std::string>(64, kilobyte));
+    for (const std::size_t size : {0, 1, 64, 65, 1024}) {
+        const std::string text(size, 'k');
+        PortMessage(sender, std::vector<PortMessage::Component>(kPortMessageMaximumComponents,
+                                                                bytesOf(text)))
+            .sendBeforeDate(std::chrono::steady_clock::now() + 1s);
+        receiver.delegate.messages.clear();
+        ASSERT_TRUE(runUntil([&] { return receiver.delegate.messages.size() == 1; }));
+        EXPECT_EQ(receiver.delegate.messages[0].components, std::vector<std::string>(64, text));
+    }
 }
 
 TEST_F(Ports, TimeOutWhenTheReceiverDoesNotRead) {
