@@ -1,6 +1,7 @@
 #include "Applications/Reporting/SentReports.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <utility>
@@ -22,6 +23,9 @@ using Outcome = SentReport::Outcome;
 constexpr std::string_view kListName = "sent.plist";
 constexpr std::size_t kMaximumListSize = 64u << 10;
 constexpr std::chrono::seconds kPatience{2};  // for another process at work here
+// How long the copy of a report is kept that seems to be refused: its task may not have begun, since reports are
+// announced all at once and tasks are launched one after the other.
+constexpr double kSecondsUntilCertain = 600;
 constexpr std::string_view kDateKey = "date";
 constexpr std::string_view kNameKey = "report";
 constexpr std::string_view kBytesKey = "bytes";
@@ -91,16 +95,17 @@ std::string SentReports::pathOf(const std::string& name) const {
 
 void SentReports::willSend(const std::vector<std::string>& reports, Date now) const {
     change([&](std::vector<SentReport>& all) {
-        decide(all);
+        decide(all, now);
         for (const std::string& report : reports) add(all, report, now);
         cut(all);
     });
 }
 
-void SentReports::settle() const {
+void SentReports::settle(Date now) const {
     const auto known = all();
-    if (std::any_of(known.begin(), known.end(), [](const auto& one) { return one.isUnderWay(); }))
-        change([this](std::vector<SentReport>& all) { decide(all); });
+    if (!std::all_of(known.begin(), known.end(),
+                     [](const auto& one) { return one.outcome == Outcome::Accepted; }))
+        change([&](std::vector<SentReport>& all) { decide(all, now); });
 }
 
 std::vector<SentReport> SentReports::all() const {
@@ -138,8 +143,10 @@ void SentReports::change(const Work& work) const {
         KULogVariadic("Sent reports: %@", lock.error());
         return;
     }
-    std::vector<SentReport> now = all();
+    const std::vector<SentReport> before = all();
+    std::vector<SentReport> now = before;
     work(now);
+    if (now == before) return;
     if (const auto written = write(now); !written)
         KULogVariadic("Sent reports: %@", written.error());
 }
@@ -158,21 +165,32 @@ void SentReports::add(std::vector<SentReport>& all, const std::string& report, D
     all.insert(all.begin(), std::move(one));
 }
 
-void SentReports::decide(std::vector<SentReport>& all) const {
+void SentReports::decide(std::vector<SentReport>& all, Date now) const {
     for (SentReport& report : all) {
-        if (!report.isUnderWay() || platform::Task::isLocked(reportPath(report.name))) continue;
-        report.outcome = isStillWaiting(report) ? Outcome::Refused : Outcome::Accepted;
-        if (report.outcome == Outcome::Refused) forgetCopy(report);
+        if (report.outcome == Outcome::Accepted) continue;
+        if (platform::Task::isLocked(reportPath(report.name))) {
+            report.outcome = Outcome::UnderWay;
+            continue;
+        }
+        const auto isWaiting = isStillWaiting(report);
+        if (!isWaiting) continue;
+        report.outcome = *isWaiting ? Outcome::Refused : Outcome::Accepted;
+        const double age = now.secondsSinceReferenceDate - report.date.secondsSinceReferenceDate;
+        if (*isWaiting && age > kSecondsUntilCertain) forgetCopy(report);
     }
 }
 
-// Its name may be another report's by now.
-bool SentReports::isStillWaiting(const SentReport& report) const {
+// Its name may be another report's by now. Empty where that cannot be seen for the moment.
+std::optional<bool> SentReports::isStillWaiting(const SentReport& report) const {
     const std::string path = reportPath(report.name);
+    if (FileManager::isNothingAtPath(path)) return false;
     const auto status = FileManager::attributesOfItemAtPath(path);
-    if (!status || status->size != report.bytes) return false;
+    if (!status) return std::nullopt;
+    if (status->size != report.bytes) return false;
+    if (report.document.empty()) return true;
     const auto copy = documentOf(report);
     const auto bytes = FileManager::contentsAtPath(path, kMaximumSize);
+    if (!bytes && bytes.error().isPosix(ENOENT)) return false;
     return !copy || !bytes || std::string(bytes->begin(), bytes->end()) == *copy;
 }
 

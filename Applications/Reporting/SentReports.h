@@ -16,8 +16,8 @@ namespace utilia::reporting {
 struct SentReport {
     enum class Outcome {
         UnderWay,
-        Accepted,  // the server has taken it, and it was removed
-        Refused,   // it still waits, and is sent again with the next upload
+        Accepted,  // its file is gone: the server has taken it
+        Refused,   // it still waits, and nobody sends it now
     };
 
     Date date;         // when its upload began
@@ -27,14 +27,19 @@ struct SentReport {
     std::string document;  // path of a copy; empty when none is kept
 
     bool isUnderWay() const { return outcome == Outcome::UnderWay; }
+    bool operator==(const SentReport&) const = default;
 };
 
 // What users can see of the reports that were sent: the last of them, and copies of those that are no longer in the report
 // folder. Kept by the applications that upload, beside the logs ("…/Library/Application Support/com.korvane.utilia/Sent
 // Reports"); the framework knows nothing of it. Whoever reads it finds whole files at any moment.
 //
-// How an upload ended is seen from the report: it is gone exactly when the server has accepted it. So a process that is
-// killed while it uploads leaves nothing undecided: the next one that looks finds out.
+// How an upload ended is seen from the report: an upload removes it when the server has accepted it, and never otherwise.
+// So a process that is killed while it uploads leaves nothing undecided: the next one that looks finds out. A report that
+// a user deletes while it is under way or waits for another try looks the same, and is listed as accepted.
+//
+// Only Accepted is final. A report whose upload is announced but not begun looks as one that was refused; each look
+// decides anew, and its copy is kept for ten minutes. What cannot be looked at stays what it was.
 //
 // Kept are kMaximumReports reports, and copies up to kMaximumSize; the oldest go first. A report that was refused is
 // listed once, with its last try.
@@ -52,8 +57,8 @@ public:
 
     // Before these reports (paths) are sent.
     void willSend(const std::vector<std::string>& reports, Date now = Date::now()) const;
-    // Decides what has ended by now. Writes only when there is something to decide.
-    void settle() const;
+    // Decides what has ended by now. Writes only what has changed.
+    void settle(Date now = Date::now()) const;
     // The newest first, as they are known; empty where nothing was kept.
     std::vector<SentReport> all() const;
 
@@ -66,8 +71,8 @@ private:
     std::string pathOf(const std::string& name) const;
     void change(const Work& work) const;
     void add(std::vector<SentReport>& all, const std::string& report, Date now) const;
-    void decide(std::vector<SentReport>& all) const;
-    bool isStillWaiting(const SentReport& report) const;
+    void decide(std::vector<SentReport>& all, Date now) const;
+    std::optional<bool> isStillWaiting(const SentReport& report) const;
     std::string keepCopy(const std::string& report, Date now) const;
     void forgetCopy(SentReport& report) const;
     void cut(std::vector<SentReport>& all) const;

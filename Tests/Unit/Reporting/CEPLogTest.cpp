@@ -319,6 +319,23 @@ TEST_F(CEPLogTest, ADateOfAnotherTypeIsNone) {
     EXPECT_EQ(tasks_.count(), 0u);
 }
 
+TEST_F(CEPLogTest, SwitchesOfAnotherTypeMeanWhatTheirNumberOrTextMeans) {
+    const auto log = makeLog();
+    for (const Value& on : {Value(1), Value(0.5), Value("yes"), Value("true"), Value("1")}) {
+        agentPreferences()->setObject(on, "CEPDisabled");
+        agentPreferences()->setObject(on, "DisabledCEPSent");
+        EXPECT_TRUE(log->isCEPDisabled());
+        EXPECT_TRUE(log->getCEPSentAfterDisabling());
+    }
+    for (const Value& off :
+         {Value(0), Value("no"), Value("soon"), Value(kNow), Value(Array{true})}) {
+        agentPreferences()->setObject(off, "CEPDisabled");
+        agentPreferences()->setObject(off, "DisabledCEPSent");
+        EXPECT_FALSE(log->isCEPDisabled());
+        EXPECT_FALSE(log->getCEPSentAfterDisabling());
+    }
+}
+
 TEST_F(CEPLogTest, AnOwnerMakesUpForTheLastUploadOnce) {
     makeLog()->log("Act");
     agentPreferences()->setObject(true, "CEPDisabled");

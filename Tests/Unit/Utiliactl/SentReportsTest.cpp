@@ -1,5 +1,6 @@
 #include "Applications/Reporting/SentReports.h"
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 
@@ -96,6 +97,65 @@ TEST_F(SentReportsTest, ListAReportThatIsRefusedOnceAndWithoutASecondCopy) {
     EXPECT_EQ(kept_.all()[0].date, (Date{800'000'060}));
     kept_.willSend({path}, later(120));
     fs::remove(path);
+    kept_.settle();
+    EXPECT_THAT(outcomes(kept_.all()), ElementsAre(Outcome::Accepted));
+}
+
+// Reports are announced all at once, and then their tasks are launched one after the other.
+TEST_F(SentReportsTest, DecideAgainWhenSomebodyHasLookedBeforeTheUploadBegan) {
+    const std::string path = leave("utilia_report.xml", "<a/>");
+    kept_.willSend({path}, kDate);
+    kept_.settle(later(1));
+    {
+        const platform::UniqueFd task(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        ASSERT_EQ(flock(task.get(), LOCK_EX), 0);
+        kept_.settle(later(2));
+        EXPECT_THAT(outcomes(kept_.all()), ElementsAre(Outcome::UnderWay));
+        fs::remove(path);
+    }
+    kept_.settle(later(3));
+    EXPECT_THAT(outcomes(kept_.all()), ElementsAre(Outcome::Accepted));
+    EXPECT_EQ(SentReports::documentOf(kept_.all()[0]), "<a/>");
+}
+
+TEST_F(SentReportsTest, KeepTheCopyUntilItIsCertainThatAReportWasRefused) {
+    const std::string path = leave("utilia_report.xml", "<a/>");
+    kept_.willSend({path}, kDate);
+    kept_.settle(later(599));
+    EXPECT_THAT(outcomes(kept_.all()), ElementsAre(Outcome::Refused));
+    EXPECT_EQ(copies(), 1u);
+    kept_.settle(later(601));
+    EXPECT_EQ(copies(), 0u);
+    fs::remove(path);
+    kept_.settle(later(700));
+    EXPECT_THAT(outcomes(kept_.all()), ElementsAre(Outcome::Accepted));
+    EXPECT_EQ(SentReports::documentOf(kept_.all()[0]), std::nullopt);
+}
+
+TEST_F(SentReportsTest, WriteNothingWhereNothingHasChanged) {
+    kept_.willSend({leave("utilia_report.xml", "<a/>")}, kDate);
+    kept_.settle();
+    const fs::path list = fs::path(SentReports::defaultFolder()) / "sent.plist";
+    const auto written = fs::last_write_time(list) - std::chrono::hours(1);
+    fs::last_write_time(list, written);
+    kept_.settle();
+    EXPECT_EQ(fs::last_write_time(list), written);
+}
+
+TEST_F(SentReportsTest, DecideNothingAboutWhatCannotBeLookedAt) {
+    kept_.willSend({leave("utilia_report.xml", "<a/>")}, kDate);
+    const fs::path folder = reportFolder();
+    const fs::path elsewhere = folder.string() + " elsewhere";
+    fs::rename(folder, elsewhere);
+    fs::create_symlink(folder.filename(), folder);  // leads to itself
+    kept_.settle();
+    EXPECT_THAT(outcomes(kept_.all()), ElementsAre(Outcome::UnderWay));
+    fs::remove(folder);
+    fs::rename(elsewhere, folder);
+    kept_.settle();
+    EXPECT_THAT(outcomes(kept_.all()), ElementsAre(Outcome::Refused));
+    fs::remove_all(folder);
+    std::ofstream(folder) << "no folder";
     kept_.settle();
     EXPECT_THAT(outcomes(kept_.all()), ElementsAre(Outcome::Accepted));
 }
