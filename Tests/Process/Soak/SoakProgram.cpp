@@ -1,0 +1,451 @@
+// soak [--seconds N] [--tools N]
+//
+// The real agent and many tools at work for as long as it is told: each tool updates its record of
+// the shared store ten times a second, tells the agent a new text of its menu four times a second and
+// records two events a second. Every two seconds SIGKILL ends one of them, and it is started again;
+// once, in the first half, it ends the agent. At the end nothing may be missing: every acknowledged
+// update and event is there, each event once, and the agent shows what each tool said last. In the
+// second half the agent's memory and descriptors must not grow.
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <optional>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "Common/Platform/Application.h"
+#include "Common/Platform/RunLoop.h"
+#include "Common/Platform/UniqueFd.h"
+#include "Common/UtiliaCommon/AdminSettings/ToolSets.h"
+#include "Common/UtiliaCommon/CEP/EventLog.h"
+#include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
+#include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
+#include "Common/UtiliaCommon/UtiliaCommon.h"
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/ChildRole.h"
+#include "Tests/Support/PrivateBus.h"
+#include "Tests/Support/RecordingPort.h"
+#include "Tests/Support/TemporaryHome.h"
+#include "Tests/Support/TestBundle.h"
+#include "Tests/Support/VirtualDisplay.h"
+
+namespace {
+
+using namespace utilia;
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+using test::ChildProcess;
+using test::TestBundle;
+
+namespace fs = std::filesystem;
+
+constexpr auto kStorePeriod = 100ms;
+constexpr auto kTextPeriod = 250ms;
+constexpr auto kEventPeriod = 500ms;
+constexpr auto kKillPeriod = 2s;
+constexpr auto kCollectPeriod = 20s;
+constexpr const char* kRecordName = "soak";
+constexpr const char* kCountKey = "count";
+// What an allocator keeps for later is no leak; what grows from hour to hour is one.
+constexpr double kMostGrowth = 512;        // KiB, between the quarters of the second half
+constexpr double kMostGrowthPerHour = 64;  // KiB, where the second half is long enough to tell
+constexpr double kLongEnough = 15 * 60;    // seconds
+
+// What a tool has done. It lies in a file that all map, so that it outlives a kill.
+struct Progress {
+    std::atomic<std::int64_t> stored;    // the count of the last update that returned
+    std::atomic<std::int64_t> begun;     // the number of the last event that was begun
+    std::atomic<std::int64_t> recorded;  // and of the last that was acknowledged
+    std::atomic<std::int64_t> said;      // of the last text
+};
+
+Progress* mapProgress(const std::string& path, std::size_t tools) {
+    const platform::UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    const std::size_t size = tools * sizeof(Progress);
+    if (!file || ftruncate(file.get(), static_cast<off_t>(size)) != 0)
+        throw std::runtime_error("open " + path);
+    void* const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+    if (memory == MAP_FAILED) throw std::runtime_error("mmap " + path);
+    return static_cast<Progress*>(memory);  // zero bytes are zero counts
+}
+
+std::string textOf(std::size_t tool, std::int64_t number) {
+    return "tool " + std::to_string(tool) + " says " + std::to_string(number) + ".";
+}
+
+// ---- a tool
+
+class Work final {
+public:
+    Work(std::size_t tool, Progress& progress) : tool_(tool), progress_(progress) {
+        timers_.push_back(platform::Timer::scheduledTimer(kStorePeriod, true, [this] { store(); }));
+        timers_.push_back(platform::Timer::scheduledTimer(kTextPeriod, true, [this] { speak(); }));
+        timers_.push_back(
+            platform::Timer::scheduledTimer(kEventPeriod, true, [this] { record(); }));
+    }
+
+private:
+    void store() {
+        std::int64_t count = 0;
+        updateSchedulerForThisTool([&](Dictionary& record) {
+            const Value* const before = record.find(kCountKey);
+            count = (before ? before->longLongValue() : 0) + 1;
+            record.set(kCountKey, count);
+        });
+        progress_.stored = count;
+    }
+    void speak() {
+        const std::int64_t number = progress_.said + 1;
+        UtiliaCommon::toolDataClientProvider().setMenuText(textOf(tool_, number));
+        progress_.said = number;
+    }
+    void record() {
+        const std::int64_t number = ++progress_.begun;
+        const Dictionary details{{"tool", std::to_string(tool_)},
+                                 {"number", std::to_string(number)}};
+        if (CEPLogEvent("Soak", nullptr, nullptr, &details) == 0) progress_.recorded = number;
+    }
+
+    const std::size_t tool_;
+    Progress& progress_;
+    std::vector<Handle> timers_;
+};
+
+// NUMBER PATH COUNT: works until SIGTERM.
+UTILIA_CHILD_ROLE(work) {
+    const std::size_t tool = std::stoul(self.arguments.at(0));
+    Progress* const all = mapProgress(self.arguments.at(1), std::stoul(self.arguments.at(2)));
+    auto& application = platform::Application::sharedApplication();
+    application.finishLaunching();
+    if (CEPLogInit() != 0) return 20;
+    auto& client = UtiliaCommon::toolDataClientProvider();
+    client.setToolStatus(kToolStatusActive);
+    auto work = std::make_unique<Work>(tool, all[tool]);
+    self.say("works");
+    const int status = application.run();
+    work.reset();
+    return status;
+}
+
+// ---- what is looked at
+
+struct Sample {
+    double seconds = 0;
+    double kibibytes = 0;
+    std::size_t descriptors = 0;
+};
+
+double privateKibibytes(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/status");
+    for (std::string line; std::getline(file, line);) {
+        if (line.starts_with("RssAnon:")) return std::stod(line.substr(8));
+    }
+    throw std::runtime_error("the agent has no memory any more");
+}
+
+std::size_t descriptors(pid_t process) {
+    const fs::directory_iterator all("/proc/" + std::to_string(process) + "/fd");
+    return static_cast<std::size_t>(std::distance(fs::begin(all), fs::end(all)));
+}
+
+double medianMemory(std::vector<Sample>::const_iterator begin,
+                    std::vector<Sample>::const_iterator end) {
+    std::vector<double> values;
+    for (auto sample = begin; sample != end; ++sample) values.push_back(sample->kibibytes);
+    std::nth_element(values.begin(), values.begin() + std::ssize(values) / 2, values.end());
+    return values[values.size() / 2];
+}
+
+// By least squares, in KiB an hour.
+double slope(const std::vector<Sample>& samples) {
+    double x = 0, y = 0, xx = 0, xy = 0;
+    for (const Sample& sample : samples) {
+        x += sample.seconds;
+        y += sample.kibibytes;
+        xx += sample.seconds * sample.seconds;
+        xy += sample.seconds * sample.kibibytes;
+    }
+    const auto n = static_cast<double>(samples.size());
+    return (n * xy - x * y) / (n * xx - x * x) * 3600;
+}
+
+// ---- the run
+
+class Soak final {
+public:
+    explicit Soak(std::size_t tools)
+        : count_(tools), progress_(mapProgress(progressPath(), tools)), found_(tools),
+          uncertain_(tools) {
+        if (CEPLogInit() != 0) throw std::runtime_error("there is no log");
+        const auto identifiers = ToolSets::createSharedInstance()->currentUnrestrictedToolSet();
+        if (identifiers.size() < tools) throw std::runtime_error("the catalogue has fewer tools");
+        for (const std::string& identifier : identifiers) {
+            if (bundles_.size() == tools) break;
+            TestBundle::Options options{.name = identifier.substr(identifier.rfind('.') + 1),
+                                        .bundleIdentifier = identifier};
+            if (!bundles_.empty()) options.copy = bundles_.front()->program();
+            bundles_.push_back(std::make_unique<TestBundle>(home_, options));
+            bundles_.back()->install("work", argumentsOf(bundles_.size() - 1));
+        }
+        startAgent();
+        for (std::size_t i = 0; i < tools; ++i) tools_.push_back(started(i));
+    }
+
+    void run(double seconds) {
+        const auto begin = steady_clock::now();
+        auto nextKill = begin + kKillPeriod, nextCollection = begin + kCollectPeriod;
+        bool isAgentKilled = false;
+        for (;;) {
+            std::this_thread::sleep_until(std::min(nextKill, nextCollection));
+            const double now = std::chrono::duration<double>(steady_clock::now() - begin).count();
+            if (now >= seconds) break;
+            if (steady_clock::now() >= nextCollection) {
+                nextCollection += kCollectPeriod;
+                collect();
+            }
+            if (steady_clock::now() < nextKill) continue;
+            nextKill += kKillPeriod;
+            if (!isAgentKilled && now >= seconds / 4) {
+                isAgentKilled = true;
+                agent_.kill();
+                startAgent();
+                continue;
+            }
+            if (now >= seconds / 2)
+                samples_.push_back(
+                    {now, privateKibibytes(agent_.pid()), descriptors(agent_.pid())});
+            killOne();
+        }
+        if (!isAgentKilled) throw std::runtime_error("too short to kill the agent");
+    }
+
+    // Answers whether nothing is missing; prints what was found.
+    bool report() {
+        const std::size_t shown = textsThatTheAgentShows();
+        std::size_t failures = 0;
+        for (auto& tool : tools_) tool.signal(SIGTERM);
+        for (auto& tool : tools_) failures += tool.waitForExit() != 0;
+        agent_.signal(SIGTERM);
+        failures += agent_.waitForExit() != 0;
+        collect();
+        const Missing missing = whatIsMissing();
+        const bool isSteady = reportAgent();
+        std::printf("%zu tools, %ld kills: %ld updates, %ld missing; %ld events, %ld missing, %ld "
+                    "twice or too many; %zu of %zu texts shown; %zu ended badly\n",
+                    count_, kills_, missing.updates.of, missing.updates.missing, missing.events.of,
+                    missing.events.missing, missing.tooMany, shown, count_, failures);
+        return isSteady && missing.updates.of > 0 && missing.updates.missing == 0 &&
+               missing.events.of > 0 && missing.events.missing == 0 && missing.tooMany == 0 &&
+               shown == count_ && failures == 0;
+    }
+
+private:
+    struct Share {
+        long of = 0;
+        long missing = 0;
+    };
+    struct Missing {
+        Share updates;
+        Share events;
+        long tooMany = 0;
+    };
+
+    std::string progressPath() const { return home_.path() / "progress"; }
+    std::vector<std::string> argumentsOf(std::size_t tool) const {
+        return {std::to_string(tool), progressPath(), std::to_string(count_)};
+    }
+    std::map<std::string, std::string> session() const {
+        return {{"QT_QPA_PLATFORM", "offscreen"},
+                {"LANGUAGE", "en"},
+                {"DBUS_SESSION_BUS_ADDRESS", bus_.address()}};
+    }
+
+    void startAgent() {
+        test::ChildProcessOptions options;
+        options.environment = session();
+        options.diesWithTest = true;
+        options.standardError = home_.path() / "agent.log";
+        agent_ = ChildProcess::program(UTILIA_AGENT_PROGRAM, {}, options);
+        if (!test::eventually([&] { return published().find("com.korvane") != std::string::npos; }))
+            throw std::runtime_error("the agent shows nothing");
+    }
+    ChildProcess started(std::size_t tool) const {
+        test::ChildProcessOptions options;
+        options.environment = session();
+        options.diesWithTest = true;
+        auto process = bundles_[tool]->role("work", argumentsOf(tool), options);
+        if (process.waitForLine() != "works") throw std::runtime_error("a tool does not start");
+        return process;
+    }
+
+    void killOne() {
+        const std::size_t tool = random_() % count_;
+        tools_[tool].kill();
+        ++kills_;
+        const std::int64_t begun = progress_[tool].begun;
+        if (begun != progress_[tool].recorded) uncertain_[tool].insert(begun);
+        tools_[tool] = started(tool);
+    }
+
+    std::string published() const {
+        return test::runProgram({"gdbus", "call", "--session", "--dest", "com.korvane.utilia",
+                                 "--object-path", "/com/korvane/utilia/Tools", "--method",
+                                 "com.korvane.utilia.Tools1.List"},
+                                {{"DBUS_SESSION_BUS_ADDRESS", bus_.address()}})
+            .text;
+    }
+
+    // The tools are stopped for it: what each has said by then must be there.
+    std::size_t textsThatTheAgentShows() {
+        for (auto& tool : tools_) tool.signal(SIGSTOP);
+        std::size_t shown = 0;
+        (void)test::eventually([&] {
+            const std::string list = published();
+            shown = 0;
+            for (std::size_t i = 0; i < count_; ++i) {
+                // A tool that was stopped between the saying and its noting has said one more.
+                shown += list.find(textOf(i, progress_[i].said)) != std::string::npos ||
+                         list.find(textOf(i, progress_[i].said + 1)) != std::string::npos;
+            }
+            return shown == count_;
+        });
+        for (auto& tool : tools_) tool.signal(SIGCONT);
+        return shown;
+    }
+
+    void collect() {
+        for (;;) {
+            const platform::UniqueFd file(CEPLogGrab(nullptr));
+            if (!file) return;
+            std::string document;
+            char chunk[1 << 16];
+            for (ssize_t size = 0; (size = read(file.get(), chunk, sizeof chunk)) > 0;)
+                document.append(chunk, static_cast<std::size_t>(size));
+            addEvents(document);
+        }
+    }
+    void addEvents(const std::string& document) {
+        constexpr std::string_view kBegin = "<details ";
+        for (std::size_t at = document.find(kBegin); at != std::string::npos;
+             at = document.find(kBegin, at + 1)) {
+            const std::string_view element =
+                std::string_view(document).substr(at, document.find('>', at) - at);
+            const auto valueOf = [&](std::string_view name) -> std::optional<long> {
+                const std::string begin = " " + std::string(name) + "=\"";
+                const std::size_t place = element.find(begin);
+                if (place == std::string_view::npos) return std::nullopt;
+                return std::stol(std::string(element.substr(place + begin.size())));
+            };
+            const auto tool = valueOf("tool"), number = valueOf("number");
+            if (tool && number) ++found_.at(static_cast<std::size_t>(*tool))[*number];
+        }
+    }
+
+    Missing whatIsMissing() const {
+        Missing missing;
+        for (std::size_t i = 0; i < count_; ++i) {
+            const Progress& progress = progress_[i];
+            std::int64_t stored = 0;
+            readSchedulerPlist(bundles_[i]->options().bundleIdentifier, bundles_[i]->options().name,
+                               [&](const Dictionary& record) {
+                                   if (const Value* const count = record.find(kCountKey))
+                                       stored = count->longLongValue();
+                               });
+            missing.updates.of += progress.stored;
+            missing.updates.missing += std::max<std::int64_t>(0, progress.stored - stored);
+            for (std::int64_t number = 1; number <= progress.begun; ++number) {
+                const auto event = found_[i].find(number);
+                const int times = event == found_[i].end() ? 0 : event->second;
+                const bool isUncertain = uncertain_[i].contains(number);
+                missing.events.of += !isUncertain;
+                missing.events.missing += times == 0 && !isUncertain;
+                missing.tooMany += std::max(0, times - 1);
+            }
+            missing.tooMany += !found_[i].empty() && found_[i].rbegin()->first > progress.begun;
+        }
+        return missing;
+    }
+
+    // Over the second half, in which nobody killed the agent.
+    bool reportAgent() const {
+        if (samples_.size() < 2) throw std::runtime_error("too short to see how the agent grows");
+        const auto quarter =
+            static_cast<std::ptrdiff_t>(std::max<std::size_t>(1, samples_.size() / 4));
+        const double growth = medianMemory(samples_.end() - quarter, samples_.end()) -
+                              medianMemory(samples_.begin(), samples_.begin() + quarter);
+        // A killed tool's connections are not all gone, and the new one's not all there, at each sample.
+        const auto byDescriptors = [](const Sample& a, const Sample& b) {
+            return a.descriptors < b.descriptors;
+        };
+        const auto fewest = [&](auto begin, auto end) {
+            return std::min_element(begin, end, byDescriptors)->descriptors;
+        };
+        const std::size_t before = fewest(samples_.begin(), samples_.begin() + quarter);
+        const std::size_t after = fewest(samples_.end() - quarter, samples_.end());
+        const bool isLong = samples_.back().seconds - samples_.front().seconds >= kLongEnough;
+        std::printf(
+            "agent: %.0f KiB of its own, %+.0f KiB in the second half (%+.0f KiB an hour%s); %zu "
+            "descriptors, then %zu\n",
+            samples_.back().kibibytes, growth, slope(samples_),
+            isLong ? "" : ", too short to count", before, after);
+        return growth <= kMostGrowth && (!isLong || slope(samples_) <= kMostGrowthPerHour) &&
+               after <= before + 2;
+    }
+
+    const test::TemporaryHome home_;
+    const test::PrivateBus bus_{home_.runtime() / "bus"};
+    const std::size_t count_;
+    Progress* const progress_;
+    std::vector<std::unique_ptr<TestBundle>> bundles_;
+    ChildProcess agent_;
+    std::vector<ChildProcess> tools_;
+    std::vector<std::map<std::int64_t, int>> found_;  // of each tool's events, how often
+    std::vector<std::set<std::int64_t>> uncertain_;   // what a killed tool had begun
+    std::vector<Sample> samples_;
+    std::mt19937 random_{std::random_device{}()};
+    long kills_ = 0;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+    int status = 0;
+    if (test::runChildRole(argc, argv, &status)) return status;
+    double seconds = 20;
+    long tools = 12;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        if (std::strcmp(argv[i], "--seconds") == 0)
+            seconds = std::atof(argv[i + 1]);
+        else if (std::strcmp(argv[i], "--tools") == 0)
+            tools = std::strtol(argv[i + 1], nullptr, 10);
+        else
+            tools = 0;
+    }
+    if (argc % 2 == 0 || seconds < 12 || tools < 1) {
+        std::fprintf(stderr, "usage: %s [--seconds N] [--tools N]; at least 12 seconds\n", argv[0]);
+        return 2;
+    }
+    Soak soak(static_cast<std::size_t>(tools));
+    soak.run(seconds);
+    return soak.report() ? 0 : 1;
+} catch (const std::exception& exception) {
+    std::fprintf(stderr, "soak: %s\n", exception.what());
+    return 1;
+}
