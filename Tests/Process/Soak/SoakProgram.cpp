@@ -61,7 +61,6 @@ constexpr auto kTextPeriod = 250ms;
 constexpr auto kEventPeriod = 500ms;
 constexpr auto kKillPeriod = 2s;
 constexpr auto kCollectPeriod = 20s;
-constexpr const char* kRecordName = "soak";
 constexpr const char* kCountKey = "count";
 // What an allocator keeps for later is no leak; what grows from hour to hour is one.
 constexpr double kMostGrowth = 512;        // KiB, between the quarters of the second half
