@@ -43,11 +43,11 @@ or 1:00:00. A timer that runs already takes the time, and is held, goes on or is
 class TimerTool final : public platform::ApplicationDelegate {
 public:
     explicit TimerTool(const std::vector<std::string>& arguments) {
-        // The text of the last orderly end is all that counting up has to remember.
-        const std::string last = client_.menuText().value_or("");
-        const std::int64_t seconds = tools::leadingSeconds(last).value_or(0);
-        stopwatch_ = tools::Stopwatch(countdown_.isSet() ? 0 : seconds);
-        isHeld_ = countdown_.isHeld() || last == toolText("%@ (held)", textFromSeconds(seconds));
+        if (countdown_.isSet()) {
+            isHeld_ = countdown_.isHeld();
+        } else {
+            takeLastText(client_.menuText().value_or(""));
+        }
         client_.setToolIcon(tools::paintIcon({32, 64, 128}, tools::stopwatchIcon));
         const auto menuIcon = tools::paintIcon({16, 32}, tools::stopwatchMask);
         menuIcon->setTemplate(true);
@@ -79,6 +79,17 @@ public:
     }
 
 private:
+    // The text of the last orderly end is all that counting up has to remember. It is older than a countdown that came
+    // and went before a kill, and may be one's own text.
+    void takeLastText(const std::string& last) {
+        const std::int64_t seconds = tools::leadingSeconds(last).value_or(0);
+        const std::string time = textFromSeconds(seconds);
+        const std::string left = toolText("%@ left", time);
+        if (last == left || last == toolText("%@ (held)", left)) return;
+        stopwatch_ = tools::Stopwatch(seconds);
+        isHeld_ = last == toolText("%@ (held)", time);
+    }
+
     void clicked() {
         if (tools::showWindow(isHeld_, lastLength_)) return;
         isHeld_ ? goOn() : hold();

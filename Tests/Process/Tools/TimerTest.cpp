@@ -10,6 +10,7 @@
 #include "Common/Platform/UserDefaults.h"
 #include "Common/UtiliaCommon/PersistentData/ToolPersistentDataReader.h"
 #include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
+#include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Tests/Process/Tools/RunningTool.h"
 #include "Tests/Support/ScreenReader.h"
 #include "Tests/Support/VirtualDisplay.h"
@@ -51,12 +52,34 @@ protected:
     static std::string storedText() {
         return ToolPersistentDataReader("Timer.app", kIdentifier).menuText().value_or("");
     }
+    static void storeText(const std::string& text) {
+        accessAppGroupPlist([&](platform::UserDefaults& suite) {
+            auto all = suite.dictionaryForKey(kToolPersistentDataKey).value_or(Dictionary());
+            const std::string entry = std::string(kIdentifier) + "_Timer.app";
+            auto record = all.dictionary(entry).value_or(Dictionary());
+            record.set(kToolMenuTextKey, text);
+            all.set(entry, std::move(record));
+            suite.setObject(std::move(all), kToolPersistentDataKey);
+        });
+    }
+    static bool isCountdownKept() {
+        const auto kept = platform::UserDefaults::initWithDomain(kIdentifier);
+        return kept->dictionaryForKey("Countdown").has_value();
+    }
     // As if the time had gone by while the tool was off.
     static void letTheDatePass() {
         const auto kept = platform::UserDefaults::initWithDomain(kIdentifier);
         auto countdown = kept->dictionaryForKey("Countdown").value_or(Dictionary());
         countdown.set("End", Date::fromUnixTime(Date::now().unixTime() - 1));
         kept->setObject(std::move(countdown), "Countdown");
+    }
+    // To the tool that runs.
+    void say(const char* word) {
+        EXPECT_EQ(session_.start(kBundle, {word}).waitForExit(), 0) << word;
+    }
+    static void endOrderly(ChildProcess& tool) {
+        tool.signal(SIGTERM);
+        EXPECT_EQ(tool.waitForExit(), 0);
     }
     ToolSession session_;
 };
@@ -205,6 +228,74 @@ TEST_F(TimerTest, OutlivesAKill) {
     EXPECT_THAT(session_.nextText(), MatchesRegex("2[45]:[0-9]+ left"));
 }
 
+// Its text is that of the last orderly end, when it counted up and was held.
+TEST_F(TimerTest, RingsAfterAKillAlthoughItWasHeldWhenItLastEnded) {
+    auto services = session_.startServices({"notifications"});
+    auto first = start();
+    say("stop");
+    EXPECT_TRUE(session_.comesToSay("0:00 (held)"));
+    endOrderly(first);
+    ASSERT_EQ(storedText(), "0:00 (held)");
+    auto tool = start();
+    say("25");
+    EXPECT_TRUE(session_.comesToSay("25:00 left"));
+    tool.kill();
+    ASSERT_EQ(storedText(), "0:00 (held)");
+    auto next = start();
+    EXPECT_THAT(session_.nextText(), MatchesRegex("2[45]:[0-9]+ left"));
+    EXPECT_TRUE(scheduled());
+    next.kill();
+    letTheDatePass();
+    auto last = start();
+    EXPECT_TRUE(session_.comesToSay("Time is up"));
+    EXPECT_EQ(services.waitForLine(), "notify Time is up | Your timer of 25:00 has ended.");
+}
+
+TEST_F(TimerTest, RingsWhenItIsStartedForAnEndThatItDidNotLiveToSee) {
+    auto services = session_.startServices({"notifications"});
+    auto first = start();
+    say("stop");
+    EXPECT_TRUE(session_.comesToSay("0:00 (held)"));
+    endOrderly(first);
+    auto tool = start();
+    say("0:05");
+    ASSERT_TRUE(eventually([] { return isCountdownKept(); }));
+    tool.kill();
+    auto next = start();
+    EXPECT_TRUE(session_.comesToSay("Time is up"));
+    EXPECT_EQ(services.waitForLine(), "notify Time is up | Your timer of 0:05 has ended.");
+}
+
+TEST_F(TimerTest, DoesNotCountUpFromWhatWasLeftOfACountdown) {
+    auto first = start({"25"});
+    EXPECT_TRUE(session_.comesToSay("25:00 left"));
+    say("hold");
+    EXPECT_TRUE(eventually([] { return !scheduled(); }));
+    endOrderly(first);
+    ASSERT_THAT(storedText(), MatchesRegex("2[45]:[0-9]+ left \\(held\\)"));
+    auto tool = start();
+    say("stop");
+    EXPECT_TRUE(session_.comesToSay("0:00 (held)"));
+    tool.kill();
+    auto next = start();
+    EXPECT_EQ(session_.nextText(), "0:00");
+}
+
+TEST_F(TimerTest, GoesOnFromMoreThanADay) {
+    const auto startAndEnd = [&] {
+        auto tool = start();
+        EXPECT_NE(session_.nextText(), "");
+        endOrderly(tool);
+    };
+    startAndEnd();
+    storeText("100:00:00");
+    startAndEnd();
+    EXPECT_THAT(storedText(), MatchesRegex("100:00:[0-5][0-9]"));
+    storeText("25:00:00 (held)");
+    startAndEnd();
+    EXPECT_EQ(storedText(), "25:00:00 (held)");
+}
+
 TEST_F(TimerTest, NotifiesOnceAlthoughTheAgentComesForItsDateAsWell) {
     auto services = session_.startServices({"notifications"});
     auto tool = start({"0:01"});
@@ -229,9 +320,6 @@ TEST_F(TimerTest, TakesAnotherTimeFromASecondStart) {
 TEST_F(TimerTest, TakesWordsFromASecondStart) {
     auto tool = start({"25"});
     EXPECT_TRUE(session_.comesToSay("25:00 left"));
-    const auto say = [&](const char* word) {
-        EXPECT_EQ(session_.start(kBundle, {word}).waitForExit(), 0);
-    };
     say("hold");
     EXPECT_THAT(session_.nextText(), MatchesRegex("2[45]:[0-9]+ left \\(held\\)"));
     EXPECT_EQ(scheduled(), std::nullopt);

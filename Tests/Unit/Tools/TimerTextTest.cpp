@@ -44,6 +44,7 @@ TEST(TimerText, RefusesWhatIsNoTime) {
                              "abc",
                              "24:00:00",
                              "1440",
+                             "86399:00:00:00:00:00:00:00:00:00:00:00:00",
                              "99999999999999999999",
                              "9999999999:00"}) {
         EXPECT_EQ(secondsFromText(text), std::nullopt) << text;
@@ -55,6 +56,16 @@ TEST(TimerText, FindsTheTimeThatATextBeginsWith) {
     EXPECT_EQ(leadingSeconds("0:00"), 0);
     EXPECT_EQ(leadingSeconds("1:05:00 (held)"), 3900);
     EXPECT_EQ(leadingSeconds("0:07（一時停止）"), 7);
+    EXPECT_EQ(leadingSeconds("23:59:59"), 86'399);
+    EXPECT_EQ(leadingSeconds("24:00:00"), 86'400);
+    EXPECT_EQ(leadingSeconds("100:00:00"), 360'000);
+    EXPECT_EQ(leadingSeconds("25:00:00 (held)"), 90'000);
+    EXPECT_EQ(leadingSeconds("277777:46:40"), 1'000'000'000);
+    EXPECT_EQ(leadingSeconds("277777:46:41"), std::nullopt);
+    EXPECT_EQ(leadingSeconds("1:00:00:00"), std::nullopt);
+    EXPECT_EQ(leadingSeconds("999999999:00:00:00:00:00:00:00:00:00:00:00:00"), std::nullopt);
+    EXPECT_EQ(leadingSeconds("1000000001"), std::nullopt);
+    EXPECT_EQ(leadingSeconds("1:0"), std::nullopt);
     EXPECT_EQ(leadingSeconds("12 o'clock"), std::nullopt);
     EXPECT_EQ(leadingSeconds("Time is up"), std::nullopt);
     EXPECT_EQ(leadingSeconds(""), std::nullopt);
@@ -63,6 +74,8 @@ TEST(TimerText, FindsTheTimeThatATextBeginsWith) {
 TEST(TimerText, ReadsWhatItWrites) {
     for (std::int64_t seconds = 1; seconds < 86'400; seconds += 37)
         EXPECT_EQ(secondsFromText(textFromSeconds(seconds)), seconds);
+    for (std::int64_t seconds = 0; seconds < 40'000'000; seconds += 3'697)
+        EXPECT_EQ(leadingSeconds(textFromSeconds(seconds)), seconds);
 }
 
 }  // namespace
