@@ -4,6 +4,8 @@
 #include <cmath>
 #include <utility>
 
+#include "Applications/Tools/Timer/TimerText.h"
+#include "Common/Logging/Log.h"
 #include "Common/UtiliaCommon/Scheduler/ToolScheduler.h"
 
 namespace utilia::tools {
@@ -14,10 +16,17 @@ constexpr const char* kLengthKey = "Length";  // seconds
 constexpr const char* kHeldKey = "Held";      // seconds that were left when it last was held
 constexpr const char* kEndKey = "End";        // a date; absent while it is held
 
-std::int64_t secondsOf(const Dictionary& kept, const char* key) {
+// Empty for what no countdown keeps.
+std::optional<std::int64_t> secondsOf(const Dictionary& kept, const char* key) {
     const Value* const value = kept.find(key);
     const std::int64_t* const seconds = value ? value->integer() : nullptr;
-    return seconds ? std::max<std::int64_t>(*seconds, 0) : 0;
+    if (!seconds || *seconds < 0 || *seconds > kLongestSeconds) return std::nullopt;
+    return *seconds;
+}
+
+std::int64_t secondsUntil(Date end) {
+    const double seconds = end.unixTime() - Date::now().unixTime();
+    return std::llround(std::clamp<double>(seconds, 0, kLongestCountedSeconds));
 }
 
 Date after(std::int64_t seconds) {
@@ -29,14 +38,29 @@ Date after(std::int64_t seconds) {
 // A tool can be killed between any two steps. The countdown is one value, which is replaced at once, so that no mixture
 // of two is found afterwards; and as long as it has an end, that end is in the schedule: it gets there before, and goes
 // after. A date in the schedule without a countdown that ends then is harmless: the tool is started, and sees for itself.
+//
+// Others can write preferences, too. A part of a countdown that is of no use costs only that part: one that has an end
+// ends then, and any other is held.
 
 Countdown::Countdown(platform::UserDefaults& kept) : kept_(kept) {
-    const auto found = kept.dictionaryForKey(kCountdownKey);
+    const auto found = kept.objectForKey(kCountdownKey);
     if (!found) return;
-    const Value* const end = found->find(kEndKey);
+    const bool isSound = found->dictionary() && takeOver(*found->dictionary());
+    if (!isSound)
+        KULogVariadic(isSet() ? "The countdown in the preferences is damaged, but can be used"
+                              : "The countdown in the preferences is damaged, and lost");
+}
+
+bool Countdown::takeOver(const Dictionary& found) {
+    const Value* const end = found.find(kEndKey);
     if (end && end->date()) end_ = *end->date();
-    held_ = secondsOf(*found, kHeldKey);
-    if (end_ || held_ > 0) length_ = secondsOf(*found, kLengthKey);
+    const auto length = secondsOf(found, kLengthKey);
+    const auto held = secondsOf(found, kHeldKey);
+    held_ = held.value_or(length.value_or(0));
+    length_ = length.value_or(0);
+    if (length_ == 0) length_ = held_;
+    if (length_ == 0 && end_) length_ = std::clamp<std::int64_t>(secondsLeft(), 1, kLongestSeconds);
+    return length.value_or(0) > 0 && held && (!end || end_);
 }
 
 void Countdown::start(std::int64_t seconds) {
@@ -47,7 +71,8 @@ void Countdown::start(std::int64_t seconds) {
 
 void Countdown::hold() {
     if (!end_) return;
-    held_ = secondsLeft();
+    // A clock that was set back makes any time of it.
+    held_ = std::min(secondsLeft(), kLongestSeconds);
     end_.reset();
     keep();
     ToolScheduler::cancelDateSchedule();
@@ -75,10 +100,7 @@ void Countdown::begin(std::int64_t length, std::int64_t left) {
     keep();
 }
 
-std::int64_t Countdown::secondsLeft() const {
-    if (!end_) return held_;
-    return std::max<std::int64_t>(std::llround(end_->unixTime() - Date::now().unixTime()), 0);
-}
+std::int64_t Countdown::secondsLeft() const { return end_ ? secondsUntil(*end_) : held_; }
 
 void Countdown::keep() const {
     if (!isSet()) return kept_.removeObjectForKey(kCountdownKey);

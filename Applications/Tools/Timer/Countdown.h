@@ -14,7 +14,7 @@ namespace utilia::tools {
 // Threads: the main thread.
 class Countdown final {
 public:
-    // Takes over what is kept. `kept` must live as long as this object.
+    // Takes over what is kept; one log line when that is damaged. `kept` must live as long as this object.
     explicit Countdown(platform::UserDefaults& kept);
 
     // Replaces the one before.
@@ -31,6 +31,7 @@ public:
     std::int64_t secondsLeft() const;
 
 private:
+    bool takeOver(const Dictionary& found);  // whether it is sound
     void begin(std::int64_t length, std::int64_t left);
     void keep() const;
 
