@@ -79,8 +79,8 @@ public:
     }
 
 private:
-    // The text of the last orderly end is all that counting up has to remember. It is older than a countdown that came
-    // and went before a kill, and may be one's own text.
+    // The text of the last orderly end is all that counting up has to remember. After a kill it may still be that of a
+    // countdown which is gone.
     void takeLastText(const std::string& last) {
         const std::int64_t seconds = tools::leadingSeconds(last).value_or(0);
         const std::string time = textFromSeconds(seconds);
