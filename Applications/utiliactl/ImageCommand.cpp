@@ -9,6 +9,7 @@
 #include "Applications/utiliactl/PlainText.h"
 #include "Applications/utiliactl/TerminalProgress.h"
 #include "Common/Foundation/PathFunctions.h"
+#include "Common/Platform/FileManager.h"
 #include "Common/UtiliaCommon/Auxiliary/ImageExport.h"
 
 namespace utilia::control {
@@ -118,7 +119,8 @@ Result<void> ImageCommand::run(std::ostream& out) {
                                   : exportedBitmap(*image, format->type, progress);
     terminal.clear();
     if (!exported) return exported.error().withContext(output_);
-    if (const auto saved = saveExported(exported, output_); !saved) return saved.error();
+    if (const auto saved = platform::FileManager::writeToFile(output_, *exported); !saved)
+        return saved.error();
     out << inQuotes(output_) << " is written.\n";
     return {};
 }

@@ -14,6 +14,12 @@ SCRIPT = ""
 COMPILER = ""
 
 ORDERLY_TREE = {
+    "Common/Foundation/CMakeLists.txt": "utilia_module(utilia_foundation\n    SOURCES Text.cpp\n    HEADERS Text.h)\n",
+    "Common/Logging/CMakeLists.txt": "utilia_module(utilia_logging\n    HEADERS Log.h\n    LINK utilia_foundation)\n",
+    "Common/Platform/CMakeLists.txt": "utilia_module(utilia_platform\n    SOURCES\n        Linux/Clock.cpp\n    HEADERS\n"
+                                      "        Clock.h  # by (steady) seconds\n    LINK utilia_logging)\n",
+    "Common/UtiliaCommon/CMakeLists.txt": "utilia_module(utilia_framework\n    HEADERS\n        Scheduler/Record.h\n"
+                                          "    SOURCES Scheduler/Record.cpp LoginItems/List.cpp)\n",
     "Common/Foundation/Text.h": "#pragma once\n\n#include <string>\n\nstd::string text();\n",
     "Common/Logging/Log.h": '#pragma once\n\n#include "Common/Foundation/Text.h"\n\nvoid log();\n',
     "Common/Platform/Clock.h": '#pragma once\n\n#include <chrono>\n\n#include "Common/Logging/Log.h"\n\n'
@@ -97,6 +103,36 @@ class CheckLayers(unittest.TestCase):
                 self.add(path, '#include "Common/Platform/Linux/Folders.h"')
                 self.assert_found(path, "ladder")
                 self.write(path, ORDERLY_TREE[path])
+
+    def test_keeps_applications_and_installed_headers_to_what_is_installed(self):
+        self.write("Common/UtiliaCommon/Scheduler/Table.h", "#pragma once\n\nvoid table();\n")
+        self.write("Common/Platform/Place.h", "#pragma once\n\nvoid place();\n")
+        host = "#pragma once\n\n#include <QObject>\n\nvoid host();\n"
+        self.write("Integration/Qt/Host.h", host)
+        outside = ('#include "Common/UtiliaCommon/Scheduler/Table.h"', '#include "Common/Platform/Place.h"',
+                   "#include <Common/Platform/Place.h>", '#include "../../Common/UtiliaCommon/Scheduler/Table.h"')
+        record = "Common/UtiliaCommon/Scheduler/Record.h"
+        for path, text, lines in (("Applications/Agent/Main.cpp", ORDERLY_TREE["Applications/Agent/Main.cpp"], outside),
+                                  ("Integration/Qt/Host.h", host, outside), (record, ORDERLY_TREE[record], outside[:2])):
+            for line in lines:
+                with self.subTest(path=path, line=line):
+                    self.write(path, text + line + "\n")
+                    self.assert_found(path, "installed")
+                    self.write(path, text)
+
+    def test_lets_sources_and_tests_include_what_is_not_installed(self):
+        self.write("Common/UtiliaCommon/Scheduler/Table.h", "#pragma once\n\nvoid table();\n")
+        self.add("Common/UtiliaCommon/LoginItems/List.cpp", '#include "Common/UtiliaCommon/Scheduler/Table.h"')
+        self.write("Tests/Unit/TableTest.cpp", '#include "Common/UtiliaCommon/Scheduler/Table.h"\n\nint test();\n')
+        self.assert_passes()
+
+    def test_cannot_check_without_the_list_of_what_is_installed(self):
+        self.write("Common/Foundation/CMakeLists.txt", "utilia_module(utilia_foundation HEADERS Text.h None.h)\n")
+        self.assertEqual(self.run_check().returncode, 2)
+        for path in ORDERLY_TREE:
+            if path.endswith("CMakeLists.txt"):
+                os.remove(Path(self.folder.name, path))
+        self.assertEqual(self.run_check().returncode, 2)
 
     def test_keeps_system_types_out_of_the_seam(self):
         path = "Common/Platform/Clock.h"

@@ -4,7 +4,7 @@
 
 #include "Common/Platform/FileManager.h"
 #include "Common/Platform/RunLoop.h"
-#include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
+#include "Common/UtiliaCommon/Auxiliary/ImageExport.h"
 
 namespace utilia::tools {
 
@@ -49,16 +49,15 @@ void ExportJob::work(const std::shared_ptr<State>& state) {
         return !state->isCancelled;
     };
     const Request& request = state->request;
-    auto& exporter = CommonAuxiliary::sharedInstance();
-    const auto data = request.type
-                          ? exporter.dataForImage(request.image, *request.type, progress)
-                          : exporter.dataForImageAsPDF(request.image, request.pageHeight, progress);
+    const auto data = request.type ? exportedBitmap(request.image, *request.type, progress)
+                                   : exportedPDF(request.image, request.pageHeight, progress);
     Outcome outcome = Outcome::Saved;
     std::string reason;
     if (state->isCancelled) {
         outcome = Outcome::Cancelled;
     } else if (!data) {
         outcome = Outcome::Failed;
+        reason = data.error().description;
     } else if (const auto written = platform::FileManager::writeAtomically(request.path, *data);
                !written) {
         outcome = Outcome::Failed;

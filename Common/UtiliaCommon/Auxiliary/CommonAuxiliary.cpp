@@ -10,6 +10,7 @@
 #include "Common/Logging/Log.h"
 #include "Common/Logging/MemoryGuard.h"
 #include "Common/Platform/Bundle.h"
+#include "Common/Platform/FileManager.h"
 #include "Common/Platform/LoginItems.h"
 #include "Common/Platform/Workspace.h"
 #include "Common/UtiliaCommon/Auxiliary/ImageExport.h"
@@ -75,6 +76,10 @@ std::invoke_result_t<Function> orNothing(Function function) {
 std::optional<Data> dataOf(Result<Data> exported) {
     if (!exported) return std::nullopt;
     return *std::move(exported);
+}
+
+bool isSaved(const Result<Data>& exported, std::string_view path) {
+    return exported && platform::FileManager::writeToFile(path, *exported);
 }
 
 }  // namespace
@@ -207,8 +212,7 @@ CommonAuxiliary::dataForImageAsPDF(const std::shared_ptr<platform::Image>& image
 bool CommonAuxiliary::saveImageAsPDF(const std::shared_ptr<platform::Image>& image,
                                      std::string_view toFile, std::uint64_t pageHeight,
                                      const platform::ExportProgress& progress) {
-    return orNothing(
-        [&] { return saveExported(exportedPDF(image, pageHeight, progress), toFile).has_value(); });
+    return orNothing([&] { return isSaved(exportedPDF(image, pageHeight, progress), toFile); });
 }
 
 std::optional<Data> CommonAuxiliary::dataForImage(const std::shared_ptr<platform::Image>& image,
@@ -220,8 +224,7 @@ std::optional<Data> CommonAuxiliary::dataForImage(const std::shared_ptr<platform
 bool CommonAuxiliary::saveImage(const std::shared_ptr<platform::Image>& image,
                                 platform::BitmapImageFileType asType, std::string_view toFile,
                                 const platform::ExportProgress& progress) {
-    return orNothing(
-        [&] { return saveExported(exportedBitmap(image, asType, progress), toFile).has_value(); });
+    return orNothing([&] { return isSaved(exportedBitmap(image, asType, progress), toFile); });
 }
 
 std::shared_ptr<platform::Image> CommonAuxiliary::watermarkImage() {

@@ -28,7 +28,7 @@ namespace utilia {
 //
 // Image export: what an image shows, as the content of a file that other programs read. Whatever is
 // wrong (no image, none that can be decoded, not enough memory, an end that progress asks for) gives
-// nothing, and no line in the log. A file is written in place, links are
+// nothing, and no line in the log; ImageExport.h has the same with the reason. A file is written in place, links are
 // followed; one that was not there before is removed again when it cannot be written whole, one
 // that was there keeps what was written until then.
 //

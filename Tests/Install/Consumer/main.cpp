@@ -1,6 +1,7 @@
 // A tool as somebody else writes it: against the installed headers, loading the installed library.
 
 #include <iostream>
+#include <string>
 
 #include "Common/Platform/Application.h"
 #include "Common/Platform/Bundle.h"
@@ -8,7 +9,9 @@
 #include "Common/Platform/NotificationCenter.h"
 #include "Common/Platform/RunLoop.h"
 #include "Common/Platform/Workspace.h"
+#include "Common/UtiliaCommon/Auxiliary/ImageExport.h"
 
+using namespace utilia;
 using namespace utilia::platform;
 
 int main() {
@@ -25,6 +28,14 @@ int main() {
     const auto image = bytes ? Image::initWithData(*bytes) : nullptr;
     if (!image) return 2;
     std::cout << "image " << image->pixelsWide() << 'x' << image->pixelsHigh() << '\n';
+
+    // So do exports, which say why they fail.
+    const auto page = exportedPDF(image, 0);
+    const auto tall = Image::initWithBitmap({1, 65'501, Data(std::size_t{4} * 65'501, 255)});
+    const auto refused = exportedBitmap(tall, BitmapImageFileType::Jpeg);
+    if (!page || refused) return 3;
+    std::cout << "page " << std::string(page->begin(), page->begin() + 8) << '\n'
+              << "export " << refused.error().description << '\n';
 
     Application& application = Application::sharedApplication();
     auto& center = NotificationCenter::defaultCenter();

@@ -8,6 +8,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Common/Platform/FileManager.h"
+#include "Common/UtiliaCommon/Auxiliary/ImageExport.h"
 #include "Common/UtiliaCommon/PersistentData/ToolPersistentDataReader.h"
 #include "Tests/Process/Tools/RunningTool.h"
 #include "Tests/Support/ScreenReader.h"
@@ -245,6 +247,22 @@ TEST_F(SpokenCapture, SaysThatAndWhyAPictureCannotBeSaved) {
     save();
     EXPECT_THAT(labelWith("Saved as "), testing::EndsWith(".pdf"));
     EXPECT_FALSE(savedFile(".pdf").empty());
+}
+
+TEST_F(SpokenCapture, SaysWhyAFormatCannotHoldThePicture) {
+    const std::string path = session_.home().path() / "tall.png";
+    const auto image =
+        platform::Image::initWithBitmap({2, 65'501, Data(std::size_t{2} * 65'501 * 4, 255)});
+    const auto tall = exportedBitmap(image, platform::BitmapImageFileType::Png);
+    ASSERT_TRUE(tall);
+    ASSERT_TRUE(platform::FileManager::writeToFile(path, *tall));
+    auto tool = startSpeaking({path});
+    display_.press({"alt+f", "Down", "Down"});  // JPEG
+    save();
+    EXPECT_THAT(labelWith("Screen Capture "),
+                AllOf(HasSubstr(".jpg cannot be saved. "),
+                      testing::EndsWith("JPEG holds at most 65,500 pixels a side")));
+    EXPECT_TRUE(fs::is_empty(desktop()));
 }
 
 TEST_F(ScreenCapture, OpensTheFileOfASecondStart) {

@@ -63,9 +63,8 @@ TEST_P(ImageExport, OfNothingIsNothing) {
     EXPECT_EQ(auxiliary_.dataForImage(missing, type()), std::nullopt);
     EXPECT_FALSE(auxiliary_.saveImage(missing, type(), path().string()));
     EXPECT_TRUE(log.lines().empty());
-    EXPECT_EQ(exportedBitmap(nullptr, type(), {}).error().description, "there is no image");
-    EXPECT_EQ(exportedBitmap(missing, type(), {}).error().description,
-              "representation 0 of an image");
+    EXPECT_EQ(exportedBitmap(nullptr, type()).error().description, "there is no image");
+    EXPECT_EQ(exportedBitmap(missing, type()).error().description, "representation 0 of an image");
     EXPECT_FALSE(fs::exists(path()));
 }
 
@@ -98,6 +97,23 @@ TEST_P(ImageExport, EndsWhereverProgressSaysSo) {
     EXPECT_TRUE(log.lines().empty());
 }
 
+TEST_P(ImageExport, SaysWhyThereIsNone) {
+    const auto codeOf = [](const Result<Data>& exported, UtiliaErrorCode code) {
+        return !exported && exported.error().is(code);
+    };
+    const auto image = Image::initWithBitmap(flag(8, 8));
+    const auto missing = Image::initByReferencingFile((folder_.path() / "missing").string());
+    const auto end = [](double) { return false; };
+    EXPECT_EQ(exportedBitmap(image, type()).value(), auxiliary_.dataForImage(image, type()));
+    EXPECT_TRUE(codeOf(exportedBitmap(nullptr, type()), UtiliaErrorCode::Refused));
+    EXPECT_TRUE(codeOf(exportedBitmap(missing, type()), UtiliaErrorCode::NotFound));
+    EXPECT_TRUE(codeOf(exportedBitmap(image, type(), end), UtiliaErrorCode::Cancelled));
+    EXPECT_EQ(exportedPDF(image, 0).value(), auxiliary_.dataForImageAsPDF(image, 0));
+    EXPECT_TRUE(codeOf(exportedPDF(nullptr, 0), UtiliaErrorCode::Refused));
+    EXPECT_TRUE(codeOf(exportedPDF(missing, 0), UtiliaErrorCode::NotFound));
+    EXPECT_TRUE(codeOf(exportedPDF(image, 0, end), UtiliaErrorCode::Cancelled));
+}
+
 TEST_P(ImageExport, EndsWhenProgressThrows) {
     const auto image = Image::initWithBitmap(flag(8, 8));
     const auto fail = [](double) -> bool { throw std::runtime_error("of the caller"); };
@@ -123,10 +139,11 @@ TEST_P(ImageExport, AnswersNoWhenAFileCannotBeWritten) {
     EXPECT_FALSE(auxiliary_.saveImage(image, type(), nowhere));
     EXPECT_FALSE(auxiliary_.saveImage(image, type(), folder_.path().string()));
     EXPECT_TRUE(log.lines().empty());
-    const auto exported = exportedBitmap(image, type(), {});
-    EXPECT_EQ(saveExported(exported, nowhere).error().description,
+    const auto exported = exportedBitmap(image, type());
+    ASSERT_TRUE(exported);
+    EXPECT_EQ(FileManager::writeToFile(nowhere, *exported).error().description,
               "open " + nowhere + ": No such file or directory");
-    EXPECT_EQ(saveExported(exported, folder_.path().string()).error().description,
+    EXPECT_EQ(FileManager::writeToFile(folder_.path().string(), *exported).error().description,
               "open " + folder_.path().string() + ": Is a directory");
 }
 
@@ -164,7 +181,7 @@ TEST(ImageExportLimits, RefuseWhatAFormatCannotHold) {
     EXPECT_EQ(auxiliary.dataForImage(longer, static_cast<BitmapImageFileType>(6)), std::nullopt);
     EXPECT_TRUE(log.lines().empty());
     const auto reason = [](const auto& image, BitmapImageFileType type) {
-        return exportedBitmap(image, type, {}).error().description;
+        return exportedBitmap(image, type).error().description;
     };
     EXPECT_EQ(reason(long_, BitmapImageFileType::Jpeg),
               "encode image: JPEG holds at most 65,500 pixels a side");

@@ -153,10 +153,11 @@ TEST(PdfFailures, AreErrorsWithTheFileAndNoLines) {
     EXPECT_FALSE(save(imageOf(gradientPicture(5, 5)), path));
     EXPECT_FALSE(save(imageOf(gradientPicture(5, 5)), folder.path()));
     EXPECT_TRUE(log.lines().empty());
-    const auto exported = exportedPDF(imageOf(gradientPicture(5, 5)), 0, {});
-    EXPECT_EQ(saveExported(exported, path.string()).error().description,
+    const auto exported = exportedPDF(imageOf(gradientPicture(5, 5)), 0);
+    ASSERT_TRUE(exported);
+    EXPECT_EQ(FileManager::writeToFile(path.string(), *exported).error().description,
               "open " + path.string() + ": No such file or directory");
-    EXPECT_EQ(saveExported(exported, folder.path().string()).error().description,
+    EXPECT_EQ(FileManager::writeToFile(folder.path().string(), *exported).error().description,
               "open " + folder.path().string() + ": Is a directory");
     EXPECT_FALSE(fs::exists(path.parent_path()));
 }

@@ -198,8 +198,8 @@ TEST(PdfPages, AreNoneWithoutAPicture) {
     EXPECT_FALSE(auxiliary.dataForImageAsPDF(missing, 100));
     EXPECT_FALSE(auxiliary.saveImageAsPDF(missing, path, 100));
     EXPECT_TRUE(log.lines().empty());
-    EXPECT_EQ(exportedPDF(nullptr, 0, {}).error().description, "there is no image");
-    EXPECT_EQ(exportedPDF(missing, 0, {}).error().description, "representation 0 of an image");
+    EXPECT_EQ(exportedPDF(nullptr, 0).error().description, "there is no image");
+    EXPECT_EQ(exportedPDF(missing, 0).error().description, "representation 0 of an image");
     EXPECT_FALSE(fs::exists(path));
 }
 

@@ -1,14 +1,18 @@
 #include "Applications/Tools/ScreenCapture/ExportJob.h"
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <vector>
 
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 
 #include "Common/Platform/RunLoop.h"
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/ChildRole.h"
 #include "Tests/Support/RecordingPort.h"
 #include "Tests/Support/TemporaryHome.h"
 
@@ -89,12 +93,53 @@ TEST_F(ExportJobTest, SaysWhyAFileCannotBeWritten) {
     EXPECT_THAT(reason_, testing::HasSubstr("missing"));
 }
 
+TEST_F(ExportJobTest, SaysWhyAFormatCannotHoldThePicture) {
+    std::ofstream(home_.path() / "a.jpg") << "old";
+    auto wanted = request("a.jpg");
+    wanted.image = picture(2, 65'501);
+    wanted.type = platform::BitmapImageFileType::Jpeg;
+    const auto job = start(wanted);
+    ASSERT_TRUE(ends());
+    EXPECT_EQ(outcome_, Outcome::Failed);
+    EXPECT_THAT(reason_, testing::EndsWith("JPEG holds at most 65,500 pixels a side"));
+    EXPECT_EQ(contents("a.jpg"), "old");
+}
+
+UTILIA_CHILD_ROLE(saveOnAFullDisk) {
+    // Files of this process end after a few bytes, as if the disk were full.
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{1000, 1000};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
+    std::optional<Outcome> outcome;
+    std::string reason;
+    platform::BitmapImageRep bitmap{100, 100, Data(std::size_t{100} * 100 * 4, 7)};
+    const ExportJob job(
+        {platform::Image::initWithBitmap(std::move(bitmap)), self.arguments.at(0),
+         platform::BitmapImageFileType::Bmp},
+        [](int) {},
+        [&](Outcome became, const std::string& why) {
+            outcome = became;
+            reason = why;
+        });
+    if (!test::eventually([&] { return outcome.has_value(); })) return 3;
+    if (outcome != Outcome::Failed) return 4;
+    return reason.find("File too large") == std::string::npos ? 5 : 0;
+}
+
+TEST_F(ExportJobTest, SaysThatThereIsNoRoomAndLeavesTheOldFile) {
+    std::ofstream(home_.path() / "a.bmp") << "old";
+    auto child = test::ChildProcess::role("saveOnAFullDisk", {(home_.path() / "a.bmp").string()});
+    EXPECT_EQ(child.waitForExit(), 0);
+    EXPECT_EQ(contents("a.bmp"), "old");
+}
+
 TEST_F(ExportJobTest, FailsWithoutAPicture) {
     auto wanted = request("a.pdf");
     wanted.image = nullptr;
     const auto job = start(wanted);
     ASSERT_TRUE(ends());
     EXPECT_EQ(outcome_, Outcome::Failed);
+    EXPECT_EQ(reason_, "there is no image");
     EXPECT_FALSE(std::filesystem::exists(home_.path() / "a.pdf"));
 }
 
