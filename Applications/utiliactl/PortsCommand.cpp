@@ -21,10 +21,8 @@ CLI::App* PortsCommand::declare(CLI::App& program) {
 }
 
 Result<void> PortsCommand::run(std::ostream& out) {
-    if (!platform::FileManager::runtimeFolder()) {
-        return Error::utilia(UtiliaErrorCode::Unavailable,
-                             "the runtime folder of this login cannot be used");
-    }
+    if (const auto folder = platform::FileManager::findRuntimeFolder(); !folder)
+        return folder.error().withContext("the runtime folder of this login cannot be used");
     Json list = Json::array();
     std::vector<std::vector<std::string>> rows;
     for (const auto& port : PortNameServer::systemDefaultPortNameServer().registrations()) {

@@ -35,6 +35,9 @@ public:
     // Locks an existing folder; waits as long as it takes. A wait of more than two seconds is logged once, with the
     // holder's process id where the system tells it. Fails only with the error of the open.
     static Result<FileLock> acquireFolder(const std::filesystem::path& path, Mode mode);
+    // The same within a time, and without the log: UtiliaErrorCode::Busy names the holder.
+    static Result<FileLock> acquireFolder(const std::filesystem::path& path, Mode mode,
+                                          std::chrono::milliseconds timeout);
 
     FileLock(FileLock&&) noexcept = default;
     FileLock& operator=(FileLock&&) noexcept;

@@ -51,6 +51,8 @@ public:
     // The folder for sockets, locks and other things of this login: 0700, this user's. Empty when there is none that
     // can be trusted; the reason is logged once per process.
     static std::optional<std::string> runtimeFolder();
+    // The same for those who tell the reason themselves: it is the error, and not logged.
+    static Result<std::string> findRuntimeFolder();
 
     // The user's Library folder, with no "/" at the end. It and its folder Logs are made (0700) on each ask as far as
     // they are missing and can be made; where that fails the path is answered all the same.

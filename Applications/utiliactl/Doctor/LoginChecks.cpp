@@ -3,7 +3,9 @@
 #include <optional>
 #include <utility>
 
+#include "Applications/Agent/AgentTextKeys.h"
 #include "Applications/utiliactl/Doctor/Diagnosis.h"
+#include "Applications/utiliactl/Doctor/FolderCheck.h"
 #include "Applications/utiliactl/PlainText.h"
 #include "Common/Platform/Bundle.h"
 #include "Common/Platform/FileManager.h"
@@ -30,6 +32,13 @@ bool isRunnable(const std::string& application) {
     return program && platform::FileManager::isExecutableFileAtPath(*program);
 }
 
+// As a person reads it: in the text, "&" marks the letter that works with Alt.
+std::string nameOfAgentsSwitch() {
+    std::string name(agent::kOpenAtLoginText);
+    std::erase(name, '&');
+    return name;
+}
+
 // The entries that this product made, and whose program has moved or gone. They are named by identifiers.
 Diagnoses diagnoseEntries(const std::vector<LoginItem>& items) {
     Diagnoses found;
@@ -41,8 +50,8 @@ Diagnoses diagnoseEntries(const std::vector<LoginItem>& items) {
             "\"utiliactl login add TOOL\" puts the entry in order; without tools to start, remove "
             "the file.";
         if (identifier == kAgentBundleIdentifier) {
-            advice = "Remove the file, then switch \"Open at login\" in the agent's settings on "
-                     "again.";
+            advice = "Remove the file, then switch " + inQuotes(nameOfAgentsSwitch()) +
+                     " in the agent's settings on again.";
         }
         found.push_back({kLogin, Severity::Error,
                          item.path() + " starts a program that is not there", std::move(advice)});
@@ -123,7 +132,13 @@ Diagnoses checkLogin() {
     const auto items = list->snapshot();
     if (!items) return {unreadable(items.error())};
 
-    Diagnoses found = diagnoseEntries(*items);
+    Diagnoses found;
+    auto folder = diagnoseFolder(kLogin, folderOfUser("XDG_CONFIG_HOME", ".config") / "autostart",
+                                 "The folder autostart in XDG_CONFIG_HOME (or ~/.config)",
+                                 "what is started at login cannot be changed");
+    if (folder.severity != Severity::Good) found.push_back(std::move(folder));
+    const Diagnoses entries = diagnoseEntries(*items);
+    found.insert(found.end(), entries.begin(), entries.end());
     const auto tools = toolsToStart();
     const Diagnoses missing = diagnoseTools(tools);
     found.insert(found.end(), missing.begin(), missing.end());

@@ -57,9 +57,9 @@ Diagnosis diagnosePorts(const Registrations& ports) {
 }  // namespace
 
 Diagnoses checkRuntime() {
-    const auto folder = platform::FileManager::runtimeFolder();
+    const auto folder = platform::FileManager::findRuntimeFolder();
     if (!folder) {
-        return {{kFolder, Severity::Error, "it cannot be used; the line above says why",
+        return {{kFolder, Severity::Error, "it cannot be used: " + folder.error().description,
                  "Log in again, or have XDG_RUNTIME_DIR name a folder that is yours and nobody "
                  "else's (mode 0700)."}};
     }

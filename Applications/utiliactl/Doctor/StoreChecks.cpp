@@ -1,16 +1,12 @@
 #include <chrono>
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
-#include <future>
 #include <memory>
 #include <optional>
 #include <system_error>
-#include <thread>
-
-#include <unistd.h>
 
 #include "Applications/utiliactl/Doctor/Diagnosis.h"
+#include "Applications/utiliactl/Doctor/FolderCheck.h"
 #include "Common/Platform/FileLock.h"
 #include "Common/Platform/FileManager.h"
 #include "Common/Platform/PropertyListSerialization.h"
@@ -32,8 +28,8 @@ constexpr const char* kStore = "shared store";
 constexpr const char* kPreferences = "preferences";
 constexpr const char* kLogs = "logs";
 constexpr const char* kRoom = "disk space";
-// The holder of a lock is logged after 2 s.
 constexpr auto kPatience = 3s;
+constexpr const char* kLoss = "what is set is not kept";
 constexpr std::string_view kSetAside = ".plist.damaged-";
 constexpr std::uintmax_t kLittleRoom = 100u * 1024 * 1024;
 constexpr std::uintmax_t kNoRoom = 5u * 1024 * 1024;
@@ -49,33 +45,6 @@ Diagnoses diagnoseDamage(const char* check, const fs::path& folder) {
                          "Remove it when nothing in it is needed any more."});
     }
     return found;
-}
-
-// What is missing is judged by the folder that it would be made in.
-fs::path nearestFolder(fs::path path) {
-    while (path.has_relative_path() && FileManager::isNothingAtPath(path.string()))
-        path = path.parent_path();
-    return path;
-}
-
-Diagnosis diagnoseFolder(const char* check, const fs::path& folder, const std::string& variable) {
-    std::error_code error;
-    const fs::path nearest = nearestFolder(folder);
-    const std::string advice =
-        variable +
-        " must be a folder that is yours and writable: look at the owner and the mode "
-        "of " +
-        nearest.string() + ", and whether its disk is mounted read-only.";
-    if (!FileManager::isDirectoryAtPath(nearest.string()))
-        return {check, Severity::Error, nearest.string() + " is not a folder", advice};
-    const auto status = FileManager::attributesOfItemAtPath(fs::canonical(nearest, error).string());
-    if (nearest == folder && status && status->ownerAccountId != geteuid())
-        return {check, Severity::Error, nearest.string() + " belongs to another user", advice};
-    if (!FileManager::isWritableFileAtPath(nearest.string())) {
-        return {check, Severity::Error,
-                nearest.string() + " cannot be written; what is set is not kept", advice};
-    }
-    return {check, Severity::Good, folder.string(), ""};
 }
 
 // Empty when there is no such file.
@@ -102,7 +71,7 @@ Diagnosis unreadable(const char* check, const fs::path& file, const Error& error
 }
 
 Diagnoses diagnosePreferences(const fs::path& folder) {
-    Diagnoses found{diagnoseFolder(kPreferences, folder, "XDG_CONFIG_HOME (or ~/.config)")};
+    Diagnoses found{diagnoseFolder(kPreferences, folder, "XDG_CONFIG_HOME (or ~/.config)", kLoss)};
     std::error_code error;
     for (const auto& entry : fs::directory_iterator(folder, error)) {
         if (entry.path().extension() != ".plist") continue;
@@ -131,52 +100,38 @@ Diagnosis diagnoseRoom(const fs::path& folder) {
     return {kRoom, Severity::Good, room, ""};
 }
 
-// Under the lock, on a thread of its own, since it is waited for as long as it takes. Empty when it takes too long.
-std::optional<std::optional<Result<Dictionary>>> readWithinPatience(const fs::path& container,
-                                                                    const fs::path& file) {
-    using Answer = std::optional<Result<Dictionary>>;
-    std::promise<Answer> promise;
-    auto answer = promise.get_future();
-    std::thread(
-        [container, file](std::promise<Answer> kept) {
-            const auto lock =
-                platform::FileLock::acquireFolder(container, platform::FileLock::Mode::Exclusive);
-            kept.set_value(lock ? contentOf(file) : Answer(lock.error()));
-        },
-        std::move(promise))
-        .detach();
-    if (answer.wait_for(kPatience) != std::future_status::ready) return std::nullopt;
-    return answer.get();
-}
-
 Diagnosis diagnoseContent(const fs::path& container, const fs::path& file) {
     const std::string nothing = "0 keys in " + container.string();
     if (FileManager::isNothingAtPath(container.string()))
         return {kStore, Severity::Good, nothing, ""};
-    const auto content = readWithinPatience(container, file);
-    if (!content) {
-        return {kStore, Severity::Error,
-                "another process has held the lock on " + container.string() + " for more than 3 s",
-                "The line above names the process. End it if it does not go on by itself; the "
-                "system frees the lock, and nothing that was stored is lost."};
+    const auto lock = platform::FileLock::acquireFolder(
+        container, platform::FileLock::Mode::Exclusive, kPatience);
+    if (!lock && lock.error().is(UtiliaErrorCode::Busy)) {
+        return {kStore, Severity::Error, lock.error().description,
+                "End that process if it does not go on by itself; the system frees the lock, and "
+                "nothing that was stored is lost."};
     }
-    if (!*content) return {kStore, Severity::Good, nothing, ""};
-    const Result<Dictionary>& read = **content;
+    if (!lock) return unreadable(kStore, file, lock.error());
+    const auto content = contentOf(file);
+    if (!content) return {kStore, Severity::Good, nothing, ""};
+    const Result<Dictionary>& read = *content;
     if (!read) return unreadable(kStore, file, read.error());
     return {kStore, Severity::Good, std::to_string(read->size()) + " keys in " + container.string(),
             ""};
 }
 
+// Locked is the container, and written the folder with the file in it: temporary files lie there, too.
+Diagnosis diagnoseStore(const fs::path& container, const fs::path& file) {
+    for (const fs::path& folder : {container, file.parent_path()}) {
+        auto found = diagnoseFolder(kStore, folder, "XDG_DATA_HOME (or ~/.local/share)", kLoss);
+        if (found.severity != Severity::Good) return found;
+    }
+    return diagnoseContent(container, file);
+}
+
 // Where a domain or suite is stored; asking makes nothing.
 fs::path fileOf(const std::unique_ptr<platform::UserDefaults>& defaults) {
     return defaults ? fs::path(defaults->path()) : fs::path();
-}
-
-fs::path stateFolder() {
-    const char* const given = std::getenv("XDG_STATE_HOME");
-    if (given && given[0] == '/') return given;
-    const char* const home = std::getenv("HOME");
-    return fs::path(home ? home : "/") / ".local/state";
 }
 
 }  // namespace
@@ -193,13 +148,11 @@ Diagnoses checkStore() {
 
     const fs::path store = fileOf(platform::UserDefaults::initWithSuiteName(kAppGroupIdentifier));
     const fs::path container = store.parent_path().parent_path().parent_path();
-    const Diagnosis folder = diagnoseFolder(kStore, container, "XDG_DATA_HOME (or ~/.local/share)");
-    const Diagnosis content =
-        folder.severity == Severity::Good ? diagnoseContent(container, store) : folder;
-    found.push_back(content);
+    found.push_back(diagnoseStore(container, store));
     add(diagnoseDamage(kStore, store.parent_path()));
-    found.push_back(diagnoseFolder(kLogs, stateFolder() / "korvane-utilia/Library/Logs",
-                                   "XDG_STATE_HOME (or ~/.local/state)"));
+    found.push_back(diagnoseFolder(
+        kLogs, folderOfUser("XDG_STATE_HOME", ".local/state") / "korvane-utilia/Library/Logs",
+        "XDG_STATE_HOME (or ~/.local/state)", kLoss));
     found.push_back(diagnoseRoom(nearestFolder(container)));
     return found;
 }

@@ -71,6 +71,24 @@ int openUninterrupted(const char* path, int flags, mode_t mode) {
     return descriptor;
 }
 
+Result<void> lockWithin(std::chrono::milliseconds timeout, int descriptor, int operation,
+                        const std::string& path) {
+    const auto deadline = Clock::now() + timeout;
+    std::chrono::nanoseconds step = kFirstStep;
+    while (lockUninterrupted(descriptor, operation | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK) return Error::posix(errno, "flock", path);
+        const std::chrono::nanoseconds left = deadline - Clock::now();
+        if (left <= left.zero()) {
+            return Error::utilia(UtiliaErrorCode::Busy,
+                                 "flock " + path + ": still held by " + lockHolder(descriptor) +
+                                     " after " + std::to_string(timeout.count()) + " ms");
+        }
+        pauseFor(std::min(step, left));
+        step = std::min<std::chrono::nanoseconds>(2 * step, kLongestStep);
+    }
+    return {};
+}
+
 }  // namespace
 
 Result<FileLock> FileLock::acquire(const std::filesystem::path& path, Mode mode,
@@ -81,20 +99,23 @@ Result<FileLock> FileLock::acquire(const std::filesystem::path& path, Mode mode,
             path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600));
         if (!file) return Error::posix(errno, "open", path.native());
         GuardedFile guarded(std::move(file));
-        const auto deadline = Clock::now() + timeout;
-        std::chrono::nanoseconds step = kFirstStep;
-        while (lockUninterrupted(guarded.get(), operationFor(mode) | LOCK_NB) != 0) {
-            if (errno != EWOULDBLOCK) return Error::posix(errno, "flock", path.native());
-            const std::chrono::nanoseconds left = deadline - Clock::now();
-            if (left <= left.zero()) {
-                return Error::utilia(UtiliaErrorCode::Busy,
-                                     "flock " + path.native() + ": still held by " +
-                                         lockHolder(guarded.get()) + " after " +
-                                         std::to_string(timeout.count()) + " ms");
-            }
-            pauseFor(std::min(step, left));
-            step = std::min<std::chrono::nanoseconds>(2 * step, kLongestStep);
-        }
+        if (auto locked = lockWithin(timeout, guarded.get(), operationFor(mode), path.native());
+            !locked)
+            return std::move(locked).error();
+        return FileLock(guarded.take());
+    });
+}
+
+Result<FileLock> FileLock::acquireFolder(const std::filesystem::path& path, Mode mode,
+                                         std::chrono::milliseconds timeout) {
+    LockTurns::asked();
+    return orOutOfMemory("flock", path.native(), [&]() -> Result<FileLock> {
+        UniqueFd file(openUninterrupted(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0));
+        if (!file) return Error::posix(errno, "open", path.native());
+        GuardedFile guarded(std::move(file));
+        if (auto locked = lockWithin(timeout, guarded.get(), operationFor(mode), path.native());
+            !locked)
+            return std::move(locked).error();
         return FileLock(guarded.take());
     });
 }

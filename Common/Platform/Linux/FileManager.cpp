@@ -134,6 +134,8 @@ std::optional<std::string> FileManager::runtimeFolder() {
     return folderOrLog(ensureRuntimeFolder(), isLogged);
 }
 
+Result<std::string> FileManager::findRuntimeFolder() { return ensureRuntimeFolder(); }
+
 std::string FileManager::displayNameAtPath(std::string_view path) {
     std::string fileName = lastPathComponent(path);
     if (pathExtension(fileName) != "app") return fileName;

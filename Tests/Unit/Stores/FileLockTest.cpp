@@ -107,6 +107,23 @@ TEST_F(FileLockTest, LocksAFolderAndNothingElse) {
         FileLock::acquireFolder(folder_.path() / "missing", Mode::Shared).error().isPosix(ENOENT));
 }
 
+TEST_F(FileLockTest, WaitsForAFolderForAsLongAsItIsToldAndThenNamesTheHolder) {
+    auto held = FileLock::acquireFolder(folder_.path(), Mode::Exclusive, milliseconds(0));
+    ASSERT_TRUE(held) << held.error().description;
+    const auto busy = FileLock::acquireFolder(folder_.path(), Mode::Shared, milliseconds(1));
+    ASSERT_FALSE(busy);
+    EXPECT_TRUE(busy.error().is(UtiliaErrorCode::Busy));
+    EXPECT_EQ(busy.error().description, "flock " + folder_.path().string() +
+                                            ": still held by process " + std::to_string(getpid()) +
+                                            " after 1 ms");
+    EXPECT_EQ(log_.lines(), std::vector<std::string>());
+    held->release();
+    EXPECT_TRUE(FileLock::acquireFolder(folder_.path(), Mode::Shared, milliseconds(0)));
+    EXPECT_TRUE(FileLock::acquireFolder(folder_.path() / "missing", Mode::Shared, milliseconds(0))
+                    .error()
+                    .isPosix(ENOENT));
+}
+
 TEST_F(FileLockTest, IsNotKeptByAForkedChildThatOutlivesItsParent) {
     auto parent = test::ChildProcess::role("lockThenFork", {path()});
     ASSERT_EQ(parent.waitForLine(), "child lives");

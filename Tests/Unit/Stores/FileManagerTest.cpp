@@ -238,6 +238,7 @@ TEST_F(FileManagerTest, TheUsersFoldersLieWhereTheStandardVariablesSay) {
                   "7QK2M9ZD4R.com.korvane.utilia"),
               home_.groupContainer().string());
     EXPECT_EQ(FileManager::runtimeFolder(), (home_.runtime() / "com.korvane.utilia").string());
+    EXPECT_EQ(*FileManager::findRuntimeFolder(), (home_.runtime() / "com.korvane.utilia").string());
     for (const fs::path& made : {home_.config() / "korvane-utilia", home_.groupContainer(),
                                  home_.runtime() / "com.korvane.utilia"}) {
         EXPECT_EQ(modeOf(made), 0700u);
@@ -263,11 +264,13 @@ TEST_F(FileManagerTest, TheDesktopIsWhereTheUserPutIt) {
 TEST_F(FileManagerTest, ARuntimeFolderThatOthersMayEnterIsNotUsed) {
     fs::create_directory(home_.runtime() / "com.korvane.utilia");
     fs::permissions(home_.runtime() / "com.korvane.utilia", fs::perms(0755));
+    const std::string reason = (home_.runtime() / "com.korvane.utilia").string() +
+                               ": other users may enter it (its mode must be 0700)";
+    EXPECT_EQ(FileManager::findRuntimeFolder().error().description, reason);
+    EXPECT_EQ(log_.lines(), std::vector<std::string>()) << "whoever asked so tells it";
     EXPECT_FALSE(FileManager::runtimeFolder());
     EXPECT_FALSE(FileManager::runtimeFolder());
-    EXPECT_EQ(log_.lines(),
-              std::vector<std::string>{(home_.runtime() / "com.korvane.utilia").string() +
-                                       ": other users may enter it (its mode must be 0700)"});
+    EXPECT_EQ(log_.lines(), std::vector<std::string>{reason});
 }
 
 TEST_F(FileManagerTest, AnotherUsersGroupContainerIsNotUsed) {

@@ -167,12 +167,21 @@ TEST_F(DoctorCommand, WaitsForNoBusThatDoesNotAnswer) {
 }
 
 TEST_F(DoctorCommand, FindsARuntimeFolderOfNobodysUse) {
-    ASSERT_EQ(chmod(home_.runtime().c_str(), 0755), 0);
-    examine({{"XDG_RUNTIME_DIR", (home_.path() / "missing").string()},
-             {"TMPDIR", (home_.path() / "missing").string()}});
+    const fs::path missing = home_.path() / "missing";
+    examine({{"XDG_RUNTIME_DIR", missing.string()}});
     EXPECT_EQ(status_, 1);
     EXPECT_EQ(the("runtime folder").severity, "error");
-    EXPECT_NE(log_, "") << "the reason";
+    EXPECT_EQ(the("runtime folder").message, "it cannot be used: mkdir " + missing.string() +
+                                                 "/com.korvane.utilia: No such file or directory");
+    EXPECT_EQ(log_, "") << "all is in the answer";
+
+    const fs::path open = home_.runtime() / "com.korvane.utilia";
+    fs::create_directory(open);
+    fs::permissions(open, fs::perms(0755));
+    examine();
+    EXPECT_THAT(the("runtime folder").message,
+                HasSubstr(open.string() + ": other users may enter it"));
+    EXPECT_EQ(log_, "");
 }
 
 TEST_F(DoctorCommand, NamesTheHolderOfALockThatIsNotGivenUp) {
@@ -183,8 +192,10 @@ TEST_F(DoctorCommand, NamesTheHolderOfALockThatIsNotGivenUp) {
     examine();
     EXPECT_EQ(status_, 1);
     EXPECT_EQ(the("shared store").severity, "error");
-    EXPECT_THAT(the("shared store").message, HasSubstr("more than 3 s"));
-    EXPECT_THAT(log_, HasSubstr(std::to_string(getpid())));
+    EXPECT_THAT(the("shared store").message, HasSubstr(home_.groupContainer().string()));
+    EXPECT_THAT(the("shared store").message,
+                EndsWith(": still held by process " + std::to_string(getpid()) + " after 3000 ms"));
+    EXPECT_EQ(log_, "") << "all is in the answer";
 }
 
 TEST_F(DoctorCommand, PointsAtWhatWasSetAside) {
@@ -213,6 +224,30 @@ TEST_F(DoctorCommand, FindsAReadOnlyHome) {
         EXPECT_THAT(the(check).message, HasSubstr("cannot be written"));
         EXPECT_THAT(the(check).advice, HasSubstr("read-only"));
     }
+}
+
+TEST_F(DoctorCommand, FindsAStoreWhoseInnerFolderCannotBeWritten) {
+    const fs::path folder = home_.groupContainer() / "Library/Preferences";
+    fs::create_directories(folder);
+    mounts_.makeReadOnly(folder);
+    examine();
+    EXPECT_EQ(status_, 1);
+    EXPECT_EQ(the("shared store").severity, "error");
+    EXPECT_THAT(the("shared store").message, StartsWith(folder.string() + " cannot be written"));
+}
+
+TEST_F(DoctorCommand, FindsAFolderOfLoginThatCannotBeWritten) {
+    const fs::path folder = home_.config() / "autostart";
+    fs::create_directories(folder);
+    examine();
+    EXPECT_EQ(the("start at login").severity, "ok");
+    mounts_.makeReadOnly(folder);
+    examine();
+    EXPECT_EQ(status_, 1);
+    EXPECT_EQ(the("start at login").severity, "error");
+    EXPECT_EQ(the("start at login").message,
+              folder.string() + " cannot be written; what is started at login cannot be changed");
+    EXPECT_EQ(the("preferences").severity, "ok") << "beside it";
 }
 
 TEST_F(DoctorCommand, ChangesNothing) {
@@ -261,7 +296,8 @@ TEST_F(DoctorCommand, AdvisesOnEntriesOfTheSessionThatLeadNowhere) {
     write("com.korvane.utilia");
     examine();
     EXPECT_EQ(the("start at login").severity, "error");
-    EXPECT_THAT(the("start at login").advice, HasSubstr("Open at login"));
+    EXPECT_THAT(the("start at login").advice, HasSubstr("\"Open Korvane Utilia at login\""))
+        << "as it is called in the agent's window";
     fs::remove(autostart / "com.korvane.utilia.desktop");
     write("com.korvane.utilia.ToolLauncher");
     examine();

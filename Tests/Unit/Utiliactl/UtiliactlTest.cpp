@@ -202,13 +202,14 @@ TEST_F(Utiliactl, ListsLiveAndStalePorts) {
 }
 
 TEST_F(Utiliactl, SaysWhenTheRuntimeFolderCannotBeUsed) {
-    fs::create_directory(home_.runtime() / "com.korvane.utilia");
-    fs::permissions(home_.runtime() / "com.korvane.utilia", fs::perms(0755));
+    const fs::path folder = home_.runtime() / "com.korvane.utilia";
+    fs::create_directory(folder);
+    fs::permissions(folder, fs::perms(0755));
     const Answer given = run({"ports"});
     EXPECT_EQ(given.status, 1);
-    EXPECT_THAT(given.err, HasSubstr("com.korvane.utilia: other users may enter it"));
-    EXPECT_THAT(given.err,
-                HasSubstr("utiliactl: the runtime folder of this login cannot be used\n"));
+    EXPECT_EQ(given.err,
+              "utiliactl: the runtime folder of this login cannot be used: " + folder.string() +
+                  ": other users may enter it (its mode must be 0700)\n");
 }
 
 TEST_F(Utiliactl, TellsPortNamesOfPaths) {
