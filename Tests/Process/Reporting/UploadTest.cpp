@@ -152,6 +152,21 @@ INSTANTIATE_TEST_SUITE_P(Answers, HastyAnswer,
                                          Answer{"500", "return 500;", false}),
                          [](const auto& each) { return "Answer" + std::string(each.param.name); });
 
+TEST_F(UploadTest, AServerThatWillNotBeAskedFirstIsNotTriedAgainAndTheReportStays) {
+    const NginxServer server(answering("if ($http_expect) { return 417; } return 200 ok;"));
+    useServer(server);
+    const auto log = makeUploader(server);
+    log->log("Act");
+    const auto begun = log->sendCEPImp(false);
+    ASSERT_EQ(begun.size(), 1u);
+    ASSERT_TRUE(waitForTasks(begun));
+    EXPECT_THAT(filesInFolder(), ElementsAre("utilia_report.xml", "utilia_report.xml.tar.gz"));
+    EXPECT_THAT(test::actionsIn(report()), ElementsAre("Act"));
+    const auto requests = server.waitForRequests(1);
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].status, 417);
+}
+
 // These answer while the report is on its way, and take no more of it.
 class DeafServer : public UploadTest, public testing::WithParamInterface<Answer> {};
 
