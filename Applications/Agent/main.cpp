@@ -15,6 +15,7 @@
 #include "Applications/CommandLine.h"
 #include "Applications/Desktop/BusThread.h"
 #include "Applications/Desktop/DesktopColors.h"
+#include "Applications/Desktop/ToolkitBus.h"
 #include "Applications/Reporting/SentReports.h"
 #include "Common/Platform/Application.h"
 #include "Common/UtiliaCommon/CEP/CEPLog.h"
@@ -93,7 +94,9 @@ int main(int argc, char** argv) {
     // agent for that, unless it is told to warn.
     if (qEnvironmentVariableIsEmpty("DBUS_FATAL_WARNINGS")) qputenv("DBUS_FATAL_WARNINGS", "0");
     qInstallMessageHandler(handleMessageWithoutDisplay);
+    utilia::desktop::ToolkitBus bus;
     QApplication application(argc, argv);
+    bus.settle();
     qInstallMessageHandler(handleMessage);
     QApplication::setQuitOnLastWindowClosed(false);
     QApplication::setWindowIcon(utilia::agent::agentIcon());

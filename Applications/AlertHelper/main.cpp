@@ -18,6 +18,7 @@
 #include "Applications/AlertHelper/QuestionWindow.h"
 #include "Applications/Desktop/BusThread.h"
 #include "Applications/Desktop/DesktopColors.h"
+#include "Applications/Desktop/ToolkitBus.h"
 
 namespace {
 
@@ -65,7 +66,9 @@ int main(int argc, char** argv) {
     lastWarning = &warning;
     startingChannel = &channel;
     qInstallMessageHandler(handleMessage);
+    utilia::desktop::ToolkitBus bus;
     QApplication application(argc, argv);
+    bus.settle();
     startingChannel = nullptr;
 
     QApplication::setLayoutDirection(QLocale(question->language).textDirection());

@@ -10,18 +10,22 @@
 #include <QDBusMessage>
 #include <QStyle>
 
+#include "Applications/Desktop/BusProbe.h"
 #include "Applications/Desktop/BusThread.h"
 #include "Applications/Desktop/DesktopPalette.h"
 #include "Applications/Desktop/HighContrastStyle.h"
 
 // A bus that does not answer must not keep the question from the user, and the bus library waits for it in many places:
 // so a thread of its own talks to the portal, and the window waits for that thread for a fifth of a second. The thread
-// is never joined: where it still talks at the end of main, the process ends with it (BusThread.h).
+// is never joined: where it still talks at the end of main, the process ends with it (BusThread.h). It leaves the bus
+// library alone until the bus has answered a greeting, as that library lets everybody wait who connects meanwhile.
 
 namespace utilia::desktop {
 namespace {
 
 constexpr std::chrono::milliseconds kPatience(200);  // before the window is shown anyway
+// For a bus that is slow; nobody waits for it.
+constexpr std::chrono::minutes kBusPatience(10);
 constexpr int kCallTimeout = 10'000;  // milliseconds; starting a portal may take a while
 
 constexpr uint kNoPreference = 0;
@@ -75,7 +79,8 @@ void DesktopColors::follow() {
     // message only.
     qRegisterMetaType<QDBusVariant>();
     const bool isAsked = ask([first](Answers answered) { first->set_value(answered); });
-    if (isAsked && answers.wait_for(kPatience) == std::future_status::ready) take(answers.get());
+    if (isAsked && answers.wait_for(kPatience) == std::future_status::ready)
+        take(connections_, answers.get());
 }
 
 void DesktopColors::followAgain() {
@@ -85,12 +90,16 @@ void DesktopColors::followAgain() {
 // False where there is no thread to ask on; the colours then stay as they are.
 bool DesktopColors::ask(std::function<void(Answers)> answered) {
     const QString before = connectionName(connections_);
-    const QString name = connectionName(++connections_);
+    const int number = ++connections_;
+    const QString name = connectionName(number);
+    told_ = {};
     return startBusThread([this, address = qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"), before,
-                           name, answered = std::move(answered)] {
+                           name, number, answered = std::move(answered)] {
         QDBusConnection::disconnectFromBus(before);
         Answers answers;
-        QDBusConnection bus = QDBusConnection::connectToBus(address, name);
+        QDBusConnection bus{QString()};
+        if (!isBusSilent(address.toStdString(), kBusPatience))
+            bus = QDBusConnection::connectToBus(address, name);
         if (bus.isConnected()) {
             // Before the questions, so that no change comes in between.
             bus.connect(service(), path(), interface(), QStringLiteral("SettingChanged"), this,
@@ -99,11 +108,14 @@ bool DesktopColors::ask(std::function<void(Answers)> answered) {
         }
         answered(answers);
         QMetaObject::invokeMethod(
-            this, [this, answers] { take(answers); }, Qt::QueuedConnection);
+            this, [this, number, answers] { take(number, answers); }, Qt::QueuedConnection);
     });
 }
 
-void DesktopColors::take(Answers answers) {
+void DesktopColors::take(int number, Answers answers) {
+    if (number != connections_ || std::exchange(taken_, number) == number) return;
+    if (told_.scheme) answers.scheme = told_.scheme;
+    if (told_.contrast) answers.contrast = told_.contrast;
     apply({answers.scheme.value_or(preferences_.scheme),
            answers.contrast.value_or(preferences_.contrast)});
 }
@@ -111,10 +123,10 @@ void DesktopColors::take(Answers answers) {
 void DesktopColors::settingChanged(const QString& changedGroup, const QString& changedKey,
                                    const QDBusVariant& value) {
     if (changedGroup != group()) return;
-    Preferences changed = preferences_;
-    if (changedKey == schemeKey()) changed.scheme = preferenceOf(value.variant());
-    if (changedKey == contrastKey()) changed.contrast = preferenceOf(value.variant());
-    apply(changed);
+    if (changedKey == schemeKey()) told_.scheme = preferenceOf(value.variant());
+    if (changedKey == contrastKey()) told_.contrast = preferenceOf(value.variant());
+    apply({told_.scheme.value_or(preferences_.scheme),
+           told_.contrast.value_or(preferences_.contrast)});
 }
 
 void DesktopColors::apply(Preferences preferences) {

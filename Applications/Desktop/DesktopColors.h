@@ -44,13 +44,15 @@ private:
         std::optional<uint> contrast;
     };
     bool ask(std::function<void(Answers)> answered);
-    void take(Answers answers);
+    void take(int number, Answers answers);
     void apply(Preferences preferences);
 
     const QPalette original_;
     const QString originalStyle_;
     Preferences preferences_;
-    int connections_ = 0;
+    int connections_ = 0;  // and questions, one on each
+    int taken_ = 0;        // the question whose answers have been taken
+    Answers told_;         // of changes since it was asked, which are newer than its answers
 };
 
 }  // namespace utilia::desktop

@@ -9,7 +9,9 @@
 #include <QPointer>
 #include <QUrl>
 
+#include "Applications/Desktop/BusProbe.h"
 #include "Applications/Desktop/BusThread.h"
+#include "Applications/Desktop/ToolkitBus.h"
 #include "Common/Logging/Log.h"
 
 namespace utilia::agent {
@@ -58,12 +60,15 @@ void SessionBus::connectNow() {
     retry_.stop();
     const QString name = QStringLiteral("korvane-utilia-%1").arg(++attempts_);
     // The thread may still wait for the bus when the agent ends.
-    const auto done = [self = QPointer<SessionBus>(this), name] {
-        if (self) self->finish(name);
+    const auto done = [self = QPointer<SessionBus>(this)](const QString& connection) {
+        if (self) self->finish(connection);
     };
     const bool isTalking = desktop::startBusThread([address = address(), name, done] {
-        QDBusConnection::connectToBus(address, name);
-        QMetaObject::invokeMethod(qApp, done, Qt::QueuedConnection);
+        const bool isSilent = desktop::isBusSilent(address.toStdString(), desktop::kBusPatience);
+        if (!isSilent) QDBusConnection::connectToBus(address, name);
+        QMetaObject::invokeMethod(
+            qApp, [done, connection = isSilent ? QString() : name] { done(connection); },
+            Qt::QueuedConnection);
     });
     if (!isTalking) {
         isBusy_ = false;
@@ -73,6 +78,10 @@ void SessionBus::connectNow() {
 
 void SessionBus::finish(const QString& name) {
     isBusy_ = false;
+    if (name.isEmpty()) {
+        fail(QStringLiteral("the session bus does not answer"));
+        return;
+    }
     QDBusConnection bus(name);
     // Said by the library itself, and the only way to hear of it.
     bus.connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"),

@@ -15,9 +15,10 @@ namespace utilia::agent {
 // that was lost is connected with again when it is back at its address.
 //
 // The bus is the one that DBUS_SESSION_BUS_ADDRESS names; none is ever started. The bus library waits for its
-// bus, so each connection is made on a thread of its own. (With a bus that takes connections and never answers the
-// toolkit waits elsewhere, and the agent with it.) A bus is looked for when its socket appears, and for a socket that is there, or
-// cannot be watched, in growing pauses of up to half a minute; where the address names none, not at all.
+// bus without limit, and with it whoever uses that library in the meantime: so each connection is made on a thread of its
+// own, and only with a bus that has answered a greeting. One that does not is missing. A bus is looked for when its
+// socket appears, and for a socket that is there, or cannot be watched, in growing pauses of up to half a minute; where
+// the address names none, not at all.
 //
 // Threads: the main thread.
 class SessionBus final : public QObject {
@@ -48,7 +49,7 @@ private Q_SLOTS:
 
 private:
     void connectNow();
-    void finish(const QString& name);
+    void finish(const QString& name);  // empty: the bus does not answer
     void fail(const QString& why);
     void watchSocket();
 

@@ -16,6 +16,7 @@
 #include "Applications/CommandLine.h"
 #include "Applications/Desktop/BusThread.h"
 #include "Applications/Desktop/DesktopColors.h"
+#include "Applications/Desktop/ToolkitBus.h"
 #include "Applications/Tools/Drawing/QtPictures.h"
 #include "Applications/Tools/Drawing/ToolText.h"
 #include "Applications/Tools/ScreenCapture/CaptureWindow.h"
@@ -141,7 +142,9 @@ int main(int count, char** words) {
         std::fputs("screen-capture: there is no display to show a window on\n", stderr);
         return EXIT_FAILURE;
     }
+    desktop::ToolkitBus bus;
     QApplication application(count, words);
+    bus.settle();
     const std::vector<std::string> arguments = withFullPaths(line.operands);
     platform::Application::sharedApplication().setHandedOverArguments(arguments);
     integration::QtHost host;

@@ -11,13 +11,16 @@
 
 #include "Applications/Desktop/BusThread.h"
 #include "Applications/Desktop/DesktopColors.h"
+#include "Applications/Desktop/ToolkitBus.h"
 #include "Applications/Tools/Timer/TimerWindow.h"
 #include "Common/Platform/Bundle.h"
 
 int main(int count, char** words) {
     using namespace utilia;
     constexpr int kUsualMinutes = 25;
+    desktop::ToolkitBus bus;
     QApplication application(count, words);
+    bus.settle();
     const auto* const bundle = platform::Bundle::mainBundle();
     if (bundle)
         QApplication::setLayoutDirection(

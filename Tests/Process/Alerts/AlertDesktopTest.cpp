@@ -165,6 +165,30 @@ TEST_F(AlertOnDesktop, DoesNotWaitForAPortalThatIsSlow) {
     EXPECT_EQ(tool.answer(), 1001);
 }
 
+TEST_F(AlertOnDesktop, TakesAChangeThatIsNewerThanAnAnswerOnItsWay) {
+    ChildProcess portal = startPortal("slow", 0, 1);
+    AskingTool tool = ask();
+    const std::string window = display_.waitForWindow(kTool);
+    ASSERT_EQ(portal.waitForLine(), "asked");
+    portal.say("answer");
+    ASSERT_EQ(portal.waitForLine(), "answered");
+    ASSERT_EQ(portal.waitForLine(), "asked") << "the contrast, the scheme has been answered";
+    portal.say("scheme 1");
+    ASSERT_TRUE(becomes(window, kDark)) << background(window);
+    portal.say("answer");
+    EXPECT_TRUE(becomes(window, "#000000")) << background(window);
+}
+
+// The bus takes connections, as the kernel does for it, and answers nothing.
+TEST_F(AlertOnDesktop, IsShownAndAnsweredWhileTheBusIsSilent) {
+    startBus();
+    bus_->stop();
+    AskingTool tool = ask();
+    display_.waitForWindow(kTool);
+    display_.press({"Return"});
+    EXPECT_EQ(tool.answer(), 1000);
+}
+
 TEST_F(AlertOnDesktop, TakesItsAnswerWhileThePortalIsSilent) {
     ChildProcess portal = startPortal("slow", 1);
     AskingTool tool = ask();
