@@ -1,8 +1,11 @@
 #include "Common/UtiliaCommon/Resources/ResourceManager.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <new>
+#include <span>
+#include <vector>
 
 #include "Common/Foundation/PathFunctions.h"
 #include "Common/Foundation/Unicode.h"
@@ -28,6 +31,11 @@ using platform::FileManager;
 constexpr std::string_view kWhat = "A shared resource";
 constexpr std::string_view kResourcesFolder = "Resources";
 constexpr std::uint32_t kExecutablePermissions = 0755;
+constexpr const char* kNotUsable =
+    ": a bundle identifier is one component of a path, the name of a resource one or several that "
+    "are parted by slashes; none of them may be empty, \".\" or \"..\", begin with \".utilia-\", "
+    "or "
+    "hold NUL or bytes that are no text";
 
 struct InstalledCopy {
     std::string path;
@@ -48,12 +56,24 @@ std::optional<InstalledCopy> newerCopy(const SharedResource& record, const Index
 // What an installer that was killed leaves is named so, and is removed by the next one.
 constexpr std::string_view kTemporaryPrefix = ".utilia-";
 
-// Whether a text from outside can be one component of a path inside the container, and a key of the
-// record as well.
-bool isUsableName(std::string_view text) {
+// Whether a text from outside can be one component of a path inside the container.
+bool isUsableComponent(std::string_view text) {
     return !text.empty() && text != "." && text != ".." && !text.starts_with(kTemporaryPrefix) &&
            text.find('/') == std::string_view::npos && text.find('\0') == std::string_view::npos &&
            isValidUtf8(text);
+}
+
+// The folders of a resource's name and the name of its file; nothing if one of them is not usable. A
+// name has one form only, without empty components, so that no two records tell of one file.
+std::vector<std::string_view> usableComponents(std::string_view resourceName) {
+    std::vector<std::string_view> components;
+    for (std::size_t begin = 0; begin <= resourceName.size();) {
+        const std::size_t end = std::min(resourceName.find('/', begin), resourceName.size());
+        components.push_back(resourceName.substr(begin, end - begin));
+        if (!isUsableComponent(components.back())) return {};
+        begin = end + 1;
+    }
+    return components;
 }
 
 // What an installation came to, and the line that tells of it.
@@ -62,23 +82,24 @@ struct Failure {
     Error error;
 };
 
-std::string backupItemName(std::string_view resourceName) {
+// In the folder of the file, so without those of the resource's name.
+std::string backupItemName(std::string_view fileName) {
     // As "%f" without a locale.
     std::array<char, 64> time;
     const auto written =
         std::to_chars(time.data(), time.data() + time.size(), Date::now().secondsSinceReferenceDate,
                       std::chars_format::fixed, 6);
-    return std::string(resourceName).append("_").append(time.data(), written.ptr).append(".bak");
+    return std::string(fileName).append("_").append(time.data(), written.ptr).append(".bak");
 }
 
 // Makes the folders one after the other, because a link in the place of one leads somewhere else.
-Result<void> makeFolder(const std::string& container, std::string_view bundleId) {
-    std::string folder = container;
-    for (const std::string_view component : {kResourcesFolder, bundleId}) {
+// The last one's path.
+Result<std::string> makeFolders(std::string folder, std::span<const std::string_view> components) {
+    for (const std::string_view component : components) {
         folder = stringByAppendingPathComponent(folder, component);
         if (auto made = FileManager::createDirectoryAtPath(folder, platform::FileAttributes{});
             !made) {
-            return made;
+            return std::move(made).error();
         }
         const auto status = FileManager::attributesOfItemAtPath(folder);
         if (!status) return status.error();
@@ -87,20 +108,17 @@ Result<void> makeFolder(const std::string& container, std::string_view bundleId)
                                 folder + ": a link may not lead out of the container");
         }
     }
-    return {};
+    return folder;
 }
 
 std::optional<Failure> install(std::string_view file, const SharedResource& record,
                                const std::optional<IndexPath>& version, std::int64_t type) {
     constexpr const char* kNoDirectory = "Error while creating directory: %@";
-    if (!isUsableName(record.name()) || !isUsableName(record.bundleId())) {
-        return Failure{
-            "The resource is not installed: %@",
-            Error::utilia(UtiliaErrorCode::Refused,
-                          record.name() + " of " + record.bundleId() +
-                              ": a name or bundle identifier that is empty, \".\" or \"..\", "
-                              "begins with \".utilia-\", or holds a slash, NUL or bytes that are "
-                              "no text, cannot name a file")};
+    std::vector<std::string_view> components = usableComponents(record.name());
+    if (components.empty() || !isUsableComponent(record.bundleId())) {
+        return Failure{"The resource is not installed: %@",
+                       Error::utilia(UtiliaErrorCode::Refused,
+                                     record.name() + " of " + record.bundleId() + kNotUsable)};
     }
     const auto container =
         FileManager::containerURLForSecurityApplicationGroupIdentifier(kAppGroupIdentifier);
@@ -108,16 +126,16 @@ std::optional<Failure> install(std::string_view file, const SharedResource& reco
         return Failure{kNoDirectory,
                        Error::utilia(UtiliaErrorCode::Unavailable, "there is no group container")};
     }
-    if (auto made = makeFolder(*container, record.bundleId()); !made)
-        return Failure{kNoDirectory, std::move(made).error()};
+    components.insert(components.begin(), {kResourcesFolder, record.bundleId()});
+    const auto folder = makeFolders(*container, std::span(components).first(components.size() - 1));
+    if (!folder) return Failure{kNoDirectory, folder.error()};
 
-    std::string destination = stringByAppendingPathComponent(*container, kResourcesFolder);
-    destination = stringByAppendingPathComponent(destination, record.bundleId());
-    destination = stringByAppendingPathComponent(destination, record.name());
+    const std::string_view fileName = components.back();
+    const std::string destination = stringByAppendingPathComponent(*folder, fileName);
     const bool isExecutable = type == kExecutableResourceType;
     // With its mode already, so that nobody finds a program that cannot be run.
     const auto replaced = FileManager::replaceItemAtURL(
-        destination, file, backupItemName(record.name()),
+        destination, file, backupItemName(fileName),
         isExecutable ? std::optional(kExecutablePermissions) : std::nullopt);
     if (!replaced) return Failure{"Error while replacing resource: %@", replaced.error()};
     if (isExecutable) {

@@ -24,6 +24,9 @@ inline constexpr std::int64_t kExecutableResourceType = 1;
 // copy if it is newer than its own and this process may execute it; whatever kind of resource it is,
 // one that may not be executed is not used. Its own copy has the version of its bundle.
 //
+// A name may have folders, as "helpers/converter": they are those of the bundle's resource folder,
+// and the same ones are made in the container.
+//
 // Out of memory, the answer is empty and what is not yet done is left out, with one log line.
 //
 // Threads: any; never inside a block of accessAppGroupPlist.
@@ -50,8 +53,9 @@ public:
     // the old one, until an installation succeeds. Path and version are recorded one after the
     // other. When two processes install at once, file and record are those of who came last.
     //
-    // A name or identifier that is not one component of a path, so that it could lead out of the
-    // container, is refused with a log line.
+    // Missing folders are made. A name that could lead out of the container is refused with a log
+    // line: its components, and the identifier as one, are text and not empty, "." or ".."; so are
+    // folders that are links. A folder never takes the place of a file, nor a file that of a folder.
     static void addResourceFile(std::string_view fileURL, std::string_view withName,
                                 const std::optional<IndexPath>& withVersion,
                                 std::int64_t withResourceType, std::string_view forBundleId);

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cerrno>
+#include <ostream>
 
 #include <fcntl.h>
 #include <signal.h>
@@ -39,11 +40,20 @@ dev_t fileSystemOf(const fs::path& path) {
     return found.st_dev;
 }
 
+struct Place {
+    const char* text;
+    bool isOtherFileSystem;
+    const char* name;
+};
+
+void PrintTo(const Place& place, std::ostream* out) { *out << place.text; }
+
 // Counts up: version and content of each installation are a number.
-class ResourceFaults : public test::ResourceFixture, public testing::WithParamInterface<bool> {
+class ResourceFaults : public test::ResourceFixture, public testing::WithParamInterface<Place> {
 protected:
+    ResourceFaults() : ResourceFixture(test::folderInMemory(), GetParam().name) {}
     // Where the files that are to be installed lie: on the container's file system, or another.
-    bool isOtherFileSystem() const { return GetParam(); }
+    bool isOtherFileSystem() const { return GetParam().isOtherFileSystem; }
     fs::path givenFolder() const { return isOtherFileSystem() ? elsewhere_.path() : home_.path(); }
     fs::path given() const { return givenFolder() / "given"; }
 
@@ -66,7 +76,7 @@ protected:
         version_ = IndexPath{9, 0, 0, number_};
     }
     void installGiven() {
-        ResourceManager::addResourceFile(given().string(), kName, IndexPath{9, 0, 0, number_}, 1,
+        ResourceManager::addResourceFile(given().string(), name_, IndexPath{9, 0, 0, number_}, 1,
                                          kBundleId);
     }
     // Of everything but the last number.
@@ -83,9 +93,15 @@ protected:
         EXPECT_EQ(record_.path(), installed().string());
         EXPECT_EQ(chosenPath(), installed().string());
     }
+    // The old copy is kept under no other name, in no folder.
+    void expectNoBackup() const {
+        if (!fs::exists(folder())) return;
+        for (const auto& entry : fs::recursive_directory_iterator(folder()))
+            EXPECT_NE(entry.path().extension(), ".bak");
+    }
     void expectNoStrangers() const {
         for (const auto& entry : fs::directory_iterator(installed().parent_path()))
-            EXPECT_EQ(entry.path().filename(), kName);
+            EXPECT_EQ(entry.path().filename(), installed().filename());
     }
     void installNextInPeace() {
         giveNext();
@@ -101,9 +117,13 @@ protected:
     std::optional<IndexPath> version_;
 };
 
-INSTANTIATE_TEST_SUITE_P(From, ResourceFaults, testing::Bool(), [](const auto& from) {
-    return from.param ? "AnotherFileSystem" : "TheSameFileSystem";
-});
+INSTANTIATE_TEST_SUITE_P(
+    From, ResourceFaults,
+    testing::Values(Place{"TheSameFileSystem", false, test::kResourceName},
+                    Place{"AnotherFileSystem", true, test::kResourceName},
+                    Place{"TheSameFileSystemIntoFolders", false, test::kInnerResourceName},
+                    Place{"AnotherFileSystemIntoFolders", true, test::kInnerResourceName}),
+    [](const auto& from) { return from.param.text; });
 
 TEST_P(ResourceFaults, InstallationMovesTheFile) {
     installNextInPeace();
@@ -165,7 +185,7 @@ TEST_P(ResourceFaults, MissingMemoryLeavesTheOldCopyOrTheNewOne) {
         },
         [&] {
             try {
-                ResourceManager::addResourceFile(file, kName, version_, 1, kBundleId);
+                ResourceManager::addResourceFile(file, name_, version_, 1, kBundleId);
             } catch (const std::exception& thrown) {
                 ADD_FAILURE() << "left the library: " << thrown.what();
             }
@@ -183,7 +203,7 @@ TEST_P(ResourceFaults, MissingMemoryLeavesTheOldCopyOrTheNewOne) {
 
 TEST_P(ResourceFaults, MissingMemoryNeverHasAnOlderCopyChosen) {
     giveNext();
-    ResourceManager::addResourceFile(given().string(), kName, IndexPath{5, 1, 2, 3456}, 1,
+    ResourceManager::addResourceFile(given().string(), name_, IndexPath{5, 1, 2, 3456}, 1,
                                      kBundleId);
     std::string path;
     IndexPath version;
@@ -191,8 +211,8 @@ TEST_P(ResourceFaults, MissingMemoryNeverHasAnOlderCopyChosen) {
         test::memoryFaults(),
         [&] {
             try {
-                path = ResourceManager::getMostActualResourcePath(kName, *bundle_);
-                version = ResourceManager::getMostActualResourceVersion(kName, kBundleId);
+                path = ResourceManager::getMostActualResourcePath(name_, *bundle_);
+                version = ResourceManager::getMostActualResourceVersion(name_, kBundleId);
             } catch (const std::exception& thrown) {
                 ADD_FAILURE() << "left the library: " << thrown.what();
             }
@@ -251,6 +271,7 @@ TEST_P(ResourceFaults, DeathAtAnyCallLeavesTheOldCopyOrTheNewOne) {
         1, [&] { installGiven(); },
         [&](const test::KillPoint&) {
             expectWhole();
+            expectNoBackup();
             installNextInPeace();
             giveNext();
         });

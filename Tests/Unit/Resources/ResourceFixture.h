@@ -5,6 +5,7 @@
 #include <iterator>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -35,20 +36,24 @@ inline mode_t modeOf(const std::filesystem::path& path) {
     return lstat(path.c_str(), &found) == 0 ? found.st_mode & 07777 : 0;
 }
 
-// A private container, an application of version 5.1.2 (3456), and the resource "converter" of it.
+inline constexpr const char* kResourceName = "converter";
+inline constexpr const char* kInnerResourceName = "helpers/linux/converter";
+
+// A private container, an application of version 5.1.2 (3456), and a resource of it.
 class ResourceFixture : public testing::Test {
 protected:
     static constexpr const char* kBundleId = "com.korvane.utilia.SampleTool";
-    static constexpr const char* kName = "converter";
+    static constexpr const char* kName = kResourceName;
 
-    explicit ResourceFixture(const std::filesystem::path& within = folderInMemory())
-        : home_(within) {}
+    explicit ResourceFixture(const std::filesystem::path& within = folderInMemory(),
+                             std::string name = kName)
+        : name_(std::move(name)), home_(within) {}
     ~ResourceFixture() override { setExtendedLoggingProbe(nullptr); }
 
     std::filesystem::path folder() const { return home_.groupContainer() / "Resources"; }
-    std::filesystem::path installed() const { return folder() / kBundleId / kName; }
+    std::filesystem::path installed() const { return folder() / kBundleId / name_; }
     std::filesystem::path internal() const {
-        return std::filesystem::path(files_.path()) / "Contents/Resources" / kName;
+        return std::filesystem::path(files_.path()) / "Contents/Resources" / name_;
     }
     // A file that is to be installed.
     std::filesystem::path given(const std::string& content, mode_t mode = 0644) const {
@@ -58,12 +63,13 @@ protected:
     }
     void install(const std::string& content, const IndexPath& version,
                  std::int64_t type = kExecutableResourceType) const {
-        ResourceManager::addResourceFile(given(content).string(), kName, version, type, kBundleId);
+        ResourceManager::addResourceFile(given(content).string(), name_, version, type, kBundleId);
     }
     std::string chosenPath() const {
-        return ResourceManager::getMostActualResourcePath(kName, *bundle_);
+        return ResourceManager::getMostActualResourcePath(name_, *bundle_);
     }
 
+    const std::string name_;
     const TemporaryHome home_;
     TestLog log_;
     const TestBundle files_{
@@ -71,7 +77,7 @@ protected:
         {.info = Dictionary{{"CFBundleShortVersionString", "5.1.2"}, {"CFBundleVersion", "3456"}}}};
     const std::unique_ptr<platform::Bundle> bundle_ =
         platform::Bundle::bundleWithPath(files_.path());
-    const SharedResource record_{kName, kBundleId};
+    const SharedResource record_{name_, kBundleId};
 };
 
 }  // namespace utilia::test

@@ -185,6 +185,16 @@ protected:
         EXPECT_FALSE(fs::exists(installed()));
         EXPECT_TRUE(fs::exists(home_.path() / "given")) << "the given file stays";
     }
+    void expectRefused(const std::string& name, const std::string& bundleId) {
+        SCOPED_TRACE(testing::PrintToString(name) + " of " + testing::PrintToString(bundleId));
+        log_.clear();
+        ResourceManager::addResourceFile(given("copy").string(), name, kNewer, 1, bundleId);
+        EXPECT_THAT(log_.lines(), ElementsAre(StartsWith("The resource is not installed: ")));
+        EXPECT_THAT(everything(), ElementsAre());
+        EXPECT_EQ(contentOf(home_.path() / "given"), "copy");
+        EXPECT_EQ(modeOf(home_.path() / "given"), 0644u);
+        EXPECT_EQ(SharedResource(name, bundleId).path(), std::nullopt);
+    }
 };
 
 TEST_F(ResourceInstallation, MovesTheFileAndRecordsIt) {
@@ -251,23 +261,85 @@ TEST_F(ResourceInstallation, KeepsResourcesOfOthers) {
 }
 
 TEST_F(ResourceInstallation, RefusesNamesThatCouldLeaveTheContainer) {
-    const std::string names[] = {"",     ".",           "..",    "../../escaped",
-                                 "/etc", "inner/name",  "name/", std::string("a\0b", 3),
-                                 "\xFF", ".utilia-12-3"};
-    for (const std::string& name : names) {
-        SCOPED_TRACE(testing::PrintToString(name));
-        for (const auto& [resource, bundleId] :
-             {std::pair<std::string, std::string>{name, kBundleId}, {kName, name}}) {
-            log_.clear();
-            ResourceManager::addResourceFile(given("copy").string(), resource, kNewer, 1, bundleId);
-            EXPECT_THAT(log_.lines(), ElementsAre(StartsWith("The resource is not installed: ")));
-            EXPECT_THAT(everything(), ElementsAre());
-            EXPECT_EQ(contentOf(home_.path() / "given"), "copy");
-            EXPECT_EQ(modeOf(home_.path() / "given"), 0644u);
-            EXPECT_EQ(SharedResource(resource, bundleId).path(), std::nullopt);
-        }
+    const std::string nul("a\0b", 3);
+    for (const std::string& one : {std::string(), std::string("."), std::string(".."), nul,
+                                   std::string("\xFF"), std::string(".utilia-12-3")}) {
+        expectRefused(one, kBundleId);
+        expectRefused(kName, one);
+        // Of a name with folders.
+        expectRefused(one + "/name", kBundleId);
+        expectRefused("inner/" + one, kBundleId);
+        expectRefused("inner/" + one + "/name", kBundleId);
     }
+    for (const char* one :
+         {"/", "/etc", "../../escaped", "inner/../../../escaped", "name/", "//"}) {
+        expectRefused(one, kBundleId);
+        expectRefused(kName, one);
+    }
+    expectRefused(kName, "inner/name");
     EXPECT_FALSE(fs::exists(home_.groupContainer() / "escaped"));
+}
+
+TEST_F(ResourceInstallation, MakesTheFoldersOfAName) {
+    const std::string name = test::kInnerResourceName;
+    const SharedResource record(name, kBundleId);
+    EXPECT_EQ(ResourceManager::getMostActualResourcePath(name, *bundle_),
+              bundle_->resourcePath() + "/" + name);
+    for (const auto& [content, version] : {std::pair("first", kNewer), {"second", {6, 0, 0, 1}}}) {
+        ResourceManager::addResourceFile(given(content).string(), name, version, 1, kBundleId);
+        EXPECT_EQ(contentOf(folder() / kBundleId / name), content);
+        EXPECT_EQ(record.path(), (folder() / kBundleId / name).string());
+        EXPECT_EQ(record.version(), version);
+    }
+    const std::string own = kBundleId;
+    EXPECT_THAT(everything(), ElementsAre(own, own + "/helpers", own + "/helpers/linux",
+                                          own + "/helpers/linux/converter"));
+    EXPECT_EQ(modeOf(folder() / kBundleId / "helpers/linux"), modeOf(folder() / kBundleId));
+    EXPECT_EQ(ResourceManager::getMostActualResourcePath(name, *bundle_), record.path());
+    EXPECT_EQ(record_.path(), std::nullopt) << "which is another resource";
+    EXPECT_THAT(log_.lines(), ElementsAre());
+}
+
+TEST_F(ResourceInstallation, KeepsWhatIsInTheWayOfAFolderOrAFileOfAName) {
+    install("a file", kNewer);
+    const std::string below = std::string(kName) + "/below";
+    ResourceManager::addResourceFile(given("copy").string(), below, kNewer, 1, kBundleId);
+    EXPECT_THAT(log_.lines(), ElementsAre(StartsWith("Error while creating directory: ")));
+    EXPECT_EQ(contentOf(installed()), "a file");
+    EXPECT_EQ(SharedResource(below, kBundleId).path(), std::nullopt);
+
+    ResourceManager::addResourceFile(given("inner").string(), "folder/inner", kNewer, 1, kBundleId);
+    log_.clear();
+    ResourceManager::addResourceFile(given("copy").string(), "folder", kNewer, 1, kBundleId);
+    EXPECT_THAT(log_.lines(), ElementsAre(StartsWith("Error while replacing resource: ")));
+    EXPECT_EQ(contentOf(folder() / kBundleId / "folder/inner"), "inner");
+    EXPECT_EQ(SharedResource("folder", kBundleId).path(), std::nullopt);
+    EXPECT_EQ(contentOf(home_.path() / "given"), "copy");
+}
+
+TEST_F(ResourceInstallation, FollowsNoFolderOfANameThatIsALink) {
+    const fs::path outside = home_.path() / "outside";
+    fs::create_directories(outside / "linux");
+    const fs::path own = folder() / kBundleId;
+    fs::create_directories(own / "inside/linux");
+    fs::create_directories(own / "helpers");
+    const std::string name = test::kInnerResourceName;
+    const auto expectRefusedBehind = [&](const fs::path& link, const fs::path& target) {
+        SCOPED_TRACE(link.string() + " to " + target.string());
+        fs::remove_all(link);
+        fs::create_directory_symlink(target, link);
+        log_.clear();
+        ResourceManager::addResourceFile(given("copy").string(), name, kNewer, 1, kBundleId);
+        EXPECT_THAT(log_.lines(), ElementsAre(StartsWith("Error while creating directory: ")));
+        EXPECT_EQ(SharedResource(name, kBundleId).path(), std::nullopt);
+        EXPECT_TRUE(fs::is_empty(outside / "linux"));
+        EXPECT_TRUE(fs::is_empty(own / "inside/linux"));
+        EXPECT_EQ(contentOf(home_.path() / "given"), "copy");
+    };
+    expectRefusedBehind(own / "helpers/linux", outside / "linux");
+    expectRefusedBehind(own / "helpers", outside);
+    expectRefusedBehind(own / "helpers", "inside");
+    expectRefusedBehind(own / "helpers", "nowhere");
 }
 
 TEST_F(ResourceInstallation, TakesNamesThatOnlyLookDangerous) {
