@@ -53,7 +53,6 @@ void AgentWindow::reportStart(const std::string& identifier, const Result<void>&
 void AgentWindow::setMessages(const QStringList& messages) { messages_->setMessages(messages); }
 
 void AgentWindow::showEvent(QShowEvent* event) {
-    tools_->updateSuggestion();
     settings_->update();
     QMainWindow::showEvent(event);
     if (shown_) shown_();

@@ -1,5 +1,8 @@
 #include "Applications/Agent/Interface/ToolsPage.h"
 
+#include <algorithm>
+#include <chrono>
+
 #include <QCheckBox>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -12,12 +15,15 @@
 
 #include "Applications/Agent/AgentTexts.h"
 #include "Applications/Agent/Interface/ToolItemModel.h"
+#include "Applications/Agent/Model/Storage.h"
 #include "Applications/Agent/Model/Suggestions.h"
 #include "Common/Logging/Log.h"
 #include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
 
 namespace utilia::agent {
 namespace {
+
+constexpr auto kStoreDelay = std::chrono::milliseconds(100);
 
 QLabel* makeLine(QWidget* parent) {
     auto* const label = new QLabel(parent);
@@ -63,6 +69,13 @@ ToolsPage::ToolsPage(ToolList& tools, QWidget* parent)
         if (view_->currentIndex().isValid()) lastSelected_ = selected();
         updateButtons();
     });
+    // A file that is replaced makes several changes of its folder.
+    storeChanged_.setSingleShot(true);
+    storeChanged_.setInterval(kStoreDelay);
+    connect(&store_, &QFileSystemWatcher::directoryChanged, this, [this] {
+        if (!storeChanged_.isActive()) storeChanged_.start();
+    });
+    connect(&storeChanged_, &QTimer::timeout, this, &ToolsPage::updateSuggestion);
     observation_ = tools_.observe([this](const ToolList::Change& change) { follow(change); });
     follow({.isListChanged = true, .tools = {}, .gone = {}});
 }
@@ -120,7 +133,31 @@ QWidget* ToolsPage::makeButtons() {
 
 void ToolsPage::takeFocus() { view_->setFocus(); }
 
+void ToolsPage::showEvent(QShowEvent* event) {
+    // First, so that no pause comes in between.
+    if (const auto folder = Storage::sharedFolder())
+        store_.addPath(QString::fromStdString(*folder));
+    updateSuggestion();
+    QWidget::showEvent(event);
+}
+
+void ToolsPage::hideEvent(QHideEvent* event) {
+    if (const QStringList watched = store_.directories(); !watched.isEmpty())
+        store_.removePaths(watched);
+    storeChanged_.stop();
+    QWidget::hideEvent(event);
+}
+
+std::vector<ToolsPage::Use> ToolsPage::uses() const {
+    std::vector<Use> all;
+    for (const ToolEntry& tool : tools_.entries())
+        all.push_back({tool.identifier, tool.name, tool.isReady(), tool.isRunning, tool.status});
+    return all;
+}
+
 void ToolsPage::updateSuggestion() {
+    if (!isVisible()) return;
+    uses_ = uses();
     suggested_ = Suggestions::next(tools_.entries()).value_or("");
     suggestion_->setVisible(!suggested_.empty());
     if (suggested_.empty()) return;
@@ -146,12 +183,11 @@ void ToolsPage::follow(const ToolList::Change& change) {
     for (const std::string& identifier : change.tools) {
         isSelectedChanged = isSelectedChanged || identifier == lastSelected_;
         const ToolEntry* const tool = tools_.find(identifier);
-        if (tool && tool->isRunning && identifier == suggested_) {
-            Suggestions::setKnown(identifier);
-            updateSuggestion();
-        }
+        if (tool && tool->isRunning && identifier == suggested_) Suggestions::setKnown(identifier);
     }
     if (isSelectedChanged) updateButtons();
+    // Most changes are of texts, and what is stored costs more to look at than all tools.
+    if (isVisible() && uses() != uses_) updateSuggestion();
 }
 
 void ToolsPage::updateButtons() {

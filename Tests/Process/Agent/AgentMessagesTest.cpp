@@ -261,7 +261,8 @@ UTILIA_CHILD_ROLE(pausingTool) {
     platform::Application::sharedApplication().finishLaunching();
     CommonAuxiliary::sharedInstance().pauseToolsSuggestions(true, kClock);
     self.say("paused");
-    self.waitForLine();
+    while (self.waitForLine() == "resume")
+        CommonAuxiliary::sharedInstance().pauseToolsSuggestions(false, kClock);
     return 0;
 }
 
@@ -282,6 +283,71 @@ TEST_F(AgentMessagesTest, SuggestNothingWhileAToolHasThatPaused) {
     display_.press({"alt+e", "alt+s", "alt+t"});
     EXPECT_THAT(heardInsteadOf(kSuggestion, "Timer, Not running"),
                 AllOf(HasSubstr("Timer, Not running"), Not(HasSubstr(kSuggestion))));
+}
+
+// Without a window that is opened again.
+class AgentSuggestionsTest : public AgentMessagesTest {
+protected:
+    static constexpr const char* kOfTimer = "You have not used Timer yet.";
+    static constexpr const char* kOfClock = "You have not used World_Clock yet.";
+    AgentSuggestionsTest() {
+        installPresenting();
+        clock_.install("startedTool", {reports_.path()});
+    }
+    void expectNoneInsteadOf(const std::string& suggestion) const {
+        EXPECT_THAT(heardInsteadOf(suggestion, "Timer, "),
+                    AllOf(HasSubstr("Timer, "), Not(HasSubstr("You have not used"))));
+    }
+};
+
+TEST_F(AgentSuggestionsTest, StopAsSoonAsAToolHasThemPausedUntilItTakesThatBack) {
+    auto agent = open();
+    EXPECT_THAT(heardWith(kOfTimer), HasSubstr(kOfTimer));
+    photograph("suggestion");
+    auto tool = clock_.role("pausingTool");
+    ASSERT_EQ(tool.waitForLine(), "paused");
+    expectNoneInsteadOf(kOfTimer);
+    photograph("suggestion-paused");
+    tool.say("resume");
+    EXPECT_THAT(heardWith(kOfTimer), HasSubstr(kOfTimer));
+    // On the other page there is nothing to be seen of that; on the first one all is as it should be.
+    display_.press({"alt+e"});
+    CommonAuxiliary::sharedInstance().pauseToolsSuggestions(true, kClock);
+    display_.press({"alt+t"});
+    expectNoneInsteadOf(kOfTimer);
+}
+
+TEST_F(AgentSuggestionsTest, ComeBackWhenTheToolEndsThatHadThemPaused) {
+    auto tool = clock_.role("pausingTool");
+    ASSERT_EQ(tool.waitForLine(), "paused");
+    auto port = std::make_unique<RecordingPort>(portOf(clock_));
+    auto agent = open();
+    sayStatus(clock_, 2);
+    EXPECT_THAT(heardWith("World_Clock, Running, Always shown"),
+                AllOf(HasSubstr("World_Clock, Running, Always shown"), Not(HasSubstr(kOfTimer))));
+    tool.kill();
+    port.reset();
+    EXPECT_THAT(heardWith(kOfTimer), HasSubstr(kOfTimer));
+}
+
+TEST_F(AgentSuggestionsTest, AreOfNoToolThatWasRemovedOrForbidden) {
+    const test::PrivateMounts mounts;
+    mounts.writeSettings("{}");
+    auto agent = open(&mounts);
+    EXPECT_THAT(heardWith(kOfTimer), HasSubstr(kOfTimer));
+    std::filesystem::remove(home_.data() / "applications" / (std::string(kTimer) + ".desktop"));
+    EXPECT_THAT(heardInsteadOf(kOfTimer, kOfClock),
+                AllOf(HasSubstr(kOfClock), Not(HasSubstr(kOfTimer))));
+    installPresenting();
+    EXPECT_THAT(heardInsteadOf(kOfClock, kOfTimer),
+                AllOf(HasSubstr(kOfTimer), Not(HasSubstr(kOfClock))));
+    mounts.writeSettings(R"({"WhiteToolsList": ["worldclock"]})");
+    EXPECT_THAT(heardInsteadOf(kOfTimer, kOfClock),
+                AllOf(HasSubstr(kOfClock), Not(HasSubstr(kOfTimer))));
+    photograph("suggestion-of-another");
+    // What was suggested is what is started.
+    display_.press({"alt+r"});
+    EXPECT_EQ(reports_.waitForLine(), "started");
 }
 
 TEST_F(AgentMessagesTest, OpenAtLoginIsASwitch) {
