@@ -1,5 +1,7 @@
 #include "Applications/Agent/Bus/PublishedTools.h"
 
+#include <utility>
+
 #include <QDBusMessage>
 #include <QDBusMetaType>
 #include <QDBusPendingCallWatcher>
@@ -34,11 +36,16 @@ PublishedTools::PublishedTools(QObject* place, ToolList& tools)
     : QDBusAbstractAdaptor(place), tools_(tools) {
     qDBusRegisterMetaType<ToolMaps>();
     observation_ = tools_.observe([this](const ToolList::Change& change) {
-        for (const std::string& identifier : change.gone)
+        for (const std::string& identifier : change.gone) {
+            told_.erase(identifier);
             Q_EMIT ToolRemoved(QString::fromStdString(identifier));
+        }
         for (const std::string& identifier : change.tools) {
-            if (const ToolEntry* const tool = tools_.find(identifier))
-                Q_EMIT ToolChanged(describe(*tool));
+            const ToolEntry* const tool = tools_.find(identifier);
+            if (!tool) continue;
+            // Pictures are not told of.
+            const QVariantMap entry = describe(*tool);
+            if (std::exchange(told_[identifier], entry) != entry) Q_EMIT ToolChanged(entry);
         }
     });
 }

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <map>
+#include <string>
+
 #include <QDBusAbstractAdaptor>
 #include <QDBusConnection>
 #include <QList>
@@ -34,13 +37,14 @@ public Q_SLOTS:
     utilia::agent::ToolMaps List() const;
 
 Q_SIGNALS:
-    // A tool is new, or looks different: all that List() says of it.
+    // A tool is new, or something that List() says of it is different: all of that.
     void ToolChanged(const QVariantMap& tool);
     // A tool is no longer in the list; its identifier.
     void ToolRemoved(const QString& identifier);
 
 private:
     ToolList& tools_;
+    std::map<std::string, QVariantMap> told_;  // the entries as they are known
     Handle observation_;
 };
 

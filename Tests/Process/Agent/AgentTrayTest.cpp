@@ -383,6 +383,13 @@ TEST_F(AgentTrayTest, PublishesTheListAndEveryChange) {
     EXPECT_THAT(test::nextLineWith(monitor, "0:42"), HasSubstr("string \"0:42\""));
     EXPECT_THAT(published(),
                 HasSubstr("'running': <true>, 'status': <uint64 0>, 'text': <'0:42'>"));
+    const std::string letter = ask(panel, "picture Timer");
+    speak(timer_, 101, {test::sampleTiff(32, 1)});
+    EXPECT_TRUE(test::eventually([&] { return ask(panel, "picture Timer") != letter; }));
+    speak(timer_, 108, {"0:43"});
+    EXPECT_THAT(test::nextLineWith(monitor, "member=ToolChanged"), testing::Not(IsEmpty()));
+    EXPECT_THAT(test::nextLineWith(monitor, "string \"0:4"), HasSubstr("0:43"))
+        << "a picture is nothing to tell of";
     std::filesystem::remove(home_.data() / "applications" / (std::string(kTimer) + ".desktop"));
     EXPECT_THAT(test::nextLineWith(monitor, "member=ToolRemoved"), testing::Not(IsEmpty()));
     EXPECT_EQ(published(), "(@aa{sv} [],)");
