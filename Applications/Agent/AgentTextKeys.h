@@ -27,6 +27,7 @@ inline constexpr std::string_view kMissingText = "To be started at login, but no
 inline constexpr std::string_view kRunningText = "Running";
 inline constexpr std::string_view kOffText = "Not running";
 inline constexpr std::string_view kPermanentText = "Always shown";
+inline constexpr std::string_view kActiveText = "Active";
 // Between the parts of what is read aloud.
 inline constexpr std::string_view kSeparatorText = ", ";
 
@@ -100,6 +101,7 @@ inline constexpr std::array kAgentTexts{kShowWindowText,
                                         kRunningText,
                                         kOffText,
                                         kPermanentText,
+                                        kActiveText,
                                         kSeparatorText,
                                         kToolListText,
                                         kToolsText,

@@ -10,6 +10,7 @@
 #include "Applications/Agent/AgentTexts.h"
 #include "Applications/Agent/Interface/ToolPictures.h"
 #include "Applications/Agent/Interface/ToolRowColors.h"
+#include "Applications/Agent/Interface/ToolStates.h"
 
 namespace utilia::agent {
 namespace {
@@ -32,19 +33,11 @@ QString detail(const ToolEntry& tool) {
     return QString::fromStdString(tool.menuText).simplified();
 }
 
-// Whether it runs, and whether it is shown while it does not: as it stands at the end of the row.
-QStringList states(const ToolEntry& tool) {
-    if (!tool.isReady()) return {};
-    QStringList all{text(tool.isRunning ? kRunningText : kOffText)};
-    if (tool.isPermanent()) all.append(text(kPermanentText));
-    return all;
-}
-
-// Everything that the row says, of which there may be more than it has room for.
+// Everything that the row says, of which there may be more than it has room for, or that is not said in words.
 QStringList sayings(const ToolEntry& tool) {
     QStringList all{QString::fromStdString(tool.name)};
     if (const QString more = detail(tool); !more.isEmpty()) all.append(more);
-    return all + states(tool);
+    return all + spokenStates(tool);
 }
 
 // What is read aloud of the row.
@@ -133,7 +126,7 @@ QVariant ToolItemModel::data(const QModelIndex& index, int role) const {
     case DetailRole:
         return detail(tool);
     case StatesRole:
-        return states(tool);
+        return shownStates(tool);
     case LampRole:
         return static_cast<int>(lampOf(tool));
     case ReadyRole:

@@ -8,6 +8,7 @@
 
 #include "Applications/Agent/AgentTexts.h"
 #include "Applications/Agent/Interface/ToolPictures.h"
+#include "Applications/Agent/Interface/ToolStates.h"
 #include "Common/Logging/Log.h"
 
 namespace utilia::agent {
@@ -112,7 +113,7 @@ MenuItem TrayMenu::itemOf(const ToolEntry& tool) {
     case ToolEntry::Condition::Ready:
         if (!tool.menuText.empty())
             shown += QStringLiteral(" \u2013 ") + nextTo(name, onOneLine(tool.menuText));
-        spoken = shown + text(kSeparatorText) + text(tool.isRunning ? kRunningText : kOffText);
+        spoken = (QStringList(shown) + spokenStates(tool)).join(text(kSeparatorText));
         break;
     }
     properties[QStringLiteral("label")] = label(shown);

@@ -127,9 +127,13 @@ TEST_F(AgentAccessibilityTest, SpeaksNameAndStatusOfEachTool) {
     const auto expected =
         ElementsAre("Notes, Running, Always shown", "Read Later, Damaged: install it again",
                     "Ruler, Not running", "Timer, Not allowed by your administrator",
-                    "World_Clock, 12:30 in Lima, Running");
+                    "World_Clock, 12:30 in Lima, Running, Active");
     (void)test::eventually([&] { return testing::Value(rows(), expected); });
     EXPECT_THAT(rows(), expected);
+    sayStatus(clock_, 0);
+    const auto inactive = Contains("World_Clock, 12:30 in Lima, Running");
+    (void)test::eventually([&] { return testing::Value(rows(), inactive); });
+    EXPECT_THAT(rows(), inactive);
 }
 
 TEST_F(AgentAccessibilityTest, LetsAScreenReaderStartATool) {
@@ -162,7 +166,7 @@ TEST_F(AgentAccessibilityTest, LeadsToEveryControlWithTab) {
     ASSERT_TRUE(test::eventually([&] {
         const auto all = read();
         return std::any_of(all.begin(), all.end(),
-                           [](const Element& one) { return one.name == "Timer, Running"; });
+                           [](const Element& one) { return one.name == "Timer, Running, Active"; });
     }));
     const std::map<std::string, std::vector<std::string>> pages{
         {"alt+t",

@@ -63,7 +63,12 @@ TEST_F(AgentTrayTest, HasAMenuOfTheToolsAsTheyAre) {
     sayStatus(clock_, 1);
     const std::string both = withOwn("Timer – 0:42 [checkmark]; World__Clock [checkmark]");
     EXPECT_EQ(menuThatBecomes(panel, both), both);
-    EXPECT_EQ(ask(panel, "spoken"), "Timer – 0:42, Running; World_Clock, Running");
+    EXPECT_EQ(ask(panel, "spoken"),
+              "Timer – 0:42, Running, Always shown; World_Clock, Running, Active");
+    sayStatus(clock_, 0);
+    const std::string one = withOwn("Timer – 0:42 [checkmark]; World__Clock");
+    EXPECT_EQ(menuThatBecomes(panel, one), one);
+    EXPECT_EQ(ask(panel, "spoken"), "Timer – 0:42, Running, Always shown; World_Clock, Running");
     EXPECT_THAT(ask(panel, "changes"), testing::Not(HasSubstr("layout")))
         << "what has changed in place is told as that";
 }
