@@ -76,11 +76,9 @@ QImage bundlePicture(const ToolEntry& tool, int side) {
     if (tool.path.empty()) return {};
     constexpr int kKept = 200;
     static QCache<QString, QImage> pictures(kKept);
-    const QFileInfo info(QString::fromStdString(tool.path) + QLatin1String("/Contents/Info.plist"));
-    const QString key =
-        QStringLiteral("%1 %2 %3")
-            .arg(QString::number(side), QString::number(info.lastModified().toMSecsSinceEpoch()),
-                 info.filePath());
+    const QString key = QStringLiteral("%1 %2 %3")
+                            .arg(QString::number(side), QString::number(bundleDate(tool)),
+                                 QString::fromStdString(tool.path));
     if (const QImage* const kept = pictures.object(key)) return *kept;
     const QImage picture = readBundlePicture(tool.path, side);
     pictures.insert(key, new QImage(picture));
@@ -145,6 +143,12 @@ QImage pictureOf(platform::Image* image, int side, const QColor& color) {
     QImage square =
         inSquare(raw.scaled(side, side, Qt::KeepAspectRatio, Qt::SmoothTransformation), side);
     return image->isTemplate() ? recolored(std::move(square), color) : square;
+}
+
+std::int64_t bundleDate(const ToolEntry& tool) {
+    if (tool.path.empty()) return 0;
+    const QFileInfo info(QString::fromStdString(tool.path) + QLatin1String("/Contents/Info.plist"));
+    return info.exists() ? info.lastModified().toMSecsSinceEpoch() : 0;
 }
 
 QImage pictureOf(const ToolEntry& tool, int side, const QColor& color) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include <QColor>
@@ -21,6 +22,8 @@ QImage pictureOf(platform::Image* image, int side, const QColor& color);
 // What stands for the tool in menus and lists: its tool icon, else its menu icon, else, as long as it never ran, the icon
 // that its bundle names, else its first letter on a disc whose colour follows from its identifier.
 QImage pictureOf(const ToolEntry& tool, int side, const QColor& color);
+// Another number for a bundle that was replaced where it is, and may name another icon; 0 without one.
+std::int64_t bundleDate(const ToolEntry& tool);
 
 // The mark of the agent itself: for windows in colour, and as a mask for panels.
 QIcon agentIcon();

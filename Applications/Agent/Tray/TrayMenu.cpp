@@ -83,8 +83,7 @@ TrayMenu::TrayMenu(QObject* place, ToolList& tools, Actions actions)
     registerTrayTypes();
     root_ = build();
     observation_ = tools_.observe([this](const ToolList::Change& change) {
-        // What was installed may bring another icon at the same place.
-        if (change.isListChanged) pictures_.clear();
+        for (const std::string& identifier : change.gone) pictures_.erase(identifier);
         update();
     });
 }
@@ -129,13 +128,16 @@ MenuItem TrayMenu::itemOf(const ToolEntry& tool) {
 
 bool TrayMenu::Picture::isOf(const Picture& other) const {
     return toolIcon == other.toolIcon && menuIcon == other.menuIcon && name == other.name &&
-           path == other.path && ink == other.ink;
+           path == other.path && bundleDate == other.bundleDate && ink == other.ink;
 }
 
 QByteArray TrayMenu::pictureFor(const ToolEntry& tool) {
     const QColor ink = QGuiApplication::palette().color(
         tool.isReady() ? QPalette::Active : QPalette::Disabled, QPalette::WindowText);
-    Picture wanted{tool.toolIcon, tool.menuIcon, tool.name, tool.path, ink.rgba()};
+    Picture wanted{tool.toolIcon, tool.menuIcon, tool.name, tool.path};
+    // Asked of those only whose picture may be the bundle's.
+    if (!tool.toolIcon && !tool.menuIcon) wanted.bundleDate = bundleDate(tool);
+    wanted.ink = ink.rgba();
     Picture& known = pictures_[tool.identifier];
     if (known.png.isEmpty() || !known.isOf(wanted)) {
         wanted.png = png(pictureOf(tool, kIconSide, ink));
@@ -262,9 +264,15 @@ QList<int> TrayMenu::EventGroup(const MenuEvents& events) {
     return unknown;
 }
 
-bool TrayMenu::AboutToShow(int) const { return false; }
+// A tool that was replaced where it is has perhaps another icon, and nobody tells of that. What has changed is told by
+// signals, so that the answer is no.
+bool TrayMenu::AboutToShow(int) {
+    update();
+    return false;
+}
 
-QList<int> TrayMenu::AboutToShowGroup(const QList<int>& ids, QList<int>& idErrors) const {
+QList<int> TrayMenu::AboutToShowGroup(const QList<int>& ids, QList<int>& idErrors) {
+    update();
     for (const int id : ids) {
         if (!find(id)) idErrors.append(id);
     }

@@ -55,8 +55,8 @@ public Q_SLOTS:
     QDBusVariant GetProperty(int id, const QString& name) const;
     void Event(int id, const QString& eventId, const QDBusVariant& data, uint timestamp);
     QList<int> EventGroup(const utilia::agent::MenuEvents& events);
-    bool AboutToShow(int id) const;
-    QList<int> AboutToShowGroup(const QList<int>& ids, QList<int>& idErrors) const;
+    bool AboutToShow(int id);
+    QList<int> AboutToShowGroup(const QList<int>& ids, QList<int>& idErrors);
 
 Q_SIGNALS:
     void ItemsPropertiesUpdated(const utilia::agent::MenuItems& updatedProps,
@@ -72,6 +72,7 @@ private:
         std::shared_ptr<platform::Image> menuIcon;
         std::string name;
         std::string path;
+        std::int64_t bundleDate = 0;
         QRgb ink = 0;
         QByteArray png = {};
 

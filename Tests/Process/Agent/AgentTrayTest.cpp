@@ -92,6 +92,37 @@ TEST_F(AgentTrayTest, ShowsThePictureThatAToolHasNow) {
     EXPECT_TRUE(test::eventually([&] { return ask(panel, "picture Timer") != one; }));
 }
 
+TEST_F(AgentTrayTest, ShowsTheIconOfAToolThatWasReplacedWhereItIs) {
+    const TestBundle notes(home_, {.name = "Notes",
+                                   .bundleIdentifier = "com.korvane.utilia.QuickNotes",
+                                   .info = {{"CFBundleIconFile", "icon.svg"}}});
+    const auto contents = std::filesystem::path(notes.path()) / "Contents";
+    std::filesystem::create_directories(contents / "Resources");
+    const auto setIcon = [&](const char* color) {
+        std::ofstream(contents / "Resources/icon.svg")
+            << "<svg xmlns='http://www.w3.org/2000/svg' width='8' height='8'>"
+               "<rect width='8' height='8' fill='"
+            << color << "'/></svg>";
+    };
+    setIcon("red");
+    install(notes);
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    const std::string old = ask(panel, "picture Notes");
+    ASSERT_THAT(old, testing::Not("none"));
+    EXPECT_EQ(ask(panel, "open"), "done");
+    EXPECT_EQ(ask(panel, "picture Notes"), old);
+
+    setIcon("blue");
+    // As a package brings it, with a date of its own.
+    std::filesystem::last_write_time(contents / "Info.plist",
+                                     std::filesystem::file_time_type::clock::now() -
+                                         std::chrono::hours(1));
+    EXPECT_EQ(ask(panel, "open"), "done");
+    EXPECT_NE(ask(panel, "picture Notes"), old);
+}
+
 TEST_F(AgentTrayTest, OwnsTheUploadOfUsageReportsAndRecordsItsStartAndItsEnd) {
     auto panel = startPanel();
     auto agent = startAgent(offscreen());
