@@ -343,9 +343,11 @@ TEST_F(AgentProxy, TellsWhatItKeptInVainAfterTheTimeOut) {
     EXPECT_EQ(agent.ask("wait-for-undelivered-end", {"105 "}), "105 ");
     const auto taken = std::chrono::steady_clock::now() - start;
     EXPECT_GE(taken, std::chrono::milliseconds(9'900)) << "as long as a call waits";
-    EXPECT_THAT(agent.log(), testing::Each("Failed to send Command to Agent port. Exception: "
-                                           "NSPortTimeoutException Reason: [NSPort "
-                                           "sendBeforeDate:] timed out"));
+    EXPECT_THAT(agent.log(),
+                testing::AllOf(testing::Not(testing::IsEmpty()),
+                               testing::Each("Failed to send Command to Agent port. Exception: "
+                                             "NSPortTimeoutException Reason: [NSPort "
+                                             "sendBeforeDate:] timed out")));
     EXPECT_EQ(agent.ask("has-port", {tool}), "yes");
 }
 

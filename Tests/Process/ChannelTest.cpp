@@ -50,7 +50,7 @@ protected:
         tool.ask("set-menu-text", {text});
         tool.ask("set-tool-icon", {"8", "1"});
         tool.ask("set-menu-icon", {"4", "2", "template"});
-        ASSERT_EQ(tool.terminate(), 0);
+        tool.terminate();
     }
 
     TestBundle clock_{home_, {.name = "Clock", .bundleIdentifier = "com.korvane.utilia.Clock"}};
@@ -226,7 +226,7 @@ TEST_F(Channel, ToolThatEndsInOrderIsShownAsItEnded) {
     tool.ask("set-menu-text", {"last words"});
     tool.ask("set-menu-icon", {"16", "3", "template"});
     tool.ask("set-tool-icon", {"300", "4"});
-    EXPECT_EQ(tool.terminate(), 0);
+    tool.terminate();
     expectState(agent, clock, "2, launched, 300x300 seed 4, 16x16 seed 3 template, last words");
 }
 
@@ -284,7 +284,7 @@ TEST_F(Channel, LastWordsToAStoppedAgentAreHeardWhenItGoesOn) {
     agent.process().signal(SIGSTOP);
     tool.ask("set-menu-text", {"last words"});
     tool.ask("set-tool-icon", {"400", "4"});
-    EXPECT_EQ(tool.terminate(), 0);
+    tool.terminate();
     agent.process().signal(SIGCONT);
     expectState(agent, clock, "0, launched, 400x400 seed 4, none, last words");
 }
@@ -389,7 +389,7 @@ TEST_F(Channel, AgentsKilledWhileAToolSendsCostTheToolNothing) {
         const std::string clock = addClock(agent);
         agent.ask("want-tool-icon", {clock, "yes"});
         agent.ask("ensure-port", {clock});
-        tool.ask("wait-for-wishes", {"yes no"});
+        ASSERT_EQ(tool.ask("wait-for-wishes", {"yes no"}), "yes no");
         agent.process().kill();
         tool.ask("send-tool-icon");
         EXPECT_EQ(tool.ask("wait-for-loss"), "yes");

@@ -229,7 +229,7 @@ TEST_F(ToolClient, WishForTheIconIsNoWishForTheMenu) {
     RecordingPort agent(kAgentPort);
     ScriptedChild tool = startTool();
     sendToTool(101, {flagByte(true)});
-    tool.ask("wait-for-wishes", {"yes no"});
+    ASSERT_EQ(tool.ask("wait-for-wishes", {"yes no"}), "yes no");
     tool.ask("set-menu-text", {"only kept"});
     tool.ask("set-menu-icon", {"4", "2"});
     EXPECT_EQ(sentSoFar(tool, agent), Messages{noToolIcon()});
@@ -242,7 +242,7 @@ TEST_F(ToolClient, WishForTheMenuIsAnsweredWithIconThenText) {
     tool.ask("set-menu-icon", {"4", "2"});
     tool.ask("set-tool-icon", {"8", "1"});
     sendToTool(102, {flagByte(true)});
-    tool.ask("wait-for-wishes", {"no yes"});
+    ASSERT_EQ(tool.ask("wait-for-wishes", {"no yes"}), "no yes");
     EXPECT_EQ(sentSoFar(tool, agent), (Messages{menuIcon(4, 2, false), menuText("text")}));
     tool.ask("set-tool-icon", {"8", "3"});
     tool.ask("set-menu-text", {"next"});
@@ -254,10 +254,10 @@ TEST_F(ToolClient, WishCanBeTakenBack) {
     ScriptedChild tool = startTool();
     sendToTool(101, {"\xff"});
     sendToTool(102, {"\x80"});
-    tool.ask("wait-for-wishes", {"yes yes"});
+    ASSERT_EQ(tool.ask("wait-for-wishes", {"yes yes"}), "yes yes");
     sendToTool(101, {flagByte(false)});
     sendToTool(102, {flagByte(false)});
-    tool.ask("wait-for-wishes", {"no no"});
+    ASSERT_EQ(tool.ask("wait-for-wishes", {"no no"}), "no no");
     EXPECT_EQ(sentSoFar(tool, agent), Messages{noToolIcon()});
     tool.ask("set-tool-icon", {"8", "1"});
     tool.ask("set-menu-icon", {"8", "1"});
@@ -370,10 +370,10 @@ TEST_F(ToolClient, KeepsItsWishesWhenTheAgentIsLost) {
     auto agent = std::make_unique<RecordingPort>(kAgentPort);
     ScriptedChild tool = startTool();
     sendToTool(102, {flagByte(true)});
-    tool.ask("wait-for-wishes", {"no yes"});
+    ASSERT_EQ(tool.ask("wait-for-wishes", {"no yes"}), "no yes");
     tool.ask("send-status");
     agent = nullptr;
-    tool.ask("wait-for-loss");
+    EXPECT_EQ(tool.ask("wait-for-loss"), "yes");
     EXPECT_EQ(tool.ask("wishes"), "no yes");
 }
 

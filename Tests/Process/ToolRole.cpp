@@ -252,7 +252,7 @@ private:
                 platform::NSApplicationWillTerminateNotification, nullptr);
         });
         on("send-marker-only",
-           [](const Arguments&) { RecordingPort::send(kAgentPortName, 4000, {}); });
+           [](const Arguments&) { (void)RecordingPort::send(kAgentPortName, 4000, {}); });
         // From now on the tool's end says how many milliseconds its last sends took.
         on("time-end", [this](const Arguments&) {
             afterEnd_ = NotificationCenter::defaultCenter().addObserver(
@@ -292,7 +292,7 @@ private:
     void sendMarker() {
         const ToolPersistentDataReader stored(client_->persist().toolName(),
                                               client_->persist().toolId());
-        RecordingPort::send(kAgentPortName, 4000, {yesOrNo(stored.isPermanent())});
+        (void)RecordingPort::send(kAgentPortName, 4000, {yesOrNo(stored.isPermanent())});
     }
 
     ChildRole& self_;

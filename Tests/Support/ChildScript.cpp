@@ -147,11 +147,12 @@ std::size_t ScriptedChild::countInLog(std::string_view text) {
     return found;
 }
 
-int ScriptedChild::terminate() {
+void ScriptedChild::terminate() {
     ask("terminate");
     const auto status = process_.waitForExit();
     if (!status) throw std::runtime_error("the child does not end");
-    return *status;
+    if (*status != 0)
+        throw std::runtime_error("the child ended with status " + std::to_string(*status));
 }
 
 }  // namespace utilia::test

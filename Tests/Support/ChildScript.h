@@ -48,7 +48,7 @@ public:
 
     TestLog& log() { return log_; }
 
-    // Serves the main loop inside a command until `done`; false after 20 s.
+    // Serves the main loop inside a command until `done`; false after 60 s.
     static bool waitUntil(const std::function<bool()>& done);
 
 private:
@@ -76,8 +76,8 @@ public:
     // How many of the child's log lines contain the text.
     std::size_t countInLog(std::string_view text);
 
-    // Orderly: answers the exit status.
-    int terminate();
+    // In an orderly way; throws std::runtime_error when its exit status is not 0.
+    void terminate();
 
     ChildProcess& process() { return process_; }
 

@@ -92,11 +92,13 @@ struct FaultRun {
 
 // Answers the number of runs in which a fault was hit. `prepare` runs before each operation,
 // without faults.
-std::size_t forEachFault(std::span<const Fault> table, const std::function<void()>& prepare,
-                         const std::function<void()>& operation,
-                         const std::function<void(const FaultRun&)>& check);
-std::size_t forEachFault(std::span<const Fault> table, const std::function<void()>& operation,
-                         const std::function<void(const FaultRun&)>& check);
+[[nodiscard]] std::size_t forEachFault(std::span<const Fault> table,
+                                       const std::function<void()>& prepare,
+                                       const std::function<void()>& operation,
+                                       const std::function<void(const FaultRun&)>& check);
+[[nodiscard]] std::size_t forEachFault(std::span<const Fault> table,
+                                       const std::function<void()>& operation,
+                                       const std::function<void(const FaultRun&)>& check);
 
 // Two faults at a time, since what handles a first one is seldom tried itself: `pairs` of them, drawn
 // by a generator that always begins alike from those of the table that the operation meets, each once
@@ -105,10 +107,10 @@ struct FaultPair {
     FaultRun first;
     FaultRun second;
 };
-std::size_t forFaultPairs(std::span<const Fault> table, std::size_t pairs,
-                          const std::function<void()>& prepare,
-                          const std::function<void()>& operation,
-                          const std::function<void(const FaultPair&)>& check);
+[[nodiscard]] std::size_t forFaultPairs(std::span<const Fault> table, std::size_t pairs,
+                                        const std::function<void()>& prepare,
+                                        const std::function<void()>& operation,
+                                        const std::function<void(const FaultPair&)>& check);
 
 // The end of a process before (false) or after (true) its `ordinal`-th system call.
 struct KillPoint {
@@ -119,16 +121,17 @@ struct KillPoint {
 // `operation` runs in a forked child of this process, so it must not need other threads; `check`
 // runs here, after each child that died. Answers the number of kill points, each of which was run
 // `repetitions` times.
-std::size_t forEachKillPoint(unsigned repetitions, const std::function<void()>& operation,
-                             const std::function<void(const KillPoint&)>& check);
+[[nodiscard]] std::size_t forEachKillPoint(unsigned repetitions,
+                                           const std::function<void()>& operation,
+                                           const std::function<void(const KillPoint&)>& check);
 
 // What others do between any two system calls: `operation` runs in a forked child of this process,
 // so it must not need other threads, and stops before its 1st, 2nd, 3rd … system call; `meanwhile`
 // runs here, and may find files locked; then the child goes on to its end, and `check` runs here.
 // Answers the number of those points.
-std::size_t forEachStopPoint(const std::function<void()>& operation,
-                             const std::function<void()>& meanwhile,
-                             const std::function<void()>& check);
+[[nodiscard]] std::size_t forEachStopPoint(const std::function<void()>& operation,
+                                           const std::function<void()>& meanwhile,
+                                           const std::function<void()>& check);
 
 // What files, folders and locks can answer; what sockets can; out of memory.
 std::span<const Fault> storageFaults();

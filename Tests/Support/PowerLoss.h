@@ -44,7 +44,8 @@ public:
 
     // Calls with each state once; answers how many there are. Throws when something was recorded
     // that cannot be taken apart.
-    std::size_t forEachState(const std::function<void(const DiskState&)>& check) const;
+    [[nodiscard]] std::size_t
+    forEachState(const std::function<void(const DiskState&)>& check) const;
 
 private:
     struct DataChange {

@@ -56,7 +56,7 @@ bool RecordingPort::waitForMessages(std::size_t count) {
 }
 
 std::vector<RecordedMessage> RecordingPort::take(std::size_t count) {
-    waitForMessages(count);
+    (void)waitForMessages(count);
     const auto end =
         messages_.begin() + static_cast<std::ptrdiff_t>(std::min(count, messages_.size()));
     std::vector<RecordedMessage> taken(messages_.begin(), end);

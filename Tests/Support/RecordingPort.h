@@ -13,8 +13,8 @@
 namespace utilia::test {
 
 // Serves this thread's run loop until the condition, which is asked again and again, holds; false
-// after 20 s. For what no message or line tells of.
-bool eventually(const std::function<bool()>& condition);
+// after 60 s. For what no message or line tells of.
+[[nodiscard]] bool eventually(const std::function<bool()>& condition);
 
 // A message as it arrived, byte for byte.
 struct RecordedMessage {
@@ -40,15 +40,15 @@ public:
     const std::vector<RecordedMessage>& messages() const { return messages_; }
     void clear() { messages_.clear(); }
 
-    // Serves the run loop until this many messages are there; false after 20 s.
-    bool waitForMessages(std::size_t count);
-    // Takes what arrived out of the record: exactly the next `count` messages, fewer after 20 s.
+    // Serves the run loop until this many messages are there; false after 60 s.
+    [[nodiscard]] bool waitForMessages(std::size_t count);
+    // Takes what arrived out of the record: exactly the next `count` messages, fewer after 60 s.
     std::vector<RecordedMessage> take(std::size_t count);
 
     // Sends any message to the port of a name; false when nobody holds the name. What one thread
     // sends to a name arrives in order.
-    static bool send(std::string_view portName, std::uint32_t id,
-                     const std::vector<std::string>& components);
+    [[nodiscard]] static bool send(std::string_view portName, std::uint32_t id,
+                                   const std::vector<std::string>& components);
 
 private:
     void handlePortMessage(const platform::PortMessage& message) override;

@@ -74,7 +74,8 @@ protected:
                   "item org.kde.StatusNotifierItem-" + std::to_string(agent.pid()) + "-1");
     }
     // The menu once it is as expected, or as it is after a long while.
-    static std::string menuThatBecomes(test::ChildProcess& panel, const std::string& expected) {
+    [[nodiscard]] static std::string menuThatBecomes(test::ChildProcess& panel,
+                                                     const std::string& expected) {
         std::string menu;
         (void)test::eventually([&] { return (menu = ask(panel, "menu")) == expected; });
         return menu;

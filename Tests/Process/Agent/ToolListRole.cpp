@@ -79,6 +79,9 @@ UTILIA_CHILD_ROLE(toolListAgent) {
     script.on("changes", [&](const Arguments&) { return std::exchange(changes, {}); });
     script.on("activate", [&](const Arguments& a) { return outcome(list->activate(a.at(0))); });
     script.on("turn-off", [&](const Arguments& a) { return outcome(list->turnOff(a.at(0))); });
+    script.on("proxies", [](const Arguments&) {
+        return std::to_string(ToolDataServerProvider::sharedInstance().tools().size());
+    });
     script.on("forget-the-list", [&](const Arguments&) {
         list.reset();
         return std::string();

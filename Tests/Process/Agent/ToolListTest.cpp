@@ -59,6 +59,10 @@ protected:
         speak(tool, 100, {std::string(1, status) + std::string(7, '\0')});
     }
     void install(const TestBundle& tool) { tool.install("launchedTool", {reports_.path()}); }
+    // That the list comes to hold the tool like this.
+    static void expectEntry(ScriptedChild& agent, const char* tool, const std::string& entry) {
+        ASSERT_EQ(agent.ask("wait-for", {tool, entry}), entry);
+    }
 
     TemporaryHome home_;
     test::ReportPipe reports_{home_.path()};
@@ -97,14 +101,13 @@ TEST_F(ToolListTest, FollowsWhatAToolSays) {
     speak(timer_, 101, {test::sampleTiff(8, 3)});
     speak(timer_, 102, {test::sampleTiff(4, 5), "\1"});
     speak(timer_, 108, {"0:42"});
-    const std::string expected = "Timer, ready, runs, 1, 0:42, 8x8 seed 3, 4x4 seed 5 template";
-    EXPECT_EQ(agent.ask("wait-for", {kTimer, expected}), expected);
+    expectEntry(agent, kTimer, "Timer, ready, runs, 1, 0:42, 8x8 seed 3, 4x4 seed 5 template");
     EXPECT_THAT(agent.ask("changes"), testing::StartsWith("[ Timer]"));
     // All of it again: nothing that a user could see.
     sayStatus(timer_, 1);
     speak(timer_, 108, {"0:42"});
     speak(timer_, 108, {"0:43"});
-    agent.ask("wait-for", {kTimer, "Timer, ready, runs, 1, 0:43, 8x8 seed 3, 4x4 seed 5 template"});
+    expectEntry(agent, kTimer, "Timer, ready, runs, 1, 0:43, 8x8 seed 3, 4x4 seed 5 template");
     EXPECT_EQ(agent.ask("changes"), "[ Timer]");
 }
 
@@ -118,10 +121,12 @@ TEST_F(ToolListTest, GathersAThousandChanges) {
         speak(timer_, 108, {std::to_string(i)});
         speak(clock_, 108, {std::to_string(i)});
     }
-    agent.ask("wait-for", {kClock, "Clock Pro, ready, off, 0, 499, none, none"});
-    agent.ask("wait-for", {kTimer, "Timer, ready, runs, 0, 499, none, none"});
+    expectEntry(agent, kClock, "Clock Pro, ready, off, 0, 499, none, none");
+    expectEntry(agent, kTimer, "Timer, ready, runs, 0, 499, none, none");
     const std::string changes = agent.ask("changes");
-    EXPECT_LT(std::count(changes.begin(), changes.end(), '['), 100) << changes;
+    const auto count = std::count(changes.begin(), changes.end(), '[');
+    EXPECT_GT(count, 0);
+    EXPECT_LT(count, 100) << changes;
 }
 
 TEST_F(ToolListTest, NoticesTheEndOfATool) {
@@ -130,10 +135,9 @@ TEST_F(ToolListTest, NoticesTheEndOfATool) {
     {
         const RecordingPort tool(portOf(timer_));
         sayStatus(timer_, 1);
-        agent.ask("wait-for", {kTimer, "Timer, ready, runs, 1, , none, none"});
+        expectEntry(agent, kTimer, "Timer, ready, runs, 1, , none, none");
     }
-    EXPECT_EQ(agent.ask("wait-for", {kTimer, "Timer, ready, off, 0, , none, none"}),
-              "Timer, ready, off, 0, , none, none");
+    expectEntry(agent, kTimer, "Timer, ready, off, 0, , none, none");
 }
 
 TEST_F(ToolListTest, ShowsAPermanentToolThatDoesNotRunAsItLeftOff) {
@@ -158,16 +162,18 @@ TEST_F(ToolListTest, StartsAToolThatDoesNotRunAndTellsOneThatDoesOfTheClick) {
 
     RecordingPort tool(portOf(timer_));
     sayStatus(timer_, 1);
-    agent.ask("wait-for", {kTimer, "Timer, ready, runs, 1, , none, none"});
+    expectEntry(agent, kTimer, "Timer, ready, runs, 1, , none, none");
     ASSERT_TRUE(tool.waitForMessages(2));  // the wishes
     tool.clear();
+    // Whoever started it now would not find it.
+    fs::remove(timer_.program());
+    agent.ask("clear-log");
     // The call waits for nothing, but the test's loop has to be served for the message.
     EXPECT_EQ(agent.ask("activate", {kTimer}), "done");
     EXPECT_EQ(tool.take(1), (std::vector<RecordedMessage>{{107, {}}}));
     EXPECT_EQ(agent.ask("turn-off", {kTimer}), "done");
     EXPECT_EQ(tool.take(1), (std::vector<RecordedMessage>{{105, {}}}));
-    EXPECT_EQ(reports_.waitForLine(std::chrono::milliseconds(50)), std::nullopt)
-        << "it was not started again";
+    EXPECT_EQ(agent.ask("log"), "") << "it was not started again";
 }
 
 TEST_F(ToolListTest, SaysWhatCannotBeDone) {
@@ -195,9 +201,17 @@ TEST_F(ToolListTest, ShowsRestrictedToolsAndNeverSpeaksToThem) {
     auto agent = startAgent(&mounts);
     EXPECT_EQ(agent.ask("entries"), "Clock Pro, ready, off, 0, , none, none; "
                                     "Timer, restricted, off, 0, , none, none; ");
+    // Whoever started it now would not find it.
+    fs::remove(timer_.program());
+    agent.ask("clear-log");
     EXPECT_THAT(agent.ask("activate", {kTimer}), HasSubstr("the administrator does not allow it"));
+    EXPECT_EQ(agent.ask("log"), "");
+    install(timer_);
+    // What the agent has sent by now would come before this.
+    constexpr std::uint32_t kMarker = 4000;
+    ASSERT_TRUE(RecordingPort::send(portOf(timer_), kMarker, {}));
+    EXPECT_EQ(tool.take(1), (std::vector<RecordedMessage>{{kMarker, {}}}));
     EXPECT_TRUE(tool.messages().empty());
-    EXPECT_EQ(reports_.waitForLine(std::chrono::milliseconds(50)), std::nullopt);
 
     mounts.writeSettings(R"({"WhiteToolsList": ["worldclock"], "HideRestrictedTools": true})");
     agent.ask("changes");
@@ -263,15 +277,18 @@ TEST_F(ToolListTest, FollowsAToolToAnotherPlace) {
     const RecordingPort tool(portOf(moved));
     speak(timer_, 108, {"from the old place"});
     speak(moved, 108, {"from the new place"});
-    const std::string expected = "Timer, ready, runs, 0, from the new place, none, none";
-    EXPECT_EQ(agent.ask("wait-for", {kTimer, expected}), expected);
+    expectEntry(agent, kTimer, "Timer, ready, runs, 0, from the new place, none, none");
 }
 
 TEST_F(ToolListTest, LeavesNoProxyBehind) {
     install(timer_);
     auto agent = startAgent();
     const RecordingPort tool(portOf(timer_));
+    speak(timer_, 108, {"0:42"});
+    expectEntry(agent, kTimer, "Timer, ready, runs, 0, 0:42, none, none");
+    EXPECT_EQ(agent.ask("proxies"), "1");
     agent.ask("forget-the-list");
+    EXPECT_EQ(agent.ask("proxies"), "0");
     speak(timer_, 108, {"to nobody"});
     agent.ask("changes");
     EXPECT_EQ(agent.ask("log"), "");

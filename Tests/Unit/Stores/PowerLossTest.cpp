@@ -90,7 +90,7 @@ TEST_F(PowerLoss, LeavesAStoreThatCanBeWritten) {
     for (int i = 0; i < 3; ++i)
         UserDefaults::initWithDomain(domainOf(0))->setObject(kFilling, "key" + std::to_string(i));
     recorder.stop();
-    recorder.forEachState([&](const DiskState& state) {
+    const std::size_t states = recorder.forEachState([&](const DiskState& state) {
         SCOPED_TRACE(state.description);
         restore(folder, state);
         UserDefaults::initWithDomain(domainOf(0))->setObject(7, "next");
@@ -99,6 +99,7 @@ TEST_F(PowerLoss, LeavesAStoreThatCanBeWritten) {
         for (const auto& entry : fs::directory_iterator(folder))
             EXPECT_NE(entry.path().extension(), ".new");
     });
+    EXPECT_GT(states, 10u);
 }
 
 TEST_F(PowerLoss, LeavesAnAtomicallyWrittenFileAsOneOfItsVersions) {
@@ -131,10 +132,11 @@ std::size_t brokenStates(void (*replace)(const std::string& path, const std::str
     }
     recorder.stop();
     std::size_t broken = 0;
-    recorder.forEachState([&](const DiskState& state) {
+    const std::size_t states = recorder.forEachState([&](const DiskState& state) {
         const auto found = state.files.find("file");
         broken += found != state.files.end() && !versions.contains(found->second);
     });
+    EXPECT_GT(states, versions.size());
     return broken;
 }
 

@@ -68,7 +68,8 @@ protected:
         const auto defaults = UserDefaults::initWithDomain(kDomain);
         defaults->setObject(7, "number");
         std::optional<Value> found;
-        forEachFault(
+        std::size_t failures = 0;
+        const std::size_t runs = forEachFault(
             table,
             [&] {
                 forget();
@@ -76,12 +77,15 @@ protected:
             },
             [&] { found = defaults->objectForKey("number"); },
             [&](const FaultRun&) {
+                failures += found ? 0 : 1;
                 EXPECT_TRUE(!found || *found == Value(7));
                 EXPECT_EQ(log_.lines().size(), found ? 0u : 1u);
                 EXPECT_EQ(strangersIn(preferences()), 0u)
                     << "a file that cannot be read is not damaged";
                 EXPECT_EQ(defaults->integerForKey("number"), 7);
             });
+        EXPECT_GT(runs, failures) << "one call that fails is tried again";
+        EXPECT_GT(failures, 0u);
     }
 
     const test::TemporaryHome home_{test::folderInMemory()};
@@ -157,7 +161,8 @@ TEST_F(StoreFaults, ARepairLosesNeitherTheDamagedFileNorTheBackup) {
         std::ifstream content(path);
         return std::string(std::istreambuf_iterator<char>(content), {}) == "no property list";
     };
-    forEachFault(
+    std::size_t failures = 0;
+    const std::size_t runs = forEachFault(
         test::storageFaults(),
         [&] {
             fs::remove(file);
@@ -166,6 +171,7 @@ TEST_F(StoreFaults, ARepairLosesNeitherTheDamagedFileNorTheBackup) {
         },
         [&] { found = defaults->objectForKey("number"); },
         [&](const FaultRun&) {
+            failures += found ? 0 : 1;
             EXPECT_TRUE(!found || *found == Value(1));
             std::size_t copies = damaged(file);
             for (const auto& entry : fs::directory_iterator(preferences())) {
@@ -178,6 +184,8 @@ TEST_F(StoreFaults, ARepairLosesNeitherTheDamagedFileNorTheBackup) {
             EXPECT_FALSE(fs::exists(file.string() + ".new"));
             EXPECT_EQ(defaults->integerForKey("number"), 1) << "the next read without a fault";
         });
+    EXPECT_GT(runs, 0u);
+    EXPECT_GT(failures, 0u);
 }
 
 TEST_F(StoreFaults, AnAtomicWriteReplacesTheFileWithItsAttributeOrLeavesIt) {
@@ -189,7 +197,8 @@ TEST_F(StoreFaults, AnAtomicWriteReplacesTheFileWithItsAttributeOrLeavesIt) {
     Data expected = first;
     bool isWritten = false;
     const std::size_t before = strangersIn(home_.path());
-    forEachFault(
+    std::size_t failures = 0;
+    const std::size_t runs = forEachFault(
         test::storageFaults(),
         [&] {
             const Data& next = expected == first ? second : first;
@@ -197,15 +206,19 @@ TEST_F(StoreFaults, AnAtomicWriteReplacesTheFileWithItsAttributeOrLeavesIt) {
             if (isWritten) expected = next;
         },
         [&](const FaultRun&) {
+            failures += isWritten ? 0 : 1;
             EXPECT_EQ(FileManager::contentsAtPath(path, 10).value_or(Data()), expected);
             EXPECT_EQ(strangersIn(home_.path()), before) << "no temporary file stays";
         });
+    EXPECT_GT(runs, 0u);
+    EXPECT_GT(failures, 0u);
 }
 
 TEST_F(StoreFaults, ALockIsHeldOrAnErrorNamesTheCall) {
     const fs::path path = home_.path() / "lock";
     std::optional<Error> error;
-    forEachFault(
+    std::size_t errors = 0;
+    const std::size_t runs = forEachFault(
         test::storageFaults(),
         [&] {
             auto lock =
@@ -213,40 +226,51 @@ TEST_F(StoreFaults, ALockIsHeldOrAnErrorNamesTheCall) {
             error = lock ? std::nullopt : std::optional<Error>(std::move(lock).error());
         },
         [&](const FaultRun& run) {
+            errors += error ? 1 : 0;
             EXPECT_TRUE(!error || error->isPosix(run.fault.error)) << error->description;
             EXPECT_TRUE(
                 FileLock::acquire(path, FileLock::Mode::Exclusive, std::chrono::milliseconds(0)));
         });
+    EXPECT_GT(runs, 0u);
+    EXPECT_GT(errors, 0u);
 }
 
 TEST_F(StoreFaults, AFolderLockIsHeldOrAnErrorNamesTheCall) {
     std::optional<Error> error;
-    forEachFault(
+    std::size_t errors = 0;
+    const std::size_t runs = forEachFault(
         test::storageFaults(),
         [&] {
             auto lock = FileLock::acquireFolder(home_.path(), FileLock::Mode::Exclusive);
             error = lock ? std::nullopt : std::optional<Error>(std::move(lock).error());
         },
         [&](const FaultRun& run) {
+            errors += error ? 1 : 0;
             EXPECT_TRUE(!error || error->isPosix(run.fault.error)) << error->description;
             EXPECT_TRUE(FileLock::acquireFolder(home_.path(), FileLock::Mode::Exclusive));
         });
+    EXPECT_GT(runs, 0u);
+    EXPECT_GT(errors, 0u);
 }
 
 TEST_F(StoreFaults, FoldersAreMadeOrAnErrorNamesTheCall) {
     const fs::path top = home_.path() / "a";
     std::optional<Error> error;
-    forEachFault(
+    std::size_t errors = 0;
+    const std::size_t runs = forEachFault(
         test::storageFaults(), [&] { fs::remove_all(top); },
         [&] {
             const auto made = FileManager::createDirectoryAtPath((top / "b" / "c").string(), 0700);
             error = made ? std::nullopt : std::optional<Error>(made.error());
         },
         [&](const FaultRun& run) {
+            errors += error ? 1 : 0;
             EXPECT_EQ(fs::is_directory(top / "b" / "c"), !error);
             EXPECT_TRUE(!error || error->isPosix(run.fault.error)) << error->description;
             EXPECT_TRUE(FileManager::createDirectoryAtPath((top / "b" / "c").string(), 0700));
         });
+    EXPECT_GT(runs, 0u);
+    EXPECT_GT(errors, 0u);
 }
 
 #ifndef UTILIA_FAULTS_WITHOUT_MEMORY
@@ -262,7 +286,7 @@ TEST_F(StoreFaults, AnAtomicWriteSurvivesRunningOutOfMemory) {
     Data expected = first;
     std::size_t failures = 0;
     ASSERT_TRUE(FileManager::writeAtomically(path, first));
-    forEachFault(
+    const std::size_t runs = forEachFault(
         test::memoryFaults(),
         [&] {
             const Data& next = expected == first ? second : first;
@@ -273,6 +297,7 @@ TEST_F(StoreFaults, AnAtomicWriteSurvivesRunningOutOfMemory) {
         [&](const FaultRun&) {
             EXPECT_EQ(FileManager::contentsAtPath(path, 10).value_or(Data()), expected);
         });
+    EXPECT_GT(runs, 0u);
     EXPECT_GE(failures, 1u);
 }
 

@@ -113,7 +113,7 @@ TEST(FaultInjection, NoticesADescriptorThatIsLeftBehind) {
     static int left = -1;
     const auto leaky = [] {
         constexpr std::array kTable{Fault{.call = kUtiliaFaultFstat, .error = EIO}};
-        forEachFault(
+        const std::size_t runs = forEachFault(
             kTable,
             [] {
                 const int file = open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -125,6 +125,7 @@ TEST(FaultInjection, NoticesADescriptorThatIsLeftBehind) {
                 }
             },
             [](const FaultRun&) { close(left); });
+        EXPECT_GT(runs, 0u);
     };
     testing::TestPartResultArray results;
     {
