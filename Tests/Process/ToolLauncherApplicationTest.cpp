@@ -157,6 +157,8 @@ TEST_F(ToolLauncherApplication, EndsInAnOrderlyWayWithTheSession) {
 TEST_F(ToolLauncherApplication, ADryRunStartsNothing) {
     install("Needy", "listedTool", agentNeeded());
     install("Plain");
+    // Whoever is started all the same is through it before the launcher ends, which waits for it.
+    openGate();
     list({"Needy", "Gone", "Plain"});
     auto launcher = launch({"--dry-run"});
     EXPECT_EQ(launcher.waitForExit(), 0);
@@ -166,6 +168,7 @@ TEST_F(ToolLauncherApplication, ADryRunStartsNothing) {
               "start          com.korvane.utilia.Plain\n");
     EXPECT_FALSE(isRunning("Needy"));
     EXPECT_FALSE(isRunning("Plain"));
+    EXPECT_EQ(reports_.waitForLine(std::chrono::milliseconds(0)), std::nullopt);
 }
 
 TEST_F(ToolLauncherApplication, ExplainsItself) {
@@ -174,6 +177,7 @@ TEST_F(ToolLauncherApplication, ExplainsItself) {
     EXPECT_THAT(contentOf(home_.path() / "out"), HasSubstr("Usage: utilia-tool-launcher"));
     for (const std::vector<std::string>& arguments :
          {std::vector<std::string>{"--nonsense"}, {"--help", "more"}, {"--dry-run", "more"}}) {
+        fs::remove(home_.path() / "err");
         auto wrong = launch(arguments);
         EXPECT_EQ(wrong.waitForExit(), 2);
         EXPECT_THAT(errors(), HasSubstr("Usage: utilia-tool-launcher"));

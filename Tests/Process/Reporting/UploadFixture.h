@@ -83,9 +83,10 @@ protected:
         return makeUploader(server.secureURL(kEndpointPath));
     }
 
-    // Until the task of each report has ended; answers whether they have.
-    static bool waitForTasks(const std::vector<std::string>& reports) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    // Until the task of each report has ended; answers whether they have, false where there is none.
+    [[nodiscard]] static bool waitForTasks(const std::vector<std::string>& reports) {
+        if (reports.empty()) return false;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
         for (const std::string& report : reports) {
             while (platform::Task::isLocked(report)) {
                 if (std::chrono::steady_clock::now() > deadline) return false;

@@ -105,7 +105,8 @@ TEST_P(UploadAnswer, DecidesWhetherTheReportIsRemoved) {
         EXPECT_THAT(filesInFolder(), ElementsAre("utilia_report.xml", "utilia_report.xml.tar.gz"));
         EXPECT_THAT(test::actionsIn(report()), ElementsAre("Act"));
     }
-    for (const auto& request : server.waitForRequests(1))
+    ASSERT_EQ(server.waitForRequests(1).size(), 1u) << server.errors();
+    for (const auto& request : server.requests())
         EXPECT_EQ(request.target, kEndpointPath) << "nobody is sent elsewhere";
 }
 
@@ -224,7 +225,8 @@ TEST_F(UploadTest, WithoutTLSNothingIsSent) {
 // A port at which connections are reset, or wait for ever.
 class ListeningPort {
 public:
-    explicit ListeningPort(bool takesConnections) : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
+    explicit ListeningPort(bool takesConnections)
+        : socket_(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -236,6 +238,12 @@ public:
         port_ = ntohs(address.sin_port);
     }
     std::string number() const { return std::to_string(port_); }
+    // Whether a connection waits that nobody has taken yet.
+    bool wasConnectedTo() const {
+        const platform::UniqueFd connection(
+            accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        return static_cast<bool>(connection);
+    }
 
 private:
     platform::UniqueFd socket_;
@@ -249,7 +257,7 @@ TEST_F(UploadTest, WhereNobodyListensTheReportStays) {
     const auto log = makeUploader("https://127.0.0.1:" + nobody.number() + kEndpointPath);
     log->log("Act");
     ASSERT_TRUE(waitForTasks(log->sendCEPImp(false)));
-    EXPECT_TRUE(fs::exists(pathOf("utilia_report.xml")));
+    EXPECT_THAT(filesInFolder(), ElementsAre("utilia_report.xml", "utilia_report.xml.tar.gz"));
 }
 
 TEST_F(UploadTest, AServerThatTakesConnectionsAndSaysNothingIsGivenUp) {
@@ -259,7 +267,8 @@ TEST_F(UploadTest, AServerThatTakesConnectionsAndSaysNothingIsGivenUp) {
     const auto log = makeUploader("https://127.0.0.1:" + silent.number() + kEndpointPath);
     log->log("Act");
     ASSERT_TRUE(waitForTasks(log->sendCEPImp(false)));
-    EXPECT_TRUE(fs::exists(pathOf("utilia_report.xml")));
+    EXPECT_THAT(filesInFolder(), ElementsAre("utilia_report.xml", "utilia_report.xml.tar.gz"));
+    EXPECT_TRUE(silent.wasConnectedTo());
 }
 
 TEST_F(UploadTest, AServerThatTakesTheReportAndNeverAnswersIsGivenUp) {
@@ -269,7 +278,8 @@ TEST_F(UploadTest, AServerThatTakesTheReportAndNeverAnswersIsGivenUp) {
     const auto log = makeUploader(server);
     log->log("Act");
     ASSERT_TRUE(waitForTasks(log->sendCEPImp(false)));
-    EXPECT_TRUE(fs::exists(pathOf("utilia_report.xml")));
+    EXPECT_THAT(filesInFolder(), ElementsAre("utilia_report.xml", "utilia_report.xml.tar.gz"));
+    EXPECT_TRUE(silent.wasConnectedTo());
 }
 
 TEST_F(UploadTest, AnAnswerThatTricklesForeverIsGivenUp) {

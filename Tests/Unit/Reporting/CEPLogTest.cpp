@@ -209,6 +209,7 @@ TEST_F(CEPLogTest, TheVeryFirstStartUploadsAfterAWeek) {
     EXPECT_TRUE(log->timer());
     EXPECT_EQ(syncDate(), (Date{kNow.secondsSinceReferenceDate + 604'800}));
     clock_->run(kWeek - 1s);
+    ASSERT_TRUE(log->waitForUploads(60s));
     EXPECT_FALSE(std::filesystem::exists(reportFolder()));
     clock_->run(1s);
     log.reset();
@@ -225,6 +226,7 @@ TEST_F(CEPLogTest, AnOwnerThatStartsBeforeItsDateUploadsAtIt) {
     log->initGrab();
     EXPECT_EQ(syncDate(), due);
     clock_->run(99s);
+    ASSERT_TRUE(log->waitForUploads(60s));
     EXPECT_FALSE(std::filesystem::exists(reportFolder()));
     clock_->run(1s);
     log.reset();
@@ -264,6 +266,7 @@ TEST_F(CEPLogTest, AnOverdueOwnerUploadsAgainAWeekLater) {
         std::this_thread::yield();
     log->log("Second");
     clock_->run(kWeek - 1s);
+    ASSERT_TRUE(log->waitForUploads(60s));
     EXPECT_THAT(actions(), ElementsAre("Second"));
     clock_->run(1s);
     log.reset();
@@ -292,6 +295,7 @@ TEST_F(CEPLogTest, TheFirstDelayIsComputedOnceWhateverTheWallClockDoes) {
     clock_->setWallClock(Date{kNow.secondsSinceReferenceDate + 86'400});
     clock_->run(3599s);
     clock_->setWallClock(Date{0});
+    ASSERT_TRUE(log->waitForUploads(60s));
     EXPECT_FALSE(std::filesystem::exists(reportFolder()));
     clock_->run(1s);
     log.reset();
@@ -366,6 +370,7 @@ TEST_F(CEPLogTest, OnlyTheOwnerUploads) {
     log->sendCEP();
     log->sendCEPForcibly();
     EXPECT_EQ(tasks_.count(), 0u);
+    ASSERT_TRUE(log->waitForUploads(60s));
     EXPECT_FALSE(std::filesystem::exists(reportFolder()));
     log->setCepOwner(true);
     log->sendCEP();
