@@ -2,7 +2,9 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <thread>
@@ -155,16 +157,29 @@ TEST_P(TerminationSignal, EndsTheApplicationInAnOrderlyWay) {
     EXPECT_EQ(child.waitForExit(), 0);
 }
 
+// The signals that a process ignores, as the kernel tells it.
+std::uint64_t ignoredSignals(pid_t process) {
+    std::ifstream status("/proc/" + std::to_string(process) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("SigIgn:")) return std::stoull(line.substr(7), nullptr, 16);
+    }
+    return 0;
+}
+
 TEST_P(TerminationSignal, ThatIsIgnoredAtTheStartStaysIgnored) {
     const TemporaryHome home;
     const auto before = signal(GetParam(), SIG_IGN);
     auto child = ChildProcess::role("lifeCycle", {"plain"});
     signal(GetParam(), before);
     ASSERT_EQ(child.waitForLine(), "finished");
-    child.signal(GetParam());
     const int other = GetParam() == SIGTERM ? SIGINT : SIGTERM;
+    const std::uint64_t ignored = ignoredSignals(child.pid());
+    EXPECT_TRUE(ignored >> (GetParam() - 1) & 1);
+    EXPECT_FALSE(ignored >> (other - 1) & 1);
+    child.signal(GetParam());
     child.signal(other);
     EXPECT_THAT(remainingLines(child), ElementsAre("will-terminate", "returned 0"));
+    EXPECT_EQ(child.waitForExit(), 0);
 }
 
 TEST(Application, ManySignalsAndCallsAreOneEnd) {
@@ -185,18 +200,21 @@ TEST(Application, TerminateEndsRun) {
     const TemporaryHome home;
     auto child = ChildProcess::role("lifeCycle", {"terminate"});
     EXPECT_THAT(remainingLines(child), ElementsAre("finished", "will-terminate", "returned 0"));
+    EXPECT_EQ(child.waitForExit(), 0);
 }
 
 TEST(Application, TerminateBeforeTheLoopRunsEndsItToo) {
     const TemporaryHome home;
     auto child = ChildProcess::role("lifeCycle", {"terminate at once"});
     EXPECT_THAT(remainingLines(child), ElementsAre("finished", "will-terminate", "returned 0"));
+    EXPECT_EQ(child.waitForExit(), 0);
 }
 
 TEST(Application, TerminateFromOtherThreadsEndsItOnTheMainThread) {
     const TemporaryHome home;
     auto child = ChildProcess::role("lifeCycle", {"terminate from threads"});
     EXPECT_THAT(remainingLines(child), ElementsAre("finished", "will-terminate", "returned 0"));
+    EXPECT_EQ(child.waitForExit(), 0);
 }
 
 TEST(Application, TerminateInANestedRunEndsBothRuns) {
@@ -204,6 +222,7 @@ TEST(Application, TerminateInANestedRunEndsBothRuns) {
     auto child = ChildProcess::role("lifeCycle", {"terminate in a nested run"});
     EXPECT_THAT(remainingLines(child),
                 ElementsAre("finished", "will-terminate", "nested run ended", "returned 0"));
+    EXPECT_EQ(child.waitForExit(), 0);
 }
 
 TEST(Application, AHostsLoopIsEndedByItsQuitHandler) {
@@ -212,6 +231,7 @@ TEST(Application, AHostsLoopIsEndedByItsQuitHandler) {
     ASSERT_EQ(child.waitForLine(), "finished");
     child.signal(SIGTERM);
     EXPECT_THAT(remainingLines(child), ElementsAre("will-terminate", "quit", "host loop ended"));
+    EXPECT_EQ(child.waitForExit(), 0);
 }
 
 TEST(Application, AnExitThatMustFollowComesWhenRunHasStoppedItsLoop) {

@@ -191,6 +191,7 @@ TEST_F(EventLogProcessTest, KeepsEveryRecordWhileTwoCollectorsTakeThem) {
         const bool isEnded = (status.st_mode & 0222) == 0;
         ASSERT_NO_FATAL_FAILURE(countRecords(contentOf(entry.path()), isEnded, found));
     }
+    ASSERT_EQ(found.size(), std::size_t{kWriters});
     for (const auto& [writer, records] : found) {
         EXPECT_EQ(records.size(), static_cast<std::size_t>(kRecords)) << writer;
         for (const auto& [number, count] : records) ASSERT_EQ(count, 1) << writer << " " << number;

@@ -160,18 +160,32 @@ TEST_F(LoginItemFaults, TheLauncherStaysAnItemWhileTheListHasATool) {
 // Entries are parsed by GLib, which ends the process where memory runs out; the list is not.
 TEST_F(LoginItemFaults, MissingMemoryIsAnAnswerOfNo) {
     UtiliaToolLauncher::getDefaults()->setObject(Array{"a", "b"}, kLaunchAtLoginToolsKey);
-    forEachFault(
-        test::memoryFaults(), [] { UtiliaToolLauncher::isToolInLaunchAtLogin("a"); },
-        [](const FaultRun&) {
+    bool isDone = false;
+    std::size_t refusals = 0;
+    std::size_t runs = forEachFault(
+        test::memoryFaults(), [&] { log_.clear(); },
+        [&] { isDone = UtiliaToolLauncher::isToolInLaunchAtLogin("a"); },
+        [&](const FaultRun&) {
+            refusals += isDone ? 0 : 1;
+            EXPECT_TRUE(isDone || !log_.lines().empty()) << "it is said why";
             EXPECT_TRUE(UtiliaToolLauncher::isToolInLaunchAtLogin("a")) << "the next call works";
         });
-    forEachFault(
-        test::memoryFaults(), [] { UtiliaToolLauncher::removeToolFromLaunchAtLogin("c"); },
-        [](const FaultRun&) {
-            EXPECT_TRUE(UtiliaToolLauncher::isToolInLaunchAtLogin("a"));
-            EXPECT_TRUE(UtiliaToolLauncher::isToolInLaunchAtLogin("b"));
+    EXPECT_EQ(runs > 0, !test::memoryFaults().empty());
+    EXPECT_EQ(refusals > 0, !test::memoryFaults().empty());
+    runs = forEachFault(
+        test::memoryFaults(),
+        [&] {
             UtiliaToolLauncher::getDefaults()->setObject(Array{"a", "b"}, kLaunchAtLoginToolsKey);
+            log_.clear();
+        },
+        [&] { isDone = UtiliaToolLauncher::removeToolFromLaunchAtLogin("b"); },
+        [&](const FaultRun&) {
+            EXPECT_TRUE(UtiliaToolLauncher::isToolInLaunchAtLogin("a"));
+            // What could not be stored at once may be later; what is said to be done is.
+            EXPECT_TRUE(!isDone || !UtiliaToolLauncher::isToolInLaunchAtLogin("b"));
+            EXPECT_TRUE(isDone || !log_.lines().empty()) << "it is said why";
         });
+    EXPECT_EQ(runs > 0, !test::memoryFaults().empty());
 }
 
 TEST_F(LoginItemFaults, AFullDiskIsOneLogLineAndTheOldList) {

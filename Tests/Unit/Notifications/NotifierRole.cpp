@@ -105,16 +105,18 @@ UTILIA_CHILD_ROLE(notifier) {
     });
     script.on("is-loaded",
               [](const auto& arguments) { return isLoaded(arguments[0]) ? "yes" : "no"; });
+    // Answers how long it took, or how the child ended where that was not in order.
     script.on("post-in-forked-child", [&](const auto& arguments) {
-        return millisecondsOf([&] {
+        int status = 0;
+        const std::string time = millisecondsOf([&] {
             const pid_t child = fork();
             if (child == 0) {
                 center.post(arguments[0]);
                 _exit(0);
             }
-            int status = 0;
-            waitpid(child, &status, 0);
+            if (child < 0 || waitpid(child, &status, 0) != child) status = -1;
         });
+        return status == 0 ? time : "the child ended with " + std::to_string(status);
     });
     script.on("take-all-descriptors", [](const auto&) {
         // Bounded, so that using them up is quick.

@@ -149,7 +149,8 @@ TEST_F(WebSecurity, NothingIsTakenFromACache) {
 }
 
 TEST_F(WebSecurity, ANameAndAPasswordGoToTheirHostOnly) {
-    const NginxServer other("location / { return 200 other; }", {.headers = {"Authorization"}});
+    const NginxServer other("location / { return 200 other; }",
+                            {.headers = {"Authorization", "Referer"}});
     const NginxServer server(redirect("/away", other.url("/")) + redirect("/inside", "/here") +
                                  "location /here { return 200 here; }",
                              {.headers = {"Authorization"}});
@@ -192,7 +193,9 @@ TEST_F(WebSecurity, RedirectsAreFollowed) {
         "location = /308 { return 308 /end?a=b; }"
         "location = /end { return 200 $args; }");
     EXPECT_EQ(load(server.url("/301")).text(), "a=b");
-    for (const auto& request : server.waitForRequests(6)) EXPECT_EQ(request.method, "GET");
+    const auto requests = server.waitForRequests(6);
+    ASSERT_EQ(requests.size(), 6u);
+    for (const auto& request : requests) EXPECT_EQ(request.method, "GET");
 }
 
 TEST_F(WebSecurity, SixteenRedirectsAreFollowedAndNoMore) {
