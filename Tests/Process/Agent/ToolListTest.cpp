@@ -202,11 +202,12 @@ TEST_F(ToolListTest, ShowsRestrictedToolsAndNeverSpeaksToThem) {
     EXPECT_EQ(agent.ask("entries"), "Clock Pro, ready, off, 0, , none, none; "
                                     "Timer, restricted, off, 0, , none, none; ");
     // Whoever started it now would not find it.
-    fs::remove(timer_.program());
+    const fs::path aside = home_.path() / "aside";
+    fs::rename(timer_.program(), aside);
     agent.ask("clear-log");
     EXPECT_THAT(agent.ask("activate", {kTimer}), HasSubstr("the administrator does not allow it"));
     EXPECT_EQ(agent.ask("log"), "");
-    install(timer_);
+    fs::rename(aside, timer_.program());
     // What the agent has sent by now would come before this.
     constexpr std::uint32_t kMarker = 4000;
     ASSERT_TRUE(RecordingPort::send(portOf(timer_), kMarker, {}));
