@@ -57,13 +57,17 @@ public:
     // Prints the findings; answers whether they are good.
     bool report(long kills) const {
         std::int64_t updates = 0;
-        for (const auto& acknowledged : shared_.acknowledged) updates += acknowledged;
+        bool hasEachUpdated = true;
+        for (const auto& acknowledged : shared_.acknowledged) {
+            updates += acknowledged;
+            hasEachUpdated = hasEachUpdated && acknowledged > 0;
+        }
         std::printf("%ld kills, %lld acknowledged updates, %ld missing, %ld twice, %ld unreadable, "
-                    "%ld set aside, at most %ld unfinished\n",
+                    "%ld set aside, at most %ld unfinished, %ld ended by themselves\n",
                     kills, static_cast<long long>(updates), findings_.missing, findings_.twice,
-                    unreadable_, setAside_, unfinished_);
+                    unreadable_, setAside_, unfinished_, endedByThemselves_);
         return findings_.missing == 0 && findings_.twice == 0 && unreadable_ == 0 &&
-               setAside_ == 0 && unfinished_ <= 1 && updates > 0;
+               setAside_ == 0 && unfinished_ <= 1 && endedByThemselves_ == 0 && hasEachUpdated;
     }
 
 private:
@@ -80,9 +84,12 @@ private:
         }
     }
 
-    static void end(pid_t writer) {
+    void end(pid_t writer) {
+        int status = 0;
         kill(writer, SIGKILL);
-        waitpid(writer, nullptr, 0);
+        waitpid(writer, &status, 0);
+        // One that had ended before shows how.
+        endedByThemselves_ += !(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
     }
 
     // The file itself, without any lock, as a reader meets it at any moment.
@@ -123,6 +130,7 @@ private:
     long unreadable_ = 0;
     long unfinished_ = 0;  // most files named .new at once
     long setAside_ = 0;
+    long endedByThemselves_ = 0;
 };
 
 }  // namespace

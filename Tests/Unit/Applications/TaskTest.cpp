@@ -1,3 +1,4 @@
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
@@ -145,7 +146,17 @@ TEST_F(TaskTest, WhoeverOnlyLooksForTheLockKeepsNoTaskFromStarting) {
     Task task = shell("echo started > \"$1\"");
     task.lockedFile = locked;
     std::optional<Result<void>> launched;
-    std::thread launcher([&] { launched = task.launch(); });
+    std::atomic<bool> isTrying = false;
+    std::atomic<bool> isLooking = true;
+    std::thread launcher([&] {
+        isTrying = true;
+        launched = task.launch();
+        EXPECT_FALSE(isLooking);
+    });
+    while (!isTrying) std::this_thread::yield();
+    // Time for it to be refused at least once, which nothing tells of.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    isLooking = false;
     looker.reset();
     launcher.join();
     EXPECT_TRUE(launched->has_value());

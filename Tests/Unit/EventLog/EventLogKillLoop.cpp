@@ -44,6 +44,7 @@ struct Findings {
     long twice = 0;
     long unreadable = 0;
     long left = 0;
+    long killedAtWork = 0;   // victims that had written some records, and not all
     std::size_t pieces = 0;  // of records that a kill cut, and that a collector left out
 };
 
@@ -87,12 +88,14 @@ public:
 
     // Prints the findings; answers whether they are good.
     bool report(long kills) const {
-        std::printf("%ld kills, %ld acknowledged records, %ld missing, %ld twice or too many, %ld "
-                    "documents not whole, %ld files left; %zu pieces of records left out\n",
-                    kills, findings_.acknowledged, findings_.missing, findings_.twice,
-                    findings_.unreadable, findings_.left, findings_.pieces);
+        std::printf(
+            "%ld kills, %ld acknowledged records, %ld missing, %ld twice or too many, %ld "
+            "documents not whole, %ld files left; %ld killed at work, %zu pieces of records "
+            "left out\n",
+            kills, findings_.acknowledged, findings_.missing, findings_.twice, findings_.unreadable,
+            findings_.left, findings_.killedAtWork, findings_.pieces);
         return findings_.missing == 0 && findings_.twice == 0 && findings_.unreadable == 0 &&
-               findings_.left == 0 && findings_.acknowledged > 0;
+               findings_.left == 0 && findings_.acknowledged > 0 && findings_.killedAtWork > 0;
     }
 
 private:
@@ -123,6 +126,7 @@ private:
             const auto& records = found["w" + std::to_string(writer)];
             const long told = acknowledged_[writer];
             findings_.acknowledged += told;
+            findings_.killedAtWork += writer < kVictims && told > 0 && told < kRecords;
             for (int i = 1; i <= told; ++i) findings_.missing += !records.contains(i);
             for (const auto& [number, count] : records)
                 findings_.twice += count > 1 || number > told + (writer < kVictims ? 1 : 0);

@@ -73,8 +73,14 @@ UTILIA_CHILD_ROLE(forkAndKill) {
         if (sender == 0) sendUntilKilled();
         const timespec life{0, static_cast<long>(300'000 + random() % 1'700'000)};
         nanosleep(&life, nullptr);
+        int status = 0;
         kill(sender, SIGKILL);
-        waitpid(sender, nullptr, 0);
+        // One that had ended before shows how.
+        if (waitpid(sender, &status, 0) != sender || !WIFSIGNALED(status) ||
+            WTERMSIG(status) != SIGKILL) {
+            self.say("a sender ended with status " + std::to_string(status));
+            return 1;
+        }
     }
     self.say("done");
     self.waitForLine();
@@ -133,7 +139,7 @@ int runKillLoop(int kills) {
             };
             const Handle tick = Timer::scheduledTimer(5ms, true, [] {});
             RunLoop::currentRunLoop().runUntil(isOver, 6h);
-            failures += check(line == "done", "a forker ended early");
+            failures += check(line == "done", line ? line->c_str() : "a forker ended early");
         }
         test::runUntil([&] { return receiver.connectionCount() == 0; });
         return failures;

@@ -1,3 +1,5 @@
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -95,9 +97,17 @@ TEST(StoreThreads, AFileLockWaitsForAnotherThreadWithinItsTime) {
     const test::TemporaryFolder folder;
     const auto path = folder.path() / "lock";
     auto held = FileLock::acquire(path, FileLock::Mode::Exclusive, std::chrono::milliseconds(0));
+    std::atomic<bool> isTrying = false;
+    std::atomic<bool> isHeld = true;
     std::thread waiter([&] {
-        EXPECT_TRUE(FileLock::acquire(path, FileLock::Mode::Exclusive, std::chrono::seconds(20)));
+        isTrying = true;
+        EXPECT_TRUE(FileLock::acquire(path, FileLock::Mode::Exclusive, std::chrono::seconds(60)));
+        EXPECT_FALSE(isHeld);
     });
+    while (!isTrying) std::this_thread::yield();
+    // Time for it to be refused at least once, which nothing tells of.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    isHeld = false;
     held->release();
     waiter.join();
 }
