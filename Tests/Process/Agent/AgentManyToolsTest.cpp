@@ -85,6 +85,7 @@ TEST_F(AgentManyToolsTest, IsNotWokenWhileNothingChanges) {
     // What its start left to be done may still come.
     ASSERT_TRUE(test::eventually([&] { return !isWokenFor(std::chrono::milliseconds(1500)); }));
     EXPECT_FALSE(isWokenFor(std::chrono::seconds(7))) << "longer than a connection may be silent";
+    EXPECT_TRUE(agent_.isRunning());
 }
 
 TEST_F(AgentManyToolsTest, GathersABurstOfChangesToFewUpdatesOfTheMenu) {

@@ -114,6 +114,9 @@ TEST_F(AlertOnDesktop, IsLightForWhoPrefersLightOrNothingOrSomethingNew) {
         const std::string window = display_.waitForWindow(kTool);
         EXPECT_EQ(portal.waitForLine(), "answered");
         EXPECT_TRUE(becomes(window, kLight)) << scheme << ": " << background(window);
+        // It is light before there is an answer, too; what comes later builds on what was answered.
+        portal.say("contrast 1");
+        EXPECT_TRUE(becomes(window, "#FFFFFF")) << scheme << ": " << background(window);
     }
 }
 

@@ -117,6 +117,7 @@ protected:
 
 TEST_F(ToolRequirementsTest, AToolThatDoesNotNeedTheAgentCanRun) {
     installAgent();
+    fs::remove(agent_->program());  // so that whoever launches it says that it is not there
     const Dictionary tools[] = {
         {},
         {{"ToolCapabilities", Dictionary{}}},
@@ -175,13 +176,13 @@ TEST_F(ToolRequirementsTest, TheUserIsAskedInFrontAndTheAgentLaunched) {
 
 TEST_F(ToolRequirementsTest, TheUserMayQuitAndNothingIsLaunched) {
     installAgent();
+    fs::remove(agent_->program());  // so that whoever launches it says that it is not there
     answer_ = 1;
     AskingTool tool = check(toolThatNeedsAgent(), "no");
     EXPECT_EQ(tool.answer(), 2);
     EXPECT_THAT(tool.log(), IsEmpty());
     EXPECT_EQ(tool.process().waitForExit(), 0);
     EXPECT_THAT(agents(), IsEmpty());
-    EXPECT_EQ(reports_.waitForLine(std::chrono::milliseconds(0)), std::nullopt);
 }
 
 TEST_F(ToolRequirementsTest, WithTheFlagTheAgentIsLaunchedWithoutAQuestion) {
