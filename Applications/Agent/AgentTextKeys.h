@@ -66,14 +66,31 @@ inline constexpr std::string_view kOpenAtLoginText = "Open Korvane Utilia at &lo
 inline constexpr std::string_view kSuggestToolsText = "&Suggest tools that I have not used";
 inline constexpr std::string_view kUsageText = "Usage reporting";
 inline constexpr std::string_view kShareUsageText = "&Report how I use the tools";
+// In builds that send nothing.
+inline constexpr std::string_view kRecordUsageText = "&Record how I use the tools";
 inline constexpr std::string_view kUsageExplanationText =
     "Once a week a report of which tools were started and used is sent to the maker of the "
     "tools. The preview shows exactly what is in it.";
 inline constexpr std::string_view kUsageByAdministratorText =
     "Your administrator has switched usage reporting off.";
+inline constexpr std::string_view kUsageOffText =
+    "Usage reporting is off. What was recorded before is sent once more, and then nothing. A tool "
+    "that goes on running still notes each week that it does; that is sent only when usage "
+    "reporting is on again.";
+inline constexpr std::string_view kUsageNeverSentText =
+    "This version never sends anything. What is recorded stays on this computer.";
 inline constexpr std::string_view kPreviewText = "&Preview…";
 inline constexpr std::string_view kPreviewTitleText = "What will be sent next";
-inline constexpr std::string_view kNothingToSendText = "Nothing has been recorded yet.";
+inline constexpr std::string_view kRecordedTitleText = "What is recorded";
+inline constexpr std::string_view kRecordedSoFarText = "What no report has taken yet";
+inline constexpr std::string_view kNothingToSendText = "Nothing is recorded at the moment.";
+inline constexpr std::string_view kOneMomentText = "One moment…";
+inline constexpr std::string_view kTooManyReportsText =
+    "As many reports wait as there can be. What is recorded now is lost with the next upload.";
+// %@: a file or a folder.
+inline constexpr std::string_view kCannotReadText = "%@ cannot be read.";
+inline constexpr std::string_view kTooLargeText = "%@ is too large to be shown here.";
+inline constexpr std::string_view kReportGoneText = "%@ is not there any more.";
 inline constexpr std::string_view kSentText = "&What Was Sent…";
 inline constexpr std::string_view kSentTitleText = "What was sent last";
 inline constexpr std::string_view kSentDocumentText = "The report, word by word";
@@ -81,6 +98,7 @@ inline constexpr std::string_view kNothingSentText = "Nothing has been sent yet.
 inline constexpr std::string_view kSentUnderWayText = "on its way";
 inline constexpr std::string_view kSentAcceptedText = "accepted";
 inline constexpr std::string_view kSentRefusedText = "not accepted, will be sent again";
+inline constexpr std::string_view kSentLeftText = "not accepted";
 inline constexpr std::string_view kNoCopyText = "There is no copy of this report any more.";
 inline constexpr std::string_view kCloseText = "&Close";
 // %@: a version.
@@ -126,11 +144,21 @@ inline constexpr std::array kAgentTexts{kShowWindowText,
                                         kSuggestToolsText,
                                         kUsageText,
                                         kShareUsageText,
+                                        kRecordUsageText,
                                         kUsageExplanationText,
+                                        kUsageOffText,
+                                        kUsageNeverSentText,
                                         kUsageByAdministratorText,
                                         kPreviewText,
                                         kPreviewTitleText,
+                                        kRecordedTitleText,
+                                        kRecordedSoFarText,
                                         kNothingToSendText,
+                                        kOneMomentText,
+                                        kTooManyReportsText,
+                                        kCannotReadText,
+                                        kTooLargeText,
+                                        kReportGoneText,
                                         kSentText,
                                         kSentTitleText,
                                         kSentDocumentText,
@@ -138,6 +166,7 @@ inline constexpr std::array kAgentTexts{kShowWindowText,
                                         kSentUnderWayText,
                                         kSentAcceptedText,
                                         kSentRefusedText,
+                                        kSentLeftText,
                                         kNoCopyText,
                                         kCloseText,
                                         kWhatIsNewText,

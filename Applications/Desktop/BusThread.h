@@ -4,8 +4,9 @@
 
 namespace utilia::desktop {
 
-// Threads for talks with a bus that may never answer. Such a thread cannot be ended, so a program must not take down
-// under it what it uses: its own objects, and the bus library.
+// Threads for talks with a bus that may never answer, and for other waits without an end: for a lock that somebody else
+// holds. Such a thread cannot be ended, so a program must not take down under it what it uses: its own objects, and the
+// bus library.
 
 // False where no thread is to be had. `talk` may use what lives until the program's main ends.
 bool startBusThread(std::function<void()> talk);

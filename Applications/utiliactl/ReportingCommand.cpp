@@ -4,12 +4,9 @@
 #include <optional>
 #include <ostream>
 #include <string>
-#include <vector>
 
+#include "Applications/Reporting/NextUpload.h"
 #include "Applications/utiliactl/JsonText.h"
-#include "Common/Foundation/PathFunctions.h"
-#include "Common/Platform/FileManager.h"
-#include "Common/Platform/LockedFile.h"
 #include "Common/Platform/UserDefaults.h"
 #include "Common/UtiliaCommon/AdminSettings/KAVPathHelper.h"
 #include "Common/UtiliaCommon/CEP/CEPLog.h"
@@ -20,8 +17,6 @@
 
 namespace utilia::control {
 namespace {
-
-using platform::FileManager;
 
 constexpr std::size_t kMaximumDocument = 64u << 20;
 
@@ -55,35 +50,6 @@ std::string summary(const State& state) {
     if (!state.isLastUploadPending || !isReportUploadBuilt()) return "Usage reporting is off.";
     return "Usage reporting is off. What was recorded until then is sent once more when the agent "
            "next starts.";
-}
-
-struct Document {
-    std::optional<std::string> report;  // the file that it waits in; empty for what is still a log
-    std::string text;
-};
-
-Result<std::vector<Document>> documentsOfNextUpload() {
-    // Nobody collects in the meantime.
-    const auto turn = platform::LockedFile::openOrCreate(CEPLog::lockFile(), 0644);
-    std::vector<Document> documents;
-    const std::string folder = reportFolder();
-    if (!FileManager::isNothingAtPath(folder)) {
-        const auto waiting = waitingReports(folder);
-        if (!waiting) return waiting.error();
-        for (const std::string& report : *waiting) {
-            const std::string path = stringByAppendingPathComponent(folder, report);
-            const auto status = FileManager::attributesOfItemAtPath(path);
-            // What is no file is not sent as one.
-            if (status && status->type != platform::ItemStatus::Type::RegularFile) continue;
-            const auto content = FileManager::contentsAtPath(path, kMaximumDocument);
-            if (!content && content.error().isPosix(ENOENT)) continue;  // accepted in the meantime
-            if (!content) return content.error();
-            documents.push_back({path, std::string(content->begin(), content->end())});
-        }
-    }
-    for (std::string& document : CEPLogDocuments())
-        documents.push_back({std::nullopt, std::move(document)});
-    return documents;
 }
 
 Error notStored() {
@@ -168,23 +134,32 @@ Result<void> ReportingCommand::off(std::ostream& out) const {
 
 Result<void> ReportingCommand::preview(std::ostream& out) const {
     const CEPLog& log = CEPLog::sharedInstance();
-    const auto documents = documentsOfNextUpload();
-    if (!documents) return documents.error();
-    if (json_) {
-        Json all = Json::array();
-        for (const Document& document : *documents) {
-            all.push_back(Json{{"report", document.report ? Json(*document.report) : Json()},
-                               {"document", document.text}});
+    const auto next = reporting::nextUpload();
+    if (!next) return next.error();
+    Json all = Json::array();
+    std::string forPeople;
+    for (const reporting::NextReport& report : next->reports) {
+        const auto document = report.read(kMaximumDocument);
+        if (!document && document.error().isPosix(ENOENT)) continue;  // accepted in the meantime
+        if (!document) return document.error();
+        if (json_) {
+            all.push_back(Json{{"report", report.path.empty() ? Json() : Json(report.path)},
+                               {"document", *document}});
+        } else {
+            forPeople += "==> " +
+                         (report.path.empty() ? "collected by the next upload" : report.path) +
+                         " <==\n" + *document;
         }
+    }
+    if (json_) {
         out << textOfJson(all);
         return {};
     }
     if (log.isCEPDisabled() || !isReportUploadBuilt()) out << summary(storedState()) << '\n';
-    if (documents->empty()) out << "There is nothing to send.\n";
-    for (const Document& document : *documents) {
-        out << "==> " << document.report.value_or("collected by the next upload") << " <==\n"
-            << document.text;
-    }
+    if (next->isFull)
+        out << "As many reports wait as there can be: the next upload throws away what is recorded "
+               "now.\n";
+    out << (forPeople.empty() && !next->isFull ? "There is nothing to send.\n" : forPeople);
     return {};
 }
 

@@ -1,15 +1,15 @@
 #include "Applications/Agent/Interface/SentReportsDialog.h"
 
 #include <QDateTime>
-#include <QFontDatabase>
 #include <QLabel>
 #include <QListWidget>
 #include <QLocale>
-#include <QPlainTextEdit>
 #include <QPushButton>
 #include <QVBoxLayout>
 
 #include "Applications/Agent/AgentTexts.h"
+#include "Applications/Agent/Interface/DocumentView.h"
+#include "Applications/Agent/Interface/UsageTexts.h"
 #include "Applications/Reporting/SentReports.h"
 
 namespace utilia::agent {
@@ -27,7 +27,7 @@ QString outcome(const SentReport& report) {
     case SentReport::Outcome::Accepted:
         return text(kSentAcceptedText);
     case SentReport::Outcome::Refused:
-        return text(kSentRefusedText);
+        return text(isReportingOn() ? kSentRefusedText : kSentLeftText);
     }
     return {};
 }
@@ -53,12 +53,7 @@ SentReportsDialog::SentReportsDialog(QWidget* parent) : QDialog(parent) {
     list->setAccessibleName(windowTitle());
     list->setWordWrap(true);
     list->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
-    auto* const view = new QPlainTextEdit(this);
-    view->setReadOnly(true);
-    view->setAccessibleName(text(kSentDocumentText));
-    view->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
-    view->setLineWrapMode(QPlainTextEdit::NoWrap);
-    view->setTabStopDistance(4 * view->fontMetrics().horizontalAdvance(QLatin1Char(' ')));
+    auto* const view = new DocumentView(this);
     auto* const none = new QLabel(text(kNothingSentText), this);
     none->setAlignment(Qt::AlignCenter);
     auto* const close = new QPushButton(text(kCloseText), this);
@@ -74,10 +69,11 @@ SentReportsDialog::SentReportsDialog(QWidget* parent) : QDialog(parent) {
     connect(list, &QListWidget::currentRowChanged, this, [reports, view](int row) {
         if (row < 0) return;
         const auto document = SentReports::documentOf(reports[static_cast<std::size_t>(row)]);
-        view->setPlainText(document ? QString::fromStdString(*document) : text(kNoCopyText));
-        // The documents are in English markup, whatever the layout's direction.
-        view->setLayoutDirection(document ? Qt::LeftToRight
-                                          : view->parentWidget()->layoutDirection());
+        if (document) {
+            view->showDocument(*document);
+        } else {
+            view->showSentence(text(kNoCopyText));
+        }
     });
     connect(close, &QPushButton::clicked, this, &QDialog::accept);
     for (const SentReport& report : reports) list->addItem(line(report));

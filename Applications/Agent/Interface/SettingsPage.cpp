@@ -1,28 +1,24 @@
 #include "Applications/Agent/Interface/SettingsPage.h"
 
 #include <string>
-#include <vector>
 
 #include <QCheckBox>
-#include <QDialog>
-#include <QFontDatabase>
 #include <QGroupBox>
 #include <QHBoxLayout>
 #include <QLabel>
-#include <QPlainTextEdit>
 #include <QPushButton>
 #include <QVBoxLayout>
 
 #include "Applications/Agent/AgentTexts.h"
+#include "Applications/Agent/Interface/PreviewDialog.h"
 #include "Applications/Agent/Interface/SentReportsDialog.h"
+#include "Applications/Agent/Interface/UsageTexts.h"
 #include "Applications/Agent/Model/Suggestions.h"
-#include "Common/Foundation/PathFunctions.h"
+#include "Applications/Reporting/SentReports.h"
 #include "Common/Platform/Bundle.h"
-#include "Common/Platform/FileManager.h"
 #include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
 #include "Common/UtiliaCommon/CEP/CEPLog.h"
-#include "Common/UtiliaCommon/CEP/EventLog.h"
-#include "Common/UtiliaCommon/CEP/ReportFolder.h"
+#include "Common/UtiliaCommon/CEP/ReportUpload.h"
 #include "Common/UtiliaCommon/Resources/VersionManager.h"
 
 namespace utilia::agent {
@@ -42,22 +38,11 @@ QString ownVersion() {
     return QString::fromStdString(text ? *text : std::string());
 }
 
-// What the next upload would send: the reports that wait, and those that it would make of the logs.
-QString documentsToSend() {
-    constexpr std::size_t kMaximumSize = 64u << 20;
-    QString documents;
-    if (const auto waiting = waitingReports(reportFolder())) {
-        for (const std::string& report : *waiting) {
-            const auto bytes = platform::FileManager::contentsAtPath(
-                stringByAppendingPathComponent(reportFolder(), report), kMaximumSize);
-            if (bytes)
-                documents += QString::fromUtf8(reinterpret_cast<const char*>(bytes->data()),
-                                               static_cast<qsizetype>(bytes->size()));
-        }
-    }
-    for (const std::string& document : CEPLogDocuments())
-        documents += QString::fromStdString(document);
-    return documents;
+// Over the whole window, until it is closed.
+void open(QDialog* dialog) {
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->resize(dialog->parentWidget()->size());
+    dialog->open();
 }
 
 }  // namespace
@@ -105,17 +90,18 @@ void SettingsPage::addUsage(QVBoxLayout& layout) {
     auto* const group = new QGroupBox(text(kUsageText), this);
     auto* const column = new QVBoxLayout(group);
     CEPLog& log = CEPLog::sharedInstance();
-    shareUsage_ = new QCheckBox(text(kShareUsageText), group);
+    shareUsage_ =
+        new QCheckBox(text(isReportUploadBuilt() ? kShareUsageText : kRecordUsageText), group);
     shareUsage_->setEnabled(!log.isDisabledByAdministrator());
-    auto* const explanation = new QLabel(
-        text(log.isDisabledByAdministrator() ? kUsageByAdministratorText : kUsageExplanationText),
-        group);
-    explanation->setTextFormat(Qt::PlainText);
-    explanation->setWordWrap(true);
+    usage_ = new QLabel(group);
+    usage_->setTextFormat(Qt::PlainText);
+    usage_->setWordWrap(true);
     auto* const previewButton = new QPushButton(text(kPreviewText), group);
     column->addWidget(shareUsage_);
-    column->addWidget(explanation);
+    column->addWidget(usage_);
     auto* const sentButton = new QPushButton(text(kSentText), group);
+    // A build that sends nothing may have taken the place of one that did.
+    sentButton->setVisible(isReportUploadBuilt() || !reporting::SentReports().all().empty());
     auto* const buttons = new QHBoxLayout;
     buttons->addWidget(previewButton);
     buttons->addWidget(sentButton);
@@ -130,38 +116,10 @@ void SettingsPage::addUsage(QVBoxLayout& layout) {
         }
         update();
     });
-    connect(previewButton, &QPushButton::clicked, this, [this] { preview(); });
-    connect(sentButton, &QPushButton::clicked, this, [this] {
-        auto* const dialog = new SentReportsDialog(window());
-        dialog->setAttribute(Qt::WA_DeleteOnClose);
-        dialog->resize(window()->size());
-        dialog->open();
-    });
-}
-
-void SettingsPage::preview() {
-    auto* const dialog = new QDialog(window());
-    dialog->setAttribute(Qt::WA_DeleteOnClose);
-    dialog->setWindowTitle(text(kPreviewTitleText));
-    auto* const column = new QVBoxLayout(dialog);
-    const QString documents = documentsToSend();
-    auto* const view =
-        new QPlainTextEdit(documents.isEmpty() ? text(kNothingToSendText) : documents, dialog);
-    view->setReadOnly(true);
-    view->setAccessibleName(dialog->windowTitle());
-    if (!documents.isEmpty()) {
-        view->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
-        view->setLineWrapMode(QPlainTextEdit::NoWrap);
-        view->setTabStopDistance(4 * view->fontMetrics().horizontalAdvance(QLatin1Char(' ')));
-    }
-    // The documents are in English markup, whatever the layout's direction.
-    view->setLayoutDirection(documents.isEmpty() ? layoutDirection() : Qt::LeftToRight);
-    auto* const close = new QPushButton(text(kCloseText), dialog);
-    column->addWidget(view);
-    column->addWidget(close, 0, Qt::AlignTrailing);
-    connect(close, &QPushButton::clicked, dialog, &QDialog::accept);
-    dialog->resize(window()->size());
-    dialog->open();
+    connect(previewButton, &QPushButton::clicked, this,
+            [this] { open(new PreviewDialog(window())); });
+    connect(sentButton, &QPushButton::clicked, this,
+            [this] { open(new SentReportsDialog(window())); });
 }
 
 void SettingsPage::addWhatIsNew(QVBoxLayout& layout) {
@@ -179,6 +137,7 @@ void SettingsPage::addWhatIsNew(QVBoxLayout& layout) {
 void SettingsPage::update() {
     openAtLogin_->setChecked(CommonAuxiliary::sharedInstance().findAppInLoginItems(ownURL()));
     shareUsage_->setChecked(!CEPLog::sharedInstance().isCEPDisabled());
+    usage_->setText(text(usageExplanation()));
     suggestTools_->setChecked(Suggestions::areEnabled());
     const auto description = CommonAuxiliary::getLocalizedUpdateDescriptionForVersion(
         VersionManager::mainBundleVersion());

@@ -25,13 +25,13 @@ public:
 private:
     void addGeneral(QVBoxLayout& layout);
     void addUsage(QVBoxLayout& layout);
-    void preview();
     void addWhatIsNew(QVBoxLayout& layout);
 
     const std::function<void()> suggestionsChanged_;
     QCheckBox* openAtLogin_ = nullptr;
     QCheckBox* suggestTools_ = nullptr;
     QCheckBox* shareUsage_ = nullptr;
+    QLabel* usage_ = nullptr;  // what is recorded and sent
     QLabel* description_ = nullptr;
 };
 

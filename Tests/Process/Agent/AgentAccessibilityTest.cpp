@@ -25,6 +25,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::Field;
 using testing::IsEmpty;
+using testing::StartsWith;
 using Element = ScreenReader::Element;
 
 constexpr const char* kTitle = "Korvane Utilia";
@@ -98,12 +99,16 @@ TEST_F(AgentAccessibilityTest, NamesEverythingThatCanBeUsed) {
     display_.press({"alt+p"});
     constexpr const char* kPreview = "What will be sent next";
     display_.waitForWindow(kPreview);
+    const auto list = AllOf(Field(&Element::role, "list"), Field(&Element::name, kPreview));
+    const auto view =
+        AllOf(Field(&Element::role, "text"), Field(&Element::name, "The report, word by word"));
+    const auto log = AllOf(Field(&Element::role, "list item"),
+                           Field(&Element::name, StartsWith("What no report has taken yet")));
+    const auto close = Field(&Element::name, "Close");
+    const auto whole = AllOf(Contains(list), Contains(view), Contains(log), Contains(close));
     std::vector<Element> preview;
-    EXPECT_TRUE(test::eventually([&] {
-        preview = read(kPreview);
-        return std::any_of(preview.begin(), preview.end(),
-                           [](const Element& one) { return one.name == "Close"; });
-    }));
+    (void)test::eventually([&] { return testing::Value(preview = read(kPreview), whole); });
+    EXPECT_THAT(preview, whole);
     EXPECT_THAT(flawsOf(preview), IsEmpty());
 }
 

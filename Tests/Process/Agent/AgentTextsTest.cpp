@@ -56,6 +56,8 @@ const std::vector<std::string_view> kPages[] = {
      kNotNowText},
     {kToolsText, kSettingsText, kOpenAtLoginText, kSuggestToolsText, kShareUsageText, kPreviewText,
      kSentText},
+    {kToolsText, kSettingsText, kOpenAtLoginText, kSuggestToolsText, kRecordUsageText, kPreviewText,
+     kSentText},
     {kCloseText},
 };
 

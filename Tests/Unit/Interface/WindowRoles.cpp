@@ -17,6 +17,7 @@
 #include "Applications/Tools/Timer/TimerWindow.h"
 #include "Common/Platform/Bundle.h"
 #include "Common/Platform/RunLoop.h"
+#include "Common/UtiliaCommon/CEP/CEPLog.h"
 #include "Tests/Support/ChildRole.h"
 #include "Tests/Support/RecordingPort.h"
 #include "Tests/Unit/Interface/OffscreenApplication.h"
@@ -101,6 +102,11 @@ UTILIA_CHILD_ROLE(roomInAgentWindow) {
     window.setMessages({agent::text(agent::kNoTrayText)});
     window.present(agent::AgentWindow::Page::Tools);
     sayRoom(self, window);
+    window.present(agent::AgentWindow::Page::Settings);
+    sayRoom(self, window);
+    // With its longest explanation.
+    CEPLog::sharedInstance().disableCEP();
+    window.present(agent::AgentWindow::Page::Tools);
     window.present(agent::AgentWindow::Page::Settings);
     sayRoom(self, window);
     return 0;

@@ -41,7 +41,7 @@ TEST_F(WindowRoom, IsEnoughInTheAgent) {
     const TestBundle timer(home_,
                            {.name = "Timer", .bundleIdentifier = "com.korvane.utilia.Timer"});
     timer.install("none");
-    expectRoom("roomInAgentWindow", UTILIA_AGENT_PROGRAM, 2);
+    expectRoom("roomInAgentWindow", UTILIA_AGENT_PROGRAM, 3);
 }
 
 // Also the messages that name nothing.

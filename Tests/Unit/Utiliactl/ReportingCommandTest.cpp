@@ -142,8 +142,18 @@ TEST_F(ReportingCommandTest, APreviewLeavesOutWhatIsNoReportDocument) {
     leaveReport("utilia_report (1).xml", "<a/>\n");
     fs::create_directories(path("utilia_report (2).xml"));
     fs::create_symlink("missing", path("utilia_report (3).xml"));
+    leaveReport("utilia_report $.xml", "never sent, for its name");
     EXPECT_EQ(answer({"reporting", "preview"}),
               "==> " + path("utilia_report (1).xml") + " <==\n<a/>\n");
+}
+
+TEST_F(ReportingCommandTest, APreviewLeavesOutWhatTheUploadWouldLose) {
+    for (std::size_t i = 0; i < kMaximumReports; ++i) leaveReport(reportName(i), "<a/>\n");
+    CEPLog().log("Act");
+    EXPECT_EQ(json::parse(answer({"reporting", "preview", "--json"})).size(), kMaximumReports);
+    EXPECT_THAT(answer({"reporting", "preview"}),
+                StartsWith("As many reports wait as there can be: the next upload throws away what "
+                           "is recorded now.\n==> "));
 }
 
 TEST_F(ReportingCommandTest, ListsWhatWaits) {
