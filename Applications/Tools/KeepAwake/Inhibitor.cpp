@@ -1,5 +1,7 @@
 #include "Applications/Tools/KeepAwake/Inhibitor.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <utility>
 
 #include <gio/gunixfdlist.h>
@@ -8,11 +10,17 @@
 // answer is awaited instead, and what it grants to a start that is over is given back at once.
 //
 // A service that does not answer within kPatience counts as one that refuses, so that the next one is asked.
+//
+// The connection with the session's bus is this class's own: the one that GIO shares in a process is handed out again after
+// its bus has ended for as long as anybody holds it, and where there is no bus GIO would start one.
 
 namespace utilia::tools {
 namespace {
 
 constexpr int kPatience = 5000;  // milliseconds
+// Between two looks for a bus that was lost.
+constexpr guint kFirstPause = 250;      // milliseconds
+constexpr guint kLongestPause = 30000;  // milliseconds
 
 constexpr guint32 kGnomeInhibitSuspend = 4;
 constexpr guint32 kGnomeInhibitIdle = 8;
@@ -20,6 +28,18 @@ constexpr guint32 kPortalInhibitSuspend = 4;
 constexpr guint32 kPortalInhibitIdle = 8;
 
 constexpr const char* kLoginManager = "org.freedesktop.login1";
+
+// The bus that the environment names, or the usual place. Empty without either.
+std::string sessionBusAddress() {
+    const char* const named = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+    if (named && *named) return named;
+    const char* const folder = std::getenv("XDG_RUNTIME_DIR");
+    if (!folder || !*folder) return {};
+    const std::string socket = std::string(folder) + "/bus";
+    const std::unique_ptr<char, decltype(&g_free)> escaped(
+        g_dbus_address_escape_value(socket.c_str()), g_free);
+    return std::string("unix:path=") + escaped.get();
+}
 
 using Request = GVariant* (*)(const char* application, const char* reason);
 
@@ -93,14 +113,14 @@ void Inhibitor::start() {
     refusals_.clear();
     session_ = State::Asked;
     system_ = State::Asked;
-    connect<G_BUS_TYPE_SESSION, &Inhibitor::sessionConnected>();
-    connect<G_BUS_TYPE_SYSTEM, &Inhibitor::systemConnected>();
+    pause_ = kFirstPause;
+    connectSession();
+    connectSystem();
 }
 
-template <GBusType type, auto connected>
-void Inhibitor::connect() {
+void Inhibitor::connectSystem() {
     g_bus_get(
-        type, nullptr,
+        G_BUS_TYPE_SYSTEM, nullptr,
         [](GObject*, GAsyncResult* result, gpointer data) {
             const std::unique_ptr<Call> call(static_cast<Call*>(data));
             GioError error;
@@ -108,7 +128,7 @@ void Inhibitor::connect() {
             // The bus may end: the tool goes on, and says what it cannot do.
             if (bus) g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
             const auto owner = call->inhibitor.lock();
-            if (owner && call->isCurrent(**owner)) ((*owner)->*connected)(bus.get(), error);
+            if (owner && call->isCurrent(**owner)) (*owner)->systemConnected(bus.get(), error);
         },
         Call::of(*this));
 }
@@ -117,6 +137,7 @@ void Inhibitor::stop() {
     if (!isStarted_) return;
     isStarted_ = false;
     unwatchServices();
+    if (const guint ended = std::exchange(retry_, 0)) g_source_remove(ended);
     if (grant_) giveBack(grantedBy_, std::exchange(grant_, nullptr).get());
     sleepLock_.reset();
     session_ = State::Off;
@@ -125,20 +146,62 @@ void Inhibitor::stop() {
 
 // ---- the session
 
-void Inhibitor::sessionConnected(GDBusConnection* connection, GioError& error) {
+void Inhibitor::connectSession() {
+    if (sessionBus_) {
+        watchServices();
+        askSession(0);
+        return;
+    }
+    const std::string address = sessionBusAddress();
+    g_dbus_connection_new_for_address(
+        // Fails like any other that cannot be used.
+        address.empty() ? "disabled:" : address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr,
+        [](GObject*, GAsyncResult* result, gpointer data) {
+            const std::unique_ptr<Call> call(static_cast<Call*>(data));
+            GioError error;
+            ObjectPointer<GDBusConnection> bus(
+                g_dbus_connection_new_for_address_finish(result, error.address()));
+            if (bus) g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
+            const auto owner = call->inhibitor.lock();
+            if (owner && call->isCurrent(**owner))
+                (*owner)->sessionConnected(std::move(bus), error);
+        },
+        Call::of(*this));
+}
+
+void Inhibitor::sessionConnected(ObjectPointer<GDBusConnection> connection, GioError& error) {
     if (!connection) {
+        if (isLost_) connectSessionLater();
+        if (session_ == State::Refused) return;  // has been told
         refuse("the session's bus", error);
         settle(session_, State::Refused);
         return;
     }
-    if (sessionBus_.get() != connection) {
-        sessionBus_.reset(static_cast<GDBusConnection*>(g_object_ref(connection)));
-        closedSignal_ = g_signal_connect_swapped(
-            connection, "closed", G_CALLBACK(+[](Inhibitor* self) { self->sessionBusClosed(); }),
-            this);
-    }
+    isLost_ = false;
+    pause_ = kFirstPause;
+    sessionBus_ = std::move(connection);
+    closedSignal_ = g_signal_connect_swapped(
+        sessionBus_.get(), "closed", G_CALLBACK(+[](Inhibitor* self) { self->sessionBusClosed(); }),
+        this);
+    session_ = State::Asked;
     watchServices();
     askSession(0);
+}
+
+void Inhibitor::connectSessionLater() {
+    retry_ = g_timeout_add(
+        pause_,
+        [](gpointer data) -> gboolean {
+            auto* const self = static_cast<Inhibitor*>(data);
+            self->retry_ = 0;
+            self->connectSession();
+            return G_SOURCE_REMOVE;
+        },
+        this);
+    pause_ = std::min(2 * pause_, kLongestPause);
 }
 
 void Inhibitor::askSession(std::size_t index) {
@@ -234,7 +297,10 @@ void Inhibitor::sessionBusClosed() {
     unwatchServices();
     sessionBus_.reset();
     grant_.reset();
+    isLost_ = true;
     if (!isStarted_) return;
+    pause_ = kFirstPause;
+    connectSessionLater();
     refusals_ += (refusals_.empty() ? "" : "; ") + std::string("the session's bus is gone");
     settle(session_, State::Refused);
 }

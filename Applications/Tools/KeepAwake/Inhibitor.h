@@ -16,7 +16,8 @@ namespace utilia::tools {
 // The session is asked through the first of these interfaces that answers: org.freedesktop.ScreenSaver, GNOME's session
 // manager, the desktop portal. The system is asked through logind. What was granted is bound to this process's
 // connection and to a descriptor, so that it ends with the process, however that ends. A session's service that goes
-// away takes its grant along; the next one that is there is asked then.
+// away takes its grant along; the next one that is there is asked then. So does a bus that ends: the next one at its
+// address is looked for, in pauses that grow to half a minute, and asked. No bus is ever started.
 //
 // Threads: the main thread, whose loop it needs. Nothing here waits for an answer.
 class Inhibitor final {
@@ -43,9 +44,10 @@ public:
 private:
     struct Call;
 
-    template <GBusType type, auto connected>
-    void connect();
-    void sessionConnected(GDBusConnection* connection, GioError& error);
+    void connectSession();
+    void connectSessionLater();
+    void connectSystem();
+    void sessionConnected(ObjectPointer<GDBusConnection> connection, GioError& error);
     void systemConnected(GDBusConnection* connection, GioError& error);
     void askSession(std::size_t service);
     void sessionAnswered(std::size_t service, GVariant* answer, GioError& error);
@@ -71,6 +73,9 @@ private:
     std::shared_ptr<Inhibitor*> self_ = std::make_shared<Inhibitor*>(this);
     ObjectPointer<GDBusConnection> sessionBus_;
     gulong closedSignal_ = 0;
+    bool isLost_ = false;  // there was a bus, and another one may come
+    guint pause_ = 0;      // before the next look for it, in milliseconds
+    guint retry_ = 0;
     std::array<guint, 3> watches_{};
     std::size_t grantedBy_ = 0;  // the session's service, while it is granted
     VariantPointer grant_;

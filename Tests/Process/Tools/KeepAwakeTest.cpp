@@ -196,5 +196,54 @@ TEST_F(KeepAwake, OutlivesTheSessionsBus) {
     EXPECT_TRUE(tool.isRunning());
 }
 
+TEST_F(KeepAwake, HoldsTheScreenAgainWhenTheSessionsBusIsBack) {
+    auto services = session_.startServices({"screensaver", "login"});
+    auto tool = start();
+    expectBoth(services, kScreenSaverGrants, kLoginGrants);
+    EXPECT_TRUE(session_.comesToSay("On"));
+    for (int times = 0; times < 2; ++times) {
+        session_.endSessionBus();
+        EXPECT_TRUE(session_.comesToSay(kScreenMayGoDark));
+        session_.startSessionBus();
+        auto next = session_.startServices({"screensaver"});
+        EXPECT_EQ(next.waitForLine(), kScreenSaverGrants);
+        EXPECT_TRUE(session_.comesToSay("On"));
+    }
+    tool.signal(SIGTERM);
+    EXPECT_EQ(tool.waitForExit(), 0);
+}
+
+TEST_F(KeepAwake, AsksNothingOfANewBusWhileItIsOff) {
+    auto services = session_.startServices({"screensaver", "login"});
+    auto tool = start();
+    EXPECT_TRUE(session_.comesToSay("On"));
+    session_.endSessionBus();
+    EXPECT_TRUE(session_.comesToSay(kScreenMayGoDark));
+    ToolSession::click(kBundle);
+    EXPECT_TRUE(session_.comesToSay("Off"));
+    session_.startSessionBus();
+    auto next = session_.startServices({"screensaver"});
+    EXPECT_TRUE(ToolSession::fallsAsleep(tool));
+    ToolSession::click(kBundle);
+    EXPECT_EQ(next.waitForLine(), kScreenSaverGrants) << "the first that it hears";
+    EXPECT_TRUE(session_.comesToSay("On"));
+}
+
+// A bus that takes connections, as the kernel does for it, and answers nothing.
+TEST_F(KeepAwake, EndsWhileTheSessionsBusIsSilent) {
+    session_.sessionBus().stop();
+    auto tool = start();
+    tool.signal(SIGTERM);
+    EXPECT_EQ(tool.waitForExit(), 0);
+    session_.sessionBus().resume();
+    auto services = session_.startServices({"screensaver", "login"});
+    auto next = start();
+    EXPECT_TRUE(session_.comesToSay("On"));
+    session_.sessionBus().stop();
+    next.signal(SIGTERM);
+    EXPECT_EQ(next.waitForExit(), 0);
+    session_.sessionBus().resume();
+}
+
 }  // namespace
 }  // namespace utilia::test

@@ -48,8 +48,9 @@ public:
     static bool fallsAsleep(const ChildProcess& tool);
 
     const TemporaryHome& home() const { return home_; }
-    const PrivateBus& sessionBus() const { return *sessionBus_; }
+    PrivateBus& sessionBus() { return *sessionBus_; }
     void endSessionBus() { sessionBus_.reset(); }
+    void startSessionBus() { sessionBus_.emplace(home_.runtime() / "bus"); }
 
 private:
     TemporaryHome home_;
