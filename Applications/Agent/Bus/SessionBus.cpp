@@ -38,9 +38,13 @@ SessionBus::SessionBus() : pause_(kFirstPause) {
     retry_.setSingleShot(true);
     connect(&retry_, &QTimer::timeout, this, [this] { connectNow(); });
     connect(&sockets_, &QFileSystemWatcher::directoryChanged, this, [this] {
-        if (!isMissing() || !QFileInfo::exists(socket_)) return;
+        if (!isMissing()) return;
         pause_ = kFirstPause;
-        connectNow();
+        if (QFileInfo::exists(socket_)) {
+            connectNow();
+        } else if (sockets_.directories().isEmpty()) {
+            retry_.start(pause_);  // the folder itself is gone, and announces nothing any more
+        }
     });
 }
 
@@ -94,6 +98,9 @@ void SessionBus::finish(const QString& name) {
         return;
     }
     name_ = name;
+    // Every file that anybody makes beside the socket would wake the agent.
+    if (const QStringList watched = sockets_.directories(); !watched.isEmpty())
+        sockets_.removePaths(watched);
     if (std::exchange(state_, State::Connected) != State::Connecting)
         KULogVariadic("Agent: the session bus is there");
     pause_ = kFirstPause;
@@ -116,7 +123,7 @@ void SessionBus::fail(const QString& why) {
     watchSocket();
     // A socket that is not there announces itself.
     const bool isAnnounced = !sockets_.directories().isEmpty() && !QFileInfo::exists(socket_);
-    if (!isAnnounced || pause_ < kLongestPause) retry_.start(pause_);
+    if (!isAnnounced) retry_.start(pause_);
     pause_ = std::min(2 * pause_, kLongestPause);
     if (state_ != State::Connecting) return;  // has been told
     state_ = State::Missing;

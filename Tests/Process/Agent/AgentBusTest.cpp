@@ -1,7 +1,10 @@
 #include <csignal>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 
 #include "Common/Platform/UniqueFd.h"
@@ -47,6 +50,23 @@ protected:
         path.copy(address.sun_path, path.size());
         ASSERT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
                   0);
+    }
+    // The kernel tells what a process watches, by the number of the file.
+    static bool isWatching(const test::ChildProcess& agent, const std::filesystem::path& folder) {
+        struct stat status {};
+        EXPECT_EQ(stat(folder.c_str(), &status), 0);
+        std::ostringstream wanted;
+        wanted << "ino:" << std::hex << status.st_ino << ' ';
+        std::error_code gone;
+        for (const auto& descriptor : std::filesystem::directory_iterator(
+                 "/proc/" + std::to_string(agent.pid()) + "/fdinfo", gone)) {
+            std::ifstream file(descriptor.path());
+            for (std::string line; std::getline(file, line);) {
+                if (line.starts_with("inotify ") && line.find(wanted.str()) != std::string::npos)
+                    return true;
+            }
+        }
+        return false;
     }
     void schedule(const char* tool, const std::string& name) const {
         updateSchedulerPlist(tool, name, [](Dictionary& record) {
@@ -164,6 +184,36 @@ TEST_F(AgentBusTest, TakesTheBusThatReplacesADeadSocket) {
     ASSERT_TRUE(hasLogged("no status icon, and nothing is published"));
     std::filesystem::remove(home_.runtime() / "bus");
     startBus();
+    auto panel = startPanel();
+    expectItem(panel, agent);
+}
+
+TEST_F(AgentBusTest, WatchesTheFolderOfTheSocketOnlyWhileThereIsNoBus) {
+    const auto folder = home_.path() / "place";
+    std::filesystem::create_directory(folder);
+    auto environment = unnamedBus();
+    environment["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + (folder / "bus").string();
+    auto agent = startAgent(environment);
+    ASSERT_TRUE(hasLogged("no status icon, and nothing is published"));
+    EXPECT_TRUE(isWatching(agent, folder));
+    bus_ = std::make_unique<test::PrivateBus>(folder / "bus");
+    ASSERT_TRUE(hasLogged("the session bus is there"));
+    EXPECT_TRUE(test::eventually([&] { return !isWatching(agent, folder); }));
+    bus_.reset();
+    ASSERT_TRUE(hasLogged("the session bus is lost"));
+    EXPECT_TRUE(test::eventually([&] { return isWatching(agent, folder); }));
+}
+
+TEST_F(AgentBusTest, TakesABusWhoseFolderWasRemoved) {
+    const auto folder = home_.path() / "place";
+    std::filesystem::create_directory(folder);
+    auto environment = unnamedBus();
+    environment["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + (folder / "bus").string();
+    auto agent = startAgent(environment);
+    ASSERT_TRUE(hasLogged("no status icon, and nothing is published"));
+    std::filesystem::remove(folder);
+    std::filesystem::create_directory(folder);
+    bus_ = std::make_unique<test::PrivateBus>(folder / "bus");
     auto panel = startPanel();
     expectItem(panel, agent);
 }
