@@ -22,6 +22,9 @@ QString watcherPath() { return QStringLiteral("/StatusNotifierWatcher"); }
 QString itemPath() { return QStringLiteral("/StatusNotifierItem"); }
 QString menuPath() { return QStringLiteral("/MenuBar"); }
 
+// Whether an error is the end of the bus, which comes before the word of it, and says nothing of the panel.
+bool isOver(const QDBusConnection& bus) { return !bus.isConnected(); }
+
 }  // namespace
 
 TrayIcon::TrayIcon(QObject* place, std::function<void()> activate)
@@ -51,9 +54,10 @@ void TrayIcon::show(QDBusConnection bus, QObject* menuPlace) {
             [this](const QString&, const QString&, const QString& owner) {
                 owner.isEmpty() ? setShown(false) : registerWithPanel();
             });
+    // From whoever says it: the registrar is asked then. To name it would make the bus library ask who that is, and wait.
     for (const QString& signal : {QStringLiteral("StatusNotifierHostRegistered"),
                                   QStringLiteral("StatusNotifierHostUnregistered")}) {
-        bus_.connect(watcherService(), watcherPath(), watcherService(), signal, this,
+        bus_.connect(QString(), watcherPath(), watcherService(), signal, this,
                      SLOT(askWhetherShown()));
     }
     registerWithPanel();
@@ -72,8 +76,9 @@ void TrayIcon::registerWithPanel() {
                                        QStringLiteral("RegisterStatusNotifierItem"));
     call << serviceName_;
     auto* const pending = new QDBusPendingCallWatcher(bus_.asyncCall(call), this);
-    connect(pending, &QDBusPendingCallWatcher::finished, this, [this, pending] {
+    connect(pending, &QDBusPendingCallWatcher::finished, this, [this, pending, bus = bus_] {
         pending->deleteLater();
+        if (isOver(bus)) return;
         if (pending->isError()) {
             setShown(false);
         } else {
@@ -88,9 +93,10 @@ void TrayIcon::askWhetherShown() {
         QStringLiteral("Get"));
     call << watcherService() << QStringLiteral("IsStatusNotifierHostRegistered");
     auto* const pending = new QDBusPendingCallWatcher(bus_.asyncCall(call), this);
-    connect(pending, &QDBusPendingCallWatcher::finished, this, [this, pending] {
+    connect(pending, &QDBusPendingCallWatcher::finished, this, [this, pending, bus = bus_] {
         const QDBusPendingReply<QDBusVariant> reply = *pending;
         pending->deleteLater();
+        if (isOver(bus)) return;
         setShown(!reply.isError() && reply.value().variant().toBool());
     });
 }

@@ -123,6 +123,27 @@ TEST_F(AgentWindowTest, StaysClosedWhenThePanelEnds) {
     EXPECT_FALSE(display_.hasWindow(kTitle));
 }
 
+TEST_F(AgentWindowTest, StaysClosedWhenTheBusEndsBeforeThePanelHasAnswered) {
+    install(timer_);
+    startBus();
+    auto panel = startPanel();
+    panel.signal(SIGSTOP);
+    auto agent = startAgent(onScreen());
+    // What is to be asked of the panel is asked together with this.
+    ASSERT_TRUE(test::eventually(
+        [&] { return published().find("com.korvane.utilia.Timer") != std::string::npos; }));
+    // So that the next panel is there before it is looked for.
+    agent.signal(SIGSTOP);
+    bus_.reset();
+    startBus();
+    auto next = startPanel();
+    agent.signal(SIGCONT);
+    expectItem(next, agent);
+    ASSERT_TRUE(test::eventually([&] { return ask(next, "asked") == "yes"; }));
+    EXPECT_NE(ask(next, "menu"), "no answer") << "the agent has its answer before this";
+    EXPECT_FALSE(display_.hasWindow(kTitle));
+}
+
 TEST_F(AgentWindowTest, KeepsItsColoursOnABusWherePreferencesAreNotKnown) {
     startBus();
     auto portal = startPortal({"1"});
