@@ -109,8 +109,9 @@ int main(int argc, char** argv) {
     auto& usage = utilia::CEPLog::sharedInstance();
     const utilia::reporting::SentReports sent;
     sent.settle();
+    // Its own copy: an upload may outlast main.
     usage.setUploadHandler(
-        [&sent](const std::vector<std::string>& reports) { sent.willSend(reports); });
+        [sent](const std::vector<std::string>& reports) { sent.willSend(reports); });
     usage.initGrab();
     usage.log("Launch");
     utilia::agent::AgentApplication agent;
@@ -121,7 +122,9 @@ int main(int argc, char** argv) {
     utilia::platform::Application::sharedApplication().setDelegate(nullptr);
     usage.log("Quit");
     // What is being collected would be lost.
-    usage.waitForUploads(std::chrono::seconds(5));
+    const bool isUploaded = usage.waitForUploads(std::chrono::seconds(5));
     usage.setUploadHandler(nullptr);
+    // Nothing is taken down under an upload either.
+    if (!isUploaded) utilia::desktop::endAtOnce(status);
     return utilia::desktop::endedMain(status);
 }

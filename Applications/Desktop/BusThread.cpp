@@ -30,6 +30,10 @@ bool startBusThread(std::function<void()> talk) {
 
 int endedMain(int status) {
     if (talks == 0) return status;
+    endAtOnce(status);
+}
+
+void endAtOnce(int status) {
     std::fflush(nullptr);
     std::_Exit(status);
 }

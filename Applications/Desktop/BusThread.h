@@ -15,4 +15,7 @@ bool startBusThread(std::function<void()> talk);
 // a talk is still going on.
 int endedMain(int status);
 
+// The same for who knows himself that something is still going on: the streams are written, and nothing is taken down.
+[[noreturn]] void endAtOnce(int status);
+
 }  // namespace utilia::desktop
