@@ -69,6 +69,13 @@ public:
     Result<bool> tryLock(Lock lock);
     // The file stays open, and others may have their turn.
     Result<void> unlock();
+    // For a file that stays open while its process does something else. That may be to close every
+    // descriptor, and then the number is one of its own files' next. From here on it is closed only as
+    // long as it is this file's, by this object as well as in a forked child.
+    Result<void> keep();
+    // Whether the number still is this file's, of which keep() has been called. To be asked before
+    // anything else is done with it; costs less than status().
+    bool isStillKept() const;
     // False in a forked child, where the file is closed and only lets itself be destroyed.
     bool isOfThisProcess() const;
 
@@ -111,7 +118,8 @@ private:
     UniqueFd file_;
     unsigned generation_;      // of processes, at the time of opening
     bool isExamined_ = false;  // and found to be a plain file of this user
-    UniqueFd reader_;          // of a file that was opened to append to
+    bool isKept_ = false;
+    UniqueFd reader_;  // of a file that was opened to append to
 };
 
 }  // namespace utilia::platform

@@ -18,6 +18,13 @@ public:
     // To be called before the descriptor is closed. False in a forked child, where the descriptor
     // is closed already and its number may be another file's by now.
     static bool forget(int descriptor);
+    // For a descriptor from open() that stays open while others of this process may close it and get
+    // its number: marks the open file itself. What has the number without the mark is another file,
+    // and a child does not close it. False with errno where there are no marks.
+    static bool mark(int descriptor);
+    static bool isMarked(int descriptor);
+    // As forget(), for a number that was marked and is another file's by now.
+    static bool forgetMarked(int descriptor);
     // Differs between a process and its forked children, once a descriptor was given here. A loop
     // asks in every turn, where a system call for the process id would be felt.
     static unsigned generation();

@@ -216,6 +216,7 @@ LockedFile& LockedFile::operator=(LockedFile&& other) noexcept {
         reader_ = std::move(other.reader_);
         generation_ = other.generation_;
         isExamined_ = other.isExamined_;
+        isKept_ = other.isKept_;
     }
     return *this;
 }
@@ -225,9 +226,13 @@ LockedFile::~LockedFile() { release(); }
 void LockedFile::release() {
     reader_.reset();
     if (!file_) return;
-    const bool isOwn = isOfThisProcess();
-    const int descriptor = file_.release();
-    if (isOwn) ForkGuard::close(descriptor);
+    if (!isOfThisProcess()) {
+        file_.release();
+    } else if (isKept_ && !isStillKept()) {
+        ForkGuard::forgetMarked(file_.release());
+    } else {
+        ForkGuard::close(file_.release());
+    }
 }
 
 UniqueFd LockedFile::takeDescriptor() {
@@ -244,6 +249,14 @@ Result<LockedFile::Status> LockedFile::status() {
     }
     return statusOf(found);
 }
+
+Result<void> LockedFile::keep() {
+    if (!ForkGuard::mark(file_.get())) return failed("mark", file_.get());
+    isKept_ = true;
+    return {};
+}
+
+bool LockedFile::isStillKept() const { return ForkGuard::isMarked(file_.get()); }
 
 Result<bool> LockedFile::isAtPath(const std::string& path) const {
     struct stat here {};

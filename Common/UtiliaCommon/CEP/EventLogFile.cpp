@@ -37,7 +37,9 @@
 // for it that was collected. Whoever ends it or removes it by these rules has left marks on
 // the file itself, which its writer sees once he has the lock: it is read-only, or has no name.
 // Against those who move it by no rule he looks at the name as well, unless he has just done so. He
-// does not wait for the lock: whoever has it ends the log, and a collector as long as it reads.
+// does not wait for the lock: whoever has it ends the log, and a collector as long as it reads. Nor
+// does he lock or close what his program has put in its place: one that closes every descriptor has
+// the number again for a file of its own.
 //
 // A process can be killed at any point of this. A record that was cut is blanked when its file is
 // ended; everything else that a document needs and a killed process has not written is mended when
@@ -230,6 +232,8 @@ std::optional<EventLogCode> EventLogFile::appendToKept(std::string_view record) 
     LockedFile log = *std::exchange(kept_.file, std::nullopt);
     const Clock::time_point now = Clock::now();
     if (!log.isOfThisProcess() || now - kept_.lastRecord >= burst_) return std::nullopt;
+    // A lock would be another one's, and lost.
+    if (!log.isStillKept()) return std::nullopt;
     // Who has locked it ends it or takes it away, and may take his time: the log is another one by then.
     const auto isLocked = log.tryLock(LockedFile::Lock::Shared);
     if (!isLocked || !*isLocked || !isKeptStillTheLog(log, now)) return std::nullopt;
@@ -247,7 +251,7 @@ EventLogCode EventLogFile::appendAndKeep(LockedFile log, Clock::time_point opene
     const bool isBurst = opened - std::exchange(kept_.lastRecord, opened) < burst_;
     if (!isBurst) return EventLogCode::Done;
     const auto status = log.status();
-    if (status && log.unlock()) {
+    if (status && log.keep() && log.unlock()) {
         kept_.file = std::move(log);
         kept_.status = *status;
         kept_.lookedAtName = opened;
@@ -346,6 +350,13 @@ EventLogFile::Taking EventLogFile::takeLeftOver(platform::UniqueFd* taken) const
     const auto isStillThere = file->isAtPath(names_.CEPLogTakenName);
     if (!isStillThere) return Taking::Failed;
     if (!*isStillThere) return Taking::Overtaken;
+    const auto isOverflow = file->isAtPath(names_.CEPLogMoreName);
+    if (!isOverflow) return Taking::Failed;
+    if (*isOverflow) {
+        // The same has happened to an overflow, but writers put the next one under that name: only
+        // the taken name is nobody else's now.
+        return LockedFile::removeName(names_.CEPLogTakenName) ? Taking::Overtaken : Taking::Failed;
+    }
     if (!removeFirstName(*file)) return Taking::Failed;
     // The name goes as long as the file is locked: others who wait for it must not find it there.
     auto whole = handOver(*file, names_.CEPLogTakenName);

@@ -1,6 +1,8 @@
 // Long file: the cases share how a log is made and what a collector gets.
 #include <chrono>
 #include <cstdlib>
+#include <functional>
+#include <memory>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -252,20 +254,116 @@ TEST_F(EventLogFileTest, RefusesTheLogThatItKeepsOnceNobodyMayWriteIt) {
     EXPECT_EQ(file.append(sampleRecord("a", 4)), EventLogCode::Done);
 }
 
+// A program's own file that has the number of the log which is kept, as in programs that close every
+// descriptor; locked by the program.
+class FileInItsPlace {
+public:
+    FileInItsPlace(fs::path path, const fs::path& log)
+        : path_(std::move(path)), number_(onlyDescriptorOf(log)) {
+        const int other = open(path_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        EXPECT_EQ(dup3(other, number_, O_CLOEXEC), number_);
+        close(other);
+        EXPECT_EQ(flock(number_, LOCK_EX), 0);
+    }
+    ~FileInItsPlace() {
+        if (isOpen()) close(number_);
+    }
+    FileInItsPlace(const FileInItsPlace&) = delete;
+    FileInItsPlace& operator=(const FileInItsPlace&) = delete;
+
+    bool isOpen() const { return onlyDescriptorOf(path_) == number_; }
+    void expectUntouched() const {
+        ASSERT_TRUE(isOpen());
+        EXPECT_EQ(fs::file_size(path_), 0u);
+        const int other = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+        EXPECT_NE(flock(other, LOCK_SH | LOCK_NB), 0) << "the program's lock is gone";
+        close(other);
+        EXPECT_EQ(write(number_, "x", 1), 1);
+        EXPECT_EQ(ftruncate(number_, 0), 0);
+    }
+
+private:
+    const fs::path path_;
+    const int number_;
+};
+
+TEST_F(EventLogFileTest, LeavesAloneWhatHasGotTheNumberOfItsLog) {
+    struct Use {
+        const char* name;
+        std::chrono::milliseconds burst;
+        std::function<void(std::unique_ptr<EventLogFile>& file)> does;
+    };
+    const auto record = [](const auto& file) {
+        EXPECT_EQ(file->append(sampleRecord("a", 3)), EventLogCode::Done);
+    };
+    const std::chrono::seconds kShort(2);
+    const std::chrono::hours kLong(1);
+    for (const auto& [name, burst, use] : std::initializer_list<Use>{
+             {"a record", kLong, record},
+             {"a record that looks at the name", kLong,
+              [&](const auto& file) {
+                  waitUntilTheNameIsLookedAt();
+                  record(file);
+              }},
+             {"a record after a pause", kShort,
+              [&](const auto& file) {
+                  std::this_thread::sleep_for(kShort);
+                  record(file);
+              }},
+             {"being told to close", kLong, [](const auto& file) { file->closeKept(); }},
+             {"collecting", kLong,
+              [](const auto& file) { EXPECT_EQ(file->grab().code, EventLogCode::Done); }},
+             {"its end", kLong, [](auto& file) { file.reset(); }}}) {
+        SCOPED_TRACE(name);
+        fs::remove(current());
+        auto file =
+            std::make_unique<EventLogFile>(EventLogFile::Names::inFolder(folder_.path().string()),
+                                           test::sampleFacts, EventLogFile::kLargestSize, burst);
+        for (int i = 1; i <= 2; ++i)
+            EXPECT_EQ(file->append(sampleRecord("a", i)), EventLogCode::Done);
+        const FileInItsPlace document(folder_.path() / "document", current());
+        use(file);
+        document.expectUntouched();
+    }
+}
+
 TEST_F(EventLogFileTest, WritesToNoOtherFileThatHasGotTheNumberOfItsLog) {
     const EventLogFile file = keepingLog();
     for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
-    // As programs do that close every descriptor.
-    const fs::path document = folder_.path() / "document";
-    const int number = onlyDescriptorOf(current());
-    const int other = open(document.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    ASSERT_EQ(dup3(other, number, O_CLOEXEC), number);
-    close(other);
-    waitUntilTheNameIsLookedAt();
+    const FileInItsPlace document(folder_.path() / "document", current());
+    for (int i = 3; i <= 4; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
+    EXPECT_EQ(openFilesAt(current()), 1u) << "and keeps it under another number";
+    document.expectUntouched();
+    EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 1) +
+                                              sampleRecord("a", 2) + sampleRecord("a", 3) +
+                                              sampleRecord("a", 4));
+}
+
+TEST_F(EventLogFileTest, LeavesAloneInAForkedChildWhatHasGotTheNumberOfItsLog) {
+    const EventLogFile file = keepingLog();
+    for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
+    const FileInItsPlace document(folder_.path() / "document", current());
+    const auto isOpenInAChild = [&] {
+        const pid_t child = fork();
+        if (child == 0) _exit(document.isOpen() ? 0 : 1);
+        int status = -1;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        return status == 0;
+    };
+    EXPECT_TRUE(isOpenInAChild());
     EXPECT_EQ(file.append(sampleRecord("a", 3)), EventLogCode::Done);
-    EXPECT_EQ(test::contentOf(document), "");
-    EXPECT_EQ(test::contentOf(current()),
-              sampleHeader() + sampleRecord("a", 1) + sampleRecord("a", 2) + sampleRecord("a", 3));
+    EXPECT_TRUE(isOpenInAChild()) << "after the log has noticed";
+}
+
+TEST_F(EventLogFileTest, OpensItsLogAgainWhenItsNumberIsClosed) {
+    const EventLogFile file = keepingLog();
+    for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
+    EXPECT_EQ(close(onlyDescriptorOf(current())), 0);
+    for (int i = 3; i <= 4; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
+    EXPECT_EQ(openFilesAt(current()), 1u);
+    EXPECT_EQ(test::contentOf(current()), sampleHeader() + sampleRecord("a", 1) +
+                                              sampleRecord("a", 2) + sampleRecord("a", 3) +
+                                              sampleRecord("a", 4));
 }
 
 TEST_F(EventLogFileTest, ClosesTheLogThatItKeepsWhenItIsToldToAndWhenItCollects) {
@@ -303,6 +401,21 @@ TEST_F(EventLogFileTest, TakesALogThatHasTwoNamesOnce) {
     EXPECT_TRUE(fs::is_empty(folder_.path()));
     EXPECT_EQ(log().append(sampleRecord("a", 2)), EventLogCode::Done);
     EXPECT_EQ(contentOf(log().grab()), document(sampleRecord("a", 2)));
+}
+
+TEST_F(EventLogFileTest, TakesAnOverflowThatHasTwoNamesOnce) {
+    const EventLogFile file = log(1);
+    for (int i = 1; i <= 2; ++i) EXPECT_EQ(file.append(sampleRecord("a", i)), EventLogCode::Done);
+    fs::create_hard_link(more(), taken());
+    const std::vector<std::string> expected = {document(sampleRecord("a", 1)),
+                                               document(sampleRecord("a", 2))};
+    EXPECT_EQ(file.documents(), expected);
+    EXPECT_EQ(contentOf(file.grab()), expected[0]);
+    EXPECT_FALSE(fs::exists(more()));
+    EXPECT_FALSE(fs::exists(taken()));
+    EXPECT_EQ(contentOf(file.grab()), expected[1]);
+    EXPECT_EQ(file.grab().code, EventLogCode::NothingToGrab);
+    EXPECT_TRUE(fs::is_empty(folder_.path()));
 }
 
 TEST_F(EventLogFileTest, EndsTheLogThatItKeeps) {
