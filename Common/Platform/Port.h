@@ -48,6 +48,13 @@ public:
     // do nothing.
     void invalidate();
 
+    // Sending ports only: whether a message would find room now. Sends none and never waits; a
+    // connection that is not made yet is made if it can be. A receiver that reads all that it has
+    // got always has room; one that does not has none any more when a quarter of its queue is
+    // taken, which is before a send times out. False for an invalid port; one whose receiver turns
+    // out to be gone becomes invalid as by a send.
+    bool hasRoom();
+
     // Receiving ports only. The delegate is not held; null ends deliveries. A port without a
     // delegate, or that is not scheduled, lets messages wait.
     void setDelegate(PortDelegate* delegate);

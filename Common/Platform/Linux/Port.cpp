@@ -1,7 +1,9 @@
 #include "Common/Platform/Port.h"
 
+#include <new>
 #include <utility>
 
+#include "Common/Logging/Log.h"
 #include "Common/Platform/Linux/PortImplementation.h"
 #include "Common/Platform/Linux/RunLoopImplementation.h"
 #include "Common/Platform/NotificationCenter.h"
@@ -62,6 +64,24 @@ void Port::invalidate() {
     const auto self = weak_from_this().lock();
     implementation_->close();
     postInvalidation(*this);
+}
+
+bool Port::hasRoom() {
+    if (!implementation_->isValid || !implementation_->sender) return false;
+    try {
+        switch (implementation_->sender->room()) {
+        case PortSender::Room::Some:
+            return true;
+        case PortSender::Room::None:
+            return false;
+        case PortSender::Room::Dead:
+            implementation_->noticeDeath(*this);
+            return false;
+        }
+    } catch (const std::bad_alloc&) {
+        KULogVariadic("Port %@: no memory to connect", implementation_->sender->name());
+    }
+    return false;
 }
 
 void Port::setDelegate(PortDelegate* delegate) {

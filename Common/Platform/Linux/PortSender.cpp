@@ -223,6 +223,21 @@ bool PortSender::isHungUp() const {
     return poll(&asked, 1, 0) > 0;
 }
 
+PortSender::Room PortSender::room() {
+    if (!socket_) return Room::Dead;
+    if (place_) {
+        const auto connected = connectNow();
+        if (!connected)
+            return place_ && !connected.error().is(UtiliaErrorCode::NotFound) ? Room::None
+                                                                              : Room::Dead;
+        if (place_) return Room::None;
+    }
+    pollfd asked{socket_.get(), POLLOUT | POLLRDHUP, 0};
+    if (poll(&asked, 1, 0) <= 0) return Room::None;
+    if (asked.revents & ~POLLOUT) return Room::Dead;
+    return Room::Some;
+}
+
 PortSender::Outcome PortSender::send(std::uint32_t msgid,
                                      std::span<const PortMessage::Component> components,
                                      Deadline deadline) {

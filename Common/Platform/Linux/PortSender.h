@@ -45,6 +45,10 @@ public:
     // Asks the kernel now, where the loop would only tell in its next turn.
     bool isHungUp() const;
 
+    enum class Room { Some, None, Dead };
+    // Completes the connection first, if that takes no waiting.
+    Room room();
+
     // The limits of a message are the caller's to check.
     Outcome send(std::uint32_t msgid, std::span<const PortMessage::Component> components,
                  std::chrono::steady_clock::time_point deadline);

@@ -200,6 +200,8 @@ TEST_F(PortProcesses, ConnectWhileTheySendWhenTheBacklogWasFull) {
     EXPECT_GE(Clock::now() - before, 100ms);
     EXPECT_LT(Clock::now() - before, 5s);
     EXPECT_TRUE(port->isValid());
+    EXPECT_FALSE(port->hasRoom());
+    EXPECT_TRUE(port->isValid());
     filler.kill();
     receiver.say("serve until end");
     sendText(port, 1, "connected meanwhile");
@@ -208,6 +210,29 @@ TEST_F(PortProcesses, ConnectWhileTheySendWhenTheBacklogWasFull) {
     // From here on its end is noticed like any other's.
     receiver.kill();
     EXPECT_TRUE(runUntil([&] { return !port->isValid(); }));
+}
+
+TEST_F(PortProcesses, HaveRoomAsSoonAsTheBacklogHas) {
+    for (const bool livesOn : {true, false}) {
+        ChildProcess receiver = ChildProcess::role("receiver", {"a"});
+        ASSERT_EQ(receiver.waitForLine(), "registered");
+        ChildProcess filler = ChildProcess::role("fillBacklog");
+        ASSERT_EQ(filler.waitForLine(), "full");
+        const auto port = names().portForName("a");
+        ASSERT_TRUE(port);
+        EXPECT_FALSE(port->hasRoom());
+        filler.kill();
+        if (livesOn) {
+            receiver.say("serve until end");
+            EXPECT_TRUE(runUntil([&] { return port->hasRoom(); }));
+            sendText(port, 0, "end");
+            EXPECT_EQ(receiver.waitForLine(), "0 in order") << "no message came of asking";
+        } else {
+            receiver.kill();
+            EXPECT_FALSE(port->hasRoom());
+            EXPECT_FALSE(port->isValid());
+        }
+    }
 }
 
 TEST_F(PortProcesses, TellTheEndOfAKilledReceiver) {

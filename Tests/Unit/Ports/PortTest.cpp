@@ -317,6 +317,36 @@ TEST_F(Ports, TimeOutWhenTheReceiverDoesNotRead) {
     EXPECT_TRUE(sender->isValid());
 }
 
+TEST_F(Ports, TellWhetherThereIsRoomWithoutSendingAnything) {
+    Receiver receiver("a");
+    receiver.port->removeFromRunLoop();
+    const auto sender = names().portForName("a");
+    EXPECT_TRUE(sender->hasRoom());
+    std::size_t sent = 0;
+    EXPECT_THROW(
+        for (;; ++sent) PortMessage(sender, {}).sendBeforeDate(std::chrono::steady_clock::now()),
+        PortException);
+    EXPECT_FALSE(sender->hasRoom());
+    EXPECT_TRUE(sender->isValid());
+    receiver.port->scheduleInRunLoop();
+    EXPECT_TRUE(runUntil([&] { return receiver.delegate.messages.size() == sent; }));
+    EXPECT_TRUE(sender->hasRoom());
+    RunLoop::currentRunLoop().runFor(1ms);
+    EXPECT_EQ(receiver.delegate.messages.size(), sent) << "nothing but what was sent";
+}
+
+TEST_F(Ports, HaveNoRoomWhereNobodyReceives) {
+    EXPECT_FALSE(Port::port()->hasRoom()) << "receives itself";
+    const auto sender = [] {
+        Receiver receiver("a");
+        return names().portForName("a");
+    }();
+    EXPECT_TRUE(sender->isValid()) << "the loop has told nothing yet";
+    EXPECT_FALSE(sender->hasRoom());
+    EXPECT_FALSE(sender->isValid());
+    EXPECT_FALSE(sender->hasRoom());
+}
+
 TEST_F(Ports, ServeMessagesInARunInsideAHandler) {
     const auto port = Port::port();
     ASSERT_TRUE(names().registerPort(port, "a"));
