@@ -45,7 +45,10 @@ AgentApplication::AgentApplication()
                           return tools_.tell(tool, AgentMessage::DateScheduleFired);
                       },
                   .launch = [this](const std::string& tool) { return launch(tool); },
-                  .launchAtLogin = [this](const std::string& tool) { return launch(tool); }}) {
+                  .launchAtLogin = [this](const std::string& tool) { return launch(tool); }}),
+      deaf_({.isDeaf = [this](const std::string& tool) { return tools_.isDeaf(tool); },
+             .hearsAgain = [this](const std::string& tool) { schedules_.tryAgain(tool); },
+             .changed = [this] { updateMessages(); }}) {
     observation_ = tools_.observe([this](const ToolList::Change& change) { follow(change); });
     icon_->setShownHandler([this] { panelIsKnown(); });
     tools_.setKeptHandler([this](const std::string& tool, AgentMessage message,
@@ -111,7 +114,7 @@ QStringList AgentApplication::messages() const {
     if (bus_.state() == SessionBus::State::Lost) troubles.bus = Troubles::Bus::Lost;
     troubles.isWithoutPanel = icon_->isKnown() && !icon_->isShown();
     troubles.unwritableFolder = Storage::unwritableFolder();
-    for (const std::string& identifier : unresponsive_) {
+    for (const std::string& identifier : deaf_.identifiers()) {
         if (const ToolEntry* const tool = tools_.find(identifier))
             troubles.unresponsiveTools.push_back(tool->name);
     }
@@ -192,10 +195,13 @@ Outcome AgentApplication::launch(const std::string& identifier) {
 }
 
 void AgentApplication::follow(const ToolList::Change& change) {
-    for (const std::string& identifier : change.gone) schedules_.toolHasEnded(identifier);
+    for (const std::string& identifier : change.gone) {
+        deaf_.forget(identifier);
+        schedules_.toolHasEnded(identifier);
+    }
     for (const std::string& identifier : change.tools) {
         const ToolEntry* const tool = tools_.find(identifier);
-        if (unresponsive_.erase(identifier)) updateMessages();
+        deaf_.forget(identifier);
         if (tool && tool->isRunning) {
             if (known_.insert(identifier).second) Suggestions::setKnown(identifier);
             schedules_.toolHasSpoken(identifier);
@@ -205,13 +211,17 @@ void AgentApplication::follow(const ToolList::Change& change) {
     }
 }
 
-// A click that comes to nothing is the user's to know of. A date is told when the tool speaks again.
+// A click that comes to nothing is the user's to know of. A date is told when the tool hears again.
 void AgentApplication::keptIsOver(const std::string& identifier, AgentMessage message,
                                   ToolList::Kept fate) {
     if (message == AgentMessage::DateScheduleFired) schedules_.keptIsOver(identifier, fate);
-    if (fate == ToolList::Kept::Sent) return;
-    unresponsive_.insert(identifier);
-    updateMessages();
+    if (fate == ToolList::Kept::Sent) {
+        deaf_.forget(identifier);
+    } else if (deaf_.hasNotTaken(identifier)) {
+        return;
+    }
+    // It has room, or has ended; whoever waits for it to speak might wait for ever.
+    schedules_.tryAgain(identifier);
 }
 
 // Folders that do not exist yet are watched through the nearest one that does.

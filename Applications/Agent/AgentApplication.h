@@ -12,6 +12,7 @@
 #include "Applications/Agent/Bus/PublishedTools.h"
 #include "Applications/Agent/Bus/SessionBus.h"
 #include "Applications/Agent/Interface/AgentWindow.h"
+#include "Applications/Agent/Model/DeafTools.h"
 #include "Applications/Agent/Model/ScheduleRunner.h"
 #include "Applications/Agent/Model/ToolList.h"
 #include "Applications/Agent/Tray/TrayIcon.h"
@@ -70,11 +71,11 @@ private:
     TrayMenu* menu_;
     SessionBus bus_;
     ScheduleRunner schedules_;
+    DeafTools deaf_;
     std::unique_ptr<AgentWindow> window_;
     QFileSystemWatcher installations_;
     QTimer reload_;
     QFileSystemWatcher records_;
-    std::set<std::string> unresponsive_;
     std::set<std::string> known_;  // what has run under this agent
     std::function<void()> busBack_;
     Handle observation_;

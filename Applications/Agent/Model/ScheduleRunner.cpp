@@ -187,6 +187,13 @@ void ScheduleRunner::toolHasSpoken(const std::string& identifier) {
     if (telling == Telling::Told) keptIsOver(identifier, ToolList::Kept::Sent);
 }
 
+void ScheduleRunner::tryAgain(const std::string& identifier) {
+    const auto debt = debts_.find(identifier);
+    if (debt == debts_.end() || debt->second.state != Debt::State::Undelivered) return;
+    debts_.erase(debt);
+    look();
+}
+
 void ScheduleRunner::toolHasEnded(const std::string& identifier) {
     const auto debt = debts_.find(identifier);
     if (debt == debts_.end() || debt->second.state == Debt::State::Started) return;

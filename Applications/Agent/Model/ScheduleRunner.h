@@ -75,6 +75,8 @@ public:
     void toolsHaveChanged();
     // A tool is heard of, and runs.
     void toolHasSpoken(const std::string& identifier);
+    // A tool that had no room for a message has room again, or does not run any more.
+    void tryAgain(const std::string& identifier);
     // A tool does not run.
     void toolHasEnded(const std::string& identifier);
     // A message that was kept for a tool, of a date of its, was sent or was not.

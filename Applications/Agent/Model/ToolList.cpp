@@ -292,6 +292,13 @@ Telling ToolList::tell(std::string_view identifier, AgentMessage message) {
     return proxy->isKeeping() ? Telling::Kept : Telling::Told;
 }
 
+bool ToolList::isDeaf(std::string_view identifier) const {
+    const ToolDataAgentProvider* const proxy = proxyOf(identifier);
+    // Held while it is asked: a port that turns out to be dead is given up by the proxy.
+    const auto port = proxy ? proxy->toolPort() : nullptr;
+    return port && !port->hasRoom() && port->isValid();
+}
+
 void ToolList::setKeptHandler(KeptHandler over) { keptOver_ = std::move(over); }
 
 }  // namespace utilia::agent

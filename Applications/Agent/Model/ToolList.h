@@ -72,6 +72,8 @@ public:
     Result<void> turnOff(std::string_view identifier);
     // Sends a tool the message: not to one that does not run, and it is kept for one that has no room for it.
     Telling tell(std::string_view identifier, AgentMessage message);
+    // Whether the tool runs and has no room for a message now. Sends nothing.
+    bool isDeaf(std::string_view identifier) const;
     // Told of each message that was kept, when the tool has it, or has not taken it in time.
     using Kept = ToolDataAgentProvider::Kept;
     using KeptHandler =

@@ -107,6 +107,18 @@ protected:
         EXPECT_EQ(reports_.waitForLine(), "started");
         EXPECT_THAT(heardWith("it is me"), HasSubstr("Timer, it is me, Running, Always shown"));
     }
+    // The tool runs, is stopped, and the window says that it does not respond. Answers its process.
+    pid_t makeDeafTool() {
+        expectToolStarts();
+        const auto running =
+            platform::RunningApplication::runningApplicationsWithBundleIdentifier(kTimer);
+        const auto tool = static_cast<pid_t>(running.at(0).processIdentifier());
+        kill(tool, SIGSTOP);
+        // Until the tool has no room any more, and the first that waits has waited in vain.
+        for (int i = 0; i < 7; ++i) display_.press(std::vector<std::string>(50, "Return"));
+        EXPECT_THAT(heardWith("does not respond"), HasSubstr("Timer does not respond."));
+        return tool;
+    }
 
     std::unique_ptr<test::ScreenReader> reader_;
     test::TemporaryFolder displayFolder_;
@@ -160,18 +172,20 @@ TEST_F(AgentMessagesTest, LeaveEverythingUsableWhenTheBusIsLost) {
 TEST_F(AgentMessagesTest, SayThatAToolDoesNotRespondUntilItDoes) {
     installPresenting();
     auto agent = open();
-    expectToolStarts();
-    const auto running =
-        platform::RunningApplication::runningApplicationsWithBundleIdentifier(kTimer);
-    ASSERT_EQ(running.size(), 1u);
-    const auto tool = static_cast<pid_t>(running.front().processIdentifier());
-    kill(tool, SIGSTOP);
-    // Until the tool has no room any more, and the first that waits has waited in vain.
-    for (int i = 0; i < 7; ++i) display_.press(std::vector<std::string>(50, "Return"));
-    EXPECT_THAT(heardWith("does not respond"), HasSubstr("Timer does not respond."));
+    const pid_t tool = makeDeafTool();
     photograph("deaf-tool");
     kill(tool, SIGCONT);
     const std::string there = "Timer, it is me, Running";
+    EXPECT_THAT(heardInsteadOf("does not respond", there),
+                AllOf(HasSubstr(there), Not(HasSubstr("does not respond"))));
+}
+
+TEST_F(AgentMessagesTest, SayNothingOfADeafToolThatTheUserHasEnded) {
+    installPresenting();
+    auto agent = open();
+    const pid_t tool = makeDeafTool();
+    kill(tool, SIGKILL);
+    const std::string there = "Not running";
     EXPECT_THAT(heardInsteadOf("does not respond", there),
                 AllOf(HasSubstr(there), Not(HasSubstr("does not respond"))));
 }

@@ -347,6 +347,19 @@ TEST_F(ToolsAreOwedTest, AreToldAgainWhenTheyDidNotTakeItInTimeAndSpeak) {
     EXPECT_EQ(dateOf("a"), kNow + 59);
 }
 
+TEST_F(ToolsAreOwedTest, AreToldAgainWhenTheyHaveRoomAgain) {
+    startWith(Telling::Kept);
+    runner_.tryAgain("a");
+    EXPECT_THAT(actsInTime(), ElementsAre("tell a")) << "what is kept is on its way";
+    runner_.keptIsOver("a", ToolList::Kept::Failed);
+    telling_ = Telling::Told;
+    runner_.tryAgain("a");
+    EXPECT_THAT(actsInTime(), ElementsAre("tell a"));
+    EXPECT_EQ(dateOf("a"), kNow + 59);
+    runner_.tryAgain("a");
+    EXPECT_THAT(actsInTime(), IsEmpty());
+}
+
 TEST_F(ToolsAreOwedTest, AreStartedWhenTheyEndWithoutHavingTakenIt) {
     for (const bool isInTime : {true, false}) {
         schedule("a", kNow - 1, 60);
