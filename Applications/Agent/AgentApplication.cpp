@@ -40,12 +40,14 @@ AgentApplication::AgentApplication()
                           .showWindow = [this] { show(AgentWindow::Page::Tools); },
                           .showSettings = [this] { show(AgentWindow::Page::Settings); },
                           .quit = [] { platform::Application::sharedApplication().terminate(); }})),
-      schedules_({.tell =
-                      [this](const std::string& tool) {
-                          return tools_.tell(tool, AgentMessage::DateScheduleFired);
-                      },
-                  .launch = [this](const std::string& tool) { return launch(tool); },
-                  .launchAtLogin = [this](const std::string& tool) { return launch(tool); }}),
+      schedules_(
+          {.tell =
+               [this](const std::string& tool) {
+                   return tools_.tell(tool, AgentMessage::DateScheduleFired);
+               },
+           .launch = [this](const std::string& tool) { return launchUnlessItRuns(tool); },
+           .launchAnyhow = [this](const std::string& tool) { return launch(tool); },
+           .launchAtLogin = [this](const std::string& tool) { return launchUnlessItRuns(tool); }}),
       deaf_({.isDeaf = [this](const std::string& tool) { return tools_.isDeaf(tool); },
              .hearsAgain = [this](const std::string& tool) { schedules_.tryAgain(tool); },
              .changed = [this] { updateMessages(); }}) {
@@ -179,14 +181,17 @@ void AgentApplication::activate(const std::string& identifier) {
     window_->reportStart(identifier, done);
 }
 
+// Launching a tool that runs would bring it to the front. The launcher may have started it just now, and nothing was heard
+// of its port yet. What the list of tools says is of a moment ago.
+Outcome AgentApplication::launchUnlessItRuns(const std::string& identifier) {
+    if (!platform::RunningApplication::runningApplicationsWithBundleIdentifier(identifier).empty())
+        return Outcome::Runs;
+    return launch(identifier);
+}
+
 Outcome AgentApplication::launch(const std::string& identifier) {
     const ToolEntry* const tool = tools_.find(identifier);
     if (!tool || !tool->isReady()) return Outcome::NotNow;
-    // Launching a tool that runs would bring it to the front. The launcher may have started it just
-    // now, and nothing was heard of its port yet.
-    if (tool->isRunning ||
-        !platform::RunningApplication::runningApplicationsWithBundleIdentifier(identifier).empty())
-        return Outcome::Done;
     const auto launched = platform::Workspace::launchAppWithBundleIdentifier(
         identifier, platform::WorkspaceLaunchOptions::Async);
     if (launched) return Outcome::Done;

@@ -51,6 +51,7 @@ protected:
 private:
     void show(AgentWindow::Page page);
     void activate(const std::string& identifier);
+    ScheduleRunner::Outcome launchUnlessItRuns(const std::string& identifier);
     ScheduleRunner::Outcome launch(const std::string& identifier);
     void follow(const ToolList::Change& change);
     void watchInstalledTools();

@@ -138,13 +138,26 @@ void ScheduleRunner::actOn(const Work& work) {
         return settle({*work.occasion});
     case Telling::Kept:
         return owe(*work.occasion, Debt::State::Kept);
+    case Telling::NoRoom:
+        return owe(*work.occasion, Debt::State::Undelivered);
     case Telling::No:
         break;
     }
-    if (actions_.launch(work.identifier) == Outcome::Done)
-        return owe(*work.occasion, Debt::State::Started);
-    KULogVariadic("Tool %@ is due, and cannot be started now. It stays due.", work.identifier);
-    waiting_.insert(*work.occasion);
+    hasLaunched(*work.occasion, actions_.launch(work.identifier));
+}
+
+void ScheduleRunner::hasLaunched(const Occasion& occasion, Outcome outcome) {
+    switch (outcome) {
+    case Outcome::Done:
+        return owe(occasion, Debt::State::Started);
+    case Outcome::Runs:
+        return owe(occasion, Debt::State::Runs);
+    case Outcome::NotNow:
+        break;
+    }
+    KULogVariadic("Tool %@ is due, and cannot be started now. It stays due.",
+                  std::get<0>(occasion));
+    waiting_.insert(occasion);
 }
 
 // ---- what tools are owed
@@ -160,14 +173,18 @@ void ScheduleRunner::owe(const Occasion& occasion, Debt::State state) {
     debt.state = state;
     debt.occasions.insert(occasion);
     debt.patience.reset();
-    if (state == Debt::State::Started)
+    if (state == Debt::State::Started || state == Debt::State::Runs)
         debt.patience = time_.after(kPatience, [this, identifier] { endPatience(identifier); });
 }
 
 void ScheduleRunner::endPatience(const std::string& identifier) {
     Debt& debt = debts_[identifier];
     debt.patience.reset();
-    settle(std::exchange(debt.occasions, {}));
+    const std::set<Occasion> occasions = std::exchange(debt.occasions, {});
+    if (debt.state == Debt::State::Started) return settle(occasions);
+    debts_.erase(identifier);
+    const Outcome outcome = actions_.launchAnyhow(identifier);
+    for (const Occasion& occasion : occasions) hasLaunched(occasion, outcome);
 }
 
 void ScheduleRunner::settle(const std::set<Occasion>& occasions) {
@@ -182,7 +199,7 @@ void ScheduleRunner::toolHasSpoken(const std::string& identifier) {
     if (debt == debts_.end() || debt->second.state == Debt::State::Kept) return;
     const Telling telling = actions_.tell(identifier);
     if (telling == Telling::No) return;
-    debt->second.state = Debt::State::Kept;
+    debt->second.state = telling == Telling::NoRoom ? Debt::State::Undelivered : Debt::State::Kept;
     debt->second.patience.reset();
     if (telling == Telling::Told) keptIsOver(identifier, ToolList::Kept::Sent);
 }

@@ -40,14 +40,25 @@ std::optional<Date> nextDate(Date date, double interval, Date now);
 // kPatience, as those without any interest in the agent, had its date by being started; while this agent runs it is told
 // when it speaks after all. A record that its tool changes meanwhile is the tool's.
 //
+// A tool that is found running, and that nobody can tell yet, was started by somebody else: it comes up, or it is ending,
+// or it has no interest in the agent. It is told when it speaks, and started when it has ended; where neither is heard of
+// for kPatience it is launched as it is, which brings it to the front, or starts it when it has ended meanwhile.
+//
 // Threads: the agent's main thread.
 class ScheduleRunner final {
 public:
-    enum class Outcome { Done, NotNow };
+    enum class Outcome {
+        Done,
+        Runs,  // nothing was done, since it runs
+        NotNow,
+    };
     // What is done to tools. A tool whose date has come is told when it runs, and launched otherwise.
     struct Actions {
         std::function<Telling(const std::string& identifier)> tell;
+        // Unless it runs, by what the system says this moment.
         std::function<Outcome(const std::string& identifier)> launch;
+        // Also when it runs.
+        std::function<Outcome(const std::string& identifier)> launchAnyhow;
         std::function<Outcome(const std::string& identifier)> launchAtLogin;
     };
     // The world's time, which tests bend.
@@ -95,7 +106,7 @@ private:
 
     // What a tool is owed: to know that its dates have come.
     struct Debt {
-        enum class State { Started, Kept, Undelivered };
+        enum class State { Started, Runs, Kept, Undelivered };
         State state = State::Started;
         std::set<Occasion> occasions = {};  // whose records are as they were
         Handle patience = {};
@@ -108,6 +119,7 @@ private:
     void settle(const std::set<Occasion>& occasions);
     void workOn();
     void actOn(const Work& work);
+    void hasLaunched(const Occasion& occasion, Outcome outcome);
     std::optional<Date> advance(const Occasion& occasion) const;
     bool isQueued(const Occasion& occasion) const;
     bool isLoginQueued() const;

@@ -281,15 +281,19 @@ Result<void> ToolList::activate(std::string_view identifier) {
 }
 
 Result<void> ToolList::turnOff(std::string_view identifier) {
-    if (tell(identifier, AgentMessage::TurnToolOff) != Telling::No) return {};
+    const Telling telling = tell(identifier, AgentMessage::TurnToolOff);
+    if (telling == Telling::Told || telling == Telling::Kept) return {};
     return Error::utilia(UtiliaErrorCode::NotFound,
                          std::string(identifier) + ": does not run, or does not listen");
 }
 
 Telling ToolList::tell(std::string_view identifier, AgentMessage message) {
     ToolDataAgentProvider* const proxy = proxyOf(identifier);
-    if (!proxy || !proxy->sendCommand(message)) return Telling::No;
-    return proxy->isKeeping() ? Telling::Kept : Telling::Told;
+    if (!proxy) return Telling::No;
+    if (proxy->sendCommand(message)) return proxy->isKeeping() ? Telling::Kept : Telling::Told;
+    // What is kept for a tool that has just ended is no sign that it lives.
+    const auto& port = proxy->toolPort();
+    return port && port->isValid() && proxy->isKeeping() ? Telling::NoRoom : Telling::No;
 }
 
 bool ToolList::isDeaf(std::string_view identifier) const {

@@ -18,7 +18,12 @@
 namespace utilia::agent {
 
 // What comes of telling a tool something.
-enum class Telling { No, Kept, Told };
+enum class Telling {
+    No,      // it does not run, or cannot be told
+    NoRoom,  // it does not read, and no more is kept for it
+    Kept,
+    Told,
+};
 
 // Key of the administrator's settings: true leaves restricted tools out instead of showing them grey.
 inline constexpr std::string_view kHideRestrictedToolsKey = "HideRestrictedTools";
@@ -70,7 +75,8 @@ public:
     Result<void> activate(std::string_view identifier);
     // Fails with NotFound when it does not run.
     Result<void> turnOff(std::string_view identifier);
-    // Sends a tool the message: not to one that does not run, and it is kept for one that has no room for it.
+    // Sends a tool the message: not to one that does not run, and it is kept for one that has no room for it, unless too
+    // much is kept for it already.
     Telling tell(std::string_view identifier, AgentMessage message);
     // Whether the tool runs and has no room for a message now. Sends nothing.
     bool isDeaf(std::string_view identifier) const;

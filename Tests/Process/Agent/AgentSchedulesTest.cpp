@@ -5,6 +5,8 @@
 
 #include <sys/prctl.h>
 
+#include "Applications/Agent/Model/ScheduleRunner.h"
+#include "Common/Platform/Application.h"
 #include "Common/Platform/RunLoop.h"
 #include "Common/Platform/Workspace.h"
 #include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
@@ -24,6 +26,27 @@ UTILIA_CHILD_ROLE(stayingTool) {
     const std::string& reports = self.arguments.at(0);
     test::ReportPipe::report(reports, self.arguments.at(1) + " started");
     while (std::filesystem::exists(reports))
+        platform::RunLoop::currentRunLoop().runFor(std::chrono::milliseconds(50));
+    return 0;
+}
+
+// The same, that says when it is brought to the front, and ends with its test. Of its port its test takes care.
+UTILIA_CHILD_ROLE(reopenedTool) {
+    struct Delegate final : platform::ApplicationDelegate {
+        explicit Delegate(std::string path) : reports(std::move(path)) {}
+        bool applicationShouldHandleReopen(bool, const std::vector<std::string>&) override {
+            test::ReportPipe::report(reports, "reopened");
+            return true;
+        }
+        const std::string reports;
+    };
+    prctl(PR_SET_PDEATHSIG, 0);
+    Delegate delegate(self.arguments.at(0));
+    auto& application = platform::Application::sharedApplication();
+    application.setDelegate(&delegate);
+    application.finishLaunching();
+    test::ReportPipe::report(delegate.reports, "started");
+    while (std::filesystem::exists(delegate.reports))
         platform::RunLoop::currentRunLoop().runFor(std::chrono::milliseconds(50));
     return 0;
 }
@@ -50,6 +73,28 @@ protected:
         readSchedulerPlist(kTimer, "Timer",
                            [&](const Dictionary& record) { isDue = record.find("date"); });
         return isDue;
+    }
+    // Starts the tool as the launcher does, and answers its process.
+    pid_t launchTimer(const std::string& said) {
+        EXPECT_TRUE(platform::Workspace::launchAppWithBundleIdentifier(
+            kTimer, platform::WorkspaceLaunchOptions::None));
+        EXPECT_EQ(reports_.waitForLine(), said);
+        const auto running =
+            platform::RunningApplication::runningApplicationsWithBundleIdentifier(kTimer);
+        return static_cast<pid_t>(running.at(0).processIdentifier());
+    }
+    // A tool that speaks with the agent. It ends with the answer.
+    test::ChildProcess startSpeakingTimer(test::ChildProcess& panel) {
+        auto tool = test::ChildProcess::role("clickedTool", {portOf(timer_), "1"});
+        EXPECT_EQ(tool.waitForLine(), "registered");
+        sayStatus(timer_, 1);
+        const std::string active = std::string("Timer [checkmark]; World__Clock; ") + kOwnEntries;
+        EXPECT_EQ(menuThatBecomes(panel, active), active);
+        return tool;
+    }
+    static void scheduleNow() {
+        AgentScheduler::scheduleToolAtDate(Date{Date::now().secondsSinceReferenceDate - 60}, kTimer,
+                                           "Timer");
     }
     static bool isTold(test::RecordingPort& tool) {
         return test::eventually([&] {
@@ -93,15 +138,10 @@ TEST_F(AgentSchedulesTest, StartAToolThatEndedBeforeItCouldBeToldOfItsDate) {
     auto panel = startPanel();
     auto agent = startAgent(offscreen());
     expectItem(panel, agent);
-    auto tool = test::ChildProcess::role("clickedTool", {portOf(timer_), "1"});
-    ASSERT_EQ(tool.waitForLine(), "registered");
-    sayStatus(timer_, 1);
-    const std::string active = std::string("Timer [checkmark]; World__Clock; ") + kOwnEntries;
-    ASSERT_EQ(menuThatBecomes(panel, active), active);
+    auto tool = startSpeakingTimer(panel);
     tool.signal(SIGSTOP);
     EXPECT_EQ(ask(panel, "clicks " + std::to_string(kMoreThanThereIsRoomFor) + " Timer"), "done");
-    AgentScheduler::scheduleToolAtDate(Date{Date::now().secondsSinceReferenceDate - 60}, kTimer,
-                                       "Timer");
+    scheduleNow();
     // After ten seconds what is kept for it is given up.
     EXPECT_TRUE(test::eventually(
         [&] { return log().find("Failed to send Command") != std::string::npos; }));
@@ -112,6 +152,83 @@ TEST_F(AgentSchedulesTest, StartAToolThatEndedBeforeItCouldBeToldOfItsDate) {
     sayStatus(timer_, 1);
     EXPECT_TRUE(isTold(timer));
     EXPECT_TRUE(test::eventually([&] { return !isDue(); }));
+}
+
+// All that the agent has to go by is its list, which gathers changes.
+TEST_F(AgentSchedulesTest, StartAToolThatEndedAMomentBeforeItsDate) {
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    auto tool = startSpeakingTimer(panel);
+    agent.signal(SIGSTOP);
+    tool.kill();
+    scheduleNow();
+    agent.signal(SIGCONT);
+    EXPECT_EQ(reports_.waitForLine(), "Timer started");
+    test::RecordingPort timer(portOf(timer_));
+    sayStatus(timer_, 1);
+    EXPECT_TRUE(isTold(timer));
+    EXPECT_TRUE(test::eventually([&] { return !isDue(); }));
+}
+
+TEST_F(AgentSchedulesTest, TellAToolThatTheLauncherHasJustStartedAndDoNotBringItToTheFront) {
+    timer_.install("reopenedTool", {reports_.path()});
+    launchTimer("started");
+    scheduleAtDate();
+    // It is due after the tool.
+    AgentScheduler::scheduleToolAtDate(Date{Date::now().secondsSinceReferenceDate - 30}, kClock,
+                                       "World_Clock");
+    auto agent = startAgent(offscreen());
+    EXPECT_EQ(reports_.waitForLine(), "World Clock started");
+    EXPECT_TRUE(isDue());
+    test::RecordingPort timer(portOf(timer_));  // now it has come up
+    sayStatus(timer_, 1);
+    EXPECT_TRUE(isTold(timer));
+    EXPECT_TRUE(test::eventually([&] { return !isDue(); }));
+    EXPECT_EQ(reports_.waitForLine(std::chrono::milliseconds(50)), std::nullopt);
+}
+
+TEST_F(AgentSchedulesTest, StartAToolThatRanWithoutAWordAndEndsAtItsDate) {
+    const pid_t tool = launchTimer("Timer started");
+    scheduleAtDate();
+    AgentScheduler::scheduleToolAtDate(Date{Date::now().secondsSinceReferenceDate - 30}, kClock,
+                                       "World_Clock");
+    auto agent = startAgent(offscreen());
+    EXPECT_EQ(reports_.waitForLine(), "World Clock started") << "Timer had its turn before";
+    kill(tool, SIGKILL);
+    EXPECT_TRUE(isDue());
+    EXPECT_EQ(reports_.waitForLine(), "Timer started");
+}
+
+TEST_F(AgentSchedulesTest, BringAToolToTheFrontThatRunsWithoutAWord) {
+    timer_.install("reopenedTool", {reports_.path()});
+    launchTimer("started");
+    scheduleAtDate();
+    auto agent = startAgent(offscreen());
+    EXPECT_EQ(reports_.waitForLine(), "reopened");
+    EXPECT_TRUE(test::eventually([&] { return !isDue(); }));
+}
+
+TEST_F(AgentSchedulesTest, AreOwedToAToolForWhichNoMoreIsKept) {
+    constexpr int kMoreThanIsKept = 1500;
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    auto tool = startSpeakingTimer(panel);
+    tool.signal(SIGSTOP);
+    EXPECT_EQ(ask(panel, "clicks " + std::to_string(kMoreThanIsKept) + " Timer"), "done");
+    EXPECT_NE(ask(panel, "menu"), "no answer");
+    EXPECT_THAT(log(), testing::HasSubstr("Failed to send")) << "no more is kept";
+    scheduleNow();
+    // A tool that was started and says nothing would have had its date before this one.
+    constexpr double kLonger = std::chrono::seconds(ScheduleRunner::kPatience).count() + 3;
+    AgentScheduler::scheduleToolAtDate(Date{Date::now().secondsSinceReferenceDate + kLonger},
+                                       kClock, "World_Clock");
+    EXPECT_EQ(reports_.waitForLine(), "World Clock started");
+    EXPECT_TRUE(isDue());
+    tool.kill();
+    EXPECT_EQ(reports_.waitForLine(), "Timer started");
+    EXPECT_TRUE(isDue());
 }
 
 }  // namespace

@@ -83,7 +83,12 @@ protected:
                         if (telling_ != Telling::No) acts_.push_back("tell " + tool);
                         return telling_;
                     },
-                .launch = [this](const std::string& tool) { return act("start", tool); },
+                .launch =
+                    [this](const std::string& tool) {
+                        if (isRunning_) return Outcome::Runs;
+                        return act("start", tool);
+                    },
+                .launchAnyhow = [this](const std::string& tool) { return act("reopen", tool); },
                 .launchAtLogin = [this](const std::string& tool) { return act("launch", tool); }};
     }
     Outcome act(const std::string& what, const std::string& tool) {
@@ -132,6 +137,7 @@ protected:
     std::function<void()> patience_;
     Telling telling_ = Telling::Told;  // as for tools that run
     bool isPossible_ = true;
+    bool isRunning_ = false;  // and cannot be told
     std::vector<std::string> acts_;
     ScheduleRunner runner_{actions(), time()};
 };
@@ -378,6 +384,75 @@ TEST_F(ToolsAreOwedTest, AreStartedWhenTheyEndWithoutHavingTakenIt) {
         EXPECT_THAT(acts(), ElementsAre("tell a"));
         EXPECT_EQ(dateOf("a"), kNow + 59);
     }
+}
+
+TEST_F(ToolsAreOwedTest, AreStartedWhenTheyWereJustEnding) {
+    isRunning_ = true;
+    startWith(Telling::No);
+    EXPECT_THAT(actsInTime(), IsEmpty());
+    EXPECT_TRUE(isDue());
+    isRunning_ = false;
+    runner_.toolHasEnded("a");
+    EXPECT_THAT(actsInTime(), ElementsAre("start a"));
+    EXPECT_TRUE(isDue()) << "until it is told";
+    telling_ = Telling::Told;
+    runner_.toolHasSpoken("a");
+    EXPECT_THAT(acts(), ElementsAre("tell a"));
+    EXPECT_EQ(dateOf("a"), kNow + 59);
+}
+
+TEST_F(ToolsAreOwedTest, AreToldWhenSomebodyElseHasStartedThemAndTheySpeak) {
+    isRunning_ = true;
+    startWith(Telling::No);
+    runner_.toolsHaveChanged();
+    EXPECT_THAT(actsInTime(), IsEmpty()) << "it is not tried again and again";
+    telling_ = Telling::Told;
+    runner_.toolHasSpoken("a");
+    EXPECT_THAT(acts(), ElementsAre("tell a"));
+    EXPECT_EQ(dateOf("a"), kNow + 59);
+    EXPECT_FALSE(patience_);
+}
+
+TEST_F(ToolsAreOwedTest, AreLaunchedAsTheyAreWhenTheyRunAndNothingIsHeardOfThem) {
+    isRunning_ = true;
+    startWith(Telling::No);
+    ASSERT_TRUE(patience_);
+    std::exchange(patience_, nullptr)();
+    EXPECT_THAT(actsInTime(), ElementsAre("reopen a"));
+    EXPECT_TRUE(isDue()) << "it may just come up, to be told";
+    ASSERT_TRUE(patience_);
+    std::exchange(patience_, nullptr)();
+    EXPECT_EQ(dateOf("a"), kNow + 59);
+}
+
+TEST_F(ToolsAreOwedTest, StayDueWhenTheyRunAndCannotBeLaunchedAsTheyAre) {
+    isRunning_ = true;
+    startWith(Telling::No);
+    isPossible_ = false;
+    ASSERT_TRUE(patience_);
+    std::exchange(patience_, nullptr)();
+    EXPECT_THAT(actsInTime(), ElementsAre("reopen a"));
+    EXPECT_TRUE(isDue());
+    EXPECT_FALSE(patience_);
+    EXPECT_THAT(log_.lines(), testing::Contains(HasSubstr("It stays due.")));
+    isPossible_ = true;
+    isRunning_ = false;
+    runner_.toolsHaveChanged();
+    EXPECT_THAT(actsInTime(), ElementsAre("start a"));
+}
+
+TEST_F(ToolsAreOwedTest, StayDueWhenNoMoreIsKeptForThem) {
+    startWith(Telling::NoRoom);
+    EXPECT_THAT(actsInTime(), ElementsAre("tell a"));
+    EXPECT_FALSE(patience_) << "it is known to be deaf";
+    runner_.toolHasSpoken("a");
+    EXPECT_THAT(actsInTime(), ElementsAre("tell a")) << "it still does not read";
+    EXPECT_TRUE(isDue());
+    telling_ = Telling::Kept;
+    runner_.tryAgain("a");
+    EXPECT_THAT(actsInTime(), ElementsAre("tell a"));
+    runner_.keptIsOver("a", ToolList::Kept::Sent);
+    EXPECT_EQ(dateOf("a"), kNow + 59);
 }
 
 // ---- what is not
