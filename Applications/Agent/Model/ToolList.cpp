@@ -147,6 +147,7 @@ std::vector<ToolEntry> ToolList::lookAround() const {
 
 void ToolList::reload() {
     openPorts(std::exchange(dirty_, {}));
+    const std::set<std::string> restarted = std::exchange(restarted_, {});
     std::vector<ToolEntry> fresh = lookAround();
     Change change;
     for (const ToolEntry& old : entries_) {
@@ -160,11 +161,12 @@ void ToolList::reload() {
         if (entry.isReady() && !watched_.contains(entry.identifier)) watch(entry);
         entry = withState(std::move(entry));
         const ToolEntry* const before = find(entry.identifier);
-        if (before && *before == entry) continue;
+        if (before && *before == entry && !restarted.contains(entry.identifier)) continue;
         change.tools.push_back(entry.identifier);
         if (entry.condition == Condition::Damaged && (!before || before->reason != entry.reason))
             KULogVariadic("Tool %@ is damaged: %@", entry.identifier, entry.reason);
     }
+    restarted_.clear();  // of those that are watched from now on, whose state is in the entry
     change.isListChanged =
         !std::equal(fresh.begin(), fresh.end(), entries_.begin(), entries_.end(),
                     [](const auto& a, const auto& b) { return a.identifier == b.identifier; });
@@ -180,7 +182,8 @@ void ToolList::watch(const ToolEntry& entry) {
     auto proxy = std::make_shared<ToolDataAgentProvider>();
     proxy->setupWithToolURL(entry.path, entry.identifier, canonicalName(entry.path));
     Handle observation =
-        proxy->observe([this, identifier = entry.identifier](ToolDataAgentProvider::Property) {
+        proxy->observe([this, identifier = entry.identifier](ToolDataAgentProvider::Property what) {
+            if (what == ToolDataAgentProvider::Property::ToolPort) restarted_.insert(identifier);
             changed(identifier);
         });
     watched_[entry.identifier] = {proxy, std::move(observation)};
@@ -223,13 +226,14 @@ void ToolList::deliver() {
     Change change;
     const std::set<std::string> changed = std::exchange(dirty_, {});
     openPorts(changed);
+    const std::set<std::string> restarted = std::exchange(restarted_, {});
     for (const std::string& identifier : changed) {
         const auto entry =
             std::find_if(entries_.begin(), entries_.end(),
                          [&](const ToolEntry& one) { return one.identifier == identifier; });
         if (entry == entries_.end()) continue;
         ToolEntry now = withState(*entry);
-        if (now == *entry) continue;
+        if (now == *entry && !restarted.contains(identifier)) continue;
         *entry = std::move(now);
         change.tools.push_back(identifier);
     }

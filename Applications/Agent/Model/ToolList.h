@@ -40,7 +40,8 @@ inline constexpr std::string_view kHideRestrictedToolsKey = "HideRestrictedTools
 // and what could not be delivered by then is told to the handler.
 //
 // Changes are gathered: observers are told at most once in `gather` of everything that changed, and of nothing that
-// is as they were told last. A tool that says the same again, or twice in that time, costs one call or none.
+// is as they were told last. A tool that says the same again, or twice in that time, costs one call or none. One that ends
+// and comes back in that time is told of, although it looks the same.
 //
 // Threads: the agent's main thread, whose loop gathers. It makes the shared port server, so only the agent has one.
 class ToolList final {
@@ -63,8 +64,8 @@ public:
 
     struct Change {
         bool isListChanged = false;  // tools have come, gone or changed their places
-        std::vector<std::string>
-            tools;  // identifiers of those that look different, new ones included
+        // Identifiers of those that look different, or were started again, new ones included.
+        std::vector<std::string> tools;
         std::vector<std::string> gone;
     };
     using Observer = std::function<void(const Change&)>;
@@ -107,6 +108,7 @@ private:
     std::vector<ToolEntry> entries_;
     std::map<std::string, Watched, std::less<>> watched_;
     std::set<std::string> dirty_;
+    std::set<std::string> restarted_;  // or started, or ended: have another port, or none
     std::shared_ptr<Observers> observers_;
     Handle delivery_;
     KeptHandler keptOver_;

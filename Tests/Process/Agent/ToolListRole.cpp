@@ -77,6 +77,10 @@ UTILIA_CHILD_ROLE(toolListAgent) {
     });
     // What observers were told since the last time it was asked for.
     script.on("changes", [&](const Arguments&) { return std::exchange(changes, {}); });
+    script.on("wait-for-changes", [&](const Arguments&) {
+        (void)ChildScript::waitUntil([&] { return !changes.empty(); });
+        return std::exchange(changes, {});
+    });
     script.on("activate", [&](const Arguments& a) { return outcome(list->activate(a.at(0))); });
     script.on("turn-off", [&](const Arguments& a) { return outcome(list->turnOff(a.at(0))); });
     script.on("proxies", [](const Arguments&) {

@@ -140,6 +140,24 @@ TEST_F(ToolListTest, NoticesTheEndOfATool) {
     expectEntry(agent, kTimer, "Timer, ready, off, 0, , none, none");
 }
 
+TEST_F(ToolListTest, TellsOfAToolThatCameBackBeforeItsEndWasToldOf) {
+    install(timer_);
+    auto agent = startAgent();
+    auto tool = std::make_unique<RecordingPort>(portOf(timer_));
+    speak(timer_, 108, {"0:42"});
+    const std::string shown = "Timer, ready, runs, 0, 0:42, none, none";
+    EXPECT_EQ(agent.ask("wait-for", {kTimer, shown}), shown);
+    agent.ask("changes");
+    agent.process().signal(SIGSTOP);
+    tool.reset();
+    tool = std::make_unique<RecordingPort>(portOf(timer_));
+    speak(timer_, 108, {"0:42"});
+    agent.process().signal(SIGCONT);
+    ASSERT_TRUE(tool->waitForMessages(2)) << "the wishes, to the new one";
+    EXPECT_EQ(agent.ask("wait-for-changes"), "[ Timer]");
+    EXPECT_EQ(agent.ask("entry", {kTimer}), shown);
+}
+
 TEST_F(ToolListTest, ShowsAPermanentToolThatDoesNotRunAsItLeftOff) {
     install(timer_);
     {
