@@ -11,7 +11,6 @@
 #include <QStandardPaths>
 
 #include "Applications/Agent/AgentTexts.h"
-#include "Applications/Agent/Model/LoginSession.h"
 #include "Applications/Agent/Model/StandingMessages.h"
 #include "Applications/Agent/Model/Storage.h"
 #include "Applications/Agent/Model/Suggestions.h"
@@ -72,19 +71,29 @@ AgentApplication::AgentApplication()
 AgentApplication::~AgentApplication() = default;
 
 void AgentApplication::start(const std::vector<std::string>& arguments) {
-    const bool isLogin = LoginSession::isNew();
-    isStartedBySession_ = isLogin && LoginSession::isBringingUsUp();
+    isBroughtUp_ = LoginSession::isBringingUsUp();
     AgentScheduler::upgradeSchedulerData();
     tools_.reload();
     watchInstalledTools();
     bus_.start({.connected = [this](const QDBusConnection& bus) { busIsThere(bus); },
                 .missed = [this] { busIsMissed(); }});
     schedules_.start();
-    if (isLogin) {
-        schedules_.startAtLogin(LoginSession::toolsToStart(tools_.entries()),
-                                &LoginSession::finish);
+    if (const auto session = LoginSession::numberInEnvironment()) {
+        sessionIsKnown(session);
+    } else {
+        displaySession_.ask([this](const LoginSession::Number& told) { sessionIsKnown(told); });
     }
     if (!arguments.empty()) applicationShouldHandleReopen(false, arguments);
+}
+
+void AgentApplication::sessionIsKnown(const LoginSession::Number& session) {
+    isSessionKnown_ = true;
+    if (LoginSession::isNew(session)) {
+        isStartedBySession_ = isBroughtUp_;
+        schedules_.startAtLogin(LoginSession::toolsToStart(tools_.entries()),
+                                [session] { LoginSession::finish(session); });
+    }
+    panelIsKnown();
 }
 
 // ---- the window
@@ -101,7 +110,7 @@ void AgentApplication::panelIsKnown() {
     updateMessages();
     const bool isWithoutBus = bus_.state() == SessionBus::State::Missing;
     const bool isWithoutPanel = icon_->isKnown() && !icon_->isShown();
-    if (!isWithoutBus && !icon_->isKnown()) return;
+    if (!isWithoutBus && !(icon_->isKnown() && isSessionKnown_)) return;
     if (std::exchange(isPlaceKnown_, true) || window_) return;
     if (!isWithoutBus && !(isWithoutPanel && !isStartedBySession_) && !Storage::unwritableFolder())
         return;

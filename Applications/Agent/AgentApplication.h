@@ -13,6 +13,8 @@
 #include "Applications/Agent/Bus/SessionBus.h"
 #include "Applications/Agent/Interface/AgentWindow.h"
 #include "Applications/Agent/Model/DeafTools.h"
+#include "Applications/Agent/Model/DisplaySession.h"
+#include "Applications/Agent/Model/LoginSession.h"
 #include "Applications/Agent/Model/ScheduleRunner.h"
 #include "Applications/Agent/Model/ToolList.h"
 #include "Applications/Agent/Tray/TrayIcon.h"
@@ -55,6 +57,7 @@ private:
     ScheduleRunner::Outcome launch(const std::string& identifier);
     void follow(const ToolList::Change& change);
     void watchInstalledTools();
+    void sessionIsKnown(const LoginSession::Number& session);
     void panelIsKnown();
     void busIsThere(const QDBusConnection& bus);
     void busIsMissed();
@@ -80,6 +83,9 @@ private:
     std::set<std::string> known_;  // what has run under this agent
     std::function<void()> busBack_;
     Handle observation_;
+    DisplaySession displaySession_;
+    bool isBroughtUp_ = false;  // by the session, if this is the first start in it
+    bool isSessionKnown_ = false;
     bool isStartedBySession_ = false;
     bool isPlaceKnown_ =
         false;  // whether there was a panel for the icon when the agent had started

@@ -22,12 +22,11 @@ constexpr std::size_t kMaximumSize = 4096;
 constexpr std::string_view kBegun = "begun\n";
 constexpr std::string_view kLauncher = "com.korvane.utilia.ToolLauncher";
 
-std::string thisLogin() {
-    const char* const session = std::getenv("XDG_SESSION_ID");
+std::string nameOf(const LoginSession::Number& session) {
     std::ifstream file("/proc/sys/kernel/random/boot_id");
     std::string boot;
     std::getline(file, boot);
-    return "session " + std::string(session ? session : "unknown") + "\nboot " + boot + "\n";
+    return "session " + session.value_or("unknown") + "\nboot " + boot + "\n";
 }
 
 Result<void> remember(const std::string& folder, const std::string& login) {
@@ -37,13 +36,19 @@ Result<void> remember(const std::string& folder, const std::string& login) {
 
 }  // namespace
 
-bool LoginSession::isNew() {
+LoginSession::Number LoginSession::numberInEnvironment() {
+    const char* const session = std::getenv("XDG_SESSION_ID");
+    if (!session || !*session) return std::nullopt;
+    return session;
+}
+
+bool LoginSession::isNew(const Number& session) {
     const auto folder = FileManager::runtimeFolder();
     if (!folder) {
         KULogVariadic("Login: there is no runtime folder, so that no tools are started");
         return false;
     }
-    const std::string login = thisLogin();
+    const std::string login = nameOf(session);
     const auto seen = FileManager::contentsAtPath(*folder + std::string(kFileName), kMaximumSize);
     if (seen && std::string(seen->begin(), seen->end()) == login) return false;
     if (const auto written = remember(*folder, login + std::string(kBegun)); !written) {
@@ -61,10 +66,10 @@ bool LoginSession::isBringingUsUp() {
                 .empty();
 }
 
-void LoginSession::finish() {
+void LoginSession::finish(const Number& session) {
     const auto folder = FileManager::runtimeFolder();
     if (!folder) return;
-    if (const auto written = remember(*folder, thisLogin()); !written)
+    if (const auto written = remember(*folder, nameOf(session)); !written)
         KULogVariadic("Login: the agent's next start starts the tools again: %@", written.error());
 }
 

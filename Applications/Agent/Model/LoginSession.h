@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,20 +11,26 @@ namespace utilia::agent {
 // What happens once in each login, however often the agent is started in it.
 //
 // The last login that was seen is kept in a file of the runtime folder, which the system removes after the last logout:
-// the session's number ($XDG_SESSION_ID) and the machine's boot. Until finish() it is marked as begun: an agent that is
-// killed while it starts tools does all of it again, which passes over those that run.
+// the session's number and the machine's boot. Until finish() it is marked as begun: an agent that is killed while it
+// starts tools does all of it again, which passes over those that run.
+//
+// A session whose number is not known is one and the same until the system removes the file.
 class LoginSession final {
 public:
     LoginSession() = delete;
 
+    using Number = std::optional<std::string>;
+
+    // $XDG_SESSION_ID; where it is missing DisplaySession may know.
+    static Number numberInEnvironment();
     // Whether what happens once in this login is still to be done. False, with one log line, where that cannot be
     // remembered.
-    static bool isNew();
+    static bool isNew(const Number& session);
     // Whether the session starts the agent now, for a call that is the first in the login: the agent is one of its
     // items, or the launcher is at work, which starts the agent for its tools.
     static bool isBringingUsUp();
     // It is done.
-    static void finish();
+    static void finish(const Number& session);
 
     // Those of the tools that have asked to be started at login (their scheduler records) and that the launcher does
     // not start already (its list).

@@ -62,7 +62,9 @@ void ScheduleRunner::startAtLogin(const std::vector<std::string>& identifiers,
         const bool isQueuedAlready =
             std::any_of(queue_.begin(), queue_.end(),
                         [&](const Work& work) { return work.identifier == identifier; });
-        if (!isQueuedAlready) queue_.push_back({identifier, std::nullopt});
+        // One that is owed a date was started, or found running, for that.
+        if (!isQueuedAlready && !debts_.contains(identifier))
+            queue_.push_back({identifier, std::nullopt});
     }
     workOn();
 }

@@ -43,6 +43,8 @@ protected:
                                   const test::PrivateMounts* mounts = nullptr) const {
         test::ChildProcessOptions options;
         options.environment = environment;
+        // No test asks the machine's own login manager.
+        options.environment.try_emplace("DBUS_SYSTEM_BUS_ADDRESS", "disabled:");
         options.mounts = mounts;
         options.standardError = home_.path() / "agent.log";
         options.diesWithTest = true;

@@ -58,6 +58,20 @@ protected:
         timer_.install("stayingTool", {reports_.path(), "Timer"});
         clock_.install("stayingTool", {reports_.path(), "World Clock"});
     }
+    // As the user's service manager starts it: nothing tells it the session but the login manager.
+    Environment withoutSession(const test::PrivateBus& systemBus) const {
+        Environment all = offscreen();
+        all["XDG_SESSION_ID"] = "";
+        all["DBUS_SYSTEM_BUS_ADDRESS"] = systemBus.address();
+        return all;
+    }
+    bool remembers(const std::string& session) const {
+        return test::eventually([&] {
+            const std::string login = rememberedLogin();
+            return login.starts_with("session " + session + "\n") &&
+                   login.find("begun") == std::string::npos;
+        });
+    }
     static void scheduleAtLogin(const char* identifier, const std::string& name) {
         updateSchedulerPlist(identifier, name,
                              [](Dictionary& record) { record.set("launchAtLogin", true); });
@@ -119,6 +133,53 @@ TEST_F(AgentSchedulesTest, GoOnAtLoginAfterTheAgentWasKilled) {
     EXPECT_EQ(reports_.waitForLine(), "World Clock started");
     EXPECT_TRUE(
         test::eventually([&] { return rememberedLogin().find("begun") == std::string::npos; }));
+}
+
+TEST_F(AgentSchedulesTest, ComeOnceInEachLoginAlsoWhereOnlyTheLoginManagerKnowsIt) {
+    const test::PrivateBus systemBus(home_.path() / "system-bus");
+    test::ChildProcessOptions options;
+    options.environment = {{"DBUS_SYSTEM_BUS_ADDRESS", systemBus.address()}};
+    options.diesWithTest = true;
+    auto manager = test::ChildProcess::program(kPython, {UTILIA_LOGIN_MANAGER, "3"}, options);
+    ASSERT_EQ(manager.waitForLine(), "ready");
+    install(timer_);  // it ends at once, so that it would be started again
+    scheduleAtLogin(kTimer, "Timer");
+    const auto logInAndOut = [&](const std::string& session) {
+        auto agent = startAgent(withoutSession(systemBus));
+        EXPECT_EQ(manager.waitForLine(), "asked");
+        // The agent has its answer before the second one is given.
+        for (int times = 0; times < 2; ++times)
+            EXPECT_TRUE(test::eventually([&] { return published() != ""; }));
+        EXPECT_TRUE(remembers(session));
+        agent.signal(SIGTERM);
+        EXPECT_EQ(agent.waitForExit(), 0);
+    };
+    logInAndOut("3");
+    EXPECT_EQ(reports_.waitForLine(), "started");
+    logInAndOut("3");
+    manager.say("5");
+    EXPECT_EQ(manager.waitForLine(), "done");
+    logInAndOut("5");
+    EXPECT_EQ(reports_.waitForLine(), "started");
+    EXPECT_EQ(reports_.waitForLine(std::chrono::milliseconds(50)), std::nullopt)
+        << "twice in three starts";
+}
+
+TEST_F(AgentSchedulesTest, DoNotWaitForASystemBusThatHangs) {
+    test::PrivateBus systemBus(home_.path() / "system-bus");
+    systemBus.stop();
+    auto panel = startPanel();
+    scheduleAtDate();
+    scheduleAtLogin(kClock, "World_Clock");
+    auto agent = startAgent(withoutSession(systemBus));
+    expectItem(panel, agent);
+    EXPECT_EQ(ask(panel, "menu"), std::string("Timer; World__Clock; ") + kOwnEntries);
+    EXPECT_EQ(reports_.waitForLine(), "Timer started");
+    EXPECT_EQ(reports_.waitForLine(), "World Clock started");
+    EXPECT_TRUE(remembers("unknown"));
+    agent.signal(SIGTERM);
+    EXPECT_EQ(agent.waitForExit(), 0);
+    systemBus.resume();
 }
 
 TEST_F(AgentSchedulesTest, TellADateAfterTheAgentThatStartedTheToolWasKilled) {

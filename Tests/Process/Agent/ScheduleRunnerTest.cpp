@@ -479,6 +479,14 @@ TEST_F(ScheduleRunnerTest, StartsAToolOnceThatIsDueAtLogin) {
     EXPECT_THAT(actsInTime(), ElementsAre("launch b", "launch c", "tell a"));
 }
 
+TEST_F(ScheduleRunnerTest, DoesNotStartAToolForTheLoginThatItHasStartedForItsDate) {
+    telling_ = Telling::No;
+    schedule("a", kNow - 1);
+    runner_.start();
+    runner_.startAtLogin({"a", "b"}, [] {});
+    EXPECT_THAT(actsInTime(), ElementsAre("start a", "launch b"));
+}
+
 TEST_F(ScheduleRunnerTest, SaysWhenNobodyWaitsForTheLoginsStartAnyMore) {
     const auto done = [this] { acts_.push_back("done"); };
     runner_.startAtLogin({"a", "b"}, done);
@@ -502,13 +510,22 @@ protected:
 };
 
 TEST_F(LoginSessionTest, IsNewInEachSessionUntilEverythingIsDone) {
-    for (const char* session : {"3", "4"}) {
-        setenv("XDG_SESSION_ID", session, 1);
-        EXPECT_TRUE(LoginSession::isNew());
-        EXPECT_TRUE(LoginSession::isNew()) << "as for an agent that was killed meanwhile";
-        LoginSession::finish();
-        EXPECT_FALSE(LoginSession::isNew());
+    for (const LoginSession::Number& session :
+         {LoginSession::Number("3"), LoginSession::Number("4"), LoginSession::Number()}) {
+        EXPECT_TRUE(LoginSession::isNew(session));
+        EXPECT_TRUE(LoginSession::isNew(session)) << "as for an agent that was killed meanwhile";
+        LoginSession::finish(session);
+        EXPECT_FALSE(LoginSession::isNew(session));
     }
+}
+
+TEST_F(LoginSessionTest, HasItsNumberInTheEnvironmentOrNot) {
+    unsetenv("XDG_SESSION_ID");
+    EXPECT_EQ(LoginSession::numberInEnvironment(), std::nullopt);
+    setenv("XDG_SESSION_ID", "", 1);
+    EXPECT_EQ(LoginSession::numberInEnvironment(), std::nullopt);
+    setenv("XDG_SESSION_ID", "c2", 1);
+    EXPECT_EQ(LoginSession::numberInEnvironment(), "c2");
 }
 
 TEST_F(LoginSessionTest, IsNotNewWhereItCannotBeRemembered) {
@@ -517,7 +534,7 @@ TEST_F(LoginSessionTest, IsNotNewWhereItCannotBeRemembered) {
                                         "x");
     std::filesystem::permissions(home_.runtime() / "com.korvane.utilia",
                                  std::filesystem::perms::owner_all);
-    EXPECT_FALSE(LoginSession::isNew());
+    EXPECT_FALSE(LoginSession::isNew("3"));
     EXPECT_THAT(log.lines(), testing::Contains(HasSubstr("no tools are started")));
 }
 
