@@ -200,6 +200,12 @@ Outcome AgentApplication::launchUnlessItRuns(const std::string& identifier) {
 
 Outcome AgentApplication::launch(const std::string& identifier) {
     const ToolEntry* const tool = tools_.find(identifier);
+    if (tool) {
+        unlisted_.erase(identifier);
+    } else if (unlisted_.insert(identifier).second) {
+        // A tool of the catalogue that is due is listed also when it is not installed.
+        reload_.start();
+    }
     if (!tool || !tool->isReady()) return Outcome::NotNow;
     const auto launched = platform::Workspace::launchAppWithBundleIdentifier(
         identifier, platform::WorkspaceLaunchOptions::Async);

@@ -80,7 +80,8 @@ private:
     QFileSystemWatcher installations_;
     QTimer reload_;
     QFileSystemWatcher records_;
-    std::set<std::string> known_;  // what has run under this agent
+    std::set<std::string> unlisted_;  // were due, and looked for once more
+    std::set<std::string> known_;     // what has run under this agent
     std::function<void()> busBack_;
     Handle observation_;
     DisplaySession displaySession_;

@@ -15,14 +15,14 @@ struct ToolEntry {
         Ready,
         Restricted,  // the administrator does not allow it
         Damaged,     // its desktop entry leads to no application of this identifier
-        Missing,     // it is to be started at login, and is not installed
+        Missing,     // it is to be started, and is not installed
     };
 
     std::string identifier;
     std::string name;  // as its bundle calls itself
     std::string path;  // of its bundle; empty when it is damaged or missing
     Condition condition = Condition::Ready;
-    std::string reason;  // why it is damaged, for a log or an expert
+    std::string reason;  // why it is damaged or missing, for a log or an expert
     bool isRunning = false;
     std::uint64_t status = kToolStatusInactive;
     std::string menuText;

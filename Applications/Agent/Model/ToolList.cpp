@@ -11,6 +11,7 @@
 #include "Common/Platform/Workspace.h"
 #include "Common/UtiliaCommon/AdminSettings/KAVAdminStorage.h"
 #include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
+#include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataServerProvider.h"
 
 namespace utilia::agent {
@@ -31,6 +32,31 @@ std::string shortName(std::string_view identifier) {
         name += character;
     }
     return name;
+}
+
+// The tools that are to be started, were they there. The names of their records are those of bundles that may be gone.
+std::set<std::string> wantedTools() {
+    std::set<std::string> wanted;
+    const auto defaults = UtiliaToolLauncher::getDefaults();
+    const auto listed = defaults ? defaults->arrayForKey(kLaunchAtLoginToolsKey) : std::nullopt;
+    for (const Value& one : listed.value_or(Array())) {
+        if (const std::string* const identifier = one.string()) wanted.insert(*identifier);
+    }
+    Array records;
+    accessAppGroupPlist([&records](platform::UserDefaults& suite) {
+        records = suite.arrayForKey(kSchedulerKey).value_or(Array());
+    });
+    const Date now = Date::now();
+    for (const Value& one : records) {
+        const Dictionary* const record = one.dictionary();
+        const auto identifier = record ? record->string(kSchedulerBundleIdKey) : std::nullopt;
+        if (!identifier) continue;
+        const Value* const date = record->find(kSchedulerDateKey);
+        const bool isDue = record->boolean(kSchedulerLaunchAtDateKey) && date && date->date() &&
+                           *date->date() <= now;
+        if (isDue || record->boolean(kSchedulerLaunchAtLoginKey)) wanted.insert(*identifier);
+    }
+    return wanted;
 }
 
 bool areRestrictedToolsHidden() {
@@ -127,17 +153,11 @@ ToolEntry ToolList::examine(const std::string& identifier, const ToolSets& toolS
 std::vector<ToolEntry> ToolList::lookAround() const {
     const auto toolSets = currentToolSets();
     const bool isHiding = areRestrictedToolsHidden();
-    const auto defaults = UtiliaToolLauncher::getDefaults();
-    const auto listed = defaults ? defaults->arrayForKey(kLaunchAtLoginToolsKey) : std::nullopt;
-    const auto isWantedAtLogin = [&listed](const std::string& identifier) {
-        return listed && std::any_of(listed->begin(), listed->end(), [&](const Value& one) {
-                   return one.string() && *one.string() == identifier;
-               });
-    };
+    const std::set<std::string> wanted = wantedTools();
     std::vector<ToolEntry> found;
     for (const std::string& identifier : toolSets->currentUnrestrictedToolSet()) {
         ToolEntry entry = examine(identifier, *toolSets);
-        if (entry.condition == Condition::Missing && !isWantedAtLogin(identifier)) continue;
+        if (entry.condition == Condition::Missing && !wanted.contains(identifier)) continue;
         if (entry.condition == Condition::Restricted && isHiding) continue;
         found.push_back(std::move(entry));
     }

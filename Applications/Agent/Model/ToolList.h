@@ -32,7 +32,8 @@ inline constexpr std::string_view kHideRestrictedToolsKey = "HideRestrictedTools
 //
 //     restricted   listed with that condition, or left out where the administrator wants it so
 //     damaged      a desktop entry names the tool, and leads to no usable bundle
-//     missing      it is in the list of tools to start at login, and is not installed
+//     missing      it is to be started, and is not installed: it is in the list of tools to start at login, or has asked
+//                  for that itself, or for a date that has come
 //
 // Restricted, damaged and missing tools have no proxy, so they are never spoken to.
 //

@@ -182,6 +182,22 @@ TEST_F(AgentSchedulesTest, DoNotWaitForASystemBusThatHangs) {
     systemBus.resume();
 }
 
+TEST_F(AgentSchedulesTest, SayWhereAPersonLooksThatADueToolIsNotInstalled) {
+    std::filesystem::remove(home_.data() / "applications" / (std::string(kTimer) + ".desktop"));
+    auto panel = startPanel();
+    auto agent = startAgent(offscreen());
+    expectItem(panel, agent);
+    EXPECT_EQ(ask(panel, "menu"), std::string("World__Clock; ") + kOwnEntries);
+    AgentScheduler::scheduleToolAtDate(Date{Date::now().secondsSinceReferenceDate + 1}, kTimer,
+                                       "Timer");
+    const std::string missing =
+        std::string("Timer (not installed) [grey]; World__Clock; ") + kOwnEntries;
+    EXPECT_EQ(menuThatBecomes(panel, missing), missing);
+    EXPECT_TRUE(isDue());
+    timer_.install("stayingTool", {reports_.path(), "Timer"});
+    EXPECT_EQ(reports_.waitForLine(), "Timer started");
+}
+
 TEST_F(AgentSchedulesTest, TellADateAfterTheAgentThatStartedTheToolWasKilled) {
     scheduleAtDate();
     auto agent = startAgent(offscreen());

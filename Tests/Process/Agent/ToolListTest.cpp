@@ -10,6 +10,7 @@
 #include "Common/Platform/UserDefaults.h"
 #include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
 #include "Common/UtiliaCommon/PersistentData/ToolPersistentDataReader.h"
+#include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Tests/Process/SampleImage.h"
 #include "Tests/Support/ChildScript.h"
@@ -284,6 +285,35 @@ TEST_F(ToolListTest, ListsAToolThatIsMissingAtLogin) {
     auto agent = startAgent();
     EXPECT_EQ(agent.ask("entries"), "Timer, missing, off, 0, , none, none; ");
     EXPECT_THAT(agent.ask("activate", {kTimer}), HasSubstr("is not installed"));
+}
+
+TEST_F(ToolListTest, ListsAToolThatIsMissingAtItsDateOrAtTheLoginThatItHasAskedFor) {
+    constexpr double kDay = 86'400;
+    const double now = Date::now().secondsSinceReferenceDate;
+    const auto schedule = [](const char* identifier, const char* name, const char* when,
+                             Value value) {
+        updateSchedulerPlist(identifier, name, [&](Dictionary& record) {
+            record.set(when, value);
+            if (record.find("date")) record.set("launchAtDate", true);
+        });
+    };
+    schedule(kTimer, "Timer", "date", Date{now - 1});
+    schedule(kClock, "World_Clock", "launchAtLogin", true);
+    schedule("com.korvane.utilia.QuickNotes", "Quick Notes", "date", Date{now + kDay});
+    schedule("com.korvane.utilia.MoonPhase", "Moon Phase", "launchAtLogin", false);
+    schedule("com.example.Foreign", "Foreign", "date", Date{now - 1});
+    auto agent = startAgent();
+    EXPECT_EQ(agent.ask("entries"), "Timer, missing, off, 0, , none, none; "
+                                    "World Clock, missing, off, 0, , none, none; ");
+    EXPECT_THAT(agent.ask("activate", {kTimer}), HasSubstr("is not installed"));
+    install(timer_);
+    agent.ask("reload");
+    EXPECT_EQ(agent.ask("entry", {kTimer}), "Timer, ready, off, 0, , none, none");
+    AgentScheduler::cancelScheduleByName("World_Clock", kClock);
+    updateSchedulerPlist(kClock, "World_Clock",
+                         [](Dictionary& record) { record.remove("launchAtLogin"); });
+    agent.ask("reload");
+    EXPECT_EQ(agent.ask("entry", {kClock}), "none");
 }
 
 TEST_F(ToolListTest, FollowsAToolToAnotherPlace) {
