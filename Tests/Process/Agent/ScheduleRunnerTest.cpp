@@ -1,15 +1,10 @@
 #include "Applications/Agent/Model/ScheduleRunner.h"
 
-#include <cmath>
-#include <limits>
-#include <map>
 #include <optional>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "Applications/Agent/Model/LoginSession.h"
-#include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
 #include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Tests/Support/TemporaryHome.h"
@@ -26,37 +21,6 @@ using testing::IsEmpty;
 using Outcome = ScheduleRunner::Outcome;
 
 constexpr double kNow = 800'000'000;  // seconds, some time in 2026
-
-// ---- when a repeated launch comes next
-
-TEST(NextDate, IsTheFirstWholeIntervalAfterNow) {
-    EXPECT_EQ(nextDate({100}, 10, {100}), Date{110});
-    EXPECT_EQ(nextDate({100}, 10, {101}), Date{110});
-    EXPECT_EQ(nextDate({100}, 10, {110}), Date{120});
-    EXPECT_EQ(nextDate({100}, 10, {1234}), Date{1240});
-    EXPECT_EQ(nextDate({100}, 86400, {kNow}), Date{100 + 86400 * 9260.0});
-    EXPECT_EQ(nextDate({100}, 10, {50}), Date{110}) << "the clock was set back";
-}
-
-TEST(NextDate, IsAlwaysAfterNow) {
-    for (const double interval : {1.0, 1.1, 3.3, 59.9999, 86400.1, 1e9}) {
-        for (double now = kNow; now < kNow + 10; now += 0.37) {
-            const auto next = nextDate({kNow - 12345.678}, interval, {now});
-            ASSERT_TRUE(next);
-            EXPECT_GT(next->secondsSinceReferenceDate, now) << interval;
-            EXPECT_LE(next->secondsSinceReferenceDate, now + 1.001 * interval) << interval;
-        }
-    }
-}
-
-TEST(NextDate, RepeatsNothingForAnIntervalThatIsNone) {
-    for (const double interval :
-         {0.0, -0.0, -1.0, 0.5, 1e-300, 1e300, std::numeric_limits<double>::infinity(),
-          -std::numeric_limits<double>::infinity(), std::numeric_limits<double>::quiet_NaN()}) {
-        EXPECT_EQ(nextDate({100}, interval, {200}), std::nullopt) << interval;
-    }
-    EXPECT_EQ(nextDate({1e300}, 10, {200}), std::nullopt);
-}
 
 // ---- acting
 
@@ -499,63 +463,6 @@ TEST_F(ScheduleRunnerTest, SaysWhenNobodyWaitsForTheLoginsStartAnyMore) {
     runner_.start();
     EXPECT_THAT(acts(), ElementsAre("launch a"));
     EXPECT_THAT(actsInTime(), ElementsAre("done", "tell c")) << "this one has a date";
-}
-
-// ---- the login
-
-class LoginSessionTest : public testing::Test {
-protected:
-    ~LoginSessionTest() override { unsetenv("XDG_SESSION_ID"); }
-    test::TemporaryHome home_;
-};
-
-TEST_F(LoginSessionTest, IsNewInEachSessionUntilEverythingIsDone) {
-    for (const LoginSession::Number& session :
-         {LoginSession::Number("3"), LoginSession::Number("4"), LoginSession::Number()}) {
-        EXPECT_TRUE(LoginSession::isNew(session));
-        EXPECT_TRUE(LoginSession::isNew(session)) << "as for an agent that was killed meanwhile";
-        LoginSession::finish(session);
-        EXPECT_FALSE(LoginSession::isNew(session));
-    }
-}
-
-TEST_F(LoginSessionTest, HasItsNumberInTheEnvironmentOrNot) {
-    unsetenv("XDG_SESSION_ID");
-    EXPECT_EQ(LoginSession::numberInEnvironment(), std::nullopt);
-    setenv("XDG_SESSION_ID", "", 1);
-    EXPECT_EQ(LoginSession::numberInEnvironment(), std::nullopt);
-    setenv("XDG_SESSION_ID", "c2", 1);
-    EXPECT_EQ(LoginSession::numberInEnvironment(), "c2");
-}
-
-TEST_F(LoginSessionTest, IsNotNewWhereItCannotBeRemembered) {
-    test::TestLog log;
-    std::filesystem::create_directories(home_.runtime() / "com.korvane.utilia" / "agent-login" /
-                                        "x");
-    std::filesystem::permissions(home_.runtime() / "com.korvane.utilia",
-                                 std::filesystem::perms::owner_all);
-    EXPECT_FALSE(LoginSession::isNew("3"));
-    EXPECT_THAT(log.lines(), testing::Contains(HasSubstr("no tools are started")));
-}
-
-TEST_F(LoginSessionTest, StartsWhatAskedForItAndIsNotTheLaunchersBusiness) {
-    const auto tool = [](const std::string& name) {
-        ToolEntry entry;
-        entry.identifier = "com.korvane.utilia." + name;
-        entry.path = "/Applications/" + name + ".app";
-        return entry;
-    };
-    for (const char* name : {"Timer", "WorldClock", "QuickNotes"}) {
-        updateSchedulerPlist("com.korvane.utilia." + std::string(name), name,
-                             [](Dictionary& record) { record.set("launchAtLogin", true); });
-    }
-    UtiliaToolLauncher::getDefaults()->setObject(Array{Value("com.korvane.utilia.WorldClock")},
-                                                 kLaunchAtLoginToolsKey);
-    ToolEntry restricted = tool("QuickNotes");
-    restricted.condition = ToolEntry::Condition::Restricted;
-    EXPECT_THAT(LoginSession::toolsToStart(
-                    {tool("Timer"), tool("WorldClock"), restricted, tool("MoonPhase")}),
-                ElementsAre("com.korvane.utilia.Timer"));
 }
 
 }  // namespace
