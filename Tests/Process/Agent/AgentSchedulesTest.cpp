@@ -5,7 +5,6 @@
 
 #include <sys/prctl.h>
 
-#include "Applications/Agent/Model/ScheduleRunner.h"
 #include "Common/Platform/Application.h"
 #include "Common/Platform/RunLoop.h"
 #include "Common/Platform/Workspace.h"
@@ -284,28 +283,6 @@ TEST_F(AgentSchedulesTest, BringAToolToTheFrontThatRunsWithoutAWord) {
     auto agent = startAgent(offscreen());
     EXPECT_EQ(reports_.waitForLine(), "reopened");
     EXPECT_TRUE(test::eventually([&] { return !isDue(); }));
-}
-
-TEST_F(AgentSchedulesTest, AreOwedToAToolForWhichNoMoreIsKept) {
-    constexpr int kMoreThanIsKept = 1500;
-    auto panel = startPanel();
-    auto agent = startAgent(offscreen());
-    expectItem(panel, agent);
-    auto tool = startSpeakingTimer(panel);
-    tool.signal(SIGSTOP);
-    EXPECT_EQ(ask(panel, "clicks " + std::to_string(kMoreThanIsKept) + " Timer"), "done");
-    EXPECT_NE(ask(panel, "menu"), "no answer");
-    EXPECT_THAT(log(), testing::HasSubstr("Failed to send")) << "no more is kept";
-    scheduleNow();
-    // A tool that was started and says nothing would have had its date before this one.
-    constexpr double kLonger = std::chrono::seconds(ScheduleRunner::kPatience).count() + 3;
-    AgentScheduler::scheduleToolAtDate(Date{Date::now().secondsSinceReferenceDate + kLonger},
-                                       kClock, "World_Clock");
-    EXPECT_EQ(reports_.waitForLine(), "World Clock started");
-    EXPECT_TRUE(isDue());
-    tool.kill();
-    EXPECT_EQ(reports_.waitForLine(), "Timer started");
-    EXPECT_TRUE(isDue());
 }
 
 }  // namespace

@@ -77,6 +77,16 @@ UTILIA_CHILD_ROLE(toolListAgent) {
     });
     // What observers were told since the last time it was asked for.
     script.on("changes", [&](const Arguments&) { return std::exchange(changes, {}); });
+    script.on("tell-until-refused", [&](const Arguments& a) {
+        for (;;) {
+            const Telling telling = list->tell(a.at(0), AgentMessage::MenuIconClicked);
+            if (telling == Telling::No) return std::string("no");
+            if (telling == Telling::NoRoom) return std::string("no room");
+        }
+    });
+    script.on("deaf", [&](const Arguments& a) {
+        return std::string(list->isDeaf(a.at(0)) ? "yes" : "no");
+    });
     script.on("wait-for-changes", [&](const Arguments&) {
         (void)ChildScript::waitUntil([&] { return !changes.empty(); });
         return std::exchange(changes, {});

@@ -159,6 +159,23 @@ TEST_F(ToolListTest, TellsOfAToolThatCameBackBeforeItsEndWasToldOf) {
     EXPECT_EQ(agent.ask("entry", {kTimer}), shown);
 }
 
+TEST_F(ToolListTest, TellsADeafToolForWhichNoMoreIsKeptFromOneThatHasEnded) {
+    install(timer_);
+    auto agent = startAgent();
+    EXPECT_EQ(agent.ask("deaf", {kTimer}), "no") << "it does not run";
+    // It reads only while its test waits for its messages.
+    auto tool = std::make_unique<RecordingPort>(portOf(timer_));
+    sayStatus(timer_, 1);
+    agent.ask("wait-for", {kTimer, "Timer, ready, runs, 1, , none, none"});
+    EXPECT_EQ(agent.ask("deaf", {kTimer}), "no") << "it has room";
+    EXPECT_EQ(agent.ask("tell-until-refused", {kTimer}), "no room");
+    EXPECT_EQ(agent.ask("deaf", {kTimer}), "yes");
+    tool.reset();
+    agent.ask("wait-for", {kTimer, "Timer, ready, off, 0, , none, none"});
+    EXPECT_EQ(agent.ask("tell-until-refused", {kTimer}), "no");
+    EXPECT_EQ(agent.ask("deaf", {kTimer}), "no");
+}
+
 TEST_F(ToolListTest, ShowsAPermanentToolThatDoesNotRunAsItLeftOff) {
     install(timer_);
     {
