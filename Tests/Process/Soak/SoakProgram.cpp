@@ -1,8 +1,8 @@
-// soak [--seconds N] [--tools N]
+// soak [--seconds N] [--tools N] [--pause MILLISECONDS]
 //
 // The real agent and many tools at work for as long as it is told: each tool updates its record of
 // the shared store ten times a second, tells the agent a new text of its menu four times a second and
-// records two events a second. Every two seconds SIGKILL ends one of them, and it is started again;
+// records two events a second. Every two seconds (--pause) SIGKILL ends one of them, and it is started again;
 // once, in the first half, it ends the agent. At the end nothing may be missing: every acknowledged
 // update and event is there, each event once, and the agent shows what each tool said last. In the
 // second half the agent's memory and descriptors must not grow.
@@ -59,7 +59,7 @@ namespace fs = std::filesystem;
 constexpr auto kStorePeriod = 100ms;
 constexpr auto kTextPeriod = 250ms;
 constexpr auto kEventPeriod = 500ms;
-constexpr auto kKillPeriod = 2s;
+constexpr std::chrono::milliseconds kKillPeriod = 2s;
 constexpr auto kCollectPeriod = 20s;
 constexpr const char* kCountKey = "count";
 // What an allocator keeps for later is no leak; what grows from hour to hour is one.
@@ -207,9 +207,9 @@ public:
         for (std::size_t i = 0; i < tools; ++i) tools_.push_back(started(i));
     }
 
-    void run(double seconds) {
+    void run(double seconds, std::chrono::milliseconds pause) {
         const auto begin = steady_clock::now();
-        auto nextKill = begin + kKillPeriod, nextCollection = begin + kCollectPeriod;
+        auto nextKill = begin + pause, nextCollection = begin + kCollectPeriod;
         bool isAgentKilled = false;
         for (;;) {
             std::this_thread::sleep_until(std::min(nextKill, nextCollection));
@@ -220,7 +220,7 @@ public:
                 collect();
             }
             if (steady_clock::now() < nextKill) continue;
-            nextKill += kKillPeriod;
+            nextKill += pause;
             if (!isAgentKilled && now >= seconds / 4) {
                 isAgentKilled = true;
                 agent_.kill();
@@ -428,21 +428,26 @@ int main(int argc, char** argv) try {
     int status = 0;
     if (test::runChildRole(argc, argv, &status)) return status;
     double seconds = 20;
-    long tools = 12;
+    long tools = 12, pause = kKillPeriod.count();
     for (int i = 1; i + 1 < argc; i += 2) {
         if (std::strcmp(argv[i], "--seconds") == 0)
             seconds = std::atof(argv[i + 1]);
         else if (std::strcmp(argv[i], "--tools") == 0)
             tools = std::strtol(argv[i + 1], nullptr, 10);
+        else if (std::strcmp(argv[i], "--pause") == 0)
+            pause = std::strtol(argv[i + 1], nullptr, 10);
         else
             tools = 0;
     }
-    if (argc % 2 == 0 || seconds < 12 || tools < 1) {
-        std::fprintf(stderr, "usage: %s [--seconds N] [--tools N]; at least 12 seconds\n", argv[0]);
+    if (argc % 2 == 0 || seconds < 12 || tools < 1 || pause < 1) {
+        std::fprintf(
+            stderr,
+            "usage: %s [--seconds N] [--tools N] [--pause MILLISECONDS]; at least 12 seconds\n",
+            argv[0]);
         return 2;
     }
     Soak soak(static_cast<std::size_t>(tools));
-    soak.run(seconds);
+    soak.run(seconds, std::chrono::milliseconds(pause));
     return soak.report() ? 0 : 1;
 } catch (const std::exception& exception) {
     std::fprintf(stderr, "soak: %s\n", exception.what());
