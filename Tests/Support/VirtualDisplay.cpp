@@ -129,7 +129,12 @@ std::string VirtualDisplay::focusedWindow() const {
 }
 
 bool VirtualDisplay::hasWindow(const std::string& title) const {
-    return !run({"xdotool", "search", "--onlyvisible", "--name", "^" + title + "$"}).text.empty();
+    // Windows that go away while xdotool looks around end its search, of which it complains.
+    for (int tries = 0; tries < 100; ++tries) {
+        const auto found = run({"xdotool", "search", "--onlyvisible", "--name", "^" + title + "$"});
+        if (found.errors.empty()) return !found.text.empty();
+    }
+    throw std::runtime_error("xdotool does not get to the end of its search");
 }
 
 int VirtualDisplay::processOfWindow(const std::string& window) const {

@@ -58,7 +58,11 @@ TEST_F(MoonPhaseTest, SpeaksTheUsersLanguage) {
 TEST_F(MoonPhaseTest, SleepsBetweenItsHours) {
     auto tool = start();
     EXPECT_THAT(session_.nextText(), HasSubstr("% lit"));
-    EXPECT_TRUE(session_.fallsAsleep(tool));
+    ASSERT_TRUE(session_.fallsAsleep(tool));
+    const auto before = ToolSession::wakeUps(tool);
+    session_.serve(std::chrono::milliseconds(2500));
+    EXPECT_EQ(ToolSession::wakeUps(tool), before);
+    EXPECT_TRUE(tool.isRunning());
 }
 
 TEST_F(MoonPhaseTest, LeavesNothingBehind) {

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -162,16 +163,6 @@ TEST_F(ScreenCapture, OpensItsWindowWithoutAPortalAndWithoutABus) {
     EXPECT_THAT(session_.log(), HasSubstr("Screen Capture: no picture: "));
 }
 
-TEST_F(ScreenCapture, StaysOpenWithAFileThatIsNoPicture) {
-    const std::string path = session_.home().path() / "text.png";
-    std::ofstream(path) << "no picture";
-    auto tool = start({path});
-    display_.waitForWindow(kTitle);
-    display_.press({"alt+s"});
-    EXPECT_FALSE(display_.hasWindow(kSaveTitle)) << "there is nothing to save";
-    EXPECT_TRUE(tool.isRunning());
-}
-
 TEST_F(ScreenCapture, TellsInTheMenuHowFarSavingIs) {
     auto tool = start({picture(1500, 4000)});
     display_.waitForWindow(kTitle);
@@ -230,6 +221,27 @@ TEST_F(SpokenCapture, NamesEverythingThatCanBeUsed) {
     EXPECT_NE(one("Page height:"), elements.end());
     ASSERT_NE(one("Picture"), elements.end());
     EXPECT_EQ(one("Picture")->description, "200 × 2500 px · Pages: 3");
+}
+
+TEST_F(SpokenCapture, StaysOpenWithAFileThatIsNoPictureAndHasNothingToSave) {
+    const std::string path = session_.home().path() / "text.png";
+    std::ofstream(path) << "no picture";
+    auto tool = startSpeaking({path});
+    const auto canBeSaved = [this]() -> std::optional<bool> {
+        for (const auto& element : read()) {
+            if (element.role == "push button" && element.name == "Save…")
+                return !element.is("unavailable");
+        }
+        return std::nullopt;
+    };
+    ASSERT_TRUE(eventually([&] { return canBeSaved().has_value(); }));
+    EXPECT_EQ(canBeSaved(), false);
+    display_.press({"alt+s"});
+    // Heard once more: the window is still the active one, and the key came before this.
+    display_.press({"alt+f"});
+    EXPECT_EQ(canBeSaved(), false);
+    EXPECT_FALSE(display_.hasWindow(kSaveTitle)) << "there is nothing to save";
+    EXPECT_TRUE(tool.isRunning());
 }
 
 TEST_F(SpokenCapture, SaysThatAndWhyAPictureCannotBeSaved) {

@@ -126,7 +126,7 @@ struct OtherUsers : PortPlaces {
         chmod(home.runtime().c_str(), 0755);
     }
     void SetUp() override {
-        if (geteuid() != 0) GTEST_SKIP() << "needs a second user, which only root can become";
+        if (geteuid() != 0) FAIL() << "needs a second user, which only root can become";
     }
     // What a user who opens his own folders would do.
     void openEverything(const std::string& name) {
