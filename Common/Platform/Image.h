@@ -36,8 +36,10 @@ enum class BitmapImageFileType : std::uint32_t {
 struct UTILIA_EXPORT BitmapImageRep {
     std::uint32_t pixelsWide = 0;
     std::uint32_t pixelsHigh = 0;
-    Data rgba;                // pixelsWide * pixelsHigh * 4 bytes
-    Data colourProfile = {};  // the ICC profile of the colours (of class RGB); empty for sRGB
+    Data rgba;  // pixelsWide * pixelsHigh * 4 bytes
+    // The ICC profile of the colours, empty for sRGB: one of RGB, or one of grey where red, green and
+    // blue are the same in every pixel.
+    Data colourProfile = {};
 };
 
 // A picture, such as an icon: one or more representations of it in different sizes, and whether it
@@ -67,7 +69,7 @@ public:
     // The same, but reads the file now and tells why it cannot be: the file's own error, Refused
     // with the reason when it holds no image that is read, Unavailable without the module.
     static Result<std::shared_ptr<Image>> imageWithContentsOfFile(std::string_view path);
-    // Takes the pixels as they are, without a profile that does not describe RGB; empty when their
+    // Takes the pixels as they are, without a profile that does not describe them; empty when their
     // size does not fit the sides, or the sides are 0 or beyond the limits.
     static std::shared_ptr<Image> initWithBitmap(BitmapImageRep bitmap);
 
@@ -102,7 +104,8 @@ public:
     std::optional<Data> TIFFRepresentation();
 
     // One representation as the content of a file, with its colour profile where the format can
-    // carry one. Fails as representation() does, with Refused when the format cannot hold the
+    // carry one: a picture with a profile of grey is written in grey, and by GIF and BMP without the
+    // profile. Fails as representation() does, with Refused when the format cannot hold the
     // picture (JPEG: 65,500 pixels a side; GIF: 65,535; BMP: 2 GiB), or for want of memory, with
     // Unavailable without the module, and with Cancelled when progress wants no more.
     Result<Data> representationUsingType(std::size_t index, BitmapImageFileType type,

@@ -28,7 +28,7 @@ struct UTILIA_EXPORT BitmapSlice {
 };
 
 // A PDF document in the making: pages with pictures on them, which keep every bit of their pixels,
-// transparency and colour profile included.
+// transparency and colour profile included; a profile that does not describe them is left out.
 //
 //     auto pdf = PDFContext::create({.pixelsExpected = 1440 * 900});
 //     … (*pdf)->beginPage({0, 0, 1440, 900}); drawImage(…); endPage();

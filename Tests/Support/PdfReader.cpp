@@ -366,8 +366,16 @@ private:
             require(list->size() == 2 && list->at(0).name() == "ICCBased", "no profile");
             const Object& profile = resolved(list->at(1));
             profile.requireKeys({"N", "Alternate", "Filter", "Length"});
-            require(profile.at("N").whole() == 3, "a profile of another class");
+            image.isGrey = profile.at("N").whole() == 1;
+            require(image.isGrey || profile.at("N").whole() == 3, "a profile of another class");
+            require(profile.at("Alternate").name() == (image.isGrey ? "DeviceGray" : "DeviceRGB"),
+                    "another alternate");
             image.profile = inflated(profile.stream);
+            // ICC.1, 7.2: the colour space of what is described.
+            const std::string_view head(reinterpret_cast<const char*>(image.profile.data()),
+                                        image.profile.size());
+            require(head.size() > 20 && head.substr(16, 4) == (image.isGrey ? "GRAY" : "RGB "),
+                    "a profile of other colours");
         } else {
             image.isGrey = space.name() == "DeviceGray";
             require(image.isGrey || space.name() == "DeviceRGB", "an unknown colour space");

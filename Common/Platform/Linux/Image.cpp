@@ -151,7 +151,7 @@ struct Image::Implementation {
     // Keeps a bitmap that was handed in.
     bool add(BitmapImageRep bitmap) {
         if (!isWithinLimits(bitmap)) return false;
-        if (!describesRGB(bitmap.colourProfile)) bitmap.colourProfile.clear();
+        dropUnfitProfile(bitmap);
         representations.emplace_back(std::make_shared<const BitmapImageRep>(std::move(bitmap)));
         return true;
     }

@@ -1,5 +1,6 @@
 #include "Common/Platform/Linux/ImageCodecs.h"
 
+#include <algorithm>
 #include <array>
 #include <memory>
 #include <mutex>
@@ -35,9 +36,10 @@ Error refused(std::string_view doing, std::string_view why) {
     return Error::utilia(UtiliaErrorCode::Refused, std::string(doing) + ": " + std::string(why));
 }
 
-// Takes the profile of a picture, unless it describes other colours than those of an image.
+// Takes the profile of a picture, if it is one that can describe an image: its pixels, which tell,
+// are still to come.
 bool takeProfile(void* context, const std::uint8_t* bytes, std::size_t size) noexcept try {
-    if (describesRGB({bytes, size}))
+    if (coloursOf({bytes, size}) != ProfileColours::Neither)
         static_cast<BitmapImageRep*>(context)->colourProfile.assign(bytes, bytes + size);
     return true;
 } catch (const std::bad_alloc&) {
@@ -52,6 +54,20 @@ std::uint8_t* beginPixels(void* context, std::uint32_t wide, std::uint32_t high)
     return bitmap.rgba.data();
 } catch (const std::bad_alloc&) {
     return nullptr;
+}
+
+// Whether red, green and blue are the same in every pixel, also in those that nobody sees.
+bool isGrey(std::span<const std::uint8_t> rgba) {
+    constexpr std::size_t kBytesAtOnce = 1 << 14;  // the compiler does many pixels at a time
+    while (!rgba.empty()) {
+        const auto some = rgba.first(std::min(rgba.size(), kBytesAtOnce));
+        unsigned differences = 0;
+        for (std::size_t i = 0; i + 3 < some.size(); i += 4)
+            differences |= (some[i] ^ some[i + 1]) | (some[i] ^ some[i + 2]);
+        if (differences != 0) return false;
+        rgba = rgba.subspan(some.size());
+    }
+    return true;
 }
 
 std::optional<UtiliaExportFileType> fileTypeOf(std::span<const std::uint8_t> bytes) {
@@ -102,6 +118,7 @@ Result<BitmapImageRep> decodeTIFF(std::span<const std::uint8_t> bytes,
     if (!(*module)->decode(bytes.data(), bytes.size(), directory.number, bitmap.rgba.data(),
                            bitmap.rgba.size(), &taker, reason.data()))
         return refused(kDoing, reason.data());
+    dropUnfitProfile(bitmap);
     return bitmap;
 }
 
@@ -114,7 +131,8 @@ Result<Data> encodeTIFF(std::span<const BitmapToWrite> toWrite,
     for (const auto& [bitmap, compression] : toWrite) {
         const Data& profile = bitmap->colourProfile;
         all.push_back({bitmap->rgba.data(), bitmap->pixelsWide, bitmap->pixelsHigh, compression,
-                       profile.empty() ? nullptr : profile.data(), profile.size()});
+                       profile.empty() ? nullptr : profile.data(), profile.size(),
+                       coloursOf(profile) == ProfileColours::Grey});
     }
     std::size_t size = 0;
     std::array<char, kUtiliaIconsReasonSize> reason{};
@@ -137,6 +155,7 @@ Result<BitmapImageRep> decodeBitmap(std::span<const std::uint8_t> bytes) {
     if (!(*module)->decode(*type, bytes.data(), bytes.size(), &target, reason.data()))
         return refused(kDoing, reason.data());
     if (!isWithinLimits(bitmap)) return refused(kDoing, "no pixels");
+    dropUnfitProfile(bitmap);
     return bitmap;
 }
 
@@ -156,8 +175,9 @@ Result<Data> encodeBitmap(const BitmapImageRep& bitmap, BitmapImageFileType type
     const auto module = bitmaps();
     if (!module) return module.error();
     const Data& profile = bitmap.colourProfile;
-    const UtiliaExportPixels pixels{bitmap.rgba.data(), bitmap.pixelsWide, bitmap.pixelsHigh,
-                                    profile.empty() ? nullptr : profile.data(), profile.size()};
+    const UtiliaExportPixels pixels{bitmap.rgba.data(), bitmap.pixelsWide,
+                                    bitmap.pixelsHigh,  profile.empty() ? nullptr : profile.data(),
+                                    profile.size(),     coloursOf(profile) == ProfileColours::Grey};
     if (!(*module)->encode(static_cast<std::uint32_t>(type), &pixels, sink.table(), sink.reason()))
         return sink.error(kDoing);
     return sink.finish(kDoing);
@@ -179,13 +199,27 @@ bool isWithinLimits(const BitmapImageRep& bitmap) {
            bitmap.rgba.size() == pixels * 4;
 }
 
-bool describesRGB(std::span<const std::uint8_t> profile) {
+ProfileColours coloursOf(std::span<const std::uint8_t> profile) {
     // ICC.1, 7.2: its size, the colour space at 16, "acsp" at 36.
-    if (profile.size() < kProfileHeader || profile.size() > kMaximumProfile) return false;
+    if (profile.size() < kProfileHeader || profile.size() > kMaximumProfile)
+        return ProfileColours::Neither;
     const std::size_t size = std::size_t{profile[0]} << 24 | std::size_t{profile[1]} << 16 |
                              std::size_t{profile[2]} << 8 | profile[3];
-    return size == profile.size() && beginsWith(profile.data(), size, "RGB ", 4, 16) &&
-           beginsWith(profile.data(), size, "acsp", 4, 36);
+    if (size != profile.size() || !beginsWith(profile.data(), size, "acsp", 4, 36))
+        return ProfileColours::Neither;
+    if (beginsWith(profile.data(), size, "RGB ", 4, 16)) return ProfileColours::RGB;
+    return beginsWith(profile.data(), size, "GRAY", 4, 16) ? ProfileColours::Grey
+                                                           : ProfileColours::Neither;
+}
+
+ProfileColours fittingProfileColours(const BitmapImageRep& bitmap) {
+    const ProfileColours colours = coloursOf(bitmap.colourProfile);
+    return colours == ProfileColours::Grey && !isGrey(bitmap.rgba) ? ProfileColours::Neither
+                                                                   : colours;
+}
+
+void dropUnfitProfile(BitmapImageRep& bitmap) {
+    if (fittingProfileColours(bitmap) == ProfileColours::Neither) bitmap.colourProfile.clear();
 }
 
 }  // namespace utilia::platform

@@ -39,7 +39,14 @@ void logUnavailable(const Error& error);
 
 // Whether these are within the limits, and there are as many bytes as they take.
 bool isWithinLimits(const BitmapImageRep& bitmap);
-// Whether an ICC profile describes RGB colours, and may stay with those of an image.
-bool describesRGB(std::span<const std::uint8_t> profile);
+
+// What an ICC profile describes; neither, when it is none, or too large to be kept.
+enum class ProfileColours { Neither, RGB, Grey };
+ProfileColours coloursOf(std::span<const std::uint8_t> profile);
+// The same of a bitmap's profile, but neither for one of grey that does not describe the pixels,
+// because some of them are not grey.
+ProfileColours fittingProfileColours(const BitmapImageRep& bitmap);
+// Leaves out a profile that does not describe the pixels.
+void dropUnfitProfile(BitmapImageRep& bitmap);
 
 }  // namespace utilia::platform

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Common/Platform/Linux/ExportModuleAccess.h"
+#include "Common/Platform/Linux/ImageCodecs.h"
 #include "Common/Platform/Linux/Modules/Export/ExportPDF.h"
 #include "Common/Platform/Linux/OutOfMemory.h"
 
@@ -43,6 +44,7 @@ struct PDFContext::Implementation {
     const UtiliaExportPDF* module = nullptr;
     UtiliaExportPDFContext* context = nullptr;
     std::vector<std::shared_ptr<const BitmapImageRep>> drawn;  // each once
+    ProfileColours lastColours = ProfileColours::Neither;      // of the last one's profile
 
     // One call of the module.
     template <class Function>
@@ -53,7 +55,9 @@ struct PDFContext::Implementation {
     }
 
     void keep(const std::shared_ptr<const BitmapImageRep>& bitmap) {
-        if (drawn.empty() || drawn.back() != bitmap) drawn.push_back(bitmap);
+        if (!drawn.empty() && drawn.back() == bitmap) return;
+        lastColours = fittingProfileColours(*bitmap);
+        drawn.push_back(bitmap);
     }
 };
 
@@ -94,8 +98,17 @@ Result<void> PDFContext::drawImage(const BitmapSlice& slice, const PDFRect& rect
                 const BitmapImageRep& bitmap = *slice.bitmap;
                 const std::size_t rowBytes = std::size_t{bitmap.pixelsWide} * 4;
                 implementation_->keep(slice.bitmap);
-                pixels = {bitmap.rgba.data() + rowBytes * slice.firstRow, bitmap.pixelsWide,
-                          slice.rowCount, bitmap.colourProfile.data(), bitmap.colourProfile.size()};
+                pixels = {bitmap.rgba.data() + rowBytes * slice.firstRow,
+                          bitmap.pixelsWide,
+                          slice.rowCount,
+                          nullptr,
+                          0,
+                          false};
+                if (implementation_->lastColours != ProfileColours::Neither) {
+                    pixels.colourProfile = bitmap.colourProfile.data();
+                    pixels.colourProfileSize = bitmap.colourProfile.size();
+                    pixels.isGrey = implementation_->lastColours == ProfileColours::Grey;
+                }
             }
             const UtiliaExportRect place = moduleRectangle(rectangle);
             return implementation_->module->drawImage(context, &pixels, &place, reason);

@@ -87,6 +87,29 @@ TEST(PDFContext, KeepsEachPicturesOwnProfile) {
     EXPECT_TRUE(pages.at(0).images.at(2).profile.empty());
 }
 
+TEST(PDFContext, LeavesOutProfilesThatDoNotDescribeThePicture) {
+    BitmapImageRep grey = greyPicture(8, 8);
+    grey.colourProfile = sampleProfile(300, "GRAY");
+    BitmapImageRep coloured = grey;
+    coloured.rgba[8 * 7 * 4] ^= 1;  // in the last row
+    BitmapImageRep inks = grey;
+    inks.colourProfile = sampleProfile(300, "CMYK");
+    BitmapImageRep broken = grey;
+    broken.colourProfile = Data(3, 1);
+    const auto pdf = contextWith();
+    ASSERT_TRUE(pdf->beginPage(kPage));
+    for (const BitmapImageRep& one : {grey, coloured, inks, broken}) {
+        const auto picture = shared(one);
+        ASSERT_TRUE(pdf->drawImage({picture, 0, 4}, kPage));
+        ASSERT_TRUE(pdf->drawImage({picture, 4, 4}, kPage));
+    }
+    ASSERT_TRUE(pdf->endPage());
+    const auto pages = readPdf(pdf->close().value());
+    ASSERT_EQ(pages.at(0).images.size(), 8u);
+    for (std::size_t i = 0; i < 8; ++i)
+        EXPECT_EQ(pages.at(0).images.at(i).profile, i < 2 ? grey.colourProfile : Data()) << i;
+}
+
 TEST(PDFContext, KeepsWhatWasDrawnUntilItIsClosed) {
     const auto pdf = contextWith();
     const BitmapImageRep picture = noisyPicture(300, 2000);

@@ -149,6 +149,25 @@ TEST(PdfPages, KeepTheProfileOfAGreyPicture) {
     expectPagesOf(pages, picture, 40);
 }
 
+TEST(PdfPages, AreInGreyWithAProfileOfGrey) {
+    BitmapImageRep picture = greyPicture(60, 70);
+    picture.colourProfile = sampleProfile(344, "GRAY");
+    const auto pages = readPdf(pdfOf(picture, 40));
+    for (const PdfPage& page : pages) {
+        EXPECT_TRUE(page.images.at(0).isGrey);
+        EXPECT_EQ(page.images.at(0).profile, picture.colourProfile);
+    }
+    expectPagesOf(pages, picture, 40);
+    BitmapImageRep clear = picture;
+    clear.rgba[3] = 7;
+    expectPagesOf(readPdf(pdfOf(clear, 40)), clear, 40);
+    // One pixel that is not grey makes the whole of it one of RGB.
+    BitmapImageRep tinted = picture;
+    tinted.rgba[1] ^= 1;
+    for (const PdfPage& page : readPdf(pdfOf(tinted, 40)))
+        EXPECT_TRUE(page.images.at(0).profile.empty());
+}
+
 TEST(PdfPages, AreTheSameBytesForTheSamePicture) {
     const BitmapImageRep picture = noisyPicture(700, 2100, false);
     const Data first = pdfOf(picture, 1000);

@@ -34,7 +34,7 @@ public:
 
 std::vector<std::uint8_t> headerOf(const Source& source, std::uint32_t pixelBytes) {
     const bool isOpaque = source.isOpaque();
-    const auto profile = static_cast<std::uint32_t>(source.profile().size());
+    const auto profile = static_cast<std::uint32_t>(source.profileOfRGB().size());
     const std::uint32_t size = isOpaque && profile == 0 ? kInfoHeader : kHeader5;
     HeaderWriter header;
     header.bytes = {'B', 'M'};
@@ -69,10 +69,10 @@ bool encodeBmp(Source& source) {
     const std::size_t pixelBytes = source.isOpaque() ? 3 : 4;
     const std::size_t rowBytes = (source.wide() * pixelBytes + 3) / 4 * 4;
     const std::size_t allBytes = rowBytes * source.high();
-    if (allBytes + source.profile().size() > 0x7fff'0000)
+    if (allBytes + source.profileOfRGB().size() > 0x7fff'0000)
         return source.reason().refuse("BMP holds at most 2 GiB");
     const auto header = headerOf(source, static_cast<std::uint32_t>(allBytes));
-    if (!source.expect(header.size() + allBytes + source.profile().size()) ||
+    if (!source.expect(header.size() + allBytes + source.profileOfRGB().size()) ||
         !source.write(header.data(), header.size()))
         return source.reason().refuse("given up");
     std::vector<std::uint8_t> row(rowBytes);
@@ -88,7 +88,7 @@ bool encodeBmp(Source& source) {
         if (!source.write(row.data(), row.size()) || !source.rowIsDone(stored))
             return source.reason().refuse("given up");
     }
-    return source.write(source.profile().data(), source.profile().size()) ||
+    return source.write(source.profileOfRGB().data(), source.profileOfRGB().size()) ||
            source.reason().refuse("given up");
 }
 

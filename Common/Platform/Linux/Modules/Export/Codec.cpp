@@ -66,6 +66,15 @@ bool Source::isRowOpaque(std::size_t y) const {
     return rest == 255;
 }
 
+void Source::readGreyRow(std::size_t y, std::uint8_t* to) const {
+    const std::uint8_t* pixel = row(y);
+    const bool hasAlpha = !isOpaque();
+    for (std::size_t x = 0; x < wide(); ++x, pixel += 4) {
+        *to++ = pixel[0];
+        if (hasAlpha) *to++ = pixel[3];
+    }
+}
+
 bool Source::rowIsDone(std::size_t y, double from, double part) {
     if ((y + 1) % rowsPerWord_ != 0) return true;
     return sink_.progress(sink_.context,

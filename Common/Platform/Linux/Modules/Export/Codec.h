@@ -47,7 +47,16 @@ public:
     const std::uint8_t* row(std::size_t y) const {
         return pixels_.rgba + y * pixels_.pixelsWide * 4;
     }
+    // Whether the picture is to be written in grey, where the format can.
+    bool isGrey() const { return pixels_.isGrey; }
+    // One of grey where the picture is.
     Bytes profile() const { return {pixels_.colourProfile, pixels_.colourProfileSize}; }
+    // For formats that hold no grey.
+    Bytes profileOfRGB() const { return isGrey() ? Bytes() : profile(); }
+    // The samples of a pixel that are to be written: colours, and alpha if it says anything.
+    std::size_t channels() const { return (isGrey() ? 1u : 3u) + (isOpaque() ? 0u : 1u); }
+    // A row of a grey picture: channels() bytes a pixel.
+    void readGreyRow(std::size_t y, std::uint8_t* to) const;
     // Whether no pixel lets anything through: of the picture, which is looked through once, or of a
     // row.
     bool isOpaque() const;

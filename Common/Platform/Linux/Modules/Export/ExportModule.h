@@ -12,7 +12,7 @@
 
 extern "C" {
 
-inline constexpr std::uint32_t kUtiliaExportVersion = 1;
+inline constexpr std::uint32_t kUtiliaExportVersion = 2;
 inline constexpr const char* kUtiliaExportSymbol = "utiliaExportModule";
 inline constexpr std::size_t kUtiliaExportReasonSize = 256;
 
@@ -36,6 +36,9 @@ struct UtiliaExportPixels {
     std::uint32_t pixelsHigh;
     const std::uint8_t* colourProfile;
     std::size_t colourProfileSize;
+    // Every pixel is grey, and the profile describes grey: what can hold that is written in grey,
+    // everything else without the profile. False for every other profile, and without one.
+    bool isGrey;
 };
 
 struct UtiliaExportBitmaps;  // ExportBitmaps.h

@@ -66,7 +66,8 @@ bool writeHead(GifFileType* gif, const Source& source, const Quantizer& quantize
     const int wide = static_cast<int>(source.wide()), high = static_cast<int>(source.high());
     EGifSetGifVersion(gif, true);
     return map && EGifPutScreenDesc(gif, wide, high, map->BitsPerPixel, 0, map.get()) == GIF_OK &&
-           writeProfile(gif, source.profile()) && writeTransparency(gif, quantizer.transparent()) &&
+           writeProfile(gif, source.profileOfRGB()) &&
+           writeTransparency(gif, quantizer.transparent()) &&
            EGifPutImageDesc(gif, 0, 0, wide, high, false, nullptr) == GIF_OK;
 }
 

@@ -16,7 +16,8 @@ constexpr std::uint32_t kTileSide = 1024;
 constexpr int kMaximumResolutions = 6;
 
 Jpeg2000Image imageOf(const Source& source) {
-    const OPJ_UINT32 channels = source.isOpaque() ? 3 : 4;
+    const auto channels = static_cast<OPJ_UINT32>(source.channels());
+    const OPJ_COLOR_SPACE space = source.isGrey() ? OPJ_CLRSPC_GRAY : OPJ_CLRSPC_SRGB;
     opj_image_cmptparm_t parameters[4] = {};
     for (OPJ_UINT32 i = 0; i < channels; ++i) {
         parameters[i].dx = parameters[i].dy = 1;
@@ -24,12 +25,12 @@ Jpeg2000Image imageOf(const Source& source) {
         parameters[i].h = source.high();
         parameters[i].prec = 8;
     }
-    Jpeg2000Image image(opj_image_tile_create(channels, parameters, OPJ_CLRSPC_SRGB));
+    Jpeg2000Image image(opj_image_tile_create(channels, parameters, space));
     if (!image) return image;
     image->x1 = source.wide();
     image->y1 = source.high();
-    image->color_space = OPJ_CLRSPC_SRGB;
-    if (channels == 4) image->comps[3].alpha = 1;
+    image->color_space = space;
+    if (!source.isOpaque()) image->comps[channels - 1].alpha = 1;
     return image;
 }
 
@@ -39,7 +40,7 @@ opj_cparameters_t parametersOf(const Source& source) {
     parameters.tcp_numlayers = 1;
     parameters.tcp_rates[0] = 0;  // without loss
     parameters.cp_disto_alloc = 1;
-    parameters.tcp_mct = 1;
+    parameters.tcp_mct = source.isGrey() ? 0 : 1;  // mixes three channels
     const std::uint32_t wide = std::min(source.wide(), kTileSide);
     const std::uint32_t high = std::min(source.high(), kTileSide);
     parameters.tile_size_on = OPJ_TRUE;
@@ -55,12 +56,14 @@ bool writeTile(opj_codec_t* codec, opj_stream_t* stream, const Source& source, O
     const std::uint32_t left = number % across * kTileSide, top = number / across * kTileSide;
     const std::uint32_t wide = std::min(kTileSide, source.wide() - left);
     const std::uint32_t high = std::min(kTileSide, source.high() - top);
-    const std::size_t channels = source.isOpaque() ? 3 : 4;
+    const std::size_t channels = source.channels();
     std::vector<OPJ_BYTE> planes(channels * wide * high);
     OPJ_BYTE* to = planes.data();
     for (std::size_t channel = 0; channel < channels; ++channel) {
+        const bool isAlpha = !source.isOpaque() && channel + 1 == channels;
+        const std::size_t place = isAlpha ? 3 : channel;
         for (std::uint32_t y = 0; y < high; ++y) {
-            const std::uint8_t* from = source.row(top + y) + std::size_t{left} * 4 + channel;
+            const std::uint8_t* from = source.row(top + y) + std::size_t{left} * 4 + place;
             for (std::uint32_t x = 0; x < wide; ++x, from += 4) *to++ = *from;
         }
     }
@@ -102,7 +105,7 @@ std::size_t findBox(Bytes bytes, std::size_t at, const char* kind) {
     return std::min(at, bytes.size());
 }
 
-// OpenJPEG knows no profiles when it writes: its box for sRGB is replaced by one with the profile.
+// OpenJPEG knows no profiles when it writes: its box for sRGB or grey is replaced by one with the profile.
 bool writeWithProfile(Source& source, Bytes file) {
     const std::size_t header = findBox(file, 0, "jp2h");
     const std::size_t colour = findBox(file, header + 8, "colr");

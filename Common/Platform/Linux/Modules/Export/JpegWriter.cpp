@@ -9,7 +9,7 @@
 #include "Common/Platform/Linux/Modules/Export/Codec.h"
 
 // Writing JPEG with libjpeg-turbo: quality 90, and colours as finely as brightness, because most of
-// what is exported shows text. JPEG knows no transparency: pictures lie on white.
+// what is exported shows text; one channel where the profile is one of grey. JPEG knows no transparency: pictures lie on white.
 
 namespace utilia::platform::bitmaps {
 namespace {
@@ -64,8 +64,8 @@ void finish(j_compress_ptr info) {
 void setParameters(jpeg_compress_struct& info, const Source& source) {
     info.image_width = source.wide();
     info.image_height = source.high();
-    info.input_components = 4;
-    info.in_color_space = JCS_EXT_RGBX;
+    info.input_components = source.isGrey() ? 1 : 4;
+    info.in_color_space = source.isGrey() ? JCS_GRAYSCALE : JCS_EXT_RGBX;
     jpeg_set_defaults(&info);
     jpeg_set_quality(&info, kQuality, TRUE);
     info.comp_info[0].h_samp_factor = info.comp_info[0].v_samp_factor = 1;
@@ -78,6 +78,10 @@ void putOnWhite(const std::uint8_t* rgba, std::uint8_t* rgbx, std::size_t count)
         for (int channel = 0; channel < 3; ++channel)
             rgbx[channel] = onWhite(rgba[channel], rgba[3]);
     }
+}
+
+void putGreyOnWhite(const std::uint8_t* rgba, std::uint8_t* grey, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i, rgba += 4) grey[i] = onWhite(rgba[0], rgba[3]);
 }
 
 bool writePicture(Encoder& encoder) {
@@ -98,7 +102,10 @@ bool writePicture(Encoder& encoder) {
     for (std::size_t y = 0; y < source.high(); ++y) {
         // libjpeg only reads them, its interface just does not say so.
         JSAMPROW row = const_cast<std::uint8_t*>(source.row(y));
-        if (!source.isRowOpaque(y)) {
+        if (source.isGrey()) {
+            putGreyOnWhite(row, white, source.wide());
+            row = white;
+        } else if (!source.isRowOpaque(y)) {
             putOnWhite(row, white, source.wide());
             row = white;
         }

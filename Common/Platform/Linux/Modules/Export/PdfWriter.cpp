@@ -101,8 +101,9 @@ bool PdfWriter::drawImage(const UtiliaExportPixels& pixels, const UtiliaExportRe
     const PixelTraits traits = traitsOf(pixels);
     const std::uint32_t profile = profileObject(pixels);
     if (reason_) return false;
-    // A profile of class RGB says nothing about grey.
-    const Plane plane = traits.isGrey && profile == 0 ? Plane::Grey : Plane::RGB;
+    // A profile of class RGB says nothing about grey, and one of grey nothing about RGB.
+    const bool isInGrey = profile == 0 ? traits.isGrey : pixels.isGrey;
+    const Plane plane = isInGrey ? Plane::Grey : Plane::RGB;
     const std::uint32_t object = document_.newObject();
     const std::uint32_t mask = traits.isOpaque ? 0 : document_.newObject();
 
@@ -137,7 +138,9 @@ std::uint32_t PdfWriter::profileObject(const UtiliaExportPixels& pixels) {
     profile_.assign(pixels.colourProfile, pixels.colourProfile + pixels.colourProfileSize);
     const auto compressed = BandCompressor().compress(profile_.data(), profile_.size(), true);
     if (!compressed) return fail("the colour profile cannot be compressed"), 0;
-    std::string content = "<< /N 3 /Alternate /DeviceRGB /Filter /FlateDecode";
+    std::string content =
+        pixels.isGrey ? "<< /N 1 /Alternate /DeviceGray" : "<< /N 3 /Alternate /DeviceRGB";
+    content += " /Filter /FlateDecode";
     appendStreamEnd(content, compressed->deflated.size() + kZlibFrame);
     const auto append = [&content](const auto& bytes) {
         content.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());

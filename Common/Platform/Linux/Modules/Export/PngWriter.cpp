@@ -1,4 +1,5 @@
 #include <csetjmp>
+#include <vector>
 
 #include <png.h>
 
@@ -6,7 +7,7 @@
 
 // Writing PNG with libpng at its own settings: Deflate level 6, the filter of each row chosen by
 // its sum of differences. Pictures without transparency are written without alpha, which saves a
-// quarter of the time.
+// quarter of the time; those with a profile of grey as grey, since libpng refuses one with RGB.
 
 namespace utilia::platform::bitmaps {
 namespace {
@@ -26,12 +27,17 @@ void writeBytes(png_structp png, png_bytep bytes, std::size_t count) {
 
 void flush(png_structp) {}
 
-bool writePicture(png_structp png, png_infop info, Source& source) {
+int colourTypeOf(const Source& source) {
+    return (source.isGrey() ? 0 : PNG_COLOR_MASK_COLOR) |
+           (source.isOpaque() ? 0 : PNG_COLOR_MASK_ALPHA);
+}
+
+// `grey` has room for a row of a grey picture.
+bool writePicture(png_structp png, png_infop info, Source& source, std::uint8_t* grey) {
     if (setjmp(png_jmpbuf(png))) return false;
     png_set_benign_errors(png, 1);
     png_set_user_limits(png, kImageMaximumSide, kImageMaximumSide);
-    png_set_IHDR(png, info, source.wide(), source.high(), 8,
-                 source.isOpaque() ? PNG_COLOR_TYPE_RGB : PNG_COLOR_TYPE_RGB_ALPHA,
+    png_set_IHDR(png, info, source.wide(), source.high(), 8, colourTypeOf(source),
                  PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     png_set_pHYs(png, info, kPixelsPerMetre, kPixelsPerMetre, PNG_RESOLUTION_METER);
     if (!source.profile().empty()) {
@@ -39,9 +45,10 @@ bool writePicture(png_structp png, png_infop info, Source& source) {
                      static_cast<png_uint_32>(source.profile().size()));
     }
     png_write_info(png, info);
-    if (source.isOpaque()) png_set_filler(png, 0, PNG_FILLER_AFTER);
+    if (source.isOpaque() && !source.isGrey()) png_set_filler(png, 0, PNG_FILLER_AFTER);
     for (std::size_t y = 0; y < source.high(); ++y) {
-        png_write_row(png, source.row(y));
+        if (source.isGrey()) source.readGreyRow(y, grey);
+        png_write_row(png, source.isGrey() ? grey : source.row(y));
         if (!source.rowIsDone(y)) png_error(png, "given up");
     }
     png_write_end(png, info);
@@ -51,11 +58,12 @@ bool writePicture(png_structp png, png_infop info, Source& source) {
 }  // namespace
 
 bool encodePng(Source& source) {
+    std::vector<std::uint8_t> grey(source.isGrey() ? source.wide() * source.channels() : 0);
     png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &source, fail, ignore);
     if (!png) return source.reason().refuse("not enough memory");
     png_set_write_fn(png, &source, writeBytes, flush);
     png_infop info = png_create_info_struct(png);
-    const bool isWritten = info && writePicture(png, info, source);
+    const bool isWritten = info && writePicture(png, info, source, grey.data());
     png_destroy_write_struct(&png, &info);
     return isWritten || source.reason().refuse("not enough memory");
 }

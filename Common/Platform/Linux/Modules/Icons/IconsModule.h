@@ -10,7 +10,7 @@
 
 extern "C" {
 
-inline constexpr std::uint32_t kUtiliaIconsVersion = 3;
+inline constexpr std::uint32_t kUtiliaIconsVersion = 4;
 inline constexpr const char* kUtiliaIconsSymbol = "utiliaIconsModule";
 inline constexpr std::size_t kUtiliaIconsReasonSize = 256;
 
@@ -38,6 +38,7 @@ struct UtiliaIconsBitmap {
     std::uint32_t compression;          // UtiliaIconsCompression
     const std::uint8_t* colourProfile;  // ICC; null for none
     std::size_t colourProfileSize;
+    bool isGrey;  // every pixel is, and the profile describes grey: to be written in grey
 };
 
 // Takes the ICC profile of a picture that has one; the bytes are gone afterwards. Answers false to
