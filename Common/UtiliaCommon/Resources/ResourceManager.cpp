@@ -1,8 +1,6 @@
 #include "Common/UtiliaCommon/Resources/ResourceManager.h"
 
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <new>
 #include <span>
 #include <vector>
@@ -12,6 +10,7 @@
 #include "Common/Foundation/Value.h"
 #include "Common/Logging/MemoryGuard.h"
 #include "Common/Platform/FileManager.h"
+#include "Common/UtiliaCommon/Resources/ResourceBackupName.h"
 #include "Common/UtiliaCommon/Resources/SharedResource.h"
 #include "Common/UtiliaCommon/Resources/VersionManager.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
@@ -82,16 +81,6 @@ struct Failure {
     Error error;
 };
 
-// In the folder of the file, so without those of the resource's name.
-std::string backupItemName(std::string_view fileName) {
-    // As "%f" without a locale.
-    std::array<char, 64> time;
-    const auto written =
-        std::to_chars(time.data(), time.data() + time.size(), Date::now().secondsSinceReferenceDate,
-                      std::chars_format::fixed, 6);
-    return std::string(fileName).append("_").append(time.data(), written.ptr).append(".bak");
-}
-
 // Makes the folders one after the other, because a link in the place of one leads somewhere else.
 // The last one's path.
 Result<std::string> makeFolders(std::string folder, std::span<const std::string_view> components) {
@@ -135,7 +124,7 @@ std::optional<Failure> install(std::string_view file, const SharedResource& reco
     const bool isExecutable = type == kExecutableResourceType;
     // With its mode already, so that nobody finds a program that cannot be run.
     const auto replaced = FileManager::replaceItemAtURL(
-        destination, file, backupItemName(fileName),
+        destination, file, resourceBackupName(fileName, Date::now()),
         isExecutable ? std::optional(kExecutablePermissions) : std::nullopt);
     if (!replaced) return Failure{"Error while replacing resource: %@", replaced.error()};
     if (isExecutable) {
