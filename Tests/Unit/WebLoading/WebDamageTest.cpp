@@ -1,6 +1,7 @@
 #include <chrono>
 #include <string>
 
+#include "Tests/Support/ListeningPort.h"
 #include "Tests/Support/MisbehavingServer.h"
 #include "Tests/Unit/WebLoading/WebFixture.h"
 
@@ -10,6 +11,7 @@ namespace {
 using namespace std::chrono_literals;
 using platform::URLSession;
 using platform::URLSessionConfiguration;
+using test::ListeningPort;
 using test::MisbehavingServer;
 using test::Outcome;
 using Connection = MisbehavingServer::Connection;
@@ -49,13 +51,13 @@ TEST_F(WebDamage, ASlowSteadyLoadIsNotCut) {
     MisbehavingServer server([](Connection& connection) {
         connection.readRequest();
         connection.send("HTTP/1.1 2");
-        connection.drip("00 OK\r\n", 80ms);
-        connection.drip("Content-Length: 6\r\n", 80ms);
-        connection.drip("\r\n123456", 80ms);
+        connection.drip("00 OK\r\n", 200ms);
+        connection.drip("Content-Length: 6\r\n", 200ms);
+        connection.drip("\r\n123456", 200ms);
     });
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(load(server.url(), 1500ms).text(), "123456");
-    EXPECT_GT(std::chrono::steady_clock::now() - start, 2500ms);
+    EXPECT_EQ(load(server.url(), 5s).text(), "123456");
+    EXPECT_GT(std::chrono::steady_clock::now() - start, 6500ms);
 }
 
 TEST_F(WebDamage, SilenceIsATimeOutWhereverItComes) {
@@ -75,12 +77,12 @@ TEST_F(WebDamage, EachRequestOfARedirectHasItsTimeOut) {
     MisbehavingServer server([](Connection& connection) {
         for (int i = 0; i < 4; ++i) {
             if (connection.readRequest().empty()) return;
-            std::this_thread::sleep_for(800ms);
+            std::this_thread::sleep_for(1600ms);
             connection.send(i < 3 ? "HTTP/1.1 302 Found\r\nLocation: /\r\nContent-Length: 0\r\n\r\n"
                                   : "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\nx");
         }
     });
-    EXPECT_EQ(load(server.url(), 2s).text(), "x");
+    EXPECT_EQ(load(server.url(), 5s).text(), "x");
 }
 
 TEST_F(WebDamage, TheWholeLoadHasATimeOutToo) {
@@ -223,11 +225,8 @@ TEST_F(WebDamage, PackedContentThatIsCutOffIsTakenForWhatThereIs) {
 }
 
 TEST_F(WebDamage, NobodyAtTheHostIsNoConnection) {
-    std::string url;
-    {
-        const MisbehavingServer server([](Connection&) {});
-        url = server.url();
-    }
+    const ListeningPort nobody(false);
+    const std::string url = nobody.url();
     const Outcome outcome = load(url);
     EXPECT_TRUE(outcome.error.is(URLErrorCode::CannotConnectToHost)) << outcome.error.text();
     EXPECT_TRUE(outcome.error.description.starts_with("the host cannot be connected to: "))

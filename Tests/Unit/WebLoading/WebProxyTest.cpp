@@ -10,6 +10,7 @@
 
 #include "Common/Platform/Linux/Modules/Net/ProxySettings.h"
 #include "Tests/Support/ChildScript.h"
+#include "Tests/Support/ListeningPort.h"
 #include "Tests/Support/MisbehavingServer.h"
 #include "Tests/Support/NginxServer.h"
 #include "Tests/Unit/WebLoading/WebFixture.h"
@@ -143,12 +144,8 @@ TEST_F(WebProxy, IsNotTakenFromTheVariableThatRequestsCanSet) {
 }
 
 TEST_F(WebProxy, ThatIsNotThereIsNoConnection) {
-    std::string nobody;
-    {
-        const MisbehavingServer server([](auto&) {});
-        nobody = server.url("");
-    }
-    set("http_proxy", nobody);
+    const ListeningPort nobody(false);
+    set("http_proxy", nobody.url(""));
     expectError(URLErrorCode::CannotConnectToHost, "http://example.test/");
 }
 

@@ -131,10 +131,10 @@ TEST_F(WebThreads, LoadsThatWaitForAConnectionAreNotSilent) {
     MisbehavingServer server([](auto& connection) {
         while (!connection.readRequest().empty()) {
             connection.send("HTTP/1.1 200 OK\r\nContent-Length: 20\r\n\r\n");
-            connection.drip("12345678901234567890", std::chrono::milliseconds(160));
+            connection.drip("12345678901234567890", std::chrono::milliseconds(300));
         }
     });
-    WebDataLoader loader(std::chrono::milliseconds(2500));
+    WebDataLoader loader(std::chrono::seconds(5));
     std::array<Outcome, 7> outcomes;
     for (Outcome& outcome : outcomes) begin(loader, server.url(), outcome);
     EXPECT_TRUE(waitUntil([&] {
