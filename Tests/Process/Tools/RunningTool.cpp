@@ -84,12 +84,15 @@ std::string ToolSession::nextText() {
     }
 }
 
-bool ToolSession::comesToSay(const std::string& text) {
-    for (;;) {
+bool ToolSession::comesToSay(const std::string& text) { return nextTextThatMatches(text) == text; }
+
+std::string ToolSession::nextTextThatMatches(const testing::Matcher<const std::string&>& matcher) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (std::chrono::steady_clock::now() < deadline) {
         const std::string next = nextText();
-        if (next == text) return true;
-        if (next.empty()) return false;
+        if (next.empty() || matcher.Matches(next)) return next;
     }
+    return "";
 }
 
 void ToolSession::serve(std::chrono::milliseconds time) {

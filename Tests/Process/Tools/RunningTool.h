@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
+
 #include "Common/UtiliaCommon/ToolDataProvider/PortProtocol.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/PrivateBus.h"
@@ -34,8 +36,10 @@ public:
 
     // The next menu text that the tool sends; "" when none comes.
     std::string nextText();
-    // Whether it comes to say this, whatever it says before.
+    // Whether it comes to say this within a minute, whatever it says before.
     bool comesToSay(const std::string& text);
+    // The first text that matches, whatever comes before; "" when none does within a minute.
+    std::string nextTextThatMatches(const testing::Matcher<const std::string&>& matcher);
     // The flag of the last menu icon that was sent: whether it is a template.
     bool isMenuIconTemplate() const { return isMenuIconTemplate_; }
     const std::string& menuIcon() const { return menuIcon_; }

@@ -42,12 +42,25 @@ protected:
         return found;
     }
     // Of a text such as "0:07"; -1 when it is none.
-    int nextSeconds() {
+    int nextSeconds() { return secondsOf(session_.nextText()); }
+    static int secondsOf(const std::string& text) {
         int minutes = 0;
         int seconds = 0;
-        const std::string text = session_.nextText();
         return std::sscanf(text.c_str(), "%d:%d", &minutes, &seconds) == 2 ? 60 * minutes + seconds
                                                                            : -1;
+    }
+    // Which second it is told of first is not known: a busy machine lets some go by. 0 or less when none comes.
+    int comesToCountUp() {
+        return secondsOf(session_.nextTextThatMatches(MatchesRegex("0:[0-5][1-9]")));
+    }
+    bool comesToCountDown() {
+        return session_.nextTextThatMatches(MatchesRegex("2[45]:[0-9]+ left")) != "";
+    }
+    // Holds it by a click, and answers the time that it says with that word behind it.
+    std::string holdByClick(const std::string& held = " (held)") {
+        ToolSession::click(kBundle);
+        const std::string text = session_.nextTextThatMatches(testing::EndsWith(held));
+        return text.substr(0, text.size() - std::min(text.size(), held.size()));
     }
     static std::string storedText() {
         return ToolPersistentDataReader("Timer.app", kIdentifier).menuText().value_or("");
@@ -86,8 +99,7 @@ protected:
 
 TEST_F(TimerTest, CountsUpEachSecond) {
     auto tool = start();
-    EXPECT_TRUE(session_.comesToSay("0:00"));
-    for (int last = 0, i = 0; i < 3; ++i) {
+    for (int last = -1, i = 0; i < 4; ++i) {
         const int next = nextSeconds();
         EXPECT_GT(next, last);
         last = next;
@@ -98,12 +110,13 @@ TEST_F(TimerTest, CountsUpEachSecond) {
 
 TEST_F(TimerTest, CountsTheTimeThatGoesByWhileItCannotRun) {
     auto tool = start();
-    EXPECT_TRUE(session_.comesToSay("0:01"));
+    int last = comesToCountUp();
+    ASSERT_GT(last, 0);
     tool.signal(SIGSTOP);
     ToolSession::serve(std::chrono::seconds(3));
     tool.signal(SIGCONT);
     int largestStep = 0;
-    for (int last = 1, i = 0; i < 10 && largestStep < 3; ++i) {
+    for (int i = 0; i < 10 && largestStep < 3; ++i) {
         const int next = nextSeconds();
         largestStep = std::max(largestStep, next - last);
         last = next;
@@ -113,47 +126,55 @@ TEST_F(TimerTest, CountsTheTimeThatGoesByWhileItCannotRun) {
 
 TEST_F(TimerTest, SaysNothingMoreWhileItIsHeld) {
     auto tool = start();
-    EXPECT_TRUE(session_.comesToSay("0:01"));
-    ToolSession::click(kBundle);
-    EXPECT_EQ(session_.nextText(), "0:01 (held)");
+    ASSERT_GT(comesToCountUp(), 0);
+    const std::string time = holdByClick();
+    ASSERT_GT(secondsOf(time), 0);
     ASSERT_TRUE(session_.fallsAsleep(tool));
     const auto before = ToolSession::wakeUps(tool);
     session_.serve(std::chrono::milliseconds(2500));
     EXPECT_EQ(ToolSession::wakeUps(tool), before) << "a timer that is held sleeps";
     ToolSession::click(kBundle);
-    EXPECT_EQ(session_.nextText(), "0:01");
-    EXPECT_EQ(session_.nextText(), "0:02");
+    EXPECT_EQ(session_.nextText(), time);
+    const int next = nextSeconds();
+    EXPECT_GT(next, secondsOf(time));
+    EXPECT_LT(next, secondsOf(time) + 60);
 }
 
 TEST_F(TimerTest, GoesOnFromWhereItLastEnded) {
     auto tool = start();
-    EXPECT_TRUE(session_.comesToSay("0:01"));
-    ToolSession::click(kBundle);
-    EXPECT_EQ(session_.nextText(), "0:01 (held)");
+    ASSERT_GT(comesToCountUp(), 0);
+    const std::string time = holdByClick();
+    ASSERT_GT(secondsOf(time), 0);
     tool.signal(SIGTERM);
     EXPECT_EQ(tool.waitForExit(), 0);
-    EXPECT_EQ(storedText(), "0:01 (held)");
+    EXPECT_EQ(storedText(), time + " (held)");
     auto next = start();
-    EXPECT_TRUE(session_.comesToSay("0:01 (held)"));
+    EXPECT_TRUE(session_.comesToSay(time + " (held)"));
 }
 
 TEST_F(TimerTest, IsHeldInEveryLanguage) {
     const std::map<std::string, std::string> german{{"LANGUAGE", "de"}};
     auto tool = start({}, german);
-    EXPECT_TRUE(session_.comesToSay("0:01"));
-    ToolSession::click(kBundle);
-    EXPECT_EQ(session_.nextText(), "0:01 (angehalten)");
+    ASSERT_GT(comesToCountUp(), 0);
+    const std::string time = holdByClick(" (angehalten)");
+    ASSERT_GT(secondsOf(time), 0);
     tool.signal(SIGTERM);
     EXPECT_EQ(tool.waitForExit(), 0);
     auto next = start({}, german);
-    EXPECT_TRUE(session_.comesToSay("0:01 (angehalten)"));
+    EXPECT_TRUE(session_.comesToSay(time + " (angehalten)"));
 }
 
 TEST_F(TimerTest, CountsDownAndSchedulesItsEnd) {
     const double now = Date::now().unixTime();
     auto tool = start({"25"});
-    EXPECT_TRUE(session_.comesToSay("24:59 left"));
-    EXPECT_EQ(session_.nextText(), "24:58 left");
+    int last = 25 * 60 + 1;
+    for (int i = 0; i < 3; ++i) {
+        const std::string text = session_.nextText();
+        EXPECT_THAT(text, MatchesRegex("2[45]:[0-5][0-9] left"));
+        const int next = secondsOf(text);
+        EXPECT_LT(next, last);
+        last = next;
+    }
     const auto date = scheduled();
     ASSERT_TRUE(date);
     EXPECT_NEAR(date->unixTime(), now + 1500, 20);
@@ -167,7 +188,7 @@ TEST_F(TimerTest, NotifiesWhenTheTimeIsUp) {
     EXPECT_TRUE(eventually([] { return !scheduled(); }));
     ToolSession::click(kBundle);
     EXPECT_EQ(session_.nextText(), "0:00");
-    EXPECT_EQ(session_.nextText(), "0:01");
+    EXPECT_GT(nextSeconds(), 0);
 }
 
 TEST_F(TimerTest, ShowsThatTheTimeIsUpWhereNobodyNotifies) {
@@ -178,19 +199,19 @@ TEST_F(TimerTest, ShowsThatTheTimeIsUpWhereNobodyNotifies) {
 
 TEST_F(TimerTest, HoldsACountdownAndItsSchedule) {
     auto tool = start({"25"});
-    EXPECT_TRUE(session_.comesToSay("24:59 left"));
-    ToolSession::click(kBundle);
-    EXPECT_EQ(session_.nextText(), "24:59 left (held)");
+    EXPECT_TRUE(comesToCountDown());
+    const std::string time = holdByClick();
+    ASSERT_THAT(time, MatchesRegex("2[45]:[0-9]+ left"));
     EXPECT_EQ(scheduled(), std::nullopt);
     ToolSession::click(kBundle);
-    EXPECT_EQ(session_.nextText(), "24:59 left");
+    EXPECT_EQ(session_.nextText(), time);
     EXPECT_TRUE(scheduled());
 }
 
 TEST_F(TimerTest, GoesOnCountingDownWhileItIsOff) {
     auto services = session_.startServices({"notifications"});
     auto tool = start({"25"});
-    EXPECT_TRUE(session_.comesToSay("25:00 left"));
+    EXPECT_TRUE(comesToCountDown());
     tool.signal(SIGTERM);
     EXPECT_EQ(tool.waitForExit(), 0);
     EXPECT_THAT(storedText(), MatchesRegex("Until [0-2][0-9]:[0-5][0-9]"));
@@ -205,13 +226,13 @@ TEST_F(TimerTest, GoesOnCountingDownWhileItIsOff) {
 // Where it cannot forget the countdown yet, because others hold its preferences, it has notified all the same.
 TEST_F(TimerTest, NotifiesBeforeItForgetsSoThatAKillCannotSilenceIt) {
     auto services = session_.startServices({"notifications"});
-    auto tool = start({"0:05"});
-    EXPECT_TRUE(session_.comesToSay("0:05 left"));
+    auto tool = start({"0:10"});
+    EXPECT_NE(session_.nextTextThatMatches(testing::EndsWith(" left")), "");
     const std::string preferences = platform::UserDefaults::initWithDomain(kIdentifier)->path();
     auto lock = platform::FileLock::acquire(
         preferences + ".lock", platform::FileLock::Mode::Exclusive, std::chrono::seconds(30));
     ASSERT_TRUE(lock) << lock.error().description;
-    const char* const kNotified = "notify Time is up | Your timer of 0:05 has ended.";
+    const char* const kNotified = "notify Time is up | Your timer of 0:10 has ended.";
     EXPECT_EQ(services.waitForLine(), kNotified);
     tool.kill();
     lock->release();
@@ -222,7 +243,7 @@ TEST_F(TimerTest, NotifiesBeforeItForgetsSoThatAKillCannotSilenceIt) {
 
 TEST_F(TimerTest, OutlivesAKill) {
     auto tool = start({"25"});
-    EXPECT_TRUE(session_.comesToSay("25:00 left"));
+    EXPECT_TRUE(comesToCountDown());
     tool.kill();
     auto next = start();
     EXPECT_THAT(session_.nextText(), MatchesRegex("2[45]:[0-9]+ left"));
@@ -238,7 +259,7 @@ TEST_F(TimerTest, RingsAfterAKillAlthoughItWasHeldWhenItLastEnded) {
     ASSERT_EQ(storedText(), "0:00 (held)");
     auto tool = start();
     say("25");
-    EXPECT_TRUE(session_.comesToSay("25:00 left"));
+    EXPECT_TRUE(comesToCountDown());
     tool.kill();
     ASSERT_EQ(storedText(), "0:00 (held)");
     auto next = start();
@@ -268,7 +289,7 @@ TEST_F(TimerTest, RingsWhenItIsStartedForAnEndThatItDidNotLiveToSee) {
 
 TEST_F(TimerTest, DoesNotCountUpFromWhatWasLeftOfACountdown) {
     auto first = start({"25"});
-    EXPECT_TRUE(session_.comesToSay("25:00 left"));
+    EXPECT_TRUE(comesToCountDown());
     say("hold");
     EXPECT_TRUE(eventually([] { return !scheduled(); }));
     endOrderly(first);
@@ -278,7 +299,7 @@ TEST_F(TimerTest, DoesNotCountUpFromWhatWasLeftOfACountdown) {
     EXPECT_TRUE(session_.comesToSay("0:00 (held)"));
     tool.kill();
     auto next = start();
-    EXPECT_EQ(session_.nextText(), "0:00");
+    EXPECT_THAT(session_.nextText(), MatchesRegex("0:[0-5][0-9]"));
 }
 
 TEST_F(TimerTest, GoesOnFromMoreThanADay) {
@@ -311,7 +332,7 @@ TEST_F(TimerTest, NotifiesOnceAlthoughTheAgentComesForItsDateAsWell) {
 
 TEST_F(TimerTest, TakesAnotherTimeFromASecondStart) {
     auto tool = start();
-    EXPECT_TRUE(session_.comesToSay("0:00"));
+    EXPECT_NE(session_.nextTextThatMatches(MatchesRegex("0:[0-5][0-9]")), "");
     auto second = session_.start(kBundle, {"10:00"});
     EXPECT_EQ(second.waitForExit(), 0);
     EXPECT_TRUE(session_.comesToSay("10:00 left"));
@@ -319,9 +340,9 @@ TEST_F(TimerTest, TakesAnotherTimeFromASecondStart) {
 
 TEST_F(TimerTest, TakesWordsFromASecondStart) {
     auto tool = start({"25"});
-    EXPECT_TRUE(session_.comesToSay("25:00 left"));
+    EXPECT_TRUE(comesToCountDown());
     say("hold");
-    EXPECT_THAT(session_.nextText(), MatchesRegex("2[45]:[0-9]+ left \\(held\\)"));
+    EXPECT_NE(session_.nextTextThatMatches(MatchesRegex("2[45]:[0-9]+ left \\(held\\)")), "");
     EXPECT_EQ(scheduled(), std::nullopt);
     say("go-on");
     EXPECT_THAT(session_.nextText(), MatchesRegex("2[45]:[0-9]+ left"));
@@ -365,7 +386,7 @@ TEST_F(TimerWindowTest, SetsACountdownByKeyboardAlone) {
 
 TEST_F(TimerWindowTest, HoldsGoesOnAndStops) {
     auto tool = start({"25"}, environment_);
-    EXPECT_TRUE(session_.comesToSay("25:00 left"));
+    EXPECT_TRUE(comesToCountDown());
     click();
     display_.press({"Escape"});
     expectNoWindow();
@@ -393,7 +414,7 @@ TEST_F(TimerWindowTest, NamesEverythingThatCanBeUsed) {
     };
     EXPECT_TRUE(std::any_of(elements.begin(), elements.end(), isFocused));
     EXPECT_TRUE(reader_.press("Timer", "Start", display_.environment()));
-    EXPECT_TRUE(session_.comesToSay("25:00 left"));
+    EXPECT_TRUE(comesToCountDown());
 }
 
 TEST_F(TimerWindowTest, OpensOnceWhenTimerIsStartedAgain) {
