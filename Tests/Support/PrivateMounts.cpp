@@ -96,7 +96,7 @@ bool PrivateMounts::run(const std::function<void()>& body, uid_t user) const {
     const pid_t child = fork();
     if (child < 0) return false;
     if (child == 0) {
-        alarm(60);
+        alarm(180);
         if (!enter() || (user != static_cast<uid_t>(-1) &&
                          (setgroups(0, nullptr) != 0 || setgid(user) != 0 || setuid(user) != 0))) {
             std::perror("PrivateMounts");

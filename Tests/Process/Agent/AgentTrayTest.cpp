@@ -214,7 +214,7 @@ TEST_F(AgentTrayTest, AnswersWhileAToolThatIsStoppedIsClicked) {
     EXPECT_EQ(ask(panel, "menu"), active);
     const auto taken = std::chrono::steady_clock::now() - start;
     // One click that waited for the tool would take ten.
-    EXPECT_LT(taken, std::chrono::seconds(1));
+    EXPECT_LT(taken, std::chrono::seconds(5));
     tool.signal(SIGCONT);
     EXPECT_EQ(tool.waitForLine(), std::to_string(kClicks + 2)) << "all of them, and the wishes";
 }

