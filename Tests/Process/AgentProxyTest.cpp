@@ -295,7 +295,7 @@ TEST_F(AgentProxy, CommandToAToolThatDoesNotReadCostsItsTimeoutOnce) {
     const std::string tool = add(agent);
     const long taken = std::stol(agent.ask("fill-queue", {tool}));
     EXPECT_GE(taken, 10'000);
-    EXPECT_LT(taken, 13'000);
+    EXPECT_LT(taken, 19'000);  // two would take twenty seconds
     EXPECT_EQ(agent.log(),
               std::vector<std::string>{
                   "Failed to send Command to Agent port. Exception: "
