@@ -131,17 +131,6 @@ TEST_P(GreyProfile, IsLeftOutWhereAPixelIsNotGrey) {
     }
 }
 
-TEST_P(GreyProfile, MakesFilesSmallerThanColours) {
-    BitmapImageRep coloured = grey(200, 150);
-    coloured.colourProfile = sampleProfile();
-    const auto inGrey = encoded(grey(200, 150), type()).size();
-    const auto inColours = encoded(coloured, type()).size();
-    EXPECT_EQ(inGrey < inColours, true);
-    if (type() == BitmapImageFileType::Tiff) {
-        EXPECT_LT(inGrey, inColours * 2 / 5);
-    }
-}
-
 TEST(GreyProfileOfIcons, StaysInEveryRepresentation) {
     const auto image = Image::initWithBitmap(grey(20, 10));
     BitmapImageRep coloured = flag(30, 15);
