@@ -1,5 +1,7 @@
+#include <algorithm>
 #include <fstream>
 #include <optional>
+#include <vector>
 
 #include "Tests/Support/ChildScript.h"
 #include "Tests/Support/PrivateBus.h"
@@ -25,8 +27,8 @@ namespace fs = std::filesystem;
 
 constexpr const char* kName = "com.example.suite.changed";
 constexpr int kPatience = 200;  // milliseconds
-// What a loaded machine may add to that.
-constexpr int kLoaded = 2000;
+// What a loaded machine may add to that: the bus library itself gives up after 25 s.
+constexpr int kLoaded = 15'000;
 
 class NotificationBusFailure : public testing::Test {
 protected:
@@ -46,11 +48,12 @@ protected:
         }
         return false;
     }
-    // Ten posts that waited would take ten times its patience; a busy machine may hold up one.
+    // Posts that waited would each take its patience; a busy machine may hold up some.
     static void expectNotToWait(ScriptedChild& poster, const std::string& command = "post") {
-        int all = 0;
-        for (int i = 0; i < 10; ++i) all += milliseconds(poster.ask(command, {kName}));
-        EXPECT_LT(all, 10 * kPatience);
+        std::vector<int> times;
+        for (int i = 0; i < 10; ++i) times.push_back(milliseconds(poster.ask(command, {kName})));
+        std::sort(times.begin(), times.end());
+        EXPECT_LT(times[times.size() / 2], kPatience);
     }
     fs::path socket() const { return home_.runtime() / "bus"; }
 
