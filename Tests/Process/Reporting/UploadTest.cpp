@@ -1,11 +1,11 @@
 #include <random>
 
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "Common/Platform/UniqueFd.h"
 #include "Tests/Process/Reporting/UploadFixture.h"
+#include "Tests/Support/ListeningPort.h"
 
 // The command with the real bash, bsdtar and curl, and a real server.
 
@@ -13,6 +13,7 @@ namespace utilia {
 namespace {
 
 using test::kEndpointPath;
+using test::ListeningPort;
 using test::NginxServer;
 using test::SentForm;
 using test::UploadTest;
@@ -221,34 +222,6 @@ TEST_F(UploadTest, WithoutTLSNothingIsSent) {
     EXPECT_THAT(server.requests(), IsEmpty());
     EXPECT_TRUE(fs::exists(pathOf("utilia_report.xml")));
 }
-
-// A port at which connections are reset, or wait for ever.
-class ListeningPort {
-public:
-    explicit ListeningPort(bool takesConnections)
-        : socket_(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        if (bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-            (takesConnections && listen(socket_.get(), 5) != 0))
-            throw std::runtime_error("bind");
-        getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&address), &size);
-        port_ = ntohs(address.sin_port);
-    }
-    std::string number() const { return std::to_string(port_); }
-    // Whether a connection waits that nobody has taken yet.
-    bool wasConnectedTo() const {
-        const platform::UniqueFd connection(
-            accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        return static_cast<bool>(connection);
-    }
-
-private:
-    platform::UniqueFd socket_;
-    std::uint16_t port_ = 0;
-};
 
 TEST_F(UploadTest, WhereNobodyListensTheReportStays) {
     const NginxServer server;
