@@ -87,12 +87,14 @@ public:
     }
 
 private:
+    static constexpr int kMark = 61;  // by which a kept descriptor is known again
+
     bool appendToKept() {
         struct stat found {};
         struct stat there {};
-        if (flock(kept_, LOCK_SH | LOCK_NB) == 0 && fstat(kept_, &found) == 0 &&
-            found.st_ino == inode_ && found.st_nlink > 0 && (found.st_mode & S_IWUSR) != 0 &&
-            found.st_size <= kLargestSize) {
+        if (fcntl(kept_, F_GETSIG) == kMark && flock(kept_, LOCK_SH | LOCK_NB) == 0 &&
+            fstat(kept_, &found) == 0 && found.st_ino == inode_ && found.st_nlink > 0 &&
+            (found.st_mode & S_IWUSR) != 0 && found.st_size <= kLargestSize) {
             const auto now = std::chrono::steady_clock::now();
             const bool mustLook = now - looked_ >= std::chrono::milliseconds(10);
             if (mustLook) looked_ = now;
@@ -108,6 +110,7 @@ private:
     void writeAndKeep(int file, ino_t inode) {
         put(file, sampleRecord());
         check(flock(file, LOCK_UN), "flock");
+        check(fcntl(file, F_SETSIG, kMark), "F_SETSIG");
         kept_ = file;
         inode_ = inode;
         looked_ = std::chrono::steady_clock::now();
