@@ -1,9 +1,7 @@
 #include <random>
 
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include "Common/Platform/UniqueFd.h"
 #include "Tests/Process/Reporting/UploadFixture.h"
 #include "Tests/Support/ListeningPort.h"
 
