@@ -221,7 +221,9 @@ TEST(PdfPixels, TellWhatPixelsHaveInCommon) {
             const auto grey = static_cast<std::uint8_t>(i * 37);
             rgba.insert(rgba.end(), {grey, grey, grey, 255});
         }
-        const auto traits = [&] { return traitsOf({rgba.data(), width, height, nullptr, 0}); };
+        const auto traits = [&] {
+            return traitsOf({rgba.data(), width, height, nullptr, 0, false});
+        };
         EXPECT_TRUE(traits().isOpaque && traits().isGrey);
         for (std::size_t pixel = 0; pixel < width * height; ++pixel) {
             for (std::size_t channel = 0; channel < 4; ++channel) {
