@@ -115,7 +115,7 @@ TEST_F(ModuleInAnotherPlace, WithAModuleThatLacksTheTableThereAreNoImages) {
 TEST_F(ModuleInAnotherPlace, WithAModuleOfAnotherVersionThereAreNoImages) {
     copy_.useModule("Icons", UTILIA_FOREIGN_MODULE);
     EXPECT_EQ(expectImagesToBeUnusable("symbol"),
-              "Images cannot be used: module Icons: version 999 instead of 3");
+              "Images cannot be used: module Icons: version 999 instead of 4");
 }
 
 const Data kPng{0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n', 0, 0, 0, 0};
@@ -210,7 +210,7 @@ TEST_F(ExportModuleInAnotherPlace, WithAModuleThatLacksTheTableThereIsOnlyTiff) 
 TEST_F(ExportModuleInAnotherPlace, WithAModuleOfAnotherVersionThereIsOnlyTiff) {
     copy_.useModule("Export", UTILIA_FOREIGN_MODULE);
     EXPECT_EQ(expectNoFormatButTiff(),
-              "Images cannot be used: module Export: version 999 instead of 1");
+              "Images cannot be used: module Export: version 999 instead of 2");
 }
 
 }  // namespace
