@@ -9,7 +9,8 @@
 // Requests are never cancelled: a grant whose answer nobody waits for any more would last until the process ends. The
 // answer is awaited instead, and what it grants to a start that is over is given back at once.
 //
-// A service that does not answer within kPatience counts as one that refuses, so that the next one is asked.
+// A service that does not answer within kPatience counts as one that refuses, so that the next one is asked; so does a bus
+// that takes connections and says nothing.
 //
 // The connection with the session's bus is this class's own: the one that GIO shares in a process is handed out again after
 // its bus has ended for as long as anybody holds it, and where there is no bus GIO would start one.
@@ -80,6 +81,19 @@ constexpr std::array<SessionService, 3> kServices{{
      "org.freedesktop.portal.Inhibit", G_DBUS_CALL_FLAGS_NONE, "(o)", askPortal, nullptr},
 }};
 
+// Given up after the patience; late for a connection that is made by then, it does nothing.
+ObjectPointer<GCancellable> givenUpInTime() {
+    ObjectPointer<GCancellable> given(g_cancellable_new());
+    g_timeout_add_full(
+        G_PRIORITY_DEFAULT, kPatience,
+        [](gpointer cancellable) -> gboolean {
+            g_cancellable_cancel(static_cast<GCancellable*>(cancellable));
+            return G_SOURCE_REMOVE;
+        },
+        g_object_ref(given.get()), g_object_unref);
+    return given;
+}
+
 }  // namespace
 
 // What an answer finds its way back by.
@@ -119,8 +133,9 @@ void Inhibitor::start() {
 }
 
 void Inhibitor::connectSystem() {
+    const auto inTime = givenUpInTime();
     g_bus_get(
-        G_BUS_TYPE_SYSTEM, nullptr,
+        G_BUS_TYPE_SYSTEM, inTime.get(),
         [](GObject*, GAsyncResult* result, gpointer data) {
             const std::unique_ptr<Call> call(static_cast<Call*>(data));
             GioError error;
@@ -153,12 +168,13 @@ void Inhibitor::connectSession() {
         return;
     }
     const std::string address = sessionBusAddress();
+    const auto inTime = givenUpInTime();
     g_dbus_connection_new_for_address(
         // Fails like any other that cannot be used.
         address.empty() ? "disabled:" : address.c_str(),
         static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr,
+        nullptr, inTime.get(),
         [](GObject*, GAsyncResult* result, gpointer data) {
             const std::unique_ptr<Call> call(static_cast<Call*>(data));
             GioError error;
@@ -174,6 +190,8 @@ void Inhibitor::connectSession() {
 
 void Inhibitor::sessionConnected(ObjectPointer<GDBusConnection> connection, GioError& error) {
     if (!connection) {
+        // A silent bus may speak again; one that is not there is not waited for.
+        if (error.isCancelled()) isLost_ = true;
         if (isLost_) connectSessionLater();
         if (session_ == State::Refused) return;  // has been told
         refuse("the session's bus", error);

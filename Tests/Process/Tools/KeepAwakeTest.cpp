@@ -50,6 +50,17 @@ TEST_F(KeepAwake, HoldsScreenAndSleepWhileItRuns) {
     expectBoth(services, "screensaver give back 101", "login lost");
 }
 
+TEST_F(KeepAwake, SaysWhatItHoldsOnASilentBusAndHoldsTheScreenWhenItSpeaks) {
+    auto services = session_.startServices({"screensaver", "login"});
+    session_.sessionBus().stop();
+    auto tool = start();
+    EXPECT_EQ(services.waitForLine(), kLoginGrants);
+    EXPECT_TRUE(session_.comesToSay(kScreenMayGoDark));
+    session_.sessionBus().resume();
+    EXPECT_EQ(services.waitForLine(), kScreenSaverGrants);
+    EXPECT_TRUE(session_.comesToSay("On"));
+}
+
 TEST_F(KeepAwake, LetsGoWhenItIsKilled) {
     auto services = session_.startServices({"screensaver", "login"});
     auto tool = start();
