@@ -50,7 +50,17 @@ bool LoginSession::isNew(const Number& session) {
     }
     const std::string login = nameOf(session);
     const auto seen = FileManager::contentsAtPath(*folder + std::string(kFileName), kMaximumSize);
-    if (seen && std::string(seen->begin(), seen->end()) == login) return false;
+    const std::string before = seen ? std::string(seen->begin(), seen->end()) : std::string();
+    if (before == login) return false;
+    // The login manager may not answer for a moment. One that was acted on in this boot is then taken for the same.
+    const std::string boot = login.substr(login.find('\n'));
+    if (!session && before.ends_with(boot)) return false;
+    if (session && before == nameOf(std::nullopt)) {
+        // Its number has only now been learnt.
+        if (const auto written = remember(*folder, login); !written)
+            KULogVariadic("Login: %@", written.error());
+        return false;
+    }
     if (const auto written = remember(*folder, login + std::string(kBegun)); !written) {
         KULogVariadic("Login: no tools are started: %@", written.error());
         return false;

@@ -26,12 +26,30 @@ protected:
 
 TEST_F(LoginSessionTest, IsNewInEachSessionUntilEverythingIsDone) {
     for (const LoginSession::Number& session :
-         {LoginSession::Number("3"), LoginSession::Number("4"), LoginSession::Number()}) {
+         {LoginSession::Number("3"), LoginSession::Number("4"), LoginSession::Number("c2")}) {
         EXPECT_TRUE(LoginSession::isNew(session));
         EXPECT_TRUE(LoginSession::isNew(session)) << "as for an agent that was killed meanwhile";
         LoginSession::finish(session);
         EXPECT_FALSE(LoginSession::isNew(session));
     }
+}
+
+TEST_F(LoginSessionTest, IsTheOneBeforeWhereTheLoginManagerDoesNotAnswerForAMoment) {
+    ASSERT_TRUE(LoginSession::isNew("3"));
+    EXPECT_TRUE(LoginSession::isNew(std::nullopt)) << "not everything was done";
+    LoginSession::finish("3");
+    EXPECT_FALSE(LoginSession::isNew(std::nullopt));
+    EXPECT_FALSE(LoginSession::isNew("3"));
+    EXPECT_TRUE(LoginSession::isNew("4"));
+}
+
+TEST_F(LoginSessionTest, IsTheSameWhenItsNumberIsLearntLater) {
+    ASSERT_TRUE(LoginSession::isNew(std::nullopt));
+    LoginSession::finish(std::nullopt);
+    EXPECT_FALSE(LoginSession::isNew(std::nullopt));
+    EXPECT_FALSE(LoginSession::isNew("3"));
+    EXPECT_FALSE(LoginSession::isNew("3"));
+    EXPECT_TRUE(LoginSession::isNew("4"));
 }
 
 TEST_F(LoginSessionTest, HasItsNumberInTheEnvironmentOrNot) {
