@@ -17,8 +17,9 @@ std::atomic<int> talks = 0;
 bool startBusThread(std::function<void()> talk) {
     ++talks;
     try {
-        std::thread([talk = std::move(talk)] {
-            talk();
+        std::thread([talk = std::move(talk)]() mutable {
+            // With all that it holds it is over before it counts as over.
+            std::exchange(talk, nullptr)();
             --talks;
         }).detach();
     } catch (const std::system_error&) {

@@ -90,7 +90,7 @@ PreviewDialog::PreviewDialog(QWidget* parent)
 
 PreviewDialog::~PreviewDialog() { looking_->found = nullptr; }
 
-PreviewDialog::Found PreviewDialog::look() {
+PreviewDialog::Found PreviewDialog::look() try {
     Found found{.next = reporting::nextUpload()};
     if (!found.next) KULogVariadic("Usage reporting: %@", found.next.error());
     if (!found.next) return found;
@@ -100,6 +100,8 @@ PreviewDialog::Found PreviewDialog::look() {
         found.troubles.push_back(document ? std::string_view() : troubleWith(document.error()));
     }
     return found;
+} catch (const std::bad_alloc&) {
+    return {.next = Error::utilia(UtiliaErrorCode::Unavailable, "out of memory"), .troubles = {}};
 }
 
 void PreviewDialog::show(const Found& found) {
