@@ -83,7 +83,9 @@ TEST_P(UploadKill, LosesNothing) {
 
     const auto again = makeUploader(server)->sendCEPImp(false);
     ASSERT_EQ(again.size(), isLeft ? 1u : 0u);
-    if (isLeft) ASSERT_TRUE(waitForTasks(again));
+    if (isLeft) {
+        ASSERT_TRUE(waitForTasks(again));
+    }
     EXPECT_THAT(filesInFolder(), IsEmpty());
     const bool isSentBefore = std::string_view(GetParam()).starts_with("rm-") ||
                               std::string_view(GetParam()) == "curl after";
