@@ -285,7 +285,7 @@ TEST_F(Ports, DeliverEverySizeWhole) {
 TEST_F(Ports, TakeTheMostComponentsAMessageMayHave) {
     Receiver receiver("a");
     const auto sender = names().portForName("a");
-    for (const std::size_t size : {0, 1, 64, 65, 1024}) {
+    for (const std::size_t size : {0u, 1u, 64u, 65u, 1024u}) {
         const std::string text(size, 'k');
         PortMessage(sender, std::vector<PortMessage::Component>(kPortMessageMaximumComponents,
                                                                 bytesOf(text)))
