@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <functional>
+#include <new>
 #include <utility>
 #include <vector>
 

@@ -14,7 +14,9 @@ namespace utilia::agent {
 // the session's number and the machine's boot. Until finish() it is marked as begun: an agent that is killed while it
 // starts tools does all of it again, which passes over those that run.
 //
-// A session whose number is not known is one and the same until the system removes the file.
+// A session whose number is not known is taken for the one that the file names, if that is of this boot and was acted on; one
+// that was acted on without a number takes the first that is learnt. So a login manager that is silent for a moment makes no
+// new login; where it is silent for good, there is one until the system removes the file.
 class LoginSession final {
 public:
     LoginSession() = delete;
