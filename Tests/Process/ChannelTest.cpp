@@ -8,6 +8,7 @@
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
 #include "Tests/Process/AgentFixture.h"
 #include "Tests/Support/ChildRole.h"
+#include "Tests/Support/StopWithoutLocks.h"
 
 namespace utilia::test {
 namespace {
@@ -281,7 +282,7 @@ TEST_F(Channel, LastWordsToAStoppedAgentAreHeardWhenItGoesOn) {
     ScriptedChild tool = startClock();
     tool.ask("send-status");
     expectState(agent, clock, "0, launched, none, none, none");
-    agent.process().signal(SIGSTOP);
+    test::stopWithoutLocks(agent.process().pid(), home_.path());
     tool.ask("set-menu-text", {"last words"});
     tool.ask("set-tool-icon", {"400", "4"});
     tool.terminate();
@@ -298,7 +299,7 @@ TEST_F(Channel, StoppedToolHoldsNobodyUp) {
     ScriptedChild stopped = startClock();
     stopped.ask("set-status", {"1"});
     expectState(agent, clock, "1, launched, none, none, none");
-    stopped.process().signal(SIGSTOP);
+    test::stopWithoutLocks(stopped.process().pid(), home_.path());
     EXPECT_EQ(agent.ask("send-command", {clock, "107"}), "yes") << "queued is sent";
     ScriptedChild tool(timerBundle.role("tool"));
     tool.ask("set-status", {"1"});

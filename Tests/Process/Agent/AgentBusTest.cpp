@@ -11,6 +11,7 @@
 #include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Tests/Process/Agent/AgentFixture.h"
+#include "Tests/Support/StopWithoutLocks.h"
 
 // An agent whose session bus is late, lost, or not there at all.
 
@@ -133,7 +134,7 @@ TEST_F(AgentBusTest, SeesWhatWasScheduledWhileTheBusEnded) {
     auto panel = startPanel();
     auto agent = startAgent(offscreen());
     expectItem(panel, agent);
-    agent.signal(SIGSTOP);
+    test::stopWithoutLocks(agent.pid(), home_.path());
     bus_.reset();
     schedule(kTimer, "Timer");
     agent.signal(SIGCONT);

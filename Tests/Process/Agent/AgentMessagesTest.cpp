@@ -19,6 +19,7 @@
 #include "Tests/Support/PrivateMounts.h"
 #include "Tests/Support/PrivateNetwork.h"
 #include "Tests/Support/ScreenReader.h"
+#include "Tests/Support/StopWithoutLocks.h"
 #include "Tests/Support/VirtualDisplay.h"
 
 // What the agent's window says: when something is amiss, and what its settings tell.
@@ -113,7 +114,7 @@ protected:
         const auto running =
             platform::RunningApplication::runningApplicationsWithBundleIdentifier(kTimer);
         const auto tool = static_cast<pid_t>(running.at(0).processIdentifier());
-        kill(tool, SIGSTOP);
+        test::stopWithoutLocks(tool, home_.path());
         // Until the tool has no room any more, and the first that waits has waited in vain.
         for (int i = 0; i < 7; ++i) display_.press(std::vector<std::string>(50, "Return"));
         EXPECT_THAT(heardWith("does not respond"), HasSubstr("Timer does not respond."));

@@ -12,6 +12,7 @@
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Tests/Process/Agent/AgentFixture.h"
 #include "Tests/Support/ChildRole.h"
+#include "Tests/Support/StopWithoutLocks.h"
 
 // What the agent starts at login and at dates, whoever is killed meanwhile.
 
@@ -230,7 +231,7 @@ TEST_F(AgentSchedulesTest, StartAToolThatEndedBeforeItCouldBeToldOfItsDate) {
     auto agent = startAgent(offscreen());
     expectItem(panel, agent);
     auto tool = startSpeakingTimer(panel);
-    tool.signal(SIGSTOP);
+    test::stopWithoutLocks(tool.pid(), home_.path());
     EXPECT_EQ(ask(panel, "clicks " + std::to_string(kMoreThanThereIsRoomFor) + " Timer"), "done");
     scheduleNow();
     // After ten seconds what is kept for it is given up.
@@ -251,7 +252,7 @@ TEST_F(AgentSchedulesTest, StartAToolThatEndedAMomentBeforeItsDate) {
     auto agent = startAgent(offscreen());
     expectItem(panel, agent);
     auto tool = startSpeakingTimer(panel);
-    agent.signal(SIGSTOP);
+    test::stopWithoutLocks(agent.pid(), home_.path());
     tool.kill();
     scheduleNow();
     agent.signal(SIGCONT);
