@@ -114,11 +114,18 @@ private:
     Result<void> lockAndFill(std::span<const std::string_view> content, const std::string& path);
     void release();
     Result<int> readable();  // the descriptor
+    bool isOwnNumber() const;
 
     UniqueFd file_;
     unsigned generation_;      // of processes, at the time of opening
     bool isExamined_ = false;  // and found to be a plain file of this user
-    bool isKept_ = false;
+    struct Place {
+        std::uint64_t device = 0;
+        std::uint64_t inode = 0;
+        bool operator==(const Place&) const = default;
+    };
+    static Result<Place> placeOf(int descriptor);
+    std::optional<Place> kept_;
     UniqueFd reader_;  // of a file that was opened to append to
 };
 
