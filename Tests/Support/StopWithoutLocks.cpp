@@ -48,17 +48,20 @@ bool isIn(const fs::path& folder, ino_t wanted) {
     return false;
 }
 
-// A line of the kernel's list: NUMBER: FLOCK ADVISORY WRITE PROCESS MAJOR:MINOR:INODE START END, and an arrow after the
-// number of who waits.
+// The kernel tells it for each descriptor, as NUMBER: FLOCK ADVISORY WRITE PROCESS MAJOR:MINOR:INODE START END. Its list of
+// all locks would not do: entries are missing from it while others come and go.
 bool holdsLock(pid_t process, const fs::path& folder) {
-    std::ifstream file("/proc/locks");
-    for (std::string line; std::getline(file, line);) {
-        std::istringstream words(line);
-        std::string number, kind, strength, access, place;
-        pid_t holder = 0;
-        if (!(words >> number >> kind >> strength >> access >> holder >> place)) continue;
-        if (kind != "FLOCK" || holder != process) continue;
-        if (isIn(folder, std::stoul(place.substr(place.rfind(':') + 1)))) return true;
+    for (const auto& descriptor :
+         fs::directory_iterator("/proc/" + std::to_string(process) + "/fdinfo")) {
+        std::ifstream file(descriptor.path());
+        for (std::string line; std::getline(file, line);) {
+            std::istringstream words(line);
+            std::string label, number, kind, strength, access, holder, place;
+            if (!(words >> label >> number >> kind >> strength >> access >> holder >> place) ||
+                label != "lock:" || kind != "FLOCK")
+                continue;
+            if (isIn(folder, std::stoul(place.substr(place.rfind(':') + 1)))) return true;
+        }
     }
     return false;
 }
