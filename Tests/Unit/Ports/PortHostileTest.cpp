@@ -230,7 +230,7 @@ std::map<std::string, HostileDeed> allDeeds() {
 // Whether the receiver has hung up on the connection.
 bool waitForHangUp(int socket) {
     pollfd waiting{socket, POLLRDHUP, 0};
-    return poll(&waiting, 1, 20'000) == 1;
+    return poll(&waiting, 1, 60'000) == 1;
 }
 
 UTILIA_CHILD_ROLE(doDeed) {
@@ -294,9 +294,10 @@ UTILIA_CHILD_ROLE(sendOneMessage) {
 // ---- what the receiver makes of it ----------------------------------------------------------
 
 struct HostilePeers : testing::Test {
-    HostilePeers() { setHelloTimeout(20s); }
+    HostilePeers() { setHelloTimeout(kNever); }
 
     // Short only where it is what is tested: on a busy machine a tool, too, may take its time.
+    static constexpr std::chrono::minutes kNever{10};
     void setHelloTimeout(std::chrono::milliseconds timeout) {
         end().setLimits({.helloTimeout = timeout});
     }
@@ -347,7 +348,7 @@ TEST_P(HostileDeeds, CostALogLineAndTheirConnection) {
                                    " (process " + std::to_string(peer.pid()) + ")"}));
         EXPECT_EQ(end().refusals(refusal), 1u);
     }
-    setHelloTimeout(20s);
+    setHelloTimeout(kNever);
     EXPECT_TRUE(othersAreServed());
     waitForNoConnections();
     EXPECT_EQ(openDescriptorCount(), descriptors);
@@ -472,7 +473,7 @@ TEST_F(HostilePeers, ThatFloodWithValidMessagesAreSlowedAndNotCut) {
         ASSERT_TRUE(runUntil([&] { return receiver->delegate.withComponents == before + 1; }));
     }
     for (auto& flooder : flooders) EXPECT_TRUE(flooder.isRunning());
-    EXPECT_GT(receiver->delegate.count, 1000u);
+    EXPECT_TRUE(runUntil([&] { return receiver->delegate.count > 1000; }));
     EXPECT_TRUE(log.lines().empty());
 }
 

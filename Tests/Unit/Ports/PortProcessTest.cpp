@@ -174,7 +174,7 @@ TEST_F(PortProcesses, KeepOrderAndCountOverAStop) {
     for (int i = 0; i < 1000; ++i) {
         PortMessage message(port, {bytesOf("x")});
         message.setMsgid(++sent);
-        message.sendBeforeDate(Clock::now() + 10s);
+        message.sendBeforeDate(Clock::now() + 60s);
     }
     sendText(port, 0, "end");
     EXPECT_EQ(receiver.waitForLine(), std::to_string(sent) + " in order");
@@ -198,7 +198,7 @@ TEST_F(PortProcesses, ConnectWhileTheySendWhenTheBacklogWasFull) {
         EXPECT_EQ(thrown.name(), NSPortTimeoutException);
     }
     EXPECT_GE(Clock::now() - before, 100ms);
-    EXPECT_LT(Clock::now() - before, 5s);
+    EXPECT_LT(Clock::now() - before, 30s);
     EXPECT_TRUE(port->isValid());
     EXPECT_FALSE(port->hasRoom());
     EXPECT_TRUE(port->isValid());

@@ -273,7 +273,7 @@ TEST_F(Ports, DeliverEverySizeWhole) {
         PortMessage message(
             sender,
             {{bytes.begin(), bytes.begin() + half}, {}, {bytes.begin() + half, bytes.end()}});
-        message.sendBeforeDate(std::chrono::steady_clock::now() + 10s);
+        message.sendBeforeDate(std::chrono::steady_clock::now() + 60s);
         receiver.delegate.messages.clear();
         ASSERT_TRUE(runUntil([&] { return receiver.delegate.messages.size() == 1; }));
         const auto& components = receiver.delegate.messages[0].components;
@@ -312,7 +312,7 @@ TEST_F(Ports, TimeOutWhenTheReceiverDoesNotRead) {
         }
         const auto took = std::chrono::steady_clock::now() - before;
         EXPECT_GE(took, wait);
-        EXPECT_LT(took, wait + 5s);
+        EXPECT_LT(took, wait + 30s);
     }
     EXPECT_TRUE(sender->isValid());
 }

@@ -68,7 +68,7 @@ void sendText(const std::shared_ptr<platform::Port>& port, std::uint32_t msgid,
               std::string_view text) {
     PortMessage message(port, {bytesOf(text)});
     message.setMsgid(msgid);
-    message.sendBeforeDate(std::chrono::steady_clock::now() + std::chrono::seconds(10));
+    message.sendBeforeDate(std::chrono::steady_clock::now() + std::chrono::seconds(60));
 }
 
 std::string portsFolder() {

@@ -52,16 +52,16 @@ public:
     bool isRegistered = false;
 };
 
-// Runs the current loop until the condition holds, at most 20 s. The condition is asked after each
+// Runs the current loop until the condition holds, at most 60 s. The condition is asked after each
 // turn, and every few milliseconds for what no turn tells.
 bool runUntil(const std::function<bool()>& condition);
 
-// Runs the current loop until the child says the line; fails on another one, or none in 20 s.
+// Runs the current loop until the child says the line; fails on another one, or none in 60 s.
 testing::AssertionResult runUntilSaid(ChildProcess& child, const std::string& line);
-// The child's next line, the loop running meanwhile; "" when none comes in 20 s.
+// The child's next line, the loop running meanwhile; "" when none comes in 60 s.
 std::string runUntilLine(ChildProcess& child);
 
-// One component; waits at most 10 s.
+// One component; waits at most 60 s.
 void sendText(const std::shared_ptr<platform::Port>& port, std::uint32_t msgid,
               std::string_view text);
 

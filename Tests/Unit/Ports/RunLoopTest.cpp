@@ -25,7 +25,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto kLong = 20s;
+constexpr auto kLong = 60s;
 
 TEST(RunLoop, RunsWorkInItsNextTurnAndInOrder) {
     RunLoop& loop = RunLoop::currentRunLoop();
@@ -309,21 +309,24 @@ TEST(Timer, NeverFiresBeforeItsTime) {
 TEST(Timer, KeepsItsPhaseAndCollapsesMissedFirings) {
     constexpr auto kInterval = 100ms;
     std::vector<Clock::duration> fired;
+    Clock::duration late = kInterval;
     const auto start = Clock::now();
+    const auto now = [start] { return Clock::now() - start; };
     const Handle timer = Timer::scheduledTimer(kInterval, true, [&] {
-        fired.push_back(Clock::now() - start);
-        // Busy past the second time, until halfway to the third.
-        while (fired.size() == 1 && Clock::now() - start < kInterval * 5 / 2) {
+        fired.push_back(now());
+        if (fired.size() > 1) late = std::min(late, fired.back() % kInterval);
+        // Busy until halfway to a later time, the first time past the second one.
+        while ((fired.size() == 1 && now() < 2 * kInterval) || now() % kInterval < kInterval / 2) {
         }
     });
-    ASSERT_TRUE(RunLoop::currentRunLoop().runUntil([&] { return fired.size() == 6; }, kLong));
+    // A timer that counts anew from the end of its callback is half an interval late each time. Other programs
+    // may make a firing late, never early: the most punctual tells, and on a busy machine it may take a while.
+    EXPECT_TRUE(RunLoop::currentRunLoop().runUntil(
+        [&] { return fired.size() >= 6 && late < kInterval / 4; }, 100 * kInterval))
+        << fired.size() << " times, the most punctual " << late / 1ms << " ms late";
+    ASSERT_GE(fired.size(), 2u);
     EXPECT_GE(fired[0], kInterval);
     EXPECT_GE(fired[1], kInterval * 3) << "the second time is not made up for";
-    // A timer that counts anew from the end of its callback is half an interval late each time.
-    // Other programs may make a firing late, never early: the most punctual of five tells.
-    Clock::duration late = kInterval;
-    for (std::size_t i = 1; i < fired.size(); ++i) late = std::min(late, fired[i] % kInterval);
-    EXPECT_LT(late, kInterval / 4);
 }
 
 TEST(Timer, BeginsItsPhaseAfterADelayOfItsOwn) {
@@ -361,6 +364,7 @@ TEST(Timer, MayBeEndedInItsOwnCallback) {
         timer.reset();
         EXPECT_EQ(*kept, 0) << "what the callback holds stays until it returns";
     });
+    EXPECT_TRUE(RunLoop::currentRunLoop().runUntil([&] { return fired > 0; }, kLong));
     RunLoop::currentRunLoop().runFor(20ms);
     EXPECT_EQ(fired, 1);
     EXPECT_TRUE(watched.expired());
