@@ -32,13 +32,18 @@ ChildProcess PrivateBus::monitor(const std::string& rule) const {
     auto monitor = ChildProcess::program(
         "/bin/sh", {"-c", R"(exec dbus-monitor --address "$0" "$1" "$2" >&3)", address_, rule,
                     "type='signal',interface='com.example.monitor'"});
-    // It has no word for being ready; so it is sent something until it shows that.
+    // It has no word for being ready; so it is sent something until it shows that, and then what of this is still on
+    // its way to it.
     for (int tries = 0; tries < 100; ++tries) {
+        const std::string member = "areYouThere" + std::to_string(tries) + "End";
         ChildProcess::program("/usr/bin/dbus-send", {"--bus=" + address_, "--type=signal", "/",
-                                                     "com.example.monitor.areYouThere"})
+                                                     "com.example.monitor." + member})
             .waitForExit();
-        while (const auto line = monitor.waitForLine(std::chrono::milliseconds(100))) {
-            if (line->find("areYouThere") != std::string::npos) return monitor;
+        bool isThere = false;
+        while (const auto line =
+                   monitor.waitForLine(std::chrono::milliseconds(isThere ? 60'000 : 100))) {
+            if (line->find(member) != std::string::npos) return monitor;
+            isThere = isThere || line->find("areYouThere") != std::string::npos;
         }
     }
     throw std::runtime_error("dbus-monitor does not listen");

@@ -21,6 +21,7 @@
 #include "Common/Platform/Linux/BusAddress.h"
 #include "Common/Platform/Linux/ModuleLoader.h"
 #include "Common/Platform/Linux/Modules/Desktop/NotificationsModule.h"
+#include "Common/Platform/Linux/NotificationPatience.h"
 #include "Common/Platform/RunLoop.h"
 
 // The module speaks to the bus and tells which names were heard; the observers are kept here, and
@@ -32,7 +33,6 @@
 namespace utilia::platform {
 namespace {
 
-constexpr std::uint32_t kPatience = 200;  // milliseconds
 constexpr int kMostWaiting = 64;
 
 // "com.example.changed": interface "com.example", member "changed".
@@ -72,6 +72,11 @@ const UtiliaNotificationsModule* bus() {
 }
 
 }  // namespace
+
+std::atomic<std::uint32_t>& notificationPatience() {
+    static std::atomic<std::uint32_t> milliseconds = 200;
+    return milliseconds;
+}
 
 struct DistributedNotificationCenter::State {
     std::mutex mutex;
@@ -162,7 +167,7 @@ Handle DistributedNotificationCenter::addObserver(std::string_view name,
             std::array<char, kUtiliaNotificationsReasonSize> reason{};
             const std::uint32_t progress =
                 module->observe(address->c_str(), halves.interface.c_str(), halves.member.c_str(),
-                                kPatience, &State::heardByModule, reason.data());
+                                notificationPatience(), &State::heardByModule, reason.data());
             isHeard = progress != UtiliaNotificationsRefused;
             state_.report("observe", name, progress, reason.data());
         }
@@ -181,8 +186,9 @@ void DistributedNotificationCenter::post(std::string_view name) try {
     if (!module) return;
     const Halves halves(name);
     std::array<char, kUtiliaNotificationsReasonSize> reason{};
-    const std::uint32_t progress = module->post(address->c_str(), halves.interface.c_str(),
-                                                halves.member.c_str(), kPatience, reason.data());
+    const std::uint32_t progress =
+        module->post(address->c_str(), halves.interface.c_str(), halves.member.c_str(),
+                     notificationPatience(), reason.data());
     state_.report("post", name, progress, reason.data());
 } catch (const std::bad_alloc&) {
     KULogVariadic("Distributed notifications: out of memory");

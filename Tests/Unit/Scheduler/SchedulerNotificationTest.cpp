@@ -15,7 +15,7 @@ constexpr const char* kRule = "type='signal',interface='com.apple.utilia'";
 class SchedulerNotification : public testing::Test {
 protected:
     ScriptedChild start(const test::TestBundle& bundle) {
-        return ScriptedChild(bundle.role("scheduler"));
+        return ScriptedChild(bundle.role("scheduler", {"patient"}));
     }
 
     test::TemporaryHome home_;
@@ -73,7 +73,7 @@ TEST_F(SchedulerNotification, AnObserverIsKnownByItsPointer) {
 
 TEST_F(SchedulerNotification, ABusThatHangsDoesNotKeepTheRecordFromBeingWritten) {
     bus_.stop();
-    auto tool = start(toolBundle_);
+    ScriptedChild tool(toolBundle_.role("scheduler"));
     tool.ask("tool-at-date", {"1", "0"});
     int found = 0;
     readSchedulerPlist(

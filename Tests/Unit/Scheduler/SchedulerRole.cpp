@@ -2,6 +2,7 @@
 #include <map>
 #include <string>
 
+#include "Common/Platform/Linux/NotificationPatience.h"
 #include "Common/Platform/UserDefaults.h"
 #include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
 #include "Common/UtiliaCommon/Scheduler/ToolScheduler.h"
@@ -16,7 +17,9 @@ namespace {
 
 Date dateOf(const std::string& seconds) { return Date{std::stod(seconds)}; }
 
+// With the argument "patient" it waits for a slow bus.
 UTILIA_CHILD_ROLE(scheduler) {
+    if (!self.arguments.empty()) platform::notificationPatience() = 60'000;
     std::map<std::string, int> calls;
     ChildScript script(self);
     script.on("tool-at-login", [](const auto& arguments) {
