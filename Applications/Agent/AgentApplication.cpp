@@ -162,6 +162,8 @@ void AgentApplication::busIsThere(const QDBusConnection& bus) {
     if (std::exchange(isBusMissed_, false)) {
         if (const QStringList watched = records_.directories(); !watched.isEmpty())
             records_.removePaths(watched);
+        // By itself it listens again only when it next tries to, which may be half a minute later.
+        schedules_.listenAgain();
         // What was told while nobody could hear it.
         reload_.start();
         if (busBack_) busBack_();

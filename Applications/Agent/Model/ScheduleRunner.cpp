@@ -43,11 +43,21 @@ ScheduleRunner::~ScheduleRunner() {
 
 void ScheduleRunner::start() {
     if (std::exchange(isStarted_, true)) return;
+    listen();
+    look();
+}
+
+void ScheduleRunner::listen() {
     AgentScheduler::addUpdateObserver(this, [this] {
         waiting_.clear();
         look();
     });
-    look();
+}
+
+void ScheduleRunner::listenAgain() {
+    if (!isStarted_) return;
+    AgentScheduler::removeUpdateObserver(this);
+    listen();
 }
 
 void ScheduleRunner::toolsHaveChanged() {

@@ -82,6 +82,9 @@ public:
 
     // Looks at the records, and again whenever somebody says that they have changed.
     void start();
+    // There is another bus than before by which records are said to have changed. Waits until it knows that somebody
+    // listens, at most 200 ms.
+    void listenAgain();
     // What could not be started before may be able to now.
     void toolsHaveChanged();
     // A tool is heard of, and runs.
@@ -112,6 +115,7 @@ private:
         Handle patience = {};
     };
 
+    void listen();
     void look();
     bool isOwed(const Occasion& occasion) const;
     void owe(const Occasion& occasion, Debt::State state);

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include "Common/Platform/RunLoop.h"
 #include "Common/Platform/UniqueFd.h"
 #include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
@@ -116,6 +117,8 @@ TEST_F(AgentBusTest, HearsOfSchedulesAgainOnTheNewBus) {
     expectItem(panel, agent);
     bus_.reset();
     ASSERT_TRUE(hasLogged("the session bus is lost"));
+    // Who asks again and again whether it is back does so more and more rarely.
+    platform::RunLoop::currentRunLoop().runFor(std::chrono::seconds(4));
     startBus();
     auto next = startPanel();
     expectItem(next, agent);
@@ -233,6 +236,8 @@ TEST_F(AgentBusTest, ActsOnSchedulesWithoutABusThatCouldTellOfThem) {
         EXPECT_TRUE(agent.isRunning());
         agent.signal(SIGTERM);
         EXPECT_EQ(agent.waitForExit(), 0);
+        // It has ended before the tool has had its time to speak, so that this is still due.
+        AgentScheduler::cancelScheduleByName("Timer", kTimer);
         std::filesystem::remove(home_.path() / "agent.log");
     }
 }
