@@ -76,7 +76,7 @@ ScreenReader::ScreenReader(const PrivateBus& bus, const std::filesystem::path& f
     options.standardError = folder / "accessibility.log";
     launcher_ = ChildProcess::program(kLauncher, {"--launch-immediately"}, options);
     const auto isThere =
-        runProgram({"gdbus", "wait", "--session", "--timeout", "15", "org.a11y.Bus"},
+        runProgram({"gdbus", "wait", "--session", "--timeout", "50", "org.a11y.Bus"},
                    {{"DBUS_SESSION_BUS_ADDRESS", address_}});
     if (isThere.status != 0) throw std::runtime_error("the bus of accessible programs is missing");
 }

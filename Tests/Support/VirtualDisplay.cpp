@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 constexpr const char* kUnset = "\x01";
-constexpr auto kPatience = 20s;
+constexpr auto kPatience = 60s;
 
 std::string findProgram(const std::string& name) {
     const char* const path = std::getenv("PATH");

@@ -16,7 +16,7 @@ struct ProgramOutput {
     std::string text;
     std::string errors;  // what it wrote to stderr
 };
-// Any program of $PATH; it is killed, and std::runtime_error thrown, when it takes longer than 20 s.
+// Any program of $PATH; it is killed, and std::runtime_error thrown, when it takes longer than a minute.
 ProgramOutput runProgram(const std::vector<std::string>& command,
                          const std::map<std::string, std::string>& environment = {});
 

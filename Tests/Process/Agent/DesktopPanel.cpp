@@ -105,7 +105,7 @@ DesktopPanel::DesktopPanel(const test::VirtualDisplay& display, const test::Priv
     options.standardError = log_;
     options.diesWithTest = true;
     settings_ = test::ChildProcess::program(programOf(kSettingsService), {}, options);
-    if (test::runProgram({"gdbus", "wait", "--session", "--timeout", "19", "org.xfce.Xfconf"},
+    if (test::runProgram({"gdbus", "wait", "--session", "--timeout", "50", "org.xfce.Xfconf"},
                          environment_)
             .status != 0) {
         throw std::runtime_error("the panel's settings do not start");
@@ -144,7 +144,7 @@ bool DesktopPanel::isOnScreen() const {
 // "" when there is nobody to ask.
 std::string DesktopPanel::ask(const std::string& property) const {
     const auto answer =
-        test::runProgram({"gdbus", "call", "--session", "--timeout", "15", "--dest", kWatcher,
+        test::runProgram({"gdbus", "call", "--session", "--timeout", "50", "--dest", kWatcher,
                           "--object-path", "/StatusNotifierWatcher", "--method",
                           "org.freedesktop.DBus.Properties.Get", kWatcher, property},
                          environment_);
