@@ -5,6 +5,7 @@
 
 #include <sys/prctl.h>
 
+#include "Applications/Agent/Model/ScheduleRunner.h"
 #include "Common/Platform/Application.h"
 #include "Common/Platform/RunLoop.h"
 #include "Common/Platform/Workspace.h"
@@ -116,10 +117,19 @@ protected:
             return std::count(all.begin(), all.end(), test::RecordedMessage{103, {}}) == 1;
         });
     }
+    // The icon comes when the agent's loop runs. What is due at its start has had its turn by then.
+    test::ChildProcess startAgentThatHasLooked() {
+        panel_ = startPanel();
+        auto agent = startAgent(offscreen());
+        expectItem(panel_, agent);
+        return agent;
+    }
     std::string rememberedLogin() const {
         std::ifstream file(home_.runtime() / "com.korvane.utilia/agent-login");
         return {std::istreambuf_iterator<char>(file), {}};
     }
+
+    test::ChildProcess panel_;
 };
 
 // Tools enough that some are left, however late the kill comes on a busy machine.
@@ -189,8 +199,9 @@ TEST_F(AgentSchedulesTest, DoNotWaitForASystemBusThatHangs) {
     auto agent = startAgent(withoutSession(systemBus));
     expectItem(panel, agent);
     EXPECT_EQ(ask(panel, "menu"), std::string("Timer; World__Clock; ") + kOwnEntries);
-    EXPECT_EQ(reports_.waitForLine(), "Timer started");
-    EXPECT_EQ(reports_.waitForLine(), "World Clock started");
+    const std::vector<std::string> started{reports_.waitForLine().value_or(""),
+                                           reports_.waitForLine().value_or("")};
+    EXPECT_THAT(started, testing::UnorderedElementsAre("Timer started", "World Clock started"));
     EXPECT_TRUE(remembers("unknown"));
     agent.signal(SIGTERM);
     EXPECT_EQ(agent.waitForExit(), 0);
@@ -267,26 +278,23 @@ TEST_F(AgentSchedulesTest, TellAToolThatTheLauncherHasJustStartedAndDoNotBringIt
     timer_.install("reopenedTool", {reports_.path()});
     launchTimer("started");
     scheduleAtDate();
-    // It is due after the tool.
-    AgentScheduler::scheduleToolAtDate(Date{Date::now().secondsSinceReferenceDate - 30}, kClock,
-                                       "World_Clock");
-    auto agent = startAgent(offscreen());
-    EXPECT_EQ(reports_.waitForLine(), "World Clock started");
+    const auto begin = std::chrono::steady_clock::now();
+    auto agent = startAgentThatHasLooked();
     EXPECT_TRUE(isDue());
     test::RecordingPort timer(portOf(timer_));  // now it has come up
     sayStatus(timer_, 1);
     EXPECT_TRUE(isTold(timer));
     EXPECT_TRUE(test::eventually([&] { return !isDue(); }));
-    EXPECT_EQ(reports_.waitForLine(std::chrono::milliseconds(50)), std::nullopt);
+    // A tool that says nothing for longer is brought to the front.
+    if (std::chrono::steady_clock::now() - begin < ScheduleRunner::kPatience) {
+        EXPECT_EQ(reports_.waitForLine(std::chrono::milliseconds(50)), std::nullopt);
+    }
 }
 
 TEST_F(AgentSchedulesTest, StartAToolThatRanWithoutAWordAndEndsAtItsDate) {
     const pid_t tool = launchTimer("Timer started");
     scheduleAtDate();
-    AgentScheduler::scheduleToolAtDate(Date{Date::now().secondsSinceReferenceDate - 30}, kClock,
-                                       "World_Clock");
-    auto agent = startAgent(offscreen());
-    EXPECT_EQ(reports_.waitForLine(), "World Clock started") << "Timer had its turn before";
+    auto agent = startAgentThatHasLooked();
     kill(tool, SIGKILL);
     EXPECT_TRUE(isDue());
     EXPECT_EQ(reports_.waitForLine(), "Timer started");

@@ -14,8 +14,8 @@ using testing::HasSubstr;
 using testing::Not;
 
 constexpr const char* kTitle = "Korvane Utilia";
-// What waits for a bus waits for 25 seconds, or without limit.
-constexpr auto kBounded = 15s;
+// What waits for a bus waits for 25 seconds, or without limit; a busy machine needs nearly all the time below that.
+constexpr auto kBounded = 24s;
 
 class AgentSilentBusTest : public AgentApplicationTest {
 protected:

@@ -42,7 +42,8 @@ std::string outcome(const Result<void>& result) {
 
 UTILIA_CHILD_ROLE(toolListAgent) {
     ChildScript script(self);
-    auto list = std::make_unique<ToolList>(std::chrono::milliseconds(20));
+    auto list =
+        std::make_unique<ToolList>(std::chrono::milliseconds(std::stoi(self.arguments.at(0))));
     std::string changes;
     Handle observation = list->observe([&](const ToolList::Change& change) {
         changes += change.isListChanged ? "[list" : "[";
