@@ -234,7 +234,7 @@ TEST_F(KeepAwake, AsksNothingOfANewBusWhileItIsOff) {
     EXPECT_TRUE(session_.comesToSay("Off"));
     session_.startSessionBus();
     auto next = session_.startServices({"screensaver"});
-    EXPECT_TRUE(ToolSession::fallsAsleep(tool));
+    EXPECT_TRUE(ToolSession::fallsAsleep(tool, std::chrono::milliseconds(200)));
     ToolSession::click(kBundle);
     EXPECT_EQ(next.waitForLine(), kScreenSaverGrants) << "the first that it hears";
     EXPECT_TRUE(session_.comesToSay("On"));

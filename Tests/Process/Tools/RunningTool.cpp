@@ -23,6 +23,20 @@ std::string programOf(const std::string& bundlePath) {
     return *program;
 }
 
+// How often its threads have woken up by now.
+long wakeUps(const ChildProcess& tool) {
+    long sum = 0;
+    const fs::path threads = "/proc/" + std::to_string(tool.pid()) + "/task";
+    for (const auto& thread : fs::directory_iterator(threads)) {
+        std::ifstream status(thread.path() / "status");
+        for (std::string line; std::getline(status, line);) {
+            const std::size_t colon = line.find("ctxt_switches:");
+            if (colon != std::string::npos) sum += std::stol(line.substr(line.find(':') + 1));
+        }
+    }
+    return sum;
+}
+
 }  // namespace
 
 ToolSession::ToolSession() {
@@ -99,23 +113,10 @@ void ToolSession::serve(std::chrono::milliseconds time) {
     platform::RunLoop::currentRunLoop().runUntil([] { return false; }, time);
 }
 
-long ToolSession::wakeUps(const ChildProcess& tool) {
-    long sum = 0;
-    const fs::path threads = "/proc/" + std::to_string(tool.pid()) + "/task";
-    for (const auto& thread : fs::directory_iterator(threads)) {
-        std::ifstream status(thread.path() / "status");
-        for (std::string line; std::getline(status, line);) {
-            const std::size_t colon = line.find("ctxt_switches:");
-            if (colon != std::string::npos) sum += std::stol(line.substr(line.find(':') + 1));
-        }
-    }
-    return sum;
-}
-
-bool ToolSession::fallsAsleep(const ChildProcess& tool) {
+bool ToolSession::fallsAsleep(const ChildProcess& tool, std::chrono::milliseconds time) {
     return eventually([&] {
         const long before = wakeUps(tool);
-        serve(std::chrono::milliseconds(200));
+        serve(time);
         return wakeUps(tool) == before;
     });
 }

@@ -46,10 +46,8 @@ public:
     std::string log() const;
     // Takes in messages for that long.
     static void serve(std::chrono::milliseconds time);
-    // How often its threads have woken up by now.
-    static long wakeUps(const ChildProcess& tool);
-    // Whether it comes to do nothing for a moment.
-    static bool fallsAsleep(const ChildProcess& tool);
+    // Whether it comes to do nothing for that long.
+    static bool fallsAsleep(const ChildProcess& tool, std::chrono::milliseconds time);
 
     const TemporaryHome& home() const { return home_; }
     PrivateBus& sessionBus() { return *sessionBus_; }

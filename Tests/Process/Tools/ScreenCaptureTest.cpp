@@ -277,16 +277,17 @@ TEST_F(SpokenCapture, SaysWhyAFormatCannotHoldThePicture) {
     EXPECT_TRUE(fs::is_empty(desktop()));
 }
 
-TEST_F(ScreenCapture, OpensTheFileOfASecondStart) {
+TEST_F(SpokenCapture, OpensTheFileOfASecondStart) {
     auto services = session_.startServices({"screenshot=" + picture(200, 100)});
-    auto tool = start({});
-    display_.waitForWindow(kTitle);
+    auto tool = startSpeaking({});
     picture(77, 33, "other.png");
     const fs::path before = fs::current_path();
     fs::current_path(session_.home().path());
     auto second = start({"other.png"});
     fs::current_path(before);
     EXPECT_EQ(second.waitForExit(), 0);
+    // It has the name by now, but the picture perhaps not yet.
+    ASSERT_NE(labelWith("77 × 33 px"), "");
     save();
     EXPECT_THAT(runProgram({"pdfinfo", savedFile(".pdf")}).text, HasSubstr("77 x 33 pts"));
 }

@@ -32,7 +32,8 @@ TEST_F(ToolsOnASilentBus, TimerOpensItsWindowAndIsSet) {
     ToolSession::click(UTILIA_TIMER_BUNDLE);
     display_.waitForWindow("Timer");
     display_.press({"1", "0", "Return"});
-    EXPECT_TRUE(session_.comesToSay("10:00 left"));
+    // A moment later where the bus is waited for until it is known to be silent.
+    EXPECT_NE(session_.nextTextThatMatches(testing::MatchesRegex("(10:00|9:5[0-9]) left")), "");
     expectToEnd(tool);
 }
 
