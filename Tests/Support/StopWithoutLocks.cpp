@@ -1,13 +1,16 @@
 #include "Tests/Support/StopWithoutLocks.h"
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 
+#include "Common/Platform/RunLoop.h"
 #include "Tests/Support/RecordingPort.h"
 
 namespace utilia::test {
@@ -64,18 +67,46 @@ bool holdsLock(pid_t process, const fs::path& folder) {
     return false;
 }
 
+// How often each thread was taken off its processor.
+std::map<fs::path, long> switchesOf(pid_t process) {
+    std::map<fs::path, long> all;
+    for (const auto& thread :
+         fs::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
+        std::ifstream file(thread.path() / "status");
+        for (std::string line; std::getline(file, line);) {
+            if (line.find("voluntary_ctxt_switches:") != std::string::npos)
+                all[thread.path()] += std::stol(line.substr(line.find(':') + 1));
+        }
+    }
+    return all;
+}
+
+// Until each thread has had a processor. One that is stopped again before never gets to the end of what it has a lock for
+// where others run meanwhile. A thread that has a processor for itself is not taken off it.
+void letRun(pid_t process, const std::map<fs::path, long>& before) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+    while (std::chrono::steady_clock::now() < deadline) {
+        const auto now = switchesOf(process);
+        const auto hasRun = [&](const auto& thread) {
+            const auto found = now.find(thread.first);
+            return found == now.end() || found->second > thread.second;
+        };
+        if (std::all_of(before.begin(), before.end(), hasRun)) return;
+        platform::RunLoop::currentRunLoop().runFor(std::chrono::milliseconds(1));
+    }
+}
+
 }  // namespace
 
 void stopWithoutLocks(pid_t process, const fs::path& folder) {
     const bool isStopped = eventually([&] {
-        // It has to run for that: one that is stopped again at once never gets to the end of what it has a lock for on a
-        // machine where others run meanwhile.
-        if (holdsLock(process, folder)) return false;
         kill(process, SIGSTOP);
         if (!eventually([&] { return stands(process); }))
             throw std::runtime_error("process " + std::to_string(process) + " does not stop");
         if (!holdsLock(process, folder)) return true;
+        const auto before = switchesOf(process);
         kill(process, SIGCONT);
+        letRun(process, before);
         return false;
     });
     if (!isStopped)

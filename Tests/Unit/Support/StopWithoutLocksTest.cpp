@@ -9,6 +9,7 @@
 #include "Common/Platform/FileLock.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/ChildRole.h"
+#include "Tests/Support/RecordingPort.h"
 #include "Tests/Support/TemporaryHome.h"
 
 namespace utilia::test {
@@ -39,6 +40,22 @@ TEST(StopWithoutLocks, LeavesTheLockToOthers) {
                                             std::chrono::milliseconds(0)));
         child.signal(SIGCONT);
     }
+}
+
+// It has it for as long as it lives.
+UTILIA_CHILD_ROLE(holdPort) {
+    const RecordingPort port(self.arguments.at(0));
+    self.say(port.isRegistered() ? "ready" : "refused");
+    self.waitForLine();
+    return 0;
+}
+
+TEST(StopWithoutLocks, PassesOverTheNameOfAPort) {
+    const TemporaryHome home;
+    auto child = ChildProcess::role("holdPort", {"com.example.held.port"});
+    ASSERT_EQ(child.waitForLine(), "ready");
+    stopWithoutLocks(child.pid(), home.path());
+    EXPECT_TRUE(child.isRunning());
 }
 
 TEST(StopWithoutLocks, RefusesAProcessThatHasEnded) {
