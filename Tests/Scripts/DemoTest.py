@@ -43,12 +43,10 @@ def processes_in(folder):
             pass  # it has ended, or is another user's
 
 
-# Somebody else may have the number by now.
-def is_free_or_taken(lock):
-    try:
-        return pathlib.Path("/proc", lock.read_text().strip()).exists()
-    except FileNotFoundError:
-        return True
+# Somebody else may have the number by now, and listens there.
+def is_free_or_taken(display):
+    socket = f"/tmp/.X11-unix/X{display}"
+    return not os.path.exists(socket) or f" @{socket}\n" in pathlib.Path("/proc/net/unix").read_text()
 
 
 def look_at(path):
@@ -88,7 +86,7 @@ def interrupted(folder):
     check(process.wait() == 130, f"ends with status {process.returncode}")
     check(os.listdir(folder) == ["pictures"], f"leaves {os.listdir(folder)}")
     check(not list(processes_in(folder)), f"leaves {list(processes_in(folder))}")
-    check(display and is_free_or_taken(pathlib.Path(f"/tmp/.X{display}-lock")), "leaves its display")
+    check(display and is_free_or_taken(display), "leaves its display")
 
 
 with tempfile.TemporaryDirectory() as folder:

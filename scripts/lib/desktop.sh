@@ -71,11 +71,11 @@ SETTINGS
       <property name="expand" type="bool" value="true"/>
       <property name="style" type="uint" value="0"/>
     </property>
-    <property name="plugin-3" type="string" value="systray"/>
-    <property name="plugin-4" type="string" value="clock">
+    <property name="plugin-3" type="string" value="clock">
       <property name="digital-layout" type="uint" value="3"/>
       <property name="digital-time-font" type="string" value="Sans 10"/>
     </property>
+    <property name="plugin-4" type="string" value="systray"/>
   </property>
 </channel>
 PANEL
@@ -87,7 +87,16 @@ PANEL
     desktop+=($!)
     as_desktop xfce4-panel --disable-wm-check >>"$session/desktop.log" 2>&1 &
     desktop+=($!)
+    meanwhile has_window_manager
     gdbus wait --session --timeout "$patience" org.kde.StatusNotifierWatcher
+}
+
+# Of a window manager that was killed the root window still names a window, which is none of the next one's until that one
+# says so.
+has_window_manager() {
+    local window
+    window=$(xprop -root -notype _NET_SUPPORTING_WM_CHECK 2>/dev/null) &&
+        [[ $(xprop -id "${window##* }" -notype _NET_WM_NAME 2>/dev/null) == *Xfwm4* ]]
 }
 
 # As nobody can refuse.
@@ -112,12 +121,14 @@ icon_place() {
     return 1
 }
 
-# The panel moves what is in it for a while when something is added.
+# The panel moves what is in it for a while when something is added; but for the icon, which is the last thing in it. Leaves
+# its place in $icon.
 icon_is_still() {
     local before now=''
+    icon=''
     before=$(icon_place) && import -silent -window root -crop "${screen_width}x$panel_height+0+0" "$session/before.ppm" &&
         now=$(icon_place) && import -silent -window root -crop "${screen_width}x$panel_height+0+0" "$session/now.ppm" &&
-        [[ $now == "$before" ]] && cmp -s "$session/before.ppm" "$session/now.ppm"
+        [[ $now == "$before" ]] && cmp -s "$session/before.ppm" "$session/now.ppm" && icon=$now
 }
 
 no_icon() { ! icon_place >/dev/null; }

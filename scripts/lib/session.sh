@@ -1,13 +1,16 @@
 # A private session: folders and a session bus of its own, in one temporary folder. Sourced after common.sh.
 
+users_temporary=${TMPDIR:-/tmp}
+
 # begin_session: makes the folder ($session) and puts it into the environment of everything that is started from here.
 begin_session() {
-    session=$(cd "$(mktemp -d "${TMPDIR:-/tmp}/utilia-demo.XXXXXX")" && pwd -P)
-    mkdir -p "$session"/{home,config,data/applications,state,cache,system}
+    session=$(cd "$(mktemp -d "$users_temporary/utilia-demo.XXXXXX")" && pwd -P)
+    mkdir -p "$session"/{home,config,data/applications,state,cache,system,temporary}
     mkdir -m 0700 "$session/run"
     export HOME=$session/home
     export XDG_RUNTIME_DIR=$session/run XDG_CONFIG_HOME=$session/config XDG_DATA_HOME=$session/data
     export XDG_STATE_HOME=$session/state XDG_CACHE_HOME=$session/cache XDG_DATA_DIRS=$session/system
+    export TMPDIR=$session/temporary  # who is killed leaves files there
     export LANGUAGE=en  # what the tools say is compared
     unset DISPLAY WAYLAND_DISPLAY DBUS_SESSION_BUS_ADDRESS
     bus_pid=''
@@ -69,16 +72,24 @@ process_of() {
     return 1
 }
 
-# end_session KEEP: ends every process of the session, in an orderly way when they let us, and removes its folder.
-end_session() {
-    local keep=$1 process left
-    for process in $(session_processes); do kill -TERM "$process" 2>/dev/null || true; done
-    for _ in {1..30}; do
-        left=$(session_processes)
-        [[ -n $left ]] || break
+# processes_end SECONDS [SIGNAL]: whether every process of the session ends in this time. Those that are left are sent the
+# signal until they do.
+processes_end() {
+    local deadline=$((SECONDS + $1)) process left
+    while left=$(session_processes) && [[ -n $left ]]; do
+        ((SECONDS < deadline)) || return 1
+        if [[ -n ${2:-} ]]; then
+            for process in $left; do kill "-$2" "$process" 2>/dev/null || true; done
+        fi
         sleep 0.1
     done
-    for process in $left; do kill -KILL "$process" 2>/dev/null || true; done
+}
+
+# end_session KEEP: ends every process of the session, in an orderly way when they let us, and removes its folder.
+end_session() {
+    local keep=$1 process
+    for process in $(session_processes); do kill -TERM "$process" 2>/dev/null || true; done
+    processes_end 20 || processes_end 60 KILL || complain "processes are left: $(session_processes)"
     wait 2>/dev/null || true
     if [[ $keep == yes ]]; then
         printf '\nThe session'\''s folder is kept: %s\n' "$session"
