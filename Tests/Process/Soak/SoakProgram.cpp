@@ -3,9 +3,10 @@
 // The real agent and many tools at work for as long as it is told: each tool updates its record of
 // the shared store ten times a second, tells the agent a new text of its menu four times a second and
 // records two events a second. Every two seconds (--pause) SIGKILL ends one of them, and it is started again;
-// once, in the first half, it ends the agent. At the end nothing may be missing: every acknowledged
+// once, after a quarter of the time, it ends the agent. At the end nothing may be missing: every acknowledged
 // update and event is there, each event once, and the agent shows what each tool said last. In the
-// second half the agent's memory and descriptors must not grow.
+// second half, which begins a quarter of the time after the new agent shows all tools, its memory and
+// descriptors must not grow.
 
 #include <algorithm>
 #include <atomic>
@@ -66,6 +67,7 @@ constexpr const char* kCountKey = "count";
 constexpr double kMostGrowth = 512;        // KiB, between the quarters of the second half
 constexpr double kMostGrowthPerHour = 64;  // KiB, where the second half is long enough to tell
 constexpr double kLongEnough = 15 * 60;    // seconds
+constexpr std::size_t kFewestSamples = 4;  // of the second half, however long they take
 
 // What a tool has done. It lies in a file that all map, so that it outlives a kill.
 struct Progress {
@@ -127,7 +129,7 @@ private:
     std::vector<Handle> timers_;
 };
 
-// NUMBER PATH COUNT: works until SIGTERM.
+// NUMBER PATH COUNT: works until it is told to hush, and stays until SIGTERM.
 UTILIA_CHILD_ROLE(work) {
     const std::size_t tool = std::stoul(self.arguments.at(0));
     Progress* const all = mapProgress(self.arguments.at(1), std::stoul(self.arguments.at(2)));
@@ -137,6 +139,14 @@ UTILIA_CHILD_ROLE(work) {
     auto& client = UtiliaCommon::toolDataClientProvider();
     client.setToolStatus(kToolStatusActive);
     auto work = std::make_unique<Work>(tool, all[tool]);
+    // Never joined: it waits on the channel for as long as the process lives.
+    std::thread([&] {
+        if (self.waitForLine() != "hush") return;
+        platform::MainQueue::async([&] {
+            work.reset();
+            self.say("hushed");
+        });
+    }).detach();
     self.say("works");
     const int status = application.run();
     work.reset();
@@ -209,30 +219,34 @@ public:
 
     void run(double seconds, std::chrono::milliseconds pause) {
         const auto begin = steady_clock::now();
+        const auto passed = [begin] {
+            return std::chrono::duration<double>(steady_clock::now() - begin).count();
+        };
         auto nextKill = begin + pause, nextCollection = begin + kCollectPeriod;
-        bool isAgentKilled = false;
+        std::optional<double> secondHalf;  // its begin, when the agent has been killed
         for (;;) {
             std::this_thread::sleep_until(std::min(nextKill, nextCollection));
-            const double now = std::chrono::duration<double>(steady_clock::now() - begin).count();
-            if (now >= seconds) break;
+            const double now = passed();
+            if (secondHalf && now >= *secondHalf + seconds / 2 && samples_.size() >= kFewestSamples)
+                break;
             if (steady_clock::now() >= nextCollection) {
-                nextCollection += kCollectPeriod;
+                nextCollection = steady_clock::now() + kCollectPeriod;
                 collect();
             }
             if (steady_clock::now() < nextKill) continue;
-            nextKill += pause;
-            if (!isAgentKilled && now >= seconds / 4) {
-                isAgentKilled = true;
+            if (!secondHalf && now >= seconds / 4) {
                 agent_.kill();
                 startAgent();
-                continue;
+                for (std::size_t i = 0; i < count_; ++i) waitUntilHeard(i, 0);
+                secondHalf = passed() + seconds / 4;
+            } else {
+                if (secondHalf && now >= *secondHalf)
+                    samples_.push_back(
+                        {now, privateKibibytes(agent_.pid()), descriptors(agent_.pid())});
+                killOne();
             }
-            if (now >= seconds / 2)
-                samples_.push_back(
-                    {now, privateKibibytes(agent_.pid()), descriptors(agent_.pid())});
-            killOne();
+            nextKill = steady_clock::now() + pause;
         }
-        if (!isAgentKilled) throw std::runtime_error("too short to kill the agent");
     }
 
     // Answers whether nothing is missing; prints what was found.
@@ -300,7 +314,24 @@ private:
         ++kills_;
         const std::int64_t begun = progress_[tool].begun;
         if (begun != progress_[tool].recorded) uncertain_[tool].insert(begun);
+        const std::int64_t said = progress_[tool].said;
         tools_[tool] = started(tool);
+        // What was killed may have said one more than it noted.
+        waitUntilHeard(tool, said + 1);
+    }
+
+    // Until the agent shows a text of the tool after the one of this number.
+    void waitUntilHeard(std::size_t tool, std::int64_t number) const {
+        std::string words = textOf(tool, 0);
+        words.erase(words.rfind(' ') + 1);
+        const bool isHeard = test::eventually([&] {
+            const std::string list = published();
+            const std::size_t place = list.find(words);
+            return place != std::string::npos &&
+                   std::stoll(list.substr(place + words.size())) > number;
+        });
+        if (!isHeard)
+            throw std::runtime_error("the agent does not hear tool " + std::to_string(tool));
     }
 
     std::string published() const {
@@ -311,21 +342,20 @@ private:
             .text;
     }
 
-    // The tools are stopped for it: what each has said by then must be there.
+    // The tools end their work for it: what each has said by then must be there.
     std::size_t textsThatTheAgentShows() {
-        for (auto& tool : tools_) tool.signal(SIGSTOP);
+        for (auto& tool : tools_) tool.say("hush");
+        for (auto& tool : tools_) {
+            if (tool.waitForLine() != "hushed") throw std::runtime_error("a tool goes on talking");
+        }
         std::size_t shown = 0;
         (void)test::eventually([&] {
             const std::string list = published();
             shown = 0;
-            for (std::size_t i = 0; i < count_; ++i) {
-                // A tool that was stopped between the saying and its noting has said one more.
-                shown += list.find(textOf(i, progress_[i].said)) != std::string::npos ||
-                         list.find(textOf(i, progress_[i].said + 1)) != std::string::npos;
-            }
+            for (std::size_t i = 0; i < count_; ++i)
+                shown += list.find(textOf(i, progress_[i].said)) != std::string::npos;
             return shown == count_;
         });
-        for (auto& tool : tools_) tool.signal(SIGCONT);
         return shown;
     }
 
