@@ -53,9 +53,9 @@ public:
             throw std::runtime_error("the terminal takes nothing");
         }
     }
-    // What is on the screen, from the last call on, as soon as it ends with `end`; what there is after 20 s otherwise.
+    // What is on the screen, from the last call on, as soon as it ends with `end`; what there is after 60 s otherwise.
     std::string readUntil(const std::string& end) const {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
         std::string text;
         while (!text.ends_with(end) && std::chrono::steady_clock::now() < deadline) {
             pollfd ready{master_.get(), POLLIN, 0};
