@@ -95,6 +95,7 @@ int MisbehavingServer::waitForConnections(int count) {
 void MisbehavingServer::accept() {
     for (;;) {
         UniqueFd accepted(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!accepted && (errno == EINTR || errno == ECONNABORTED)) continue;
         if (!accepted) return;
         const int on = 1;
         setsockopt(accepted.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);

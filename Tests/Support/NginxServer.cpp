@@ -246,7 +246,7 @@ void NginxServer::writeConfiguration(const std::string& directives, const Option
 
 void NginxServer::waitUntilItAnswers() {
     const UniqueFd connection(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const timeval patience{20, 0};
+    const timeval patience{60, 0};
     setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     sockaddr_in address{};
     address.sin_family = AF_INET;

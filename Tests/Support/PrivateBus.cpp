@@ -34,7 +34,7 @@ ChildProcess PrivateBus::monitor(const std::string& rule) const {
                     "type='signal',interface='com.example.monitor'"});
     // It has no word for being ready; so it is sent something until it shows that, and then what of this is still on
     // its way to it.
-    for (int tries = 0; tries < 100; ++tries) {
+    for (int tries = 0; tries < 600; ++tries) {
         const std::string member = "areYouThere" + std::to_string(tries) + "End";
         ChildProcess::program("/usr/bin/dbus-send", {"--bus=" + address_, "--type=signal", "/",
                                                      "com.example.monitor." + member})
