@@ -235,16 +235,24 @@ TEST_F(Log, KeepsTheOrderOfEachThread) {
     }
     for (std::thread& thread : threads) thread.join();
 
-    // A thread that does not run for a second while it is in the sink costs the others a line.
+    KULogVariadic("0 500");
+
+    // A thread that does not run for a second while it is in the sink costs the others a line, which the next one
+    // says: the last at the latest, for which nobody is in the way.
     std::array<int, 4> last{-1, -1, -1, -1};
+    std::uint64_t dropped = 0;
+    std::uint64_t taken = 0;
     for (const std::string& line : gate->lines) {
+        dropped += droppedIn(line);
         if (droppedIn(line) != 0) continue;
+        ++taken;
         const std::size_t thread = static_cast<std::size_t>(line[0] - '0');
         const int number = std::stoi(line.substr(2));
         ASSERT_GT(number, last.at(thread)) << line;
         last.at(thread) = number;
     }
-    EXPECT_EQ(last, (std::array<int, 4>{499, 499, 499, 499}));
+    EXPECT_EQ(taken + dropped, 4u * 500 + 1);
+    EXPECT_EQ(last[0], 500);
 }
 
 TEST_F(Log, TakesNewSinksAndProbesWhileOthersLog) {
@@ -270,7 +278,11 @@ TEST_F(Log, TakesNewSinksAndProbesWhileOthersLog) {
     gate->lines.pop_back();
     sinks.push_back(gate);
     for (const auto& sink : sinks) {
-        for (const std::string& line : sink->lines) ASSERT_EQ(line, "line");
+        for (const std::string& line : sink->lines) {
+            if (droppedIn(line) == 0) {
+                ASSERT_EQ(line, "line");
+            }
+        }
     }
 }
 
