@@ -89,7 +89,7 @@ protected:
 
 TEST_F(ApplicationFaults, AFailedRegistrationCanBeRepeated) {
     auto child = bundle_.role("registerUnderFaults");
-    EXPECT_EQ(child.waitForLine(std::chrono::seconds(60)), "recovered every time");
+    EXPECT_EQ(child.waitForLine(std::chrono::seconds(240)), "recovered every time");
 }
 
 TEST_F(ApplicationFaults, AListThatCannotBeReadIsEmptyAndNothingElse) {

@@ -14,7 +14,7 @@ using test::TestLog;
 using testing::ElementsAre;
 using Arguments = std::vector<std::string>;
 
-constexpr std::chrono::seconds kPatience{20};
+constexpr std::chrono::seconds kPatience{60};
 
 Data bytes(std::string_view text) { return {text.begin(), text.end()}; }
 

@@ -46,7 +46,7 @@ std::size_t runningCount() {
 
 // A child that nobody has reaped can still be signalled.
 bool waitUntilReaped(pid_t process) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (kill(process, 0) == 0) {
         if (std::chrono::steady_clock::now() > deadline) return false;
         sched_yield();
@@ -112,8 +112,12 @@ UTILIA_CHILD_ROLE(launcher) {
     self.say("ready");
     self.waitForLine();
     const auto options = self.arguments.at(0) == "async" ? kAsync : kWait;
-    const auto launched =
-        Workspace::launchAppWithBundleIdentifier(kIdentifier, options, {"from a launcher"});
+    const auto launch = [options] {
+        return Workspace::launchAppWithBundleIdentifier(kIdentifier, options, {"from a launcher"});
+    };
+    auto launched = launch();
+    // Another launcher's application may take longer to come up than a launch waits for that.
+    while (!launched && launched.error().is(UtiliaErrorCode::Busy)) launched = launch();
     self.say(launched ? "launched" : launched.error().description);
     self.waitForLine();
     return 0;
