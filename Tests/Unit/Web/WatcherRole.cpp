@@ -70,12 +70,15 @@ UTILIA_CHILD_ROLE(watcher) {
         ChildScript::waitUntil([&] { return calls == std::stoi(arguments[0]); });
         return std::to_string(calls);
     });
+    // For so many milliseconds, and until it has turned a few times; answers how long it took.
     script.on("turn-loop", [&](const auto& arguments) {
+        const auto start = Clock::now();
         int turns = 0;
         const Handle timer =
             Timer::scheduledTimer(std::chrono::milliseconds(1), true, [&] { ++turns; });
         RunLoop::currentRunLoop().runFor(std::chrono::milliseconds(std::stoi(arguments[0])));
-        return std::to_string(turns);
+        ChildScript::waitUntil([&] { return turns > 5; });
+        return millisecondsSince(start);
     });
     // The change is posted, and nobody has served the loop since.
     script.on("release-with-a-change-under-way", [&](const auto& arguments) {
