@@ -66,7 +66,7 @@ protected:
     static void drain() { platform::RunLoop::mainRunLoop().runFor(std::chrono::seconds(0)); }
 
     static Outcome load(const std::string& url,
-                        std::chrono::duration<double> timeout = std::chrono::seconds(10)) {
+                        std::chrono::duration<double> timeout = std::chrono::seconds(60)) {
         WebDataLoader loader(timeout);
         Outcome outcome;
         begin(loader, url, outcome);
@@ -78,7 +78,7 @@ protected:
         return outcome;
     }
     static void expectError(URLErrorCode code, const std::string& url,
-                            std::chrono::duration<double> timeout = std::chrono::seconds(10)) {
+                            std::chrono::duration<double> timeout = std::chrono::seconds(60)) {
         const Outcome outcome = load(url, timeout);
         EXPECT_TRUE(outcome.error.is(code)) << url << " → " << outcome.error.text();
         EXPECT_EQ(outcome.url, url);

@@ -20,7 +20,7 @@ TEST_F(WebThreads, AThousandLoadsAtOnceEndWithOneCallbackEach) {
     constexpr int kLoads = 1000;
     std::vector<Outcome> outcomes(kLoads);
     int calls = 0;
-    WebDataLoader loader(std::chrono::seconds(20));
+    WebDataLoader loader(std::chrono::seconds(60));
     for (int i = 0; i < kLoads; ++i) {
         loader.loadUrl(
             server.url("/?n=" + std::to_string(i)),
@@ -61,7 +61,7 @@ TEST_F(WebThreads, LoadsAreBegunAndCancelledOnAnyThreadAtAnyTime) {
         threads.emplace_back([&, seed] {
             std::minstd_rand random(seed + 1);
             for (int i = 0; i < kLoadsOfThread; ++i) {
-                WebDataLoader loader(std::chrono::seconds(20));
+                WebDataLoader loader(std::chrono::seconds(60));
                 const auto called = std::make_shared<std::atomic<int>>(0);
                 const auto call = [&, called] {
                     lateCalls += called->fetch_add(1) != 0;

@@ -44,7 +44,7 @@ UTILIA_CHILD_ROLE(webTool) {
     std::unique_ptr<MisbehavingServer> server;
     ChildScript script(self);
     script.on("load",
-              [](const auto& arguments) { return load(arguments[0], std::chrono::seconds(10)); });
+              [](const auto& arguments) { return load(arguments[0], std::chrono::seconds(40)); });
     script.on("load-in-milliseconds", [](const auto& arguments) {
         return load(arguments[1], std::chrono::milliseconds(std::stoi(arguments[0])));
     });
@@ -64,7 +64,7 @@ UTILIA_CHILD_ROLE(webTool) {
         return std::to_string(calls);
     });
     script.on("loader-without-load", [](const auto&) {
-        WebDataLoader loader(std::chrono::seconds(10));
+        WebDataLoader loader(std::chrono::seconds(40));
         loader.cancel();
         return "";
     });
@@ -91,14 +91,14 @@ UTILIA_CHILD_ROLE(webTool) {
     // Forks while a load is under way; what the child's end with, and what the load came to.
     script.on("fork", [](const auto& arguments) {
         std::optional<std::string> answer;
-        WebDataLoader loader(std::chrono::seconds(10));
+        WebDataLoader loader(std::chrono::seconds(40));
         loader.loadUrl(
             arguments[0], [&](const Data& data) { answer = std::string(data.begin(), data.end()); },
             [&](const Error& error, const std::string&) { answer = error.description; });
         const pid_t child = fork();
         if (child == 0) {
             loader.cancel();
-            const std::string refused = load(arguments[0], std::chrono::seconds(10));
+            const std::string refused = load(arguments[0], std::chrono::seconds(40));
             std::exit(refused == "-1 module Net: not in a forked child" ? 0 : 1);
         }
         int status = 0;
@@ -112,7 +112,7 @@ UTILIA_CHILD_ROLE(webTool) {
 // Ends in the middle of loads, in the usual way.
 UTILIA_CHILD_ROLE(endingWebTool) {
     int calls = 0;
-    WebDataLoader loader(std::chrono::seconds(10));
+    WebDataLoader loader(std::chrono::seconds(40));
     for (int i = 0; i < 50; ++i) {
         loader.loadUrl(
             self.arguments[0], [&](const Data&) { ++calls; },
