@@ -32,7 +32,7 @@ TEST_F(CountdownTest, EndsAtADateThatIsKept) {
     countdown_.start(1500);
     EXPECT_TRUE(countdown_.isSet());
     EXPECT_FALSE(countdown_.isHeld());
-    EXPECT_NEAR(static_cast<double>(countdown_.secondsLeft()), 1500, 5);
+    EXPECT_NEAR(static_cast<double>(countdown_.secondsLeft()), 1500, 60);
     const Countdown next = found();
     EXPECT_EQ(next.length(), 1500);
     EXPECT_EQ(next.end(), countdown_.end());
@@ -42,14 +42,14 @@ TEST_F(CountdownTest, KeepsWhatIsLeftWhileItIsHeld) {
     countdown_.start(1500);
     countdown_.hold();
     const auto left = countdown_.secondsLeft();
-    EXPECT_NEAR(static_cast<double>(left), 1500, 5);
+    EXPECT_NEAR(static_cast<double>(left), 1500, 60);
     EXPECT_EQ(countdown_.end(), std::nullopt);
     Countdown next = found();
     EXPECT_TRUE(next.isHeld());
     EXPECT_EQ(next.secondsLeft(), left);
     next.goOn();
     EXPECT_FALSE(next.isHeld());
-    EXPECT_NEAR(static_cast<double>(next.secondsLeft()), static_cast<double>(left), 5);
+    EXPECT_NEAR(static_cast<double>(next.secondsLeft()), static_cast<double>(left), 60);
 }
 
 TEST_F(CountdownTest, IsOverOnceItsDateHasPassed) {
@@ -139,7 +139,7 @@ TEST_F(CountdownTest, IsHeldWhenNobodyKnowsItsEnd) {
         EXPECT_EQ(next.secondsLeft(), left);
         EXPECT_EQ(lines.count("damaged, but can be used"), 1u);
         next.goOn();
-        EXPECT_NEAR(static_cast<double>(found().secondsLeft()), static_cast<double>(left), 5);
+        EXPECT_NEAR(static_cast<double>(found().secondsLeft()), static_cast<double>(left), 60);
     }
 }
 
