@@ -123,7 +123,7 @@ TEST_F(UploadTest, TheReportStaysLockedWhileCurlSendsItAlsoWhenItsShellsWereKill
     server.stop();
     const auto begun = log->sendCEPImp(false);
     ASSERT_EQ(begun.size(), 1u);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!isCurlAtWork(begun[0]) && std::chrono::steady_clock::now() < deadline)
         std::this_thread::yield();
     ASSERT_TRUE(isCurlAtWork(begun[0])) << "with the lock";

@@ -173,7 +173,7 @@ class DeafServer : public UploadTest, public testing::WithParamInterface<Answer>
 TEST_P(DeafServer, IsBelievedWhenItsAnswerIsWhole) {
     const NginxServer identity;
     // Time enough for curl to begin with a report that nobody asks for.
-    useServer(identity, {{"max-time = 900", "max-time = 6"}});
+    useServer(identity, {{"max-time = 900", "max-time = 12"}});
     auto server = test::ChildProcess::program(
         "/usr/bin/python3", {UTILIA_DEAF_SERVER, identity.certificate(), identity.key(),
                              std::string("HTTP/1.1 ") + GetParam().directives});
@@ -245,7 +245,7 @@ TEST_F(UploadTest, AServerThatTakesConnectionsAndSaysNothingIsGivenUp) {
 TEST_F(UploadTest, AServerThatTakesTheReportAndNeverAnswersIsGivenUp) {
     const ListeningPort silent(true);
     const NginxServer server(answering("proxy_pass http://127.0.0.1:" + silent.number() + ";"));
-    useServer(server, {{"speed-time = 60", "speed-time = 1"}});
+    useServer(server, {{"speed-time = 60", "speed-time = 5"}});
     const auto log = makeUploader(server);
     log->log("Act");
     ASSERT_TRUE(waitForTasks(log->sendCEPImp(false)));
@@ -256,7 +256,7 @@ TEST_F(UploadTest, AServerThatTakesTheReportAndNeverAnswersIsGivenUp) {
 TEST_F(UploadTest, AnAnswerThatTricklesForeverIsGivenUp) {
     const std::string words(3000, 'x');
     const NginxServer server(answering("limit_rate 100; return 200 " + words + ";"));
-    useServer(server, {{"max-time = 900", "max-time = 3"}});
+    useServer(server, {{"max-time = 900", "max-time = 6"}});
     const auto log = makeUploader(server);
     log->log("Act");
     ASSERT_TRUE(waitForTasks(log->sendCEPImp(false)));
@@ -355,7 +355,7 @@ TEST_P(UnusualFolder, IsUploadedFrom) {
     const auto begun = log.sendCEPImp(false);
     ASSERT_EQ(begun.size(), 1u);
     EXPECT_THAT(begun[0], HasSubstr(GetParam()));
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (platform::Task::isLocked(begun[0]) && std::chrono::steady_clock::now() < deadline)
         std::this_thread::yield();
     EXPECT_FALSE(fs::exists(begun[0]));
