@@ -133,7 +133,7 @@ protected:
         return false;
     }
     static bool untilItWaitsForLock(pid_t process) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
         while (!waitsForLock(process)) {
             if (std::chrono::steady_clock::now() > deadline) return false;
             std::this_thread::yield();
@@ -206,7 +206,7 @@ TEST_F(SharedStore, EightProcessesUpdatingDifferentRecordsLoseNone) {
     }
     for (ChildProcess& writer : writers) writer.say("go");
     for (ChildProcess& writer : writers)
-        ASSERT_EQ(writer.waitForExit(std::chrono::seconds(200)), 0);
+        ASSERT_EQ(writer.waitForExit(std::chrono::seconds(240)), 0);
     std::size_t records = 0;
     accessAppGroupPlist(
         [&](UserDefaults& suite) { records = suite.arrayForKey("Scheduler")->size(); });

@@ -168,7 +168,7 @@ TEST(JSONReading, CountsManyDuplicatesInReasonableTime) {
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_TRUE(read(text + "}", &notes));
     // A walk over the text for each of them would take minutes.
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(60));
     EXPECT_GT(notes.duplicateKeys.size(), 300'000u);
 }
 

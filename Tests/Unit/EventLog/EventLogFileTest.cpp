@@ -319,7 +319,8 @@ TEST_F(EventLogFileTest, LeavesAloneWhatHasGotTheNumberOfItsLog) {
         auto file =
             std::make_unique<EventLogFile>(EventLogFile::Names::inFolder(folder_.path().string()),
                                            test::sampleFacts, EventLogFile::kLargestSize, burst);
-        for (int i = 1; i <= 2; ++i)
+        // Until two of them were one burst.
+        for (int i = 1; i <= 2 || (openFilesAt(current()) == 0 && i < 100); ++i)
             EXPECT_EQ(file->append(sampleRecord("a", i)), EventLogCode::Done);
         const FileInItsPlace document(folder_.path() / "document", current());
         use(file);

@@ -218,7 +218,7 @@ TEST_F(EventLogProcessTest, WaitsForAHolderThatIsStoppedAndSaysSoOnce) {
         EXPECT_EQ(file.append(sampleRecord("waiting", 2)), EventLogCode::Done);
         isWritten = true;
     });
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (messages.count("krv.utilia.ceplog.xml") == 0 &&
            std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));

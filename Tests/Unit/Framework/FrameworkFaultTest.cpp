@@ -284,14 +284,14 @@ UTILIA_CHILD_ROLE(flushUnderKills) {
 TEST_F(FrameworkFaults, FlushThatIsKilledLeavesEachThingWholeAndTheNextNoStrangers) {
     const test::TestBundle bundle(home_);
     auto tool = bundle.role("flushUnderKills");
-    EXPECT_EQ(tool.waitForLine(std::chrono::seconds(120)), "held every time");
+    EXPECT_EQ(tool.waitForLine(std::chrono::seconds(240)), "held every time");
     EXPECT_EQ(tool.waitForExit(), 0);
 }
 
 TEST_F(FrameworkFaults, FlushLeavesEachThingAsItWasOrAsItWasToBe) {
     const test::TestBundle bundle(home_);
     auto tool = bundle.role("flushUnderFaults");
-    EXPECT_EQ(tool.waitForLine(std::chrono::seconds(120)), "held every time");
+    EXPECT_EQ(tool.waitForLine(std::chrono::seconds(240)), "held every time");
     EXPECT_EQ(tool.waitForExit(), 0);
 }
 

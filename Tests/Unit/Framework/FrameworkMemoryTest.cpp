@@ -390,7 +390,7 @@ UTILIA_CHILD_ROLE(talkToTheAgentWithoutMemory) {
 
 void expectRoleToHold(const test::TestBundle& bundle, const std::string& role) {
     auto tool = bundle.role(role);
-    EXPECT_EQ(tool.waitForLine(std::chrono::seconds(120)), "held every time");
+    EXPECT_EQ(tool.waitForLine(std::chrono::seconds(240)), "held every time");
     EXPECT_EQ(tool.waitForExit(), 0);
 }
 

@@ -261,7 +261,7 @@ TEST_F(CEPLogTest, AnOverdueOwnerUploadsAgainAWeekLater) {
     auto log = makeLog();
     log->log("First");
     log->initGrab();
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
     while (tasks_.count() == 0 && std::chrono::steady_clock::now() < deadline)
         std::this_thread::yield();
     log->log("Second");

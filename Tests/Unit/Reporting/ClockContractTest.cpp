@@ -17,7 +17,7 @@ struct SystemClockAtWork {
     nanoseconds now() const { return std::chrono::steady_clock::now().time_since_epoch(); }
     // Until the timers have done what is expected.
     bool runUntil(const std::function<bool()>& done) const {
-        return platform::RunLoop::currentRunLoop().runUntil(done, 20s);
+        return platform::RunLoop::currentRunLoop().runUntil(done, 60s);
     }
     void run(nanoseconds time) const { platform::RunLoop::currentRunLoop().runFor(time); }
     void spend(nanoseconds time) const {

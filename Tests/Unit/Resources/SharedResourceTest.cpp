@@ -139,7 +139,7 @@ TEST_F(SharedResources, LoseNoFieldThatAnotherProcessWritesAtTheSameTime) {
     for (int i = 0; i < kProcesses; ++i)
         writers.push_back(test::ChildProcess::role("recordResources", {std::to_string(i)}));
     for (test::ChildProcess& writer : writers)
-        EXPECT_EQ(writer.waitForExit(std::chrono::seconds(60)), 0);
+        EXPECT_EQ(writer.waitForExit(std::chrono::seconds(200)), 0);
     for (int writer = 0; writer < kProcesses; ++writer) {
         const std::string own = std::to_string(writer);
         for (std::uint64_t i = 0; i < 5; ++i) {

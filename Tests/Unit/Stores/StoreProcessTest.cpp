@@ -37,7 +37,7 @@ UTILIA_CHILD_ROLE(countUp) {
 
 UTILIA_CHILD_ROLE(holdFileLock) {
     const auto lock =
-        FileLock::acquire(self.arguments[0], FileLock::Mode::Exclusive, std::chrono::seconds(20));
+        FileLock::acquire(self.arguments[0], FileLock::Mode::Exclusive, std::chrono::seconds(60));
     self.say(lock ? "locked" : "failed");
     self.waitForLine();
     return 0;
@@ -50,7 +50,7 @@ TEST(StoreProcesses, EightWritersOfOneDomainLoseNoUpdate) {
     for (ChildProcess& writer : writers) ASSERT_EQ(writer.waitForLine(), "ready");
     for (ChildProcess& writer : writers) writer.say("go");
     for (ChildProcess& writer : writers)
-        EXPECT_EQ(writer.waitForExit(std::chrono::seconds(120)), 0);
+        EXPECT_EQ(writer.waitForExit(std::chrono::seconds(240)), 0);
     const auto defaults = UserDefaults::initWithDomain(kDomain);
     for (int i = 0; i < kWriters; ++i) EXPECT_EQ(defaults->integerForKey(keyOf(i)), kUpdates);
 }

@@ -43,7 +43,7 @@ public:
     }
     std::string first() {
         std::unique_lock guard(mutex_);
-        changed_.wait_for(guard, std::chrono::seconds(20), [this] { return !lines_.empty(); });
+        changed_.wait_for(guard, std::chrono::seconds(60), [this] { return !lines_.empty(); });
         return lines_.empty() ? "" : lines_.front();
     }
     std::size_t count() {
