@@ -5,8 +5,8 @@
 // records two events a second. Every two seconds (--pause) SIGKILL ends one of them, and it is started again;
 // once, after a quarter of the time, it ends the agent. At the end nothing may be missing: every acknowledged
 // update and event is there, each event once, and the agent shows what each tool said last. In the
-// second half, which begins a quarter of the time after the new agent shows all tools, its memory and
-// descriptors must not grow.
+// second half, which begins a quarter of the time after the new agent shows all tools, its heap, memory
+// and descriptors must not grow.
 
 #include <algorithm>
 #include <atomic>
@@ -39,6 +39,8 @@
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Common/UtiliaCommon/ToolDataProvider/ToolDataClientProvider.h"
 #include "Common/UtiliaCommon/UtiliaCommon.h"
+#include "Tests/Process/Soak/Growth.h"
+#include "Tests/Process/Soak/HeapCount.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/ChildRole.h"
 #include "Tests/Support/PrivateBus.h"
@@ -53,6 +55,8 @@ using namespace utilia;
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 using test::ChildProcess;
+using test::Limits;
+using test::Sample;
 using test::TestBundle;
 
 namespace fs = std::filesystem;
@@ -63,10 +67,12 @@ constexpr auto kEventPeriod = 500ms;
 constexpr std::chrono::milliseconds kKillPeriod = 2s;
 constexpr auto kCollectPeriod = 20s;
 constexpr const char* kCountKey = "count";
-// What an allocator keeps for later is no leak; what grows from hour to hour is one.
-constexpr double kMostGrowth = 512;        // KiB, between the quarters of the second half
-constexpr double kMostGrowthPerHour = 64;  // KiB, where the second half is long enough to tell
-constexpr double kLongEnough = 15 * 60;    // seconds
+
+// In the second half. Blocks in use, to the byte: what grows from hour to hour is a leak.
+constexpr Limits kHeapLimits{.kibibytes = 32, .kibibytesPerHour = 32, .longEnough = 15 * 60};
+// What the kernel counts. The allocator keeps up to 231 KiB of freed blocks for each thread, and fills that the slower the
+// longer the agent runs.
+constexpr Limits kMemoryLimits{.kibibytes = 512, .kibibytesPerHour = 64, .longEnough = 30 * 60};
 constexpr std::size_t kFewestSamples = 4;  // of the second half, however long they take
 
 // What a tool has done. It lies in a file that all map, so that it outlives a kill.
@@ -77,14 +83,16 @@ struct Progress {
     std::atomic<std::int64_t> said;      // of the last text
 };
 
-Progress* mapProgress(const std::string& path, std::size_t tools) {
+// So many that all who map the file share; zero bytes are zero counts.
+template <class Counts>
+Counts* mapCounts(const std::string& path, std::size_t number) {
     const platform::UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    const std::size_t size = tools * sizeof(Progress);
+    const std::size_t size = number * sizeof(Counts);
     if (!file || ftruncate(file.get(), static_cast<off_t>(size)) != 0)
         throw std::runtime_error("open " + path);
     void* const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
     if (memory == MAP_FAILED) throw std::runtime_error("mmap " + path);
-    return static_cast<Progress*>(memory);  // zero bytes are zero counts
+    return static_cast<Counts*>(memory);
 }
 
 std::string textOf(std::size_t tool, std::int64_t number) {
@@ -132,7 +140,7 @@ private:
 // NUMBER PATH COUNT: works until it is told to hush, and stays until SIGTERM.
 UTILIA_CHILD_ROLE(work) {
     const std::size_t tool = std::stoul(self.arguments.at(0));
-    Progress* const all = mapProgress(self.arguments.at(1), std::stoul(self.arguments.at(2)));
+    auto* const all = mapCounts<Progress>(self.arguments.at(1), std::stoul(self.arguments.at(2)));
     auto& application = platform::Application::sharedApplication();
     application.finishLaunching();
     if (CEPLogInit() != 0) return 20;
@@ -154,12 +162,6 @@ UTILIA_CHILD_ROLE(work) {
 }
 
 // ---- what is looked at
-
-struct Sample {
-    double seconds = 0;
-    double kibibytes = 0;
-    std::size_t descriptors = 0;
-};
 
 double privateKibibytes(pid_t process) {
     std::ifstream file("/proc/" + std::to_string(process) + "/status");
@@ -185,25 +187,10 @@ std::size_t usualDescriptors(pid_t process) {
     return counts[counts.size() / 2];
 }
 
-double medianMemory(std::vector<Sample>::const_iterator begin,
-                    std::vector<Sample>::const_iterator end) {
-    std::vector<double> values;
-    for (auto sample = begin; sample != end; ++sample) values.push_back(sample->kibibytes);
-    std::nth_element(values.begin(), values.begin() + std::ssize(values) / 2, values.end());
-    return values[values.size() / 2];
-}
-
-// By least squares, in KiB an hour.
-double slope(const std::vector<Sample>& samples) {
-    double x = 0, y = 0, xx = 0, xy = 0;
-    for (const Sample& sample : samples) {
-        x += sample.seconds;
-        y += sample.kibibytes;
-        xx += sample.seconds * sample.seconds;
-        xy += sample.seconds * sample.kibibytes;
-    }
-    const auto n = static_cast<double>(samples.size());
-    return (n * xy - x * y) / (n * xx - x * x) * 3600;
+void print(const char* what, const test::Trend& trend) {
+    std::printf("%s: %.0f KiB, %+.1f KiB in the second half (%+.0f KiB an hour%s)\n", what,
+                trend.last, trend.growth, trend.perHour,
+                trend.isLong ? "" : ", too short to count");
 }
 
 // ---- the run
@@ -211,8 +198,8 @@ double slope(const std::vector<Sample>& samples) {
 class Soak final {
 public:
     explicit Soak(std::size_t tools)
-        : count_(tools), progress_(mapProgress(progressPath(), tools)), found_(tools),
-          uncertain_(tools) {
+        : count_(tools), progress_(mapCounts<Progress>(progressPath(), tools)),
+          heap_(mapCounts<test::HeapCount>(heapPath(), 1)), found_(tools), uncertain_(tools) {
         if (CEPLogInit() != 0) throw std::runtime_error("there is no log");
         const auto identifiers = ToolSets::createSharedInstance()->currentUnrestrictedToolSet();
         if (identifiers.size() < tools) throw std::runtime_error("the catalogue has fewer tools");
@@ -252,8 +239,9 @@ public:
                 secondHalf = passed() + seconds / 4;
             } else {
                 if (secondHalf && now >= *secondHalf)
-                    samples_.push_back(
-                        {now, privateKibibytes(agent_.pid()), usualDescriptors(agent_.pid())});
+                    samples_.push_back({now, static_cast<double>(heap_->bytes) / 1024,
+                                        privateKibibytes(agent_.pid()),
+                                        usualDescriptors(agent_.pid())});
                 killOne();
             }
             nextKill = steady_clock::now() + pause;
@@ -292,6 +280,7 @@ private:
     };
 
     std::string progressPath() const { return home_.path() / "progress"; }
+    std::string heapPath() const { return home_.path() / "heap"; }
     std::vector<std::string> argumentsOf(std::size_t tool) const {
         return {std::to_string(tool), progressPath(), std::to_string(count_)};
     }
@@ -304,11 +293,15 @@ private:
     void startAgent() {
         test::ChildProcessOptions options;
         options.environment = session();
+        options.environment["LD_PRELOAD"] = UTILIA_HEAP_COUNT_LIBRARY;
+        options.environment[test::kHeapCountVariable] = heapPath();
         options.diesWithTest = true;
         options.standardError = home_.path() / "agent.log";
+        heap_->bytes = 0;
         agent_ = ChildProcess::program(UTILIA_AGENT_PROGRAM, {}, options);
         if (!test::eventually([&] { return published().find("com.korvane") != std::string::npos; }))
             throw std::runtime_error("the agent shows nothing");
+        if (heap_->bytes <= 0) throw std::runtime_error("the agent's heap is not counted");
     }
     ChildProcess started(std::size_t tool) const {
         test::ChildProcessOptions options;
@@ -426,10 +419,12 @@ private:
     // Over the second half, in which nobody killed the agent.
     bool reportAgent() const {
         if (samples_.size() < 2) throw std::runtime_error("too short to see how the agent grows");
+        const test::Trend heap = test::trend(samples_, &Sample::heap, kHeapLimits.longEnough);
+        const test::Trend memory = test::trend(samples_, &Sample::memory, kMemoryLimits.longEnough);
+        print("the agent's heap", heap);
+        print("its memory", memory);
         const auto quarter =
             static_cast<std::ptrdiff_t>(std::max<std::size_t>(1, samples_.size() / 4));
-        const double growth = medianMemory(samples_.end() - quarter, samples_.end()) -
-                              medianMemory(samples_.begin(), samples_.begin() + quarter);
         // A killed tool's connections are not all gone, and the new one's not all there, at each sample.
         const auto byDescriptors = [](const Sample& a, const Sample& b) {
             return a.descriptors < b.descriptors;
@@ -439,20 +434,15 @@ private:
         };
         const std::size_t before = fewest(samples_.begin(), samples_.begin() + quarter);
         const std::size_t after = fewest(samples_.end() - quarter, samples_.end());
-        const bool isLong = samples_.back().seconds - samples_.front().seconds >= kLongEnough;
-        std::printf(
-            "agent: %.0f KiB of its own, %+.0f KiB in the second half (%+.0f KiB an hour%s); %zu "
-            "descriptors, then %zu\n",
-            samples_.back().kibibytes, growth, slope(samples_),
-            isLong ? "" : ", too short to count", before, after);
-        return growth <= kMostGrowth && (!isLong || slope(samples_) <= kMostGrowthPerHour) &&
-               after <= before + 2;
+        std::printf("its descriptors: %zu, then %zu\n", before, after);
+        return heap.isWithin(kHeapLimits) && memory.isWithin(kMemoryLimits) && after <= before + 2;
     }
 
     const test::TemporaryHome home_;
     const test::PrivateBus bus_{home_.runtime() / "bus"};
     const std::size_t count_;
     Progress* const progress_;
+    test::HeapCount* const heap_;
     std::vector<std::unique_ptr<TestBundle>> bundles_;
     ChildProcess agent_;
     std::vector<ChildProcess> tools_;
