@@ -71,7 +71,8 @@ public:
     Result<void> unlock();
     // For a file that stays open while its process does something else. That may be to close every
     // descriptor, and then the number is one of its own files' next. From here on it is closed only as
-    // long as it is this file's, by this object as well as in a forked child.
+    // long as it is this file's, by this object as well as in a forked child. For one file of a process at a time: two with
+    // one number are not told apart.
     Result<void> keep();
     // Whether the number still is this file's, of which keep() has been called. To be asked before
     // anything else is done with it; costs less than status().
@@ -114,18 +115,11 @@ private:
     Result<void> lockAndFill(std::span<const std::string_view> content, const std::string& path);
     void release();
     Result<int> readable();  // the descriptor
-    bool isOwnNumber() const;
 
     UniqueFd file_;
     unsigned generation_;      // of processes, at the time of opening
     bool isExamined_ = false;  // and found to be a plain file of this user
-    struct Place {
-        std::uint64_t device = 0;
-        std::uint64_t inode = 0;
-        bool operator==(const Place&) const = default;
-    };
-    static Result<Place> placeOf(int descriptor);
-    std::optional<Place> kept_;
+    bool isKept_ = false;
     UniqueFd reader_;  // of a file that was opened to append to
 };
 

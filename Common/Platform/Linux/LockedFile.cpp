@@ -216,7 +216,7 @@ LockedFile& LockedFile::operator=(LockedFile&& other) noexcept {
         reader_ = std::move(other.reader_);
         generation_ = other.generation_;
         isExamined_ = other.isExamined_;
-        kept_ = other.kept_;
+        isKept_ = other.isKept_;
     }
     return *this;
 }
@@ -228,7 +228,7 @@ void LockedFile::release() {
     if (!file_) return;
     if (!isOfThisProcess()) {
         file_.release();
-    } else if (kept_ && !isOwnNumber()) {
+    } else if (isKept_ && !isStillKept()) {
         ForkGuard::forgetMarked(file_.release());
     } else {
         ForkGuard::close(file_.release());
@@ -250,25 +250,10 @@ Result<LockedFile::Status> LockedFile::status() {
     return statusOf(found);
 }
 
-Result<LockedFile::Place> LockedFile::placeOf(int descriptor) {
-    struct stat found {};
-    if (fstat(descriptor, &found) != 0) return failed("stat", descriptor);
-    return Place{found.st_dev, found.st_ino};
-}
-
 Result<void> LockedFile::keep() {
-    auto place = placeOf(file_.get());
-    if (!place) return std::move(place).error();
     if (!ForkGuard::mark(file_.get())) return failed("mark", file_.get());
-    kept_ = *place;
+    isKept_ = true;
     return {};
-}
-
-// The mark alone may be that of another file that is kept.
-bool LockedFile::isOwnNumber() const {
-    if (!isStillKept()) return false;
-    const auto place = placeOf(file_.get());
-    return place && *place == *kept_;
 }
 
 bool LockedFile::isStillKept() const { return ForkGuard::isMarked(file_.get()); }

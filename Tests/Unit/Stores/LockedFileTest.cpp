@@ -8,7 +8,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Common/Platform/FileManager.h"
 #include "Common/Platform/LockedFile.h"
 #include "Tests/Support/TemporaryHome.h"
 
@@ -32,14 +31,6 @@ protected:
     std::string content() const {
         std::ifstream file(path(), std::ios::binary);
         return {std::istreambuf_iterator<char>(file), {}};
-    }
-    // The descriptor by which this process has the file open; -1 when it has not.
-    static int numberOf(const std::string& file) {
-        for (const auto& each : fs::directory_iterator("/proc/self/fd")) {
-            std::error_code gone;
-            if (fs::read_symlink(each, gone) == file) return std::stoi(each.path().filename());
-        }
-        return -1;
     }
 
     test::TemporaryFolder folder_;
@@ -101,24 +92,6 @@ TEST_F(LockedFileTest, IsNotKeptByAForkedChild) {
     int status = -1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
-}
-
-TEST_F(LockedFileTest, ClosesNoOtherKeptFileThatHasItsNumber) {
-    std::ofstream(path()) << "first ";
-    const std::string otherPath = folder_.path() / "other";
-    std::ofstream(otherPath) << "other ";
-    auto file = LockedFile::open(path(), Access::Append, Lock::Shared);
-    ASSERT_TRUE(file && file->keep());
-    const int number = numberOf(path());
-    ASSERT_EQ(close(number), 0) << "as programs do that close every descriptor";
-    auto other = LockedFile::open(otherPath, Access::Append, Lock::Exclusive);
-    ASSERT_TRUE(other && other->keep());
-    ASSERT_EQ(numberOf(otherPath), number);
-    file = LockedFile::open("/nowhere", Access::Read, Lock::Shared);
-    EXPECT_TRUE(other->append("text"));
-    EXPECT_EQ(FileManager::contentsAtPath(otherPath, 100)->size(), 10u);
-    other = LockedFile::open("/nowhere", Access::Read, Lock::Shared);
-    EXPECT_EQ(fcntl(number, F_GETFD), -1) << "and its own object closes it";
 }
 
 TEST_F(LockedFileTest, IsUnlockedAndLockedAgainWhileItIsOpen) {
