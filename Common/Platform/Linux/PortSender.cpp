@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <memory>
 #include <utility>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/epoll.h>
@@ -95,6 +98,37 @@ struct Gather {
     }
 };
 
+// The word of a thread's flags that stands in the kernel's description of it, after its name in brackets.
+bool isExiting(const char* description) {
+    constexpr unsigned kExiting = 4;  // PF_EXITING
+    unsigned flags = 0;
+    const char* const rest = std::strrchr(description, ')');
+    return rest && std::sscanf(rest, ") %*c %*d %*d %*d %*d %*d %u", &flags) == 1 &&
+           (flags & kExiting) != 0;
+}
+
+// Whether all threads of a process are on their way out. The kernel closes the newest files first: connections before the
+// port, which is still connected with then, while what is sent there is lost.
+bool isEnding(pid_t process) {
+    struct CloseFolder {
+        void operator()(DIR* folder) const { closedir(folder); }
+    };
+    std::array<char, 300> name{};
+    std::snprintf(name.data(), name.size(), "/proc/%d/task", process);
+    const std::unique_ptr<DIR, CloseFolder> threads(opendir(name.data()));
+    bool isAnyExiting = false;
+    while (const dirent* const thread = threads ? readdir(threads.get()) : nullptr) {
+        if (thread->d_name[0] == '.') continue;
+        std::snprintf(name.data(), name.size(), "%s/stat", thread->d_name);
+        const UniqueFd file(openat(dirfd(threads.get()), name.data(), O_RDONLY | O_CLOEXEC));
+        std::array<char, 512> description{};
+        if (!file || read(file.get(), description.data(), description.size() - 1) <= 0) continue;
+        if (!isExiting(description.data())) return false;
+        isAnyExiting = true;
+    }
+    return isAnyExiting;
+}
+
 // One piece without a descriptor needs no list: the kernel has less to read and to check.
 ssize_t sendNow(int socket, const msghdr& packet) {
     constexpr int kFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
@@ -167,9 +201,11 @@ Result<void> PortSender::connectNow() {
 
 Result<void> PortSender::finishConnecting() {
     place_.reset();
-    if (!isPeerOfThisUser(socket_.get(), nullptr)) {
+    pid_t listener = 0;  // also where it is in another namespace
+    if (!isPeerOfThisUser(socket_.get(), &listener)) {
         return Error::utilia(UtiliaErrorCode::Refused, name_ + ": another user listens there");
     }
+    if (listener > 0 && isEnding(listener)) return Error::utilia(UtiliaErrorCode::NotFound, name_);
     PortPacketHead hello;
     encodePortHello(hello);
     ssize_t sent = 0;
