@@ -6,6 +6,7 @@ option(UTILIA_BUILD_FUZZERS "Build the libFuzzer targets (clang)" OFF)
 option(UTILIA_REPORT_UPLOAD "Upload usage reports; OFF leaves the code for it out" ON)
 set(UTILIA_REPORT_HOST "reports.korvane.example" CACHE STRING
     "The host that usage reports are uploaded to by HTTPS, with :PORT where it is not 443")
+option(UTILIA_UNITE_SOURCES "Compile several source files of an application at once: quicker, but hides a missing #include" OFF)
 set(UTILIA_SANITIZE "" CACHE STRING "Sanitizers for everything, as -fsanitize takes them")
 
 # It stands without quotes in a command.
@@ -39,7 +40,7 @@ endif()
 
 find_program(UTILIA_CCACHE ccache)
 if(UTILIA_CCACHE)
-    set(CMAKE_CXX_COMPILER_LAUNCHER "${CMAKE_COMMAND}" -E env CCACHE_SLOPPINESS=pch_defines,time_macros "${UTILIA_CCACHE}")
+    set(CMAKE_CXX_COMPILER_LAUNCHER env CCACHE_SLOPPINESS=pch_defines,time_macros "${UTILIA_CCACHE}")
 endif()
 
 add_library(utilia_options INTERFACE)

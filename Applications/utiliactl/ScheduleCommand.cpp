@@ -62,7 +62,7 @@ std::optional<Dictionary> recordOf(const std::string& tool, const std::string& n
 }
 
 // What is logged on the way says why.
-Error notStored() {
+Error scheduleNotStored() {
     return Error::utilia(UtiliaErrorCode::Unavailable, "the schedule cannot be stored");
 }
 
@@ -147,7 +147,7 @@ Result<void> ScheduleCommand::add(std::ostream& out) const {
     const auto record = recordOf(tool_, name_);
     const Value* const stored = record ? record->find(kSchedulerDateKey) : nullptr;
     if (!stored || *stored != Value(*date) || !record->boolean(kSchedulerLaunchAtDateKey))
-        return notStored();
+        return scheduleNotStored();
     answer(out, *record, json_);
     if (!json_ && !platform::Workspace::URLForApplicationWithBundleIdentifier(tool_)) {
         out << '\n'
@@ -163,7 +163,7 @@ Result<void> ScheduleCommand::cancel(std::ostream& out) const {
     const auto record = recordOf(tool_, name_);
     if (!record || record->contains(kSchedulerDateKey) ||
         record->contains(kSchedulerLaunchAtDateKey)) {
-        return notStored();
+        return scheduleNotStored();
     }
     answer(out, *record, json_);
     return {};
