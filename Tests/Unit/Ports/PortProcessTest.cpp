@@ -3,9 +3,12 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "Common/Platform/NotificationCenter.h"
@@ -106,11 +109,37 @@ UTILIA_CHILD_ROLE(fillBacklog) {
     return 0;
 }
 
+// Registers, and ends while another process goes on with the very same table of files, which nothing closes then.
+UTILIA_CHILD_ROLE(endWithFilesOpen) {
+    PortUnderTest port("a");
+    const long other =
+        syscall(SYS_clone, CLONE_FILES | SIGCHLD, nullptr, nullptr, nullptr, nullptr);
+    if (other == 0) {
+        for (;;) pause();
+    }
+    self.say(std::to_string(other));
+    self.waitForLine();
+    _exit(0);
+}
+
 // ---- what must hold ---------------------------------------------------------------------------
 
 struct PortProcesses : testing::Test {
     test::TemporaryHome home;
 };
+
+// One that is killed is not there any more from its last step on, though its port takes connections until its files are closed.
+TEST_F(PortProcesses, AreNotReachedWhileTheyEnd) {
+    ChildProcess receiver = ChildProcess::role("endWithFilesOpen");
+    const auto other = static_cast<pid_t>(std::stol(receiver.waitForLine().value()));
+    ASSERT_TRUE(names().portForName("a"));
+    receiver.say("end");
+    // It is not waited for, so that it stays as it ended.
+    siginfo_t ended{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(receiver.pid()), &ended, WEXITED | WNOWAIT), 0);
+    EXPECT_FALSE(names().portForName("a"));
+    kill(other, SIGKILL);
+}
 
 TEST_F(PortProcesses, ReceiveWhatASenderQueuedBeforeItExited) {
     PortUnderTest port("a");
