@@ -217,7 +217,7 @@ TEST_F(AgentAccessibilityTest, LeadsToEveryControlWithTab) {
           "There is no description of this version in your language or in English."}}};
     for (const auto& [page, order] : pages) {
         display_.press({page});
-        const auto isOfPage = [&](const std::string& name) {
+        const auto isOfPage = [&order = order](const std::string& name) {
             return std::find(order.begin(), order.end(), name) != order.end();
         };
         std::string now = focusThatBecomes(isOfPage);
