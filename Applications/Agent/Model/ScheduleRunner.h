@@ -82,7 +82,7 @@ public:
 
     // Looks at the records, and again whenever somebody says that they have changed.
     void start();
-    // There is another bus than before by which records are said to have changed. Waits until it knows that somebody
+    // The bus is there by which records are said to have changed, and was not before. Waits until it knows that somebody
     // listens, at most 200 ms.
     void listenAgain();
     // What could not be started before may be able to now.

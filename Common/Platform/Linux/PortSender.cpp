@@ -107,8 +107,8 @@ bool isExiting(const char* description) {
            (flags & kExiting) != 0;
 }
 
-// Whether all threads of a process are on their way out. The kernel closes the newest files first: connections before the
-// port, which is still connected with then, while what is sent there is lost.
+// Whether all threads of a process are on their way out. The kernel closes its files one after the other: a connection may have
+// ended while the port still takes new ones, and what is sent there is lost.
 bool isEnding(pid_t process) {
     struct CloseFolder {
         void operator()(DIR* folder) const { closedir(folder); }

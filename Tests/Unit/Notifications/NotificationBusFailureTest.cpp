@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <fstream>
 #include <optional>
 #include <vector>
@@ -58,11 +59,16 @@ protected:
         }
         return false;
     }
-    // Posts that waited would take the patience that they have from now on.
+    // Posts that waited would take the patience that they have from now on; and on the busiest machine one of ten is quick.
     static void expectNotToWait(ScriptedChild& poster, const std::string& command = "post") {
         makePatient(poster);
-        for (int i = 0; i < 10; ++i)
-            EXPECT_LT(milliseconds(poster.ask(command, {kName})), kLongPatience / 2);
+        int fastest = kLongPatience;
+        for (int i = 0; i < 10; ++i) {
+            const int taken = milliseconds(poster.ask(command, {kName}));
+            EXPECT_LT(taken, kLongPatience / 2);
+            fastest = std::min(fastest, taken);
+        }
+        EXPECT_LT(fastest, kPatience);
     }
     fs::path socket() const { return home_.runtime() / "bus"; }
 
