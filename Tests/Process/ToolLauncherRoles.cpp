@@ -1,7 +1,6 @@
 #include <string>
 
 #include <fcntl.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include "Common/Platform/Port.h"
@@ -16,9 +15,7 @@ namespace {
 using platform::RunningApplication;
 using test::ReportPipe;
 
-// What is launched outlives its launcher, and ends with the test: it holds on to a named pipe that
-// the test has open.
-void outliveLauncher() { prctl(PR_SET_PDEATHSIG, 0); }
+// What outlives its launcher ends with the test: it holds on to a named pipe that the test has open.
 void waitForEndOf(const std::string& leash) {
     const int descriptor = open(leash.c_str(), O_RDONLY | O_CLOEXEC);
     char byte = 0;
@@ -33,7 +30,7 @@ void passGate(const std::string& gate) { close(open(gate.c_str(), O_RDONLY | O_C
 // running only after that. So what a launcher starts after it saw it run is reported later.
 // Arguments: report pipe, gate, leash, identifier, and one more when the test started it itself.
 UTILIA_CHILD_ROLE(listedTool) {
-    outliveLauncher();
+    test::outliveLauncher();
     const std::string& identifier = self.arguments.at(3);
     ReportPipe::report(self.arguments[0], "begin " + identifier);
     passGate(self.arguments[1]);
@@ -46,7 +43,7 @@ UTILIA_CHILD_ROLE(listedTool) {
 
 // An agent that is listed first and has its port only behind the gate.
 UTILIA_CHILD_ROLE(slowAgent) {
-    outliveLauncher();
+    test::outliveLauncher();
     ReportPipe::report(self.arguments.at(0), "begin agent");
     if (!RunningApplication::registerCurrentApplication()) return 1;
     passGate(self.arguments[1]);

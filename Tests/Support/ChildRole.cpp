@@ -4,10 +4,12 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <system_error>
 
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "Tests/Support/ChildProcess.h"
@@ -46,6 +48,19 @@ std::string ChildRole::waitForLine() const {
         if (c == '\n') return line;
         line += c;
     }
+}
+
+void outliveLauncher(std::chrono::seconds time) {
+    prctl(PR_SET_PDEATHSIG, 0);
+    // By a timer of the kernel: a thread or a descriptor more would be seen by what the role tests.
+    sigevent event{};
+    event.sigev_notify = SIGEV_SIGNAL;
+    event.sigev_signo = SIGKILL;
+    timer_t timer{};
+    const itimerspec end{.it_interval = {}, .it_value = {.tv_sec = time.count(), .tv_nsec = 0}};
+    if (timer_create(CLOCK_MONOTONIC, &event, &timer) != 0 ||
+        timer_settime(timer, 0, &end, nullptr) != 0)
+        throw std::system_error(errno, std::generic_category(), "timer");
 }
 
 bool runChildRole(int argc, char** argv, int* status) {

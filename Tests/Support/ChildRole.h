@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -28,6 +29,11 @@ using ChildRoleFunction = int (*)(ChildRole&);
 struct ChildRoleRegistration {
     ChildRoleRegistration(const char* name, ChildRoleFunction function);
 };
+
+// For a role that others than its test launch: a role is killed when its test ends, more exactly when the thread ends
+// that has started it, which may be one of a launcher that is through. From here on it is killed after a time instead,
+// whatever has become of its test.
+void outliveLauncher(std::chrono::seconds time = std::chrono::minutes(10));
 
 // For main(): when the arguments are those that ChildProcess gives to a child, runs the role and answers its exit
 // status in `status`.

@@ -3,8 +3,6 @@
 #include <csignal>
 #include <filesystem>
 
-#include <sys/prctl.h>
-
 #include "Applications/Agent/Model/ScheduleRunner.h"
 #include "Common/Platform/Application.h"
 #include "Common/Platform/RunLoop.h"
@@ -22,7 +20,7 @@ namespace {
 
 // A tool that says its name, outlives the agent that started it, and ends with its test.
 UTILIA_CHILD_ROLE(stayingTool) {
-    prctl(PR_SET_PDEATHSIG, 0);
+    test::outliveLauncher();
     if (!platform::RunningApplication::registerCurrentApplication()) return 1;
     const std::string& reports = self.arguments.at(0);
     test::ReportPipe::report(reports, self.arguments.at(1) + " started");
@@ -41,7 +39,7 @@ UTILIA_CHILD_ROLE(reopenedTool) {
         }
         const std::string reports;
     };
-    prctl(PR_SET_PDEATHSIG, 0);
+    test::outliveLauncher();
     Delegate delegate(self.arguments.at(0));
     auto& application = platform::Application::sharedApplication();
     application.setDelegate(&delegate);

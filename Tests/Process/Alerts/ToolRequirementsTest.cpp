@@ -5,7 +5,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 
 #include "Common/Foundation/Value.h"
@@ -53,7 +52,7 @@ UTILIA_CHILD_ROLE(checkRequirements) {
 // The agent: reports its start, and is listed as running until the test's folder of stops has a file.
 // It outlives the tool that launched it, which may be gone before this has begun.
 UTILIA_CHILD_ROLE(runAsAgent) {
-    prctl(PR_SET_PDEATHSIG, 0);
+    test::outliveLauncher();
     const bool isListed = RunningApplication::registerCurrentApplication().has_value();
     ReportPipe::report(self.arguments.at(0), isListed ? "agent" : "agent without a place");
     return test::eventually([&] { return fs::exists(self.arguments.at(1)); }) ? 0 : 1;

@@ -53,6 +53,8 @@ void openGate(const std::string& gate) { close(open(gate.c_str(), O_WRONLY | O_C
 
 int runReportingApplication(const std::string& pipe, const std::vector<std::string>& arguments,
                             const std::string& gate) {
+    // A launch in the background comes from a thread that ends as soon as the application is listed.
+    test::outliveLauncher();
     auto& application = Application::sharedApplication();
     auto& center = NotificationCenter::defaultCenter();
     ReportingDelegate delegate(pipe);
