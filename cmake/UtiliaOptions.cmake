@@ -54,6 +54,10 @@ endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND UTILIA_CCACHE)
     target_compile_options(utilia_options INTERFACE -fpch-preprocess)
 endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND UTILIA_CCACHE)
+    # With the time of its headers in it, a precompiled header is another one in each build.
+    target_compile_options(utilia_options INTERFACE "SHELL:-Xclang -fno-pch-timestamp")
+endif()
 target_compile_definitions(utilia_options INTERFACE
     $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2> _GLIBCXX_ASSERTIONS)
 target_link_options(utilia_options INTERFACE -Wl,-z,relro,-z,now -Wl,--as-needed)

@@ -113,7 +113,7 @@ std::size_t residentBytes() {
 }
 
 std::size_t residentTolerance() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef UTILIA_MEMORY_IS_SANITIZED
     return std::size_t{512} << 20;
 #else
     return std::size_t{2} << 20;
