@@ -6,6 +6,7 @@
 
 #include "Common/Platform/LoginItems.h"
 #include "Tests/Process/ToolLauncherFixture.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/PrivateMounts.h"
 #include "Tests/Support/RecordingPort.h"
 
@@ -30,7 +31,7 @@ class ToolLauncherApplication : public ToolLauncherTest {
 protected:
     ToolLauncherApplication() {
         fs::create_directories(fs::path(agent_.path()) / "Contents/Applications");
-        fs::copy(UTILIA_TOOL_LAUNCHER_BUNDLE, bundle_, fs::copy_options::recursive);
+        fs::copy(test::places::kToolLauncherBundle, bundle_, fs::copy_options::recursive);
         // Log lines go to stderr where there is no journal.
         constexpr const char* kJournal = "/run/systemd/journal";
         if (fs::exists(kJournal)) mounts_.limitSpace(kJournal, 64 * 1024);

@@ -8,6 +8,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "Tests/Support/Places.h"
 #include "Tests/Support/VirtualDisplay.h"
 
 namespace utilia::test {
@@ -96,7 +97,7 @@ std::map<std::string, std::string> ScreenReader::environment() const {
 std::vector<ScreenReader::Element>
 ScreenReader::read(const std::string& title, std::map<std::string, std::string> environment) const {
     environment.merge(this->environment());
-    const auto heard = runProgram({kPython, UTILIA_SCREEN_READER, title}, environment);
+    const auto heard = runProgram({kPython, test::places::kScreenReader, title}, environment);
     if (heard.status != 0) throw std::runtime_error("nothing is heard of the window " + title);
     std::vector<Element> elements;
     std::istringstream lines(heard.text);
@@ -107,7 +108,7 @@ ScreenReader::read(const std::string& title, std::map<std::string, std::string> 
 bool ScreenReader::press(const std::string& title, const std::string& button,
                          std::map<std::string, std::string> environment) const {
     environment.merge(this->environment());
-    return runProgram({kPython, UTILIA_SCREEN_READER, title, "press", button}, environment)
+    return runProgram({kPython, test::places::kScreenReader, title, "press", button}, environment)
                .status == 0;
 }
 

@@ -13,6 +13,7 @@
 
 #include "Common/UtiliaCommon/ToolDataProvider/PortProtocol.h"
 #include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/PrivateBus.h"
 #include "Tests/Support/PrivateMounts.h"
 #include "Tests/Support/RecordingPort.h"
@@ -48,7 +49,7 @@ protected:
         options.mounts = mounts;
         options.standardError = home_.path() / "agent.log";
         options.diesWithTest = true;
-        return test::ChildProcess::program(UTILIA_AGENT_PROGRAM, arguments, options);
+        return test::ChildProcess::program(test::places::kAgentProgram, arguments, options);
     }
     std::string log() const {
         std::ifstream file(home_.path() / "agent.log");
@@ -60,7 +61,7 @@ protected:
         test::ChildProcessOptions options;
         options.environment = {{"DBUS_SESSION_BUS_ADDRESS", bus_->address()}};
         options.diesWithTest = true;
-        return test::ChildProcess::program(kPython, {UTILIA_PANEL}, options);
+        return test::ChildProcess::program(kPython, {test::places::kPanel}, options);
     }
     test::ChildProcess startPanel() const {
         auto panel = queuePanel();

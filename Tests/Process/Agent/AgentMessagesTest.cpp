@@ -16,6 +16,7 @@
 #include "Tests/Process/Agent/AgentFixture.h"
 #include "Tests/Process/UnprivilegedUser.h"
 #include "Tests/Support/ChildRole.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/PrivateMounts.h"
 #include "Tests/Support/PrivateNetwork.h"
 #include "Tests/Support/ScreenReader.h"
@@ -228,8 +229,8 @@ TEST_F(AgentMessagesTest, SayWhatIsNotKeptOnAReadOnlyHome) {
 TEST_F(AgentMessagesTest, SayOnceWhatIsNotKeptAlsoWhereThereIsAPanelAndTheSessionStartsTheAgent) {
     std::filesystem::create_directories(home_.config() / "autostart");
     std::ofstream(home_.config() / "autostart/com.korvane.utilia.desktop")
-        << "[Desktop Entry]\nType=Application\nName=Korvane Utilia\nExec=\"" UTILIA_AGENT_PROGRAM
-           "\"\n";
+        << "[Desktop Entry]\nType=Application\nName=Korvane Utilia\nExec=\""
+        << test::places::kAgentProgram << "\"\n";
     test::PrivateMounts mounts;
     for (const auto& folder : {home_.config(), home_.data(), home_.state()})
         mounts.makeReadOnly(folder);
@@ -283,7 +284,7 @@ TEST_F(AgentMessagesTest, SayWhatIsNotKeptInAHomeThatIsSomebodyElses) {
     options.user = user.id();
     options.diesWithTest = true;
     options.standardError = home_.path() / "agent.log";
-    auto agent = ChildProcess::program(UTILIA_AGENT_PROGRAM, {"--show-ui"}, options);
+    auto agent = ChildProcess::program(test::places::kAgentProgram, {"--show-ui"}, options);
     display_.waitForWindow(kTitle);
     EXPECT_TRUE(agent.isRunning());
     display_.press({"Return"});
@@ -405,8 +406,10 @@ TEST_F(AgentMessagesTest, OpenAtLoginIsASwitch) {
 }
 
 TEST_F(AgentMessagesTest, SettingsTellWhatIsNewInTheUsersLanguage) {
-    const std::string bundle =
-        std::filesystem::path(UTILIA_AGENT_PROGRAM).parent_path().parent_path().parent_path();
+    const std::string bundle = std::filesystem::path(test::places::kAgentProgram)
+                                   .parent_path()
+                                   .parent_path()
+                                   .parent_path();
     const auto own = platform::Bundle::bundleWithPath(bundle);
     ASSERT_TRUE(own);
     CommonAuxiliary::saveUpdateDescription(
@@ -438,7 +441,7 @@ TEST_F(AgentMessagesTest, ListWhatWasSentAndWhatBecameOfIt) {
     options.environment = audible();
     options.network = &network;
     options.diesWithTest = true;
-    auto agent = ChildProcess::program(UTILIA_AGENT_PROGRAM, {"--show-ui"}, options);
+    auto agent = ChildProcess::program(test::places::kAgentProgram, {"--show-ui"}, options);
     display_.waitForWindow(kTitle);
     constexpr const char* kSent = "What was sent last";
     const auto heard = [&] {

@@ -11,6 +11,7 @@
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Tests/Process/Agent/AgentFixture.h"
 #include "Tests/Support/ChildRole.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/StopWithoutLocks.h"
 
 // What the agent starts at login and at dates, whoever is killed meanwhile.
@@ -163,7 +164,8 @@ TEST_F(AgentSchedulesTest, ComeOnceInEachLoginAlsoWhereOnlyTheLoginManagerKnowsI
     test::ChildProcessOptions options;
     options.environment = {{"DBUS_SYSTEM_BUS_ADDRESS", systemBus.address()}};
     options.diesWithTest = true;
-    auto manager = test::ChildProcess::program(kPython, {UTILIA_LOGIN_MANAGER, "3"}, options);
+    auto manager =
+        test::ChildProcess::program(kPython, {test::places::kLoginManager, "3"}, options);
     ASSERT_EQ(manager.waitForLine(), "ready");
     install(timer_);  // it ends at once, so that it would be started again
     scheduleAtLogin(kTimer, "Timer");

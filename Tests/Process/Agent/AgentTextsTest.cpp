@@ -12,6 +12,7 @@
 #include "Applications/Agent/AgentTextKeys.h"
 #include "Common/Platform/Linux/FileInput.h"
 #include "Common/Platform/Linux/MessageCatalog.h"
+#include "Tests/Support/Places.h"
 
 // The agent's catalogues, as they lie in its bundle.
 
@@ -23,8 +24,8 @@ using platform::MessageCatalog;
 constexpr const char* kLanguages[] = {"ar", "de", "en", "es", "fr", "ja", "pl"};
 
 MessageCatalog catalogOf(const std::string& language) {
-    const std::string path = (std::filesystem::path(UTILIA_AGENT_PROGRAM) / "../../Resources" /
-                              (language + ".lproj") / "Localizable.mo")
+    const std::string path = (std::filesystem::path(test::places::kAgentProgram) /
+                              "../../Resources" / (language + ".lproj") / "Localizable.mo")
                                  .lexically_normal();
     auto bytes = platform::FileInput::contents(path, platform::kMessageCatalogMaximumSize);
     auto catalog = bytes ? MessageCatalog::parse(*std::move(bytes)) : bytes.error();

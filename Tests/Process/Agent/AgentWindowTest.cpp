@@ -4,6 +4,7 @@
 #include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
 #include "Tests/Process/Agent/AgentFixture.h"
 #include "Tests/Support/ChildRole.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/VirtualDisplay.h"
 
 // The agent's window, on a display of the test's own.
@@ -46,7 +47,7 @@ protected:
         test::ChildProcessOptions options;
         options.environment = {{"DBUS_SESSION_BUS_ADDRESS", bus_->address()}};
         options.diesWithTest = true;
-        std::vector<std::string> arguments{UTILIA_SETTINGS_PORTAL, "new"};
+        std::vector<std::string> arguments{test::places::kSettingsPortal, "new"};
         arguments.insert(arguments.end(), settings.begin(), settings.end());
         auto portal = ChildProcess::program(kPython, arguments, options);
         EXPECT_EQ(portal.waitForLine(), "ready");
@@ -76,7 +77,7 @@ TEST_F(AgentWindowTest, OpensWithoutASessionBusAndSaysWhyNothingIsInThePanel) {
 TEST_F(AgentWindowTest, AnswersHelpAndVersionAndRefusesTheRestWithoutADisplay) {
     const std::map<std::string, std::string> nowhere{{"DISPLAY", ":4711"}};
     const auto run = [&](const std::string& word) {
-        return runProgram({UTILIA_AGENT_PROGRAM, word}, nowhere);
+        return runProgram({test::places::kAgentProgram, word}, nowhere);
     };
     EXPECT_THAT(run("--help").text, StartsWith("Usage: korvane-utilia [--show-ui]\n"));
     EXPECT_EQ(run("--help").status, 0);
@@ -98,8 +99,8 @@ TEST_F(AgentWindowTest, StaysClosedWithoutAPanelWhenTheSessionStartsTheAgent) {
     startBus();
     std::filesystem::create_directories(home_.config() / "autostart");
     std::ofstream(home_.config() / "autostart/com.korvane.utilia.desktop")
-        << "[Desktop Entry]\nType=Application\nName=Korvane Utilia\nExec=\"" UTILIA_AGENT_PROGRAM
-           "\"\n";
+        << "[Desktop Entry]\nType=Application\nName=Korvane Utilia\nExec=\""
+        << test::places::kAgentProgram << "\"\n";
     auto agent = startAgent(onScreen());
     // The agent hears that there is no panel before it can answer.
     for (int times = 0; times < 2; ++times) {

@@ -9,6 +9,7 @@
 
 #include "Common/Platform/RunLoop.h"
 #include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/PrivateBus.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestLog.h"
@@ -33,7 +34,7 @@ protected:
         test::ChildProcessOptions options;
         options.diesWithTest = true;
         auto manager = test::ChildProcess::program("/usr/bin/python3",
-                                                   {UTILIA_LOGIN_MANAGER, session}, options);
+                                                   {test::places::kLoginManager, session}, options);
         EXPECT_EQ(manager.waitForLine(), "ready");
         return manager;
     }

@@ -10,6 +10,7 @@
 
 #include "Common/Platform/Alert.h"
 #include "Tests/Process/Alerts/AskingRole.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/PrivateBus.h"
 #include "Tests/Support/RecordingPort.h"
 #include "Tests/Support/ScreenReader.h"
@@ -54,7 +55,8 @@ protected:
         ChildProcessOptions options;
         options.environment = {{"DBUS_SESSION_BUS_ADDRESS", bus_->address()}};
         options.diesWithTest = true;
-        std::vector<std::string> arguments{UTILIA_SETTINGS_PORTAL, form, std::to_string(scheme)};
+        std::vector<std::string> arguments{test::places::kSettingsPortal, form,
+                                           std::to_string(scheme)};
         if (contrast) arguments.push_back(std::to_string(*contrast));
         auto portal = ChildProcess::program(kPython, arguments, options);
         if (portal.waitForLine() != "ready") throw std::runtime_error("the portal does not start");

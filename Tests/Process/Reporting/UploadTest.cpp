@@ -4,6 +4,7 @@
 
 #include "Tests/Process/Reporting/UploadFixture.h"
 #include "Tests/Support/ListeningPort.h"
+#include "Tests/Support/Places.h"
 
 // The command with the real bash, bsdtar and curl, and a real server.
 
@@ -175,7 +176,7 @@ TEST_P(DeafServer, IsBelievedWhenItsAnswerIsWhole) {
     // Time enough for curl to begin with a report that nobody asks for.
     useServer(identity, {{"max-time = 900", "max-time = 12"}});
     auto server = test::ChildProcess::program(
-        "/usr/bin/python3", {UTILIA_DEAF_SERVER, identity.certificate(), identity.key(),
+        "/usr/bin/python3", {test::places::kDeafServer, identity.certificate(), identity.key(),
                              std::string("HTTP/1.1 ") + GetParam().directives});
     const auto port = server.waitForLine();
     ASSERT_TRUE(port);

@@ -43,6 +43,7 @@
 #include "Tests/Process/Soak/HeapCount.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/ChildRole.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/PrivateBus.h"
 #include "Tests/Support/RecordingPort.h"
 #include "Tests/Support/TemporaryHome.h"
@@ -296,14 +297,14 @@ private:
     void startAgent() {
         test::ChildProcessOptions options;
         options.environment = session();
-        options.environment["LD_PRELOAD"] = UTILIA_HEAP_COUNT_LIBRARY;
+        options.environment["LD_PRELOAD"] = test::places::kHeapCountLibrary;
         options.environment[test::kHeapCountVariable] = heapPath();
         if (!std::getenv(kAllocatorVariable))
             options.environment[kAllocatorVariable] = kWithoutKeptBlocks;
         options.diesWithTest = true;
         options.standardError = home_.path() / "agent.log";
         heap_->bytes = 0;
-        agent_ = ChildProcess::program(UTILIA_AGENT_PROGRAM, {}, options);
+        agent_ = ChildProcess::program(test::places::kAgentProgram, {}, options);
         if (!test::eventually([&] { return published().find("com.korvane") != std::string::npos; }))
             throw std::runtime_error("the agent shows nothing");
         if (heap_->bytes <= 0) throw std::runtime_error("the agent's heap is not counted");

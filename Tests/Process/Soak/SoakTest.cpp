@@ -14,6 +14,7 @@
 #include "Tests/Process/Soak/HeapCount.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/ChildRole.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/TemporaryHome.h"
 
 namespace {
@@ -61,7 +62,7 @@ TEST(HeapCountTest, CountsWhatIsInUse) {
     const auto& count = *static_cast<const HeapCount*>(memory);
 
     test::ChildProcessOptions options;
-    options.environment = {{"LD_PRELOAD", UTILIA_HEAP_COUNT_LIBRARY},
+    options.environment = {{"LD_PRELOAD", test::places::kHeapCountLibrary},
                            {test::kHeapCountVariable, path}};
     auto child = ChildProcess::role("allocate", {}, options);
     ASSERT_EQ(child.waitForLine(), "unset");

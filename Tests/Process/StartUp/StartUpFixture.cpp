@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "Common/Platform/UserDefaults.h"
+#include "Tests/Support/Places.h"
 
 namespace utilia::test {
 namespace {
@@ -29,7 +30,7 @@ std::string contents(const fs::path& path) {
 }  // namespace
 
 StartUpFixture::StartUpFixture() {
-    const fs::path library = fs::canonical(UTILIA_LIBRARY);
+    const fs::path library = fs::canonical(test::places::kLibrary);
     place(library, prefix() / "lib" / UTILIA_LIBRARY_SONAME);
     fs::copy(library.parent_path() / "UtiliaCommon.framework", framework(),
              fs::copy_options::recursive);
@@ -44,7 +45,7 @@ TestBundle StartUpFixture::tool(const std::string& name, const std::string& iden
                               .bundleIdentifier = identifier,
                               .folder = prefix() / "Applications",
                               .info = std::move(info)});
-    place(UTILIA_START_UP_TOOL, bundle.program());
+    place(test::places::kStartUpTool, bundle.program());
     return bundle;
 }
 
@@ -99,7 +100,7 @@ void StartUpFixture::allowOnly(const std::vector<std::string>& names) {
 
 void StartUpFixture::answerAlerts(const std::string& answer) {
     const fs::path folder = framework() / "Resources/UtiliaCommon.bundle/Contents/Linux";
-    place(UTILIA_ANSWERING_ALERT, folder / "utilia-alert");
+    place(test::places::kAnsweringAlert, folder / "utilia-alert");
     std::ofstream(folder / "answer") << answer << '\n';
     environment_["DISPLAY"] = ":no-display-is-opened";
 }

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include "Tests/Process/StartUp/StartUpFixture.h"
+#include "Tests/Support/Places.h"
 
 // The library loaded at other moments and places than before main on the main thread.
 
@@ -24,7 +25,7 @@ protected:
     StartUpPlaces() {
         markAsMigrated();
         fs::remove(timer_.program());
-        fs::create_hard_link(UTILIA_LATE_LOADER, timer_.program());
+        fs::create_hard_link(test::places::kLateLoader, timer_.program());
     }
 
     Course load(const std::string& where) {

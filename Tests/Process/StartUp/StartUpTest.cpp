@@ -10,6 +10,7 @@
 #include "Common/Platform/Workspace.h"
 #include "Common/UtiliaCommon/PersistentData/ToolPersistentDataReader.h"
 #include "Tests/Process/StartUp/StartUpFixture.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/ReportPipe.h"
 #include "Tests/Support/VirtualDisplay.h"
 
@@ -95,7 +96,7 @@ TEST_F(StartUp, ChecksAProgramWithoutABundleAndFindsNothing) {
     const auto program = home_.path() / "lone" / "a" / "b" / "c" / "tool";
     std::filesystem::create_directories(program.parent_path());
     std::filesystem::create_symlink(prefix() / "lib", home_.path() / "lib");
-    std::filesystem::copy_file(UTILIA_START_UP_TOOL, program);
+    std::filesystem::copy_file(test::places::kStartUpTool, program);
     ChildProcessOptions options{.standardError = home_.path() / "log", .mounts = &mounts_};
     ChildProcess process = ChildProcess::program(program, {"no-loop"}, options);
     const Course course = courseOf(process);

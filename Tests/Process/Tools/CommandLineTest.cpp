@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Tests/Support/Places.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/VirtualDisplay.h"
 
@@ -17,8 +18,8 @@ struct Tool {
     const char* program;
 };
 
-constexpr Tool kTimer{UTILIA_TIMER_BUNDLE, "timer"};
-constexpr Tool kCapture{UTILIA_SCREEN_CAPTURE_BUNDLE, "screen-capture"};
+constexpr Tool kTimer{test::places::kTimerBundle, "timer"};
+constexpr Tool kCapture{test::places::kScreenCaptureBundle, "screen-capture"};
 
 class CommandLineTest : public testing::TestWithParam<Tool> {
 protected:
@@ -58,8 +59,8 @@ TEST_P(CommandLineTest, RefusesMoreWordsThanItTakes) {
 
 INSTANTIATE_TEST_SUITE_P(EachTool, CommandLineTest,
                          testing::Values(kTimer, kCapture,
-                                         Tool{UTILIA_MOON_PHASE_BUNDLE, "moon-phase"},
-                                         Tool{UTILIA_KEEP_AWAKE_BUNDLE, "keep-awake"}),
+                                         Tool{test::places::kMoonPhaseBundle, "moon-phase"},
+                                         Tool{test::places::kKeepAwakeBundle, "keep-awake"}),
                          [](const auto& parameter) {
                              std::string name = parameter.param.program;
                              std::erase(name, '-');
@@ -87,7 +88,7 @@ TEST_F(CommandLineWords, ThatAskForTheEndGoOnDoingSo) {
 
 TEST_F(CommandLineWords, ThatCannotBeAnsweredEndInAFailure) {
     const std::string command =
-        std::string("'") + UTILIA_TIMER_BUNDLE + "/Contents/Linux/timer' --help >/dev/full";
+        std::string("'") + test::places::kTimerBundle + "/Contents/Linux/timer' --help >/dev/full";
     EXPECT_EQ(runProgram({"sh", "-c", command}).status, 1);
 }
 

@@ -5,6 +5,7 @@
 
 #include "Common/UtiliaCommon/PersistentData/ToolPersistentDataReader.h"
 #include "Tests/Process/Tools/RunningTool.h"
+#include "Tests/Support/Places.h"
 
 // The tool Keep Awake in its bundle, and services of a desktop that record what they are asked for.
 
@@ -13,7 +14,7 @@ namespace {
 
 using testing::HasSubstr;
 
-constexpr const char* kBundle = UTILIA_KEEP_AWAKE_BUNDLE;
+constexpr const char* kBundle = test::places::kKeepAwakeBundle;
 constexpr const char* kScreenSaverGrants = "screensaver inhibit | Keep Awake | Keep Awake is on";
 constexpr const char* kLoginGrants =
     "login inhibit | idle:sleep | Keep Awake | Keep Awake is on | block";

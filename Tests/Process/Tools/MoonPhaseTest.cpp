@@ -5,6 +5,7 @@
 
 #include "Common/UtiliaCommon/PersistentData/ToolPersistentDataReader.h"
 #include "Tests/Process/Tools/RunningTool.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/VirtualDisplay.h"
 
 // The tool Moon Phase in its bundle: a menu icon, and nothing else.
@@ -16,7 +17,7 @@ using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr const char* kBundle = UTILIA_MOON_PHASE_BUNDLE;
+constexpr const char* kBundle = test::places::kMoonPhaseBundle;
 
 class MoonPhaseTest : public testing::Test {
 protected:

@@ -7,6 +7,7 @@
 
 #include "Common/Platform/Bundle.h"
 #include "Common/Platform/RunLoop.h"
+#include "Tests/Support/Places.h"
 
 namespace utilia::test {
 namespace {
@@ -45,7 +46,7 @@ ToolSession::ToolSession() {
 }
 
 ChildProcess ToolSession::startServices(const std::vector<std::string>& services) const {
-    std::vector<std::string> arguments{UTILIA_DESKTOP_SERVICES};
+    std::vector<std::string> arguments{test::places::kDesktopServices};
     arguments.insert(arguments.end(), services.begin(), services.end());
     auto child = ChildProcess::program(kPython, arguments, {.diesWithTest = true});
     if (child.waitForLine() != "ready") throw std::runtime_error("the services do not start");

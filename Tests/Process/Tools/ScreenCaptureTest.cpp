@@ -13,6 +13,7 @@
 #include "Common/UtiliaCommon/Auxiliary/ImageExport.h"
 #include "Common/UtiliaCommon/PersistentData/ToolPersistentDataReader.h"
 #include "Tests/Process/Tools/RunningTool.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/ScreenReader.h"
 #include "Tests/Support/VirtualDisplay.h"
 
@@ -25,7 +26,7 @@ namespace fs = std::filesystem;
 using testing::AllOf;
 using testing::HasSubstr;
 
-constexpr const char* kBundle = UTILIA_SCREEN_CAPTURE_BUNDLE;
+constexpr const char* kBundle = test::places::kScreenCaptureBundle;
 constexpr const char* kTitle = "Screen Capture";
 constexpr const char* kSaveTitle = "Save the picture";
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "Tests/Process/Tools/RunningTool.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/VirtualDisplay.h"
 
 // Windows of tools in a session whose bus takes connections, as the kernel does for it, and never answers.
@@ -27,9 +28,9 @@ protected:
 };
 
 TEST_F(ToolsOnASilentBus, TimerOpensItsWindowAndIsSet) {
-    auto tool = session_.start(UTILIA_TIMER_BUNDLE, {}, environment_);
-    session_.askForMenu(UTILIA_TIMER_BUNDLE);
-    ToolSession::click(UTILIA_TIMER_BUNDLE);
+    auto tool = session_.start(test::places::kTimerBundle, {}, environment_);
+    session_.askForMenu(test::places::kTimerBundle);
+    ToolSession::click(test::places::kTimerBundle);
     display_.waitForWindow("Timer");
     display_.press({"1", "0", "Return"});
     // A moment later where the bus is waited for until it is known to be silent.
@@ -39,7 +40,7 @@ TEST_F(ToolsOnASilentBus, TimerOpensItsWindowAndIsSet) {
 
 TEST_F(ToolsOnASilentBus, ScreenCaptureOpensItsWindowAndEnds) {
     auto tool =
-        session_.start(UTILIA_SCREEN_CAPTURE_BUNDLE, {"/nowhere/picture.png"}, environment_);
+        session_.start(test::places::kScreenCaptureBundle, {"/nowhere/picture.png"}, environment_);
     display_.waitForWindow("Screen Capture");
     expectToEnd(tool);
 }

@@ -12,6 +12,7 @@
 #include "Common/UtiliaCommon/Scheduler/AgentScheduler.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Tests/Process/Tools/RunningTool.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/ScreenReader.h"
 #include "Tests/Support/VirtualDisplay.h"
 
@@ -22,7 +23,7 @@ namespace {
 
 using testing::MatchesRegex;
 
-constexpr const char* kBundle = UTILIA_TIMER_BUNDLE;
+constexpr const char* kBundle = test::places::kTimerBundle;
 constexpr const char* kIdentifier = "com.korvane.utilia.Timer";
 
 class TimerTest : public testing::Test {

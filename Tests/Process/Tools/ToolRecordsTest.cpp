@@ -8,6 +8,7 @@
 #include "Common/Platform/Bundle.h"
 #include "Common/UtiliaCommon/CEP/CEPLog.h"
 #include "Tests/Process/Tools/RunningTool.h"
+#include "Tests/Support/Places.h"
 
 // What the tools record for usage reporting.
 
@@ -59,9 +60,9 @@ TEST_P(ToolRecordsTest, AreNoneWhileUsageReportingIsOff) {
 
 INSTANTIATE_TEST_SUITE_P(
     Tools, ToolRecordsTest,
-    testing::Values(Tool{UTILIA_TIMER_BUNDLE, "com.korvane.utilia.Timer"},
-                    Tool{UTILIA_MOON_PHASE_BUNDLE, "com.korvane.utilia.MoonPhase"},
-                    Tool{UTILIA_KEEP_AWAKE_BUNDLE, "com.korvane.utilia.KeepAwake"}));
+    testing::Values(Tool{test::places::kTimerBundle, "com.korvane.utilia.Timer"},
+                    Tool{test::places::kMoonPhaseBundle, "com.korvane.utilia.MoonPhase"},
+                    Tool{test::places::kKeepAwakeBundle, "com.korvane.utilia.KeepAwake"}));
 
 }  // namespace
 }  // namespace utilia::test

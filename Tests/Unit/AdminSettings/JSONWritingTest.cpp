@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Common/Platform/JSONSerialization.h"
+#include "Tests/Support/Places.h"
 
 namespace utilia::platform {
 namespace {
@@ -55,7 +56,7 @@ std::string refusal(const Value& value) {
 }
 
 TEST(JSONWriting, FollowsTheVectorsByteForByte) {
-    std::ifstream file(UTILIA_TEST_DATA "/json-pretty.json");
+    std::ifstream file(std::string(test::places::kTestData) + "/json-pretty.json");
     const Json vectors = Json::parse(file).at("vectors");
     ASSERT_GT(vectors.size(), 40u);
     for (const Json& vector : vectors) {

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include "Common/Foundation/Description.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/PrivateMounts.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestBundle.h"
@@ -71,7 +72,7 @@ protected:
 };
 
 TEST(ToolCatalogue, HoldsFiftyToolsInTheirFixedOrder) {
-    std::ifstream file(UTILIA_TEST_DATA "/tool-catalogue.txt");
+    std::ifstream file(std::string(test::places::kTestData) + "/tool-catalogue.txt");
     Identifiers expected;
     for (std::string name; std::getline(file, name);)
         expected.push_back("com.korvane.utilia." + name);

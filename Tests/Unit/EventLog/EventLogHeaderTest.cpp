@@ -6,6 +6,7 @@
 #include "Common/Platform/Linux/DconfDatabase.h"
 #include "Common/Platform/UserDefaults.h"
 #include "Common/UtiliaCommon/CEP/EventLogHeader.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Unit/EventLog/LogSample.h"
 #include "Tests/Unit/EventLog/XmlDocument.h"
@@ -272,9 +273,12 @@ TEST_F(EventLogHeaderTest, IsWrittenAsTheSample) {
                       nullptr, &options, &details);
     const std::string document =
         textOf(sample) + std::string(record.text()) + std::string(kEventLogFooter);
-    EXPECT_EQ(document, test::contentOf(UTILIA_TEST_DATA "/event-log.xml"));
+    EXPECT_EQ(document, test::contentOf(std::string(test::places::kTestData) + "/event-log.xml"));
     // With the program that everybody has.
-    EXPECT_EQ(std::system("xmllint --noout '" UTILIA_TEST_DATA "/event-log.xml'"), 0);
+    EXPECT_EQ(
+        std::system(("xmllint --noout '" + std::string(test::places::kTestData) + "/event-log.xml'")
+                        .c_str()),
+        0);
 }
 
 TEST_F(EventLogHeaderTest, LeavesEmptyWhatNobodyKnows) {

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Tests/Support/Places.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestLog.h"
 
@@ -45,7 +46,7 @@ protected:
     // Puts a file in the suite's place, as another release may have left it.
     void installSuite(const char* name) const {
         fs::create_directories(suiteFile().parent_path());
-        fs::copy_file(fs::path(UTILIA_TEST_DATA) / name, suiteFile());
+        fs::copy_file(fs::path(test::places::kTestData) / name, suiteFile());
     }
 
     test::TemporaryHome home_;
@@ -257,7 +258,7 @@ TEST_F(AppGroupStore, WritesTheDocumentedExample) {
         record.set("interval", 86'400.0);
     });
     EXPECT_EQ(content(suiteFile()),
-              content(fs::path(UTILIA_TEST_DATA) / "scheduler-records.plist"));
+              content(fs::path(test::places::kTestData) / "scheduler-records.plist"));
 }
 
 TEST_F(AppGroupStore, ReadsTheDocumentedExample) {

@@ -1,4 +1,5 @@
 #include "Common/UtiliaCommon/ToolDataProvider/PortProtocol.h"
+#include "Tests/Support/Places.h"
 
 #include <chrono>
 #include <fstream>
@@ -53,7 +54,7 @@ TEST(PortNames, HashIsLowerCaseHexadecimalWithoutLeadingZeros) {
 }
 
 TEST(PortNames, FollowEveryVectorOfPathAndHash) {
-    std::ifstream file(UTILIA_TEST_DATA "/path-hash.json");
+    std::ifstream file(std::string(test::places::kTestData) + "/path-hash.json");
     const auto document = nlohmann::json::parse(file);
     ASSERT_FALSE(document["vectors"].empty());
     for (const auto& vector : document["vectors"]) {

@@ -8,6 +8,7 @@
 
 #include "Common/Platform/FileManager.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestLog.h"
 
@@ -78,7 +79,7 @@ TEST_F(PersistentDataReader, EntryIsKeyedByIdentifierThenFileName) {
 TEST_F(PersistentDataReader, ReadsTheDocumentedExample) {
     const fs::path folder = home_.groupContainer() / "Library/Preferences";
     fs::create_directories(folder);
-    fs::copy_file(fs::path(UTILIA_TEST_DATA) / "presentation-data.plist",
+    fs::copy_file(fs::path(test::places::kTestData) / "presentation-data.plist",
                   folder / "7QK2M9ZD4R.com.korvane.utilia.plist");
     const ToolPersistentDataReader clock("Clock.app", "com.korvane.utilia.Clock");
     EXPECT_EQ(clock.getToolDataDict(), (Dictionary{{"Permanent", true}, {"MenuText", "12:30"}}));

@@ -9,6 +9,7 @@
 #include "Tests/Support/ChildRole.h"
 #include "Tests/Support/CopyOfThisProgram.h"
 #include "Tests/Support/LoadedLibraries.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/TestLog.h"
 
 // This program links none of the module's libraries: it looks at when the framework loads them.
@@ -88,13 +89,13 @@ TEST_F(ExportModuleInAnotherPlace, WithABrokenModuleThereAreNoPages) {
 }
 
 TEST_F(ExportModuleInAnotherPlace, WithAModuleThatLacksTheTableThereAreNoPages) {
-    copy_.useModule("Export", UTILIA_EMPTY_MODULE);
+    copy_.useModule("Export", test::places::kEmptyModule);
     const std::string line = expectNoPages();
     EXPECT_NE(line.find("utiliaExportModule"), std::string::npos) << line;
 }
 
 TEST_F(ExportModuleInAnotherPlace, WithAModuleOfAnotherVersionThereAreNoPages) {
-    copy_.useModule("Export", UTILIA_FOREIGN_MODULE);
+    copy_.useModule("Export", test::places::kForeignModule);
     const std::string line = expectNoPages();
     EXPECT_TRUE(line.starts_with("module Export: version 999 instead of ")) << line;
 }

@@ -10,6 +10,7 @@
 #include "Tests/Support/ChildRole.h"
 #include "Tests/Support/CopyOfThisProgram.h"
 #include "Tests/Support/LoadedLibraries.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/TestLog.h"
 
 // This program must not link libtiff itself: it looks at when the framework does.
@@ -107,13 +108,13 @@ TEST_F(ModuleInAnotherPlace, WithABrokenModuleThereAreNoImages) {
 }
 
 TEST_F(ModuleInAnotherPlace, WithAModuleThatLacksTheTableThereAreNoImages) {
-    copy_.useModule("Icons", UTILIA_EMPTY_MODULE);
+    copy_.useModule("Icons", test::places::kEmptyModule);
     const std::string line = expectImagesToBeUnusable();
     EXPECT_NE(line.find("utiliaIconsModule"), std::string::npos) << line;
 }
 
 TEST_F(ModuleInAnotherPlace, WithAModuleOfAnotherVersionThereAreNoImages) {
-    copy_.useModule("Icons", UTILIA_FOREIGN_MODULE);
+    copy_.useModule("Icons", test::places::kForeignModule);
     EXPECT_EQ(expectImagesToBeUnusable("symbol"),
               "Images cannot be used: module Icons: version 999 instead of 4");
 }
@@ -202,13 +203,13 @@ TEST_F(ExportModuleInAnotherPlace, WithABrokenModuleThereIsOnlyTiff) {
 }
 
 TEST_F(ExportModuleInAnotherPlace, WithAModuleThatLacksTheTableThereIsOnlyTiff) {
-    copy_.useModule("Export", UTILIA_EMPTY_MODULE);
+    copy_.useModule("Export", test::places::kEmptyModule);
     const std::string line = expectNoFormatButTiff();
     EXPECT_NE(line.find("utiliaExportModule"), std::string::npos) << line;
 }
 
 TEST_F(ExportModuleInAnotherPlace, WithAModuleOfAnotherVersionThereIsOnlyTiff) {
-    copy_.useModule("Export", UTILIA_FOREIGN_MODULE);
+    copy_.useModule("Export", test::places::kForeignModule);
     EXPECT_EQ(expectNoFormatButTiff(),
               "Images cannot be used: module Export: version 999 instead of 2");
 }

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "Common/UtiliaCommon/Auxiliary/ImageExport.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestLog.h"
 #include "Tests/Unit/Images/PdfFixture.h"
@@ -178,7 +179,7 @@ TEST(PdfPages, AreTheSameBytesForTheSamePicture) {
 // Formats/PDFPages.md explains these bytes.
 TEST(PdfPages, AreTheBytesThatTheirDescriptionShows) {
     const BitmapImageRep picture{2, 1, {255, 0, 0, 255, 0, 255, 0, 128}, {}};
-    EXPECT_EQ(pdfOf(picture, 0), contentOf(fs::path(UTILIA_TEST_DATA) / "two-pixels.pdf"));
+    EXPECT_EQ(pdfOf(picture, 0), contentOf(fs::path(test::places::kTestData) / "two-pixels.pdf"));
 }
 
 TEST(PdfPages, ShowTheFirstRepresentation) {

@@ -14,6 +14,7 @@
 #include "Common/UtiliaCommon/CEP/EventLog.h"
 #include "Common/UtiliaCommon/CEP/ReportFolder.h"
 #include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestBundle.h"
 
@@ -30,7 +31,7 @@ protected:
     UsageTest() {
         // The texts of the agent.
         std::filesystem::create_directory_symlink(
-            std::filesystem::path(UTILIA_AGENT_PROGRAM).parent_path() / "../Resources",
+            std::filesystem::path(test::places::kAgentProgram).parent_path() / "../Resources",
             std::filesystem::path(bundle_.path()) / "Contents/Resources");
     }
     void SetUp() override { ASSERT_EQ(CEPLogInit(), 0); }

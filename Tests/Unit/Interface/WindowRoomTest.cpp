@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Tests/Support/Places.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestBundle.h"
 
@@ -41,13 +42,14 @@ TEST_F(WindowRoom, IsEnoughInTheAgent) {
     const TestBundle timer(home_,
                            {.name = "Timer", .bundleIdentifier = "com.korvane.utilia.Timer"});
     timer.install("none");
-    expectRoom("roomInAgentWindow", UTILIA_AGENT_PROGRAM, 3);
+    expectRoom("roomInAgentWindow", test::places::kAgentProgram, 3);
 }
 
 // Also the messages that name nothing.
 TEST_F(WindowRoom, IsFilledWithMessagesInTheLanguage) {
     const TestBundle bundle(home_);
-    fs::create_directory_symlink(fs::path(UTILIA_AGENT_PROGRAM).parent_path() / "../Resources",
+    fs::create_directory_symlink(fs::path(test::places::kAgentProgram).parent_path() /
+                                     "../Resources",
                                  fs::path(bundle.path()) / "Contents/Resources");
     const auto said = [&](const char* language) {
         auto agent =
@@ -72,10 +74,12 @@ TEST_F(WindowRoom, IsFilledWithMessagesInTheLanguage) {
 }
 
 TEST_F(WindowRoom, IsEnoughInScreenCapture) {
-    expectRoom("roomInCaptureWindow", UTILIA_SCREEN_CAPTURE_PROGRAM, 3);
+    expectRoom("roomInCaptureWindow", test::places::kScreenCaptureProgram, 3);
 }
 
-TEST_F(WindowRoom, IsEnoughInTimer) { expectRoom("roomInTimerWindow", UTILIA_TIMER_PROGRAM, 2); }
+TEST_F(WindowRoom, IsEnoughInTimer) {
+    expectRoom("roomInTimerWindow", test::places::kTimerProgram, 2);
+}
 
 }  // namespace
 }  // namespace utilia::test

@@ -6,6 +6,7 @@
 
 #include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
 #include "Tests/Support/ChildRole.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestBundle.h"
 #include "Tests/Support/TestLog.h"
@@ -239,7 +240,7 @@ TEST_F(UtiliaToolLauncherTest, ThePreferencesAreTheBytesOfTheFormatsPage) {
     UtiliaToolLauncher::migrate();
     UtiliaToolLauncher::addToolToLaunchAtLogin(kTool);
     EXPECT_EQ(contentOf(UtiliaToolLauncher::getDefaults()->path()),
-              contentOf(UTILIA_TEST_DATA "/launch-at-login.plist"));
+              contentOf(std::string(test::places::kTestData) + "/launch-at-login.plist"));
 }
 
 UTILIA_CHILD_ROLE(tellDefaults) {

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "Tests/Support/ChildScript.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/PrivateBus.h"
 #include "Tests/Support/TemporaryHome.h"
 
@@ -304,7 +305,7 @@ protected:
 
 TEST_F(NotificationsModule, OfAFloodABoundedNumberOfCallsWaitsForABusyMainLoop) {
     // Each post is heard a thousand times at once.
-    fs::copy_file(UTILIA_FLOODING_MODULE, modules() / "Desktop.so");
+    fs::copy_file(test::places::kFloodingModule, modules() / "Desktop.so");
     ScriptedChild child(ChildProcess::role("notifier", {}, {.program = program().string()}));
     child.ask("observe", {kName, "first"});
     EXPECT_EQ(child.ask("post-and-look", {kName, "first"}), "later");
@@ -321,7 +322,7 @@ TEST_F(NotificationsModule, WithoutItNothingIsPostedAndThatIsLoggedOnce) {
 }
 
 TEST_F(NotificationsModule, OfAnotherVersionCannotBeUsed) {
-    fs::copy_file(UTILIA_FOREIGN_MODULE, modules() / "Desktop.so");
+    fs::copy_file(test::places::kForeignModule, modules() / "Desktop.so");
     EXPECT_THAT(logOfAttempts(), ElementsAre("Distributed notifications: module Desktop: version "
                                              "999 instead of 1"));
 }

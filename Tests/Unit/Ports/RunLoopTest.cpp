@@ -16,6 +16,7 @@
 
 #include "Common/Platform/Linux/TimerPhase.h"
 #include "Common/Platform/RunLoop.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/TestLog.h"
 #include "Tests/Unit/Ports/PortTestSupport.h"
 
@@ -283,7 +284,7 @@ TEST(MainQueue, RunsOnTheMainThread) {
 }
 
 TEST(Timer, FollowsThePhaseVectors) {
-    std::ifstream file(std::string(UTILIA_TEST_DATA) + "/timer-phase.json");
+    std::ifstream file(std::string(test::places::kTestData) + "/timer-phase.json");
     const auto data = nlohmann::json::parse(file);
     const auto time = [](const nlohmann::json& seconds) {
         return std::chrono::nanoseconds(std::llround(seconds.get<double>() * 1e9));

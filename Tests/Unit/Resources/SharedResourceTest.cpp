@@ -11,6 +11,7 @@
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/ChildRole.h"
 #include "Tests/Support/FaultInjection.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Unit/Resources/ResourceFixture.h"
 
 namespace utilia {
@@ -213,14 +214,16 @@ TEST_F(SharedResources, WriteTheDocumentedExample) {
     example.setVersion(IndexPath{5, 1, 2, 3456});
     std::string path;
     accessAppGroupPlist([&](UserDefaults& suite) { path = suite.path(); });
-    EXPECT_EQ(test::contentOf(path), test::contentOf(UTILIA_TEST_DATA "/shared-resources.plist"));
+    EXPECT_EQ(test::contentOf(path),
+              test::contentOf(std::string(test::places::kTestData) + "/shared-resources.plist"));
 }
 
 TEST_F(SharedResources, ReadTheDocumentedExample) {
     std::filesystem::path path;
     accessAppGroupPlist([&](UserDefaults& suite) { path = suite.path(); });
     std::filesystem::create_directories(path.parent_path());
-    std::filesystem::copy_file(UTILIA_TEST_DATA "/shared-resources.plist", path);
+    std::filesystem::copy_file(std::string(test::places::kTestData) + "/shared-resources.plist",
+                               path);
     const SharedResource example("converter", "com.korvane.utilia.Clock");
     EXPECT_EQ(example.path(), kExamplePath);
     EXPECT_EQ(example.version(), (IndexPath{5, 1, 2, 3456}));

@@ -13,6 +13,7 @@
 #include "Common/Platform/UniqueFd.h"
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Tests/Support/ChildScript.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/PrivateBus.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestBundle.h"
@@ -27,7 +28,7 @@ protected:
         std::filesystem::remove(library);
         const auto modules = library / "UtiliaCommon.framework" / "Modules";
         std::filesystem::create_directories(modules);
-        std::filesystem::copy_file(UTILIA_RECORDING_MODULE, modules / "Desktop.so");
+        std::filesystem::copy_file(test::places::kRecordingModule, modules / "Desktop.so");
         // Where a bus is looked for; the module does not speak to it.
         std::ofstream(home_.runtime() / "bus") << "a bus";
     }

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Common/Platform/PropertyListSerialization.h"
+#include "Tests/Support/Places.h"
 
 namespace utilia::platform {
 namespace {
@@ -29,7 +30,7 @@ Data bytesFromHex(const std::string& hex) {
 }
 
 nlohmann::json vectors() {
-    std::ifstream file(UTILIA_TEST_DATA "/plist.json");
+    std::ifstream file(std::string(test::places::kTestData) + "/plist.json");
     return nlohmann::json::parse(file).at("vectors");
 }
 

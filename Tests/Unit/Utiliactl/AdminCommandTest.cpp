@@ -17,6 +17,7 @@
 #include "Common/UtiliaCommon/AdminSettings/ToolSets.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/FaultInjection.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/PrivateMounts.h"
 #include "Tests/Support/TemporaryHome.h"
 
@@ -65,7 +66,7 @@ protected:
         options.environment = environment_;
         fs::remove(options.standardOutput);
         fs::remove(options.standardError);
-        auto child = test::ChildProcess::program(UTILIA_CONTROL_PROGRAM, arguments, options);
+        auto child = test::ChildProcess::program(test::places::kControlProgram, arguments, options);
         const int status = child.waitForExit().value_or(-1);
         return {status, contentOf(options.standardOutput), contentOf(options.standardError)};
     }
@@ -252,8 +253,8 @@ TEST_F(AdminCommand, AFullDiskLosesNothing) {
     // Room for the file and not for its copy.
     mounts_.limitSpace("/etc/com.korvane.utilia", 4096);
     fs::create_directory(mounts_.settingsFolder());
-    const std::string script = "printf '{\"Key\": 1}' > " + kFile +
-                               " && " UTILIA_CONTROL_PROGRAM " admin set Key 2; echo $?; cat " +
+    const std::string script = "printf '{\"Key\": 1}' > " + kFile + " && " +
+                               test::places::kControlProgram + " admin set Key 2; echo $?; cat " +
                                kFile + "; ls /etc/com.korvane.utilia";
     test::ChildProcessOptions options;
     options.standardOutput = home_.path() / "out";

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/TemporaryHome.h"
 
 namespace utilia::test {
@@ -29,7 +30,7 @@ protected:
         options.environment = environment;
         options.standardOutput = home_.path() / "out";
         options.standardError = home_.path() / "err";
-        auto child = ChildProcess::program(UTILIA_CONTROL_PROGRAM, arguments, options);
+        auto child = ChildProcess::program(test::places::kControlProgram, arguments, options);
         const int status = child.waitForExit().value_or(-1);
         ControlAnswer answer{status, contentOf(options.standardOutput),
                              contentOf(options.standardError)};

@@ -1,6 +1,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Common/UtiliaCommon/Auxiliary/CommonAuxiliary.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Unit/Utiliactl/ControlProgram.h"
 
 namespace utilia {
@@ -60,7 +61,7 @@ TEST_F(DescriptionsCommandTest, SavesTheTextsOfAFileAsTheyAre) {
 TEST_F(DescriptionsCommandTest, SavesTheTextsOfStandardInput) {
     auto shell = test::ChildProcess::program(
         "/bin/sh", {"-c", R"(printf '{"en": "Piped"}' | "$0" descriptions save "$1" --json -)",
-                    UTILIA_CONTROL_PROGRAM, kVersion});
+                    test::places::kControlProgram, kVersion});
     EXPECT_EQ(shell.waitForExit(), 0);
     EXPECT_EQ(stored(), "Piped");
 }

@@ -11,6 +11,7 @@
 #include "Common/Platform/LoginItems.h"
 #include "Common/Platform/UniqueFd.h"
 #include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/PrivateBus.h"
 #include "Tests/Support/PrivateMounts.h"
 #include "Tests/Support/TestBundle.h"
@@ -104,7 +105,7 @@ protected:
     }
 
     test::PrivateMounts mounts_;
-    std::string program_ = UTILIA_CONTROL_PROGRAM;
+    std::string program_ = test::places::kControlProgram;
     Json answer_;
     std::string log_;
     int status_ = -1;
@@ -392,10 +393,10 @@ TEST_F(DoctorCommand, NamesTheLineOfTheSettingsThatIsWrong) {
 
 TEST_F(DoctorCommand, NamesTheModulesThatCannotBeLoaded) {
     // The same program where a part of the framework's bundle is missing.
-    const fs::path bin = fs::path(UTILIA_CONTROL_PROGRAM).parent_path();
+    const fs::path bin = fs::path(test::places::kControlProgram).parent_path();
     const fs::path library = bin.parent_path() / UTILIA_LIBRARY_FOLDER;
     fs::create_directories(home_.path() / "copy/bin");
-    fs::copy_file(UTILIA_CONTROL_PROGRAM, home_.path() / "copy/bin/utiliactl");
+    fs::copy_file(test::places::kControlProgram, home_.path() / "copy/bin/utiliactl");
     const fs::path copy = home_.path() / "copy" / UTILIA_LIBRARY_FOLDER;
     fs::create_directories(copy);
     fs::copy(library / "UtiliaCommon.framework", copy / "UtiliaCommon.framework",

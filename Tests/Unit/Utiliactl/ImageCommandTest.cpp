@@ -12,6 +12,7 @@
 
 #include "Common/Platform/Image.h"
 #include "Common/Platform/UniqueFd.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Unit/Images/BitmapFixture.h"
 #include "Tests/Unit/Utiliactl/ControlProgram.h"
 
@@ -171,7 +172,7 @@ TEST_F(ImageCommand, ShowsProgressOnATerminalAndTakesItAway) {
     ChildProcessOptions options;
     options.standardError = terminal.path();
     options.standardOutput = at("out");
-    auto child = ChildProcess::program(UTILIA_CONTROL_PROGRAM,
+    auto child = ChildProcess::program(test::places::kControlProgram,
                                        {"image", tallInput(6000), at("a.jp2")}, options);
     EXPECT_EQ(child.waitForExit(std::chrono::seconds(120)), 0);
     const std::string shown = terminal.shownUntil("");
@@ -186,7 +187,7 @@ TEST_F(ImageCommand, LeavesNothingBehindWhenItIsInterrupted) {
         Terminal terminal;
         ChildProcessOptions options;
         options.standardError = terminal.path();
-        auto child = ChildProcess::program(UTILIA_CONTROL_PROGRAM,
+        auto child = ChildProcess::program(test::places::kControlProgram,
                                            {"image", tallInput(9000), at("a.jp2")}, options);
         EXPECT_NE(terminal.shownUntil(" %").find(" %"), std::string::npos);
         child.signal(number);

@@ -10,6 +10,7 @@
 #include "Common/UtiliaCommon/LoginItems/UtiliaToolLauncher.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/ChildRole.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/PrivateMounts.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestBundle.h"
@@ -76,7 +77,7 @@ protected:
         fs::remove(options.standardOutput);
         fs::remove(options.standardError);
         arguments.insert(arguments.begin(), "login");
-        auto child = ChildProcess::program(UTILIA_CONTROL_PROGRAM, arguments, options);
+        auto child = ChildProcess::program(test::places::kControlProgram, arguments, options);
         const int status = child.waitForExit().value_or(-1);
         return {status, contentOf(options.standardOutput), contentOf(options.standardError)};
     }

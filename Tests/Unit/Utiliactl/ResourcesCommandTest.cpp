@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Unit/Resources/ResourceFixture.h"
 
 namespace utilia {
@@ -28,7 +29,7 @@ protected:
         options.standardError = home_.path() / "err";
         fs::remove(options.standardOutput);
         fs::remove(options.standardError);
-        auto child = test::ChildProcess::program(UTILIA_CONTROL_PROGRAM, arguments, options);
+        auto child = test::ChildProcess::program(test::places::kControlProgram, arguments, options);
         const int status = child.waitForExit().value_or(-1);
         return {status, contentOf(options.standardOutput), contentOf(options.standardError)};
     }

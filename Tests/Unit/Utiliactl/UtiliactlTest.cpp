@@ -11,6 +11,7 @@
 #include "Common/UtiliaCommon/Scheduler/AppGroupStore.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/ChildRole.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestBundle.h"
 
@@ -59,7 +60,7 @@ protected:
         options.standardError = home_.path() / "err";
         fs::remove(options.standardOutput);
         fs::remove(options.standardError);
-        auto child = ChildProcess::program(UTILIA_CONTROL_PROGRAM, arguments, options);
+        auto child = ChildProcess::program(test::places::kControlProgram, arguments, options);
         const int status = child.waitForExit().value_or(-1);
         return {status, contentOf(options.standardOutput), contentOf(options.standardError)};
     }
@@ -139,7 +140,7 @@ TEST_F(Utiliactl, HelpEndsWithWhereThereIsMoreAndTheExitStatuses) {
 
 TEST_F(Utiliactl, SaysThatItsHelpCannotBeWritten) {
     auto child = ChildProcess::program(
-        UTILIA_CONTROL_PROGRAM, {"--help"},
+        test::places::kControlProgram, {"--help"},
         {.standardError = home_.path() / "err", .standardOutput = "/dev/full"});
     EXPECT_EQ(child.waitForExit(), 1);
     EXPECT_THAT(contentOf(home_.path() / "err"), StartsWith("utiliactl: write standard output: "));
@@ -169,7 +170,7 @@ TEST_F(Utiliactl, SaysWhenItsAnswerCannotBeWritten) {
     test::ChildProcessOptions options;
     options.standardOutput = "/dev/full";
     options.standardError = home_.path() / "err";
-    auto child = ChildProcess::program(UTILIA_CONTROL_PROGRAM, {"ports"}, options);
+    auto child = ChildProcess::program(test::places::kControlProgram, {"ports"}, options);
     EXPECT_EQ(child.waitForExit(), 1);
     EXPECT_EQ(contentOf(home_.path() / "err"),
               "utiliactl: write standard output: No space left on device\n");

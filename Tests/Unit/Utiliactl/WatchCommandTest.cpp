@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Tests/Support/Places.h"
 #include "Tests/Support/PrivateBus.h"
 #include "Tests/Unit/Utiliactl/ControlProgram.h"
 
@@ -57,10 +58,10 @@ protected:
     }
     // Its lines come through the channel, as a shell's descriptor 1 leads there.
     ChildProcess watch(const std::string& option = "") const {
-        return ChildProcess::program(
-            "/bin/sh",
-            {"-c", "exec \"$0\" watch $1 >&3 2>\"$2\"", UTILIA_CONTROL_PROGRAM, option, errors()},
-            {.diesWithTest = true});
+        return ChildProcess::program("/bin/sh",
+                                     {"-c", "exec \"$0\" watch $1 >&3 2>\"$2\"",
+                                      test::places::kControlProgram, option, errors()},
+                                     {.diesWithTest = true});
     }
     std::string errors() const { return home_.path() / "err"; }
 
@@ -122,7 +123,7 @@ TEST_F(WatchCommand, SaysThatThereIsNoBus) {
 TEST_F(WatchCommand, EndsWhenNobodyReads) {
     const auto first = agent();
     auto child = ChildProcess::program("/bin/sh", {"-c", "exec \"$0\" watch >/dev/full 2>\"$1\"",
-                                                   UTILIA_CONTROL_PROGRAM, errors()});
+                                                   test::places::kControlProgram, errors()});
     EXPECT_EQ(child.waitForExit(), 1);
     EXPECT_EQ(contentOf(errors()), "utiliactl: write standard output: No space left on device\n");
 }

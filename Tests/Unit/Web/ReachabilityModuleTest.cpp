@@ -6,6 +6,7 @@
 
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/ChildScript.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/TemporaryHome.h"
 
 using namespace utilia::test;
@@ -57,7 +58,7 @@ TEST_F(ReachabilityModule, WhenItIsBrokenHostsCannotBeWatched) {
 }
 
 TEST_F(ReachabilityModule, OfAnotherVersionCannotBeUsed) {
-    fs::copy_file(UTILIA_FOREIGN_MODULE, modules() / "Desktop.so");
+    fs::copy_file(utilia::test::places::kForeignModule, modules() / "Desktop.so");
     EXPECT_EQ(expectHostsToBeUnwatchable(), std::string(kStart) + "version 999 instead of 1");
 }
 

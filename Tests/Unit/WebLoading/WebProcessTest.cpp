@@ -5,6 +5,7 @@
 #include "Tests/Support/ChildScript.h"
 #include "Tests/Support/MisbehavingServer.h"
 #include "Tests/Support/NginxServer.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/PrivateMounts.h"
 #include "Tests/Support/PrivateNetwork.h"
 #include "Tests/Support/TemporaryHome.h"
@@ -119,7 +120,7 @@ TEST_F(WebModule, WhenItIsBrokenALoadFails) {
 }
 
 TEST_F(WebModule, OfAnotherVersionCannotBeUsed) {
-    fs::copy_file(UTILIA_FOREIGN_MODULE, modules() / "Net.so");
+    fs::copy_file(test::places::kForeignModule, modules() / "Net.so");
     EXPECT_EQ(expectNoLoads(), "-1 module Net: version 999 instead of 1");
 }
 

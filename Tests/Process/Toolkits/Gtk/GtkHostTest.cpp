@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "Common/UtiliaCommon/ToolDataProvider/PortProtocol.h"
+#include "Tests/Support/Places.h"
 #include "Tests/Support/RecordingPort.h"
 #include "Tests/Support/TemporaryHome.h"
 #include "Tests/Support/TestBundle.h"
@@ -26,8 +27,8 @@ protected:
     GtkHostTest() {
         fs::remove(bundle_.program());
         std::error_code failed;
-        fs::create_hard_link(UTILIA_GTK_TOOL, bundle_.program(), failed);
-        if (failed) fs::copy_file(UTILIA_GTK_TOOL, bundle_.program());
+        fs::create_hard_link(test::places::kGtkTool, bundle_.program(), failed);
+        if (failed) fs::copy_file(test::places::kGtkTool, bundle_.program());
     }
 
     ChildProcess start(const std::vector<std::string>& arguments = {},
