@@ -38,8 +38,9 @@ if(NOT CMAKE_INSTALL_LIBDIR STREQUAL "lib")
     file(CREATE_LINK "${CMAKE_LIBRARY_OUTPUT_DIRECTORY}" "${utilia_other_name}" SYMBOLIC)
 endif()
 
-# A file that was compiled in one checkout of the project is known in every other one: paths below the checkout go into the
-# cache relative to the build folder, and into debug information relative to the checkout.
+# A file that was compiled in one checkout of the project is known in every other one (not so clang's with a precompiled
+# header): paths below the checkout go into the cache relative to the build folder, and into debug information relative to
+# the checkout.
 find_program(UTILIA_CCACHE ccache)
 if(UTILIA_CCACHE)
     set(CMAKE_CXX_COMPILER_LAUNCHER env "CCACHE_BASEDIR=${PROJECT_SOURCE_DIR}" CCACHE_SLOPPINESS=pch_defines,time_macros

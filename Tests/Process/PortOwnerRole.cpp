@@ -27,7 +27,7 @@ UTILIA_CHILD_ROLE(deafPort) {
 }
 
 // Agents as they are launched: without a channel to the test, they live as long as who launched
-// them.
+// them, more exactly as long as that thread.
 UTILIA_CHILD_ROLE(launchedAgent) {
     // Before the port, as the start-up checks do it: who sees the port finds the agent running.
     if (!platform::RunningApplication::registerCurrentApplication()) return 1;

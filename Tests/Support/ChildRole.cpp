@@ -65,7 +65,7 @@ void outliveLauncher(std::chrono::seconds time) {
 
 bool runChildRole(int argc, char** argv, int* status) {
     if (argc < 3 || std::strcmp(argv[1], kChildRoleSwitch) != 0) return false;
-    // A child must never outlive the test that started it.
+    // A child does not outlive the test that has started it, unless its role asks for that (outliveLauncher).
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const auto found = roles().find(argv[2]);
     if (found == roles().end()) {

@@ -30,9 +30,9 @@ struct ChildRoleRegistration {
     ChildRoleRegistration(const char* name, ChildRoleFunction function);
 };
 
-// For a role that others than its test launch: a role is killed when its test ends, more exactly when the thread ends
-// that has started it, which may be one of a launcher that is through. From here on it is killed after a time instead,
-// whatever has become of its test.
+// A role is killed when the thread ends that has started it: one of its test usually, but of a launcher where something
+// else launches it. A role that is to live on calls this first. It is then killed after this time, even if its test has
+// ended long before.
 void outliveLauncher(std::chrono::seconds time = std::chrono::minutes(10));
 
 // For main(): when the arguments are those that ChildProcess gives to a child, runs the role and answers its exit

@@ -1,7 +1,7 @@
 #pragma once
 
-// Where things lie that tests use: paths that only the build knows. A test program has those that its CMakeLists.txt
-// gives it (utilia_places), besides kTestData and kScreenReader; it does not link with another one.
+// Where things lie that tests use: paths that only the build knows. Every test program has the first two, and of the others
+// those that its CMakeLists.txt gives it (utilia_places); the linker refuses one that was not given.
 //
 // They are data of one small file of each program. As macros they would make every file of the tests another one in
 // another checkout, and a compiler cache would never know one again.
@@ -9,6 +9,7 @@
 namespace utilia::test::places {
 
 extern const char kTestData[];  // the folder Tests/Data
+extern const char kScreenReader[];
 
 extern const char kAgentProgram[];
 extern const char kAnsweringAlert[];
@@ -29,7 +30,6 @@ extern const char kPanel[];
 extern const char kRecordingModule[];
 extern const char kScreenCaptureBundle[];
 extern const char kScreenCaptureProgram[];
-extern const char kScreenReader[];
 extern const char kSettingsPortal[];
 extern const char kStartUpTool[];
 extern const char kTimerBundle[];

@@ -19,9 +19,12 @@ die() {
 
 # configure PRESET BINARY_DIR [ARGUMENTS…]
 configure() {
-    local preset=$1 binary_dir=$2
+    local preset=$1 binary_dir=$2 fresh=()
     shift 2
-    cmake -S "$project_root" --preset "$preset" -B "$binary_dir" "$@"
+    # Where a preset has got another compiler, CMake would take that over and lose what else the preset says.
+    if ! cmp -s "$project_root/CMakePresets.json" "$binary_dir/configured-by.json"; then fresh=(--fresh); fi
+    cmake "${fresh[@]}" -S "$project_root" --preset "$preset" -B "$binary_dir" "$@"
+    cp "$project_root/CMakePresets.json" "$binary_dir/configured-by.json"
 }
 
 # build BINARY_DIR [TARGETS…]: everything, or only the named targets.

@@ -25,6 +25,7 @@ using testing::StartsWith;
 
 // Reports that it has started, or the word that it is given.
 UTILIA_CHILD_ROLE(startedTool) {
+    test::outliveLauncher();
     test::ReportPipe::report(self.arguments.at(0),
                              self.arguments.size() > 1 ? self.arguments[1] : "started");
     return 0;

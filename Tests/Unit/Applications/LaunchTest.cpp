@@ -238,7 +238,7 @@ TEST_F(Launch, FromTenProcessesAtOnceStartsOne) {
         EXPECT_EQ(std::count(lines.begin(), lines.end(), "reopen|from a launcher"), 9);
         for (ChildProcess& launcher : launchers) EXPECT_EQ(launcher.waitForLine(), "launched");
         EXPECT_EQ(runningCount(), 1u);
-        for (ChildProcess& launcher : launchers) launcher.kill();  // and with one of them its child
+        for (ChildProcess& launcher : launchers) launcher.kill();
         for (const std::string& line : lines) {
             if (processOf(line) > 0) kill(processOf(line), SIGKILL);
         }

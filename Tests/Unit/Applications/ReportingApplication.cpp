@@ -7,6 +7,7 @@
 
 #include "Common/Platform/Application.h"
 #include "Common/Platform/NotificationCenter.h"
+#include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/ChildRole.h"
 #include "Tests/Support/ReportPipe.h"
 
@@ -53,8 +54,8 @@ void openGate(const std::string& gate) { close(open(gate.c_str(), O_WRONLY | O_C
 
 int runReportingApplication(const std::string& pipe, const std::vector<std::string>& arguments,
                             const std::string& gate) {
-    // A launch in the background comes from a thread that ends as soon as the application is listed.
-    test::outliveLauncher();
+    // A launch in the background comes from a thread that ends as soon as the application is listed. It gives no channel.
+    if (fcntl(test::kChildChannel, F_GETFD) < 0) test::outliveLauncher();
     auto& application = Application::sharedApplication();
     auto& center = NotificationCenter::defaultCenter();
     ReportingDelegate delegate(pipe);
